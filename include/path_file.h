@@ -1,0 +1,27 @@
+// Include and exclude files: one full server path per line, which may be a pattern, optionally " :: " and a
+// second path. Questions come from one thread at a time.
+
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "string_list.h"
+
+constexpr std::size_t PathLineCapacity = 4096; // a line and its terminator; longer lines count in pieces
+
+// Reads the next line without the newlines at its end; a line that is nothing else keeps its first. False at
+// the end of the file.
+bool ReadPathLine(std::string& line, std::FILE* stream);
+
+// Asks a path file about a path. The file is read anew from its start each time.
+//
+// A line matches the path when its pattern, under fnmatch with wild cards that do not cross "/", matches the
+// path or a leading part of it that ends before a "/"; a pattern that names more levels than the path never
+// does. The first such line ends the search. With a list, the path is then appended to it with the line's
+// second path, and before that every line found that begins with the path and "/", with its own.
+//
+// Gives 0 when a line matched or something was appended, 1 when not or without a file, -1 after a message
+// when the file could not be rewound. In a restore run lines that hold "*" or "?" do not count.
+int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream);

@@ -1,0 +1,217 @@
+#include "commands.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include <strings.h>
+
+#include "ftp.h"
+#include "settings.h"
+
+std::string QuoteForCL(std::string_view text) {
+    constexpr std::size_t longest = 4093; // a doubled character may go one beyond
+    std::string quoted;
+    for (const char character : text) {
+        if (quoted.size() >= longest)
+            break;
+        if (character == '"' || character == '\'')
+            quoted += character;
+        quoted += character;
+    }
+    return quoted;
+}
+
+// Saving
+
+namespace {
+
+const char* Precheck() {
+    return RunSettings.precheck ? "*YES" : "*NO";
+}
+
+// The last part of a library's path without ".LIB"; nothing when it has another end.
+std::optional<std::string> LibraryName(std::string_view path) {
+    path.remove_prefix(path.rfind('/') + 1);
+    if (!HasLibrarySuffix(path))
+        return std::nullopt;
+    path.remove_suffix(LibrarySuffix.size());
+    return std::string(path);
+}
+
+std::optional<std::string> BuildSav(ObjectFile& object, std::uint32_t number) {
+    if (object.name.ends_with('/'))
+        object.name.pop_back();
+    std::string command = FormatText("RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV%u.FILE') OBJ(('\"%s\"')) "
+                                     "SUBTREE(*ALL) PRECHK(%s) UPDHST(*NO) SAVACT(*YES)",
+                                     number, QuoteForCL(object.name).c_str(), Precheck());
+    if (RunSettings.cutoff)
+        command += FormatText(" CHGPERIOD('%s' '%s')", RunSettings.cutoff_date.c_str(),
+                              RunSettings.cutoff_clock.c_str());
+    return command;
+}
+
+std::optional<std::string> BuildSavlib(ObjectFile& object, std::uint32_t number) {
+    const std::optional<std::string> library = LibraryName(object.name);
+    if (!library)
+        return std::nullopt;
+    return FormatText("RCMD SAVLIB LIB(%s) DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s) UPDHST(*NO) "
+                      "SAVACT(*SYNCLIB) SAVACTWAIT(%s) ACCPTH(*YES)",
+                      library->c_str(), number, Precheck(), RunSettings.wait.value_or("120").c_str());
+}
+
+std::optional<std::string> BuildSavdlo(ObjectFile&, std::uint32_t number) {
+    return FormatText("RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV%u) SAVACT(*YES)", number);
+}
+
+std::optional<std::string> BuildSavsecdta(ObjectFile&, std::uint32_t number) {
+    return FormatText("RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s)", number, Precheck());
+}
+
+std::optional<std::string> BuildSavcfg(ObjectFile&, std::uint32_t number) {
+    return FormatText("RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s)", number, Precheck());
+}
+
+// Names of the members, and their places in the tables below.
+enum Member { Documents, Configuration, Security, Library, Ifs };
+
+constexpr std::array<SaveMember, 5> SaveMembers{{
+    {"SAVDLO", false, PartialRule::None, BuildSavdlo},
+    {"SAVCFG", false, PartialRule::Count, BuildSavcfg},
+    {"SAVSECDTA", false, PartialRule::Count, BuildSavsecdta},
+    {"SAVLIB", true, PartialRule::AnyReply, BuildSavlib},
+    {"SAV", true, PartialRule::Count, BuildSav},
+}};
+
+Member MemberFor(std::string_view path) {
+    if (path == DocumentsPath)
+        return Documents;
+    if (path == ConfigurationPath)
+        return Configuration;
+    if (path == SecurityDataPath)
+        return Security;
+    return path.starts_with(LibraryPrefix) ? Library : Ifs;
+}
+
+} // namespace
+
+const SaveMember& SaveMemberFor(std::string_view path) {
+    return SaveMembers[MemberFor(path)];
+}
+
+std::optional<std::string> CountNotSaved(const char* reply) {
+    constexpr std::string_view saved = "objects saved. ";
+    if (std::strstr(reply, "550") == nullptr)
+        return std::nullopt;
+    const char* const from = ::strcasestr(reply, saved.data());
+    if (from == nullptr)
+        return std::nullopt;
+    const char* const count = from + saved.size();
+    const char* const end = ::strcasestr(count, " objects not saved..");
+    if (end == nullptr)
+        return std::nullopt;
+    return std::string(count, end);
+}
+
+// Restoring
+
+namespace {
+
+std::string BuildRst(const StringPair& object, const StringList& omissions) {
+    std::string command = FormatText("RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"%s\"'",
+                                     QuoteForCL(object.first).c_str());
+    if (object.second)
+        command += FormatText(" *INCLUDE '\"%s\"')", QuoteForCL(*object.second).c_str());
+    else
+        command += ")";
+    for (const StringPair& omission : omissions)
+        command += FormatText(" ('\"%s\"' *OMIT)", QuoteForCL(omission.first).c_str());
+    command += ") SUBTREE(*ALL) ALWOBJDIF(*ALL)";
+    if (ServerRelease > 1)
+        command += " CRTPRNDIR(*Yes)";
+    return command;
+}
+
+// Both texts have lost their ".LIB" and still begin with "/QSYS.LIB/".
+std::string BuildRstlib(const StringPair& object, const StringList&) {
+    const auto name = [](const std::string& path) {
+        return path.substr(std::min(path.size(), LibraryPrefix.size()));
+    };
+    return FormatText("RCMD RSTLIB SAVLIB(%s) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(%s) MBROPT(*ALL) "
+                      "ALWOBJDIF(*ALL)",
+                      name(object.first).c_str(), object.second ? name(*object.second).c_str() : "*SAVLIB");
+}
+
+std::string BuildRstdlo(const StringPair&, const StringList&) {
+    return "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)";
+}
+
+std::string BuildRstusrprf(const StringPair&, const StringList&) {
+    return "RCMD RSTUSRPRF DEV(*SAVF) SAVF(QTEMP/SAVTEMP) USRPRF(*NEW) ALWOBJDIF(*ALL)";
+}
+
+std::string BuildRstcfg(const StringPair&, const StringList&) {
+    return "RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)";
+}
+
+constexpr std::array<RestoreMember, 5> RestoreMembers{{
+    {"RSTDLO", "DL objects restore failed", false, false, false, false, false, BuildRstdlo},
+    {"RSTCFG", "configuration restore failed", false, false, false, false, true, BuildRstcfg},
+    {"RSTUSRPRF", "user profile restore failed", false, false, false, true, true, BuildRstusrprf},
+    {"RSTLIB", "library restore failed", true, true, false, false, true, BuildRstlib},
+    {"RST", "IFS object restore failed", true, false, true, false, true, BuildRst},
+}};
+
+bool StartsWith(const char* text, std::string_view phrase) {
+    return ::strncasecmp(text, phrase.data(), phrase.size()) == 0;
+}
+
+// `text` from its first `letter` (given in both cases) on, when the phrase begins there.
+const char* FindPhrase(const char* text, const char* letter, std::string_view phrase) {
+    const char* const from = std::strpbrk(text, letter);
+    return from != nullptr && StartsWith(from, phrase) ? from : nullptr;
+}
+
+bool IsSpace(char character) {
+    return std::isspace(static_cast<unsigned char>(character)) != 0;
+}
+
+bool IsDigit(char character) {
+    return std::isdigit(static_cast<unsigned char>(character)) != 0;
+}
+
+// The number before the phrase at `position`. Never looks at the reply code, the first three digits.
+int CountBefore(const char* reply, std::size_t position) {
+    constexpr std::size_t text = 4;
+    while (position > text && IsSpace(reply[position - 1]))
+        --position;
+    while (position > text && IsDigit(reply[position - 1]))
+        --position;
+    char* end;
+    const long number = std::strtol(reply + position, &end, 0);
+    if (number < 1 || *end != ' ')
+        return 0;
+    return static_cast<int>(std::min(number, 2147483647L));
+}
+
+} // namespace
+
+const RestoreMember& RestoreMemberFor(std::string_view path) {
+    return RestoreMembers[MemberFor(path)];
+}
+
+int ClassifyRestoreReply(const char* reply) {
+    for (const auto& [letter, phrase] : {std::pair{"oO", std::string_view("objects restored")},
+                                         std::pair{"lL", std::string_view("libraries restored")}})
+        if (const char* from = FindPhrase(reply, letter, phrase))
+            return CountBefore(reply, static_cast<std::size_t>(from - reply));
+    if (FindPhrase(reply, "nN", "Not all ") != nullptr)
+        return 1;
+    constexpr std::string_view save_file = "Save file ";
+    const char* const from = FindPhrase(reply, "sS", save_file);
+    if (from != nullptr && FindPhrase(from + save_file.size(), "cC", "contains no data") != nullptr)
+        return 1;
+    return -1;
+}

@@ -1,0 +1,5 @@
+#include "vondral.h"
+
+int main(int argc, char** argv) {
+    return RunVondral(argc, argv);
+}

@@ -1,0 +1,384 @@
+#include "options.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <span>
+
+#include <getopt.h>
+
+#include "credentials.h"
+#include "settings.h"
+
+namespace {
+
+constexpr int OptionError = -1;
+constexpr int HelpWanted = 1;
+
+// What the handlers of the options have in common
+
+// One number in base 0 (decimal, 0x, leading 0), by strtol and its kin; false when it is not all of the text.
+template <class Number>
+bool ParseWhole(const char* text, Number (*convert)(const char*, char**, int), Number& number) {
+    char* end;
+    number = convert(text, &end, 0);
+    return end != text && *end == '\0';
+}
+
+// Numbers from 0 or 1 up to this are taken by --wait and --timeout.
+constexpr int LargestTime = 99999;
+
+// What a 32-bit int keeps of the number that the text begins with.
+int ParseLeadingInt(const char* text) {
+    return static_cast<int>(std::strtol(text, nullptr, 10));
+}
+
+bool ParseSwitch(const char* text) {
+    return *text != '\0' && std::strchr("YyTt1", *text) != nullptr;
+}
+
+int OpenPathFile(Stream& stream, const char* path) {
+    stream.reset(std::fopen(path, "r"));
+    if (!stream) {
+        LogMessageTo(stderr, "%s: fopen(%s): %s\n", ProgramName, path, std::strerror(errno));
+        return OptionError;
+    }
+    ::setlinebuf(stream.get());
+    return 0;
+}
+
+int OpenDescriptor(Stream& stream, const char* text) {
+    stream.reset();
+    long number;
+    const bool whole = ParseWhole(text, std::strtol, number);
+    const int descriptor = static_cast<int>(number);
+    if (!whole || descriptor != number) {
+        LogMessageTo(stderr, "%s: '%s': can't parse file descriptor\n", ProgramName, text);
+        return OptionError;
+    }
+    stream.reset(::fdopen(descriptor, "w"));
+    if (!stream) {
+        LogMessageTo(stderr, "%s: fdopen(%d): %s\n", ProgramName, descriptor, std::strerror(errno));
+        return OptionError;
+    }
+    ::setlinebuf(stream.get());
+    return 0;
+}
+
+// The options
+
+int SetBackup(char* argument) {
+    RunSettings.backup_path = argument;
+    return 0;
+}
+
+int SetCredentials(char* argument) {
+    const int result = ReadCredentials(argument);
+    HidePassphrase(argument);
+    return result;
+}
+
+int SetCatalog(char* argument) {
+    RunSettings.catalog.reset(std::fopen(argument, "w"));
+    if (RunSettings.catalog)
+        return 0;
+    LogMessageTo(stderr, "%s: Failed to open catalog file %s\n", ProgramName, argument);
+    return OptionError;
+}
+
+// The texts are those that CHGPERIOD wants.
+int SetDate(char* argument) {
+    long long epoch;
+    bool good = ParseWhole(argument, std::strtoll, epoch);
+    RunSettings.cutoff = true;
+    RunSettings.cutoff_time = epoch;
+    const std::time_t instant = epoch;
+    std::tm local;
+    if (::localtime_r(&instant, &local) != nullptr) {
+        const int year = (local.tm_year % 100 + 100) % 100;
+        RunSettings.cutoff_date = FormatText("%02d/%02d/%02d", local.tm_mon + 1, local.tm_mday, year);
+        RunSettings.cutoff_clock = FormatText("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
+    } else {
+        good = false; // a year that no calendar holds
+    }
+    if (!good)
+        LogMessageTo(stderr, "%s: '%s': can't parse timestamp\n", ProgramName, argument);
+    return good ? 0 : OptionError;
+}
+
+int SetExclude(char* argument) {
+    return OpenPathFile(RunSettings.exclude, argument);
+}
+
+int WantHelp(char*) {
+    return HelpWanted;
+}
+
+int SetInclude(char* argument) {
+    return OpenPathFile(RunSettings.include, argument);
+}
+
+int SetList(char* argument) {
+    return OpenDescriptor(RunSettings.list, argument);
+}
+
+int SetMaxBlockSize(char* argument) {
+    unsigned long long size;
+    const bool whole = ParseWhole(argument, std::strtoull, size);
+    RunSettings.max_block_size = size;
+    if (!whole)
+        LogMessageTo(stderr, "%s: '%s': can't parse block size\n", ProgramName, argument);
+    return whole ? 0 : OptionError;
+}
+
+int SetNotBackedUp(char* argument) {
+    return OpenDescriptor(RunSettings.not_backed_up, argument);
+}
+
+int SetPrecheck(char* argument) {
+    RunSettings.precheck = ParseSwitch(argument);
+    return 0;
+}
+
+int SetRestore(char* argument) {
+    RunSettings.restore_path = argument;
+    return 0;
+}
+
+int SetServer(char* argument) {
+    RunSettings.server = argument;
+    return 0;
+}
+
+int CountTest(char*) {
+    ++RunSettings.test_count;
+    return 0;
+}
+
+int SetVerbose(char* argument) {
+    if (argument == nullptr) {
+        ++RunSettings.verbosity;
+        return 0;
+    }
+    long level;
+    const bool whole = ParseWhole(argument, std::strtol, level);
+    RunSettings.verbosity = static_cast<int>(level);
+    if (!whole)
+        LogMessageTo(stderr, "%s: verbose value must be a number\n", ProgramName);
+    return whole ? 0 : OptionError;
+}
+
+int SetWait(char* argument) {
+    const int seconds = ParseLeadingInt(argument);
+    if (seconds < -1 || seconds > LargestTime) {
+        LogMessageTo(stderr, "invalid argument: --wait %s\n", argument);
+        return OptionError;
+    }
+    RunSettings.wait = seconds == -1 ? "*NOMAX" : argument;
+    return 0;
+}
+
+int SetThreading(char* argument) {
+    RunSettings.threading = ParseSwitch(argument);
+    return 0;
+}
+
+int SetTimeout(char* argument) {
+    const int minutes = ParseLeadingInt(argument);
+    if (minutes < 1 || minutes > LargestTime) {
+        LogMessageTo(stderr, "invalid argument: --timeout %s\n", argument);
+        return OptionError;
+    }
+    RunSettings.timeout = minutes;
+    return 0;
+}
+
+struct OptionRow {
+    const char* name;
+    char letter;
+    int has_argument; // as in struct option
+    int (*handle)(char* argument);
+    const char* help;
+};
+
+// The order is that of the usage text.
+constexpr std::array<OptionRow, 18> OptionRows{{
+    {"backup", 'b', required_argument, SetBackup,
+     "Create a TAR backup archive.  Follow with a path to contain the output."},
+    {"credentials", 'c', required_argument, SetCredentials,
+     "Follow with the credentials to login to the server in the form \"username:where:key\" .  where "
+     "explains "
+     "where the passphrase may be found as follows.  If where is here, then key is the actual passphrase as "
+     "in "
+     "\"fred:here:passphrase\".  If where is env, then key is the name of an environment variable which "
+     "contains "
+     "the passphrase as in \"fred:env:PASSPHRASE\".  If where is fd, then key is the number of a file "
+     "descriptor "
+     "from which the first line read is the passphrase as in \"fred:fd:4\".  If where is file, then key is "
+     "the "
+     "name of a file from which the first line read is the passphrase as in \"fred:file:keyFilename\"."},
+    {"Catalog", 'C', required_argument, SetCatalog,
+     "Create a catalog file containing a list of backed up files.  Follow with a path to contain the "
+     "output."},
+    {"date", 'd', required_argument, SetDate,
+     "Follow with an epoch.  During backup, any objects that have a timestamp before the given epoch will "
+     "not be "
+     "included in the backup."},
+    {"exclude", 'e', required_argument, SetExclude,
+     "Follow with a path to a file which contains full paths which should be excluded from the backup or "
+     "restore, "
+     "one full path per line."},
+    {"help", 'h', no_argument, WantHelp, "This help."},
+    {"include", 'i', required_argument, SetInclude,
+     "Follow with a path to a file which contains full paths which should be included in the backup or "
+     "restore, "
+     "one full path per line."},
+    {"list", 'l', required_argument, SetList,
+     "Create a list of the objects on server under the path given by the include option.  Follow with a file "
+     "descriptor to which to write the list of full paths -- one per line."},
+    {"maxblocksize", 'm', required_argument, SetMaxBlockSize, "Debugging option."},
+    {"notbackedup", 'n', required_argument, SetNotBackedUp,
+     "Follow with a file descriptor to which to write the list of full paths -- one per line -- of objects "
+     "not "
+     "backed up by backup command."},
+    {"precheck", 'p', required_argument, SetPrecheck, "Sets the precheck option to either yes or no"},
+    {"restore", 'r', required_argument, SetRestore,
+     "Restore a TAR archive.  Follow with a path from which to read the archive to restore or \"-\" to read "
+     "the "
+     "archive from stdin."},
+    {"server", 's', required_argument, SetServer, "Follow with the host name or IP address of the server."},
+    {"test", 't', no_argument, CountTest, "Test the connection with the given server."},
+    {"verbose", 'v', optional_argument, SetVerbose, "Produce verbose output."},
+    {"wait", 'w', required_argument, SetWait,
+     "Follow with a number of seconds (0-99999) to wait to establish a checkpoint or enter -1 to wait "
+     "indefinately"},
+    {"threading", 'x', required_argument, SetThreading, "Follow with 0 to disable threading"},
+    {"timeout", 'z', required_argument, SetTimeout, "Timeout to wait for response in minutes"},
+}};
+
+// "b:c:C:d:e:hi:l:m:n:p:r:s:tv::w:x:z:"
+std::string ShortOptions() {
+    std::string letters;
+    for (const OptionRow& row : OptionRows)
+        letters.append(1, row.letter).append(static_cast<std::size_t>(row.has_argument), ':');
+    return letters;
+}
+
+// The long table, ended by a row of zeros.
+std::array<option, OptionRows.size() + 1> LongOptions() {
+    std::array<option, OptionRows.size() + 1> options{};
+    for (std::size_t i = 0; i < OptionRows.size(); ++i)
+        options[i] = {OptionRows[i].name, OptionRows[i].has_argument, nullptr, OptionRows[i].letter};
+    return options;
+}
+
+// Gives the error state after all options: 0 when they are good.
+int ParseOptions(int argc, char** argv) {
+    const std::string letters = ShortOptions();
+    const auto options = LongOptions();
+    int state = 0;
+    ::optind = 0; // start afresh, whoever parsed before
+    for (;;) {
+        const int result = ::getopt_long(argc, argv, letters.c_str(), options.data(), nullptr);
+        if (result == -1)
+            return state;
+        const int error = HandleOption(result, ::optarg);
+        if (error != 0)
+            state = error;
+    }
+}
+
+// Reports what is missing or too much once the options are parsed; gives whether a run may start.
+bool CheckCommandLine(int state, std::span<char* const> operands) {
+    for (const char* operand : operands)
+        LogMessageTo(stderr, "%s: unknown argument: %s\n", ProgramName, operand);
+    if (!operands.empty() || state != 0)
+        return false;
+    if (!RunSettings.server) {
+        LogMessageTo(stderr, "%s: you must provide a server name\n", ProgramName);
+        return false;
+    }
+    if (!RunSettings.user || !RunSettings.password) {
+        LogMessageTo(stderr, "%s: you must provide login credentials\n", ProgramName);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int HandleOption(int result, char* argument) {
+    for (const OptionRow& row : OptionRows)
+        if (row.letter == result)
+            return row.handle(argument);
+    if (result != '?') { // getopt_long has reported that itself
+        LogMessageTo(stderr, "%s: getopt(): ", ProgramName);
+        if (result >= 0 && result <= UCHAR_MAX && std::isprint(result) != 0)
+            LogMessageTo(stderr, "%c\n", result);
+        else
+            LogMessageTo(stderr, "0x%02X\n", static_cast<unsigned>(result));
+    }
+    return OptionError;
+}
+
+int ParseCommandLine(int argc, char** argv) {
+    const int state = ParseOptions(argc, argv);
+    const auto first = static_cast<std::size_t>(::optind);
+    const std::span<char* const> operands = std::span(argv, static_cast<std::size_t>(argc)).subspan(first);
+    if (CheckCommandLine(state, operands))
+        return 0;
+    Usage();
+    return -1;
+}
+
+// The usage text
+
+namespace {
+
+constexpr std::size_t UsageMargin = 70; // characters of a line
+
+// Where the help texts start: behind "  -b, --backup :  " with the longest name.
+std::size_t UsageColumn() {
+    std::size_t longest = 0;
+    for (const OptionRow& row : OptionRows)
+        longest = std::max(longest, std::strlen(row.name));
+    return std::strlen("  -b, -- :  ") + longest;
+}
+
+// Writes one option's line and help text, broken at white space.
+void PrintUsageRow(const OptionRow& row, std::size_t column) {
+    const int padding = static_cast<int>(column - std::strlen("  -b, -- :  ") - std::strlen(row.name));
+    std::string line = FormatText("  -%c, --%s %*s:  ", row.letter, row.name, padding, "");
+    std::string_view help = row.help != nullptr ? row.help : "";
+    for (;;) {
+        const std::size_t start = line.size();
+        line += help.substr(0, UsageMargin - start);
+        help.remove_prefix(line.size() - start);
+        if (help.empty())
+            break;
+        const std::size_t cut = line.find_last_of(" \t\n\v\f\r");
+        if (cut == line.npos || cut < start) {
+            LogMessageTo(stderr, "%s-\n", line.c_str());
+            line.clear();
+        } else {
+            LogMessageTo(stderr, "%.*s\n", static_cast<int>(cut), line.c_str());
+            line.erase(0, cut + 1);
+        }
+        line.insert(0, column, ' ');
+    }
+    LogMessageTo(stderr, "%s\n", line.c_str());
+}
+
+} // namespace
+
+void Usage() {
+    LogMessageTo(stderr, "usage: %s [ options ]\n", ProgramName);
+    const std::size_t column = UsageColumn();
+    for (const OptionRow& row : OptionRows)
+        PrintUsageRow(row, column);
+}

@@ -1,0 +1,194 @@
+#include "support.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <vector>
+
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+const char* ProgramName = "vondral";
+std::atomic<int> TerminationRequested{0};
+
+namespace {
+
+// Thread tags and log lines
+
+struct RegistryEntry {
+    std::uint32_t number;
+    std::uint32_t identity;
+};
+
+// `count` counts registrations ever made and never falls, so that no number is given twice.
+struct ThreadRegistry {
+    std::uint32_t count = 0;
+    std::vector<RegistryEntry> entries;
+};
+
+std::mutex LogLock; // guards Registry, and makes each log line whole
+
+ThreadRegistry& Registry() {
+    static ThreadRegistry registry;
+    return registry;
+}
+
+std::uint32_t ThreadIdentity() {
+    return static_cast<std::uint32_t>(pthread_self());
+}
+
+// Requires: LogLock is held.
+std::uint32_t AppendEntry(std::uint32_t number) {
+    Registry().entries.push_back({number, ThreadIdentity()});
+    ++Registry().count;
+    return number;
+}
+
+// The calling thread's number; a thread that never registered gets the next one. Requires: LogLock is held.
+std::uint32_t ThreadNumber(std::uint32_t identity) {
+    for (const RegistryEntry& entry : Registry().entries)
+        if (entry.identity == identity)
+            return entry.number;
+    return AppendEntry(Registry().count);
+}
+
+// Requires: LogLock is held.
+void RemoveEntry(std::uint32_t identity) {
+    std::vector<RegistryEntry>& entries = Registry().entries;
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+        if (entry->identity == identity) {
+            entries.erase(entry);
+            return;
+        }
+    }
+}
+
+__attribute__((format(printf, 2, 0))) void WriteLine(std::FILE* stream, const char* format,
+                                                     va_list arguments) {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    const std::lock_guard<std::mutex> lock(LogLock);
+    std::fprintf(stream, "[%02d:%02d:%02d] ", local.tm_hour, local.tm_min, local.tm_sec);
+    std::fprintf(stream, "[T%02u] ", ThreadNumber(ThreadIdentity()));
+    std::vfprintf(stream, format, arguments);
+}
+
+} // namespace
+
+void LogMessage(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    WriteLine(stdout, format, arguments);
+    va_end(arguments);
+}
+
+void LogMessageTo(std::FILE* stream, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    WriteLine(stream, format, arguments);
+    va_end(arguments);
+}
+
+std::uint32_t RegisterThread(int number) {
+    const std::lock_guard<std::mutex> lock(LogLock);
+    RemoveEntry(ThreadIdentity());
+    return AppendEntry(number == -1 ? Registry().count : static_cast<std::uint32_t>(number));
+}
+
+void ClearThreadRegistry() {
+    const std::lock_guard<std::mutex> lock(LogLock);
+    Registry() = ThreadRegistry{};
+}
+
+// Texts of messages
+
+namespace {
+
+std::string Head(SourcePlace place, const char* separator, const char* end) {
+    const char* slash = std::strrchr(place.file, '/');
+    const char* name = slash != nullptr ? slash + 1 : place.file;
+    return std::string(ProgramName) + "[" + name + separator + std::to_string(place.line) + end;
+}
+
+} // namespace
+
+std::string FailureHead(SourcePlace place) {
+    return Head(place, ",", "]: ");
+}
+
+std::string ColonFailureHead(SourcePlace place) {
+    return Head(place, ":", "] : ");
+}
+
+std::string FormatText(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    va_end(arguments);
+    std::string text(static_cast<std::size_t>(std::max(length, 0)), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+double SecondsNow() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+namespace {
+
+constexpr int LargestUnit = 3;
+
+ScaledAmount Scale(double amount, double limit, double step) {
+    ScaledAmount scaled{amount, 0};
+    while (scaled.value > limit && scaled.unit < LargestUnit) {
+        scaled.value /= step;
+        ++scaled.unit;
+    }
+    return scaled;
+}
+
+} // namespace
+
+ScaledAmount ScaleDecimal(double amount) {
+    return Scale(amount, 2000, 1000);
+}
+
+ScaledAmount ScaleBinary(double amount) {
+    return Scale(amount, 2048, 1024);
+}
+
+// Owners of system resources
+
+int Descriptor::Close() {
+    return ::close(std::exchange(value_, -1));
+}
+
+void Descriptor::Reset(int value) {
+    if (value_ >= 0)
+        ::close(value_);
+    value_ = value;
+}
+
+bool Mapping::Map(std::size_t size) {
+    void* pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED)
+        return false;
+    Mapping fresh;
+    fresh.data_ = static_cast<char*>(pages);
+    fresh.size_ = size;
+    *this = std::move(fresh);
+    return true;
+}
+
+Mapping::~Mapping() {
+    if (data_ != nullptr)
+        ::munmap(data_, size_);
+}

@@ -1,0 +1,221 @@
+#include "session.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <exception>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "texts.h"
+
+namespace rehearsal {
+
+namespace {
+
+constexpr std::size_t LineLimit = 64 * 1024; // a longer command line ends the session
+
+} // namespace
+
+bool WaitFor(int socket, short events, int milliseconds) {
+    pollfd entry{socket, events, 0};
+    int result = 0;
+    do
+        result = ::poll(&entry, 1, milliseconds);
+    while (result < 0 && errno == EINTR);
+    return result > 0;
+}
+
+void CloseByReset(int socket) {
+    const linger at_once{1, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+}
+
+// ---- what sessions share
+
+void Shared::Record(int session, const std::string& line) {
+    const bool secret = Upper(line.substr(0, 5)) == "PASS ";
+    const std::lock_guard lock(guard_);
+    transcript_.emplace_back(session, secret ? line.substr(0, 5) + "****" : line);
+}
+
+std::vector<std::string> Shared::Transcript(int session) const {
+    std::vector<std::string> lines;
+    const std::lock_guard lock(guard_);
+    for (const auto& [owner, line] : transcript_)
+        if (session == -1 || session == owner)
+            lines.push_back(line);
+    return lines;
+}
+
+std::vector<const Fault*> Shared::FaultsOf(const std::string& line) {
+    std::vector<const Fault*> faults;
+    const std::lock_guard lock(guard_);
+    for (std::size_t index = 0; index < counts_.size(); index++) {
+        const Fault& fault = options.faults[index];
+        const bool match = fault.command.empty() ? line.empty() : line.starts_with(fault.command);
+        if (match && (++counts_[index] == fault.nth || fault.nth == 0))
+            faults.push_back(&fault);
+    }
+    return faults;
+}
+
+// ---- life of a session
+
+void Session::Run() {
+    try {
+        const TemporaryLibrary library;
+        library_ = &library;
+        Serve();
+    } catch (const Gone&) {
+    } catch (const std::exception& error) {
+        const std::string text = Fill(text::NoService, {error.what()}) + "\r\n";
+        ::send(control_.get(), text.data(), text.size(), MSG_NOSIGNAL);
+    }
+    // QTEMP and the count are gone before the client can see the end of its connection.
+    library_ = nullptr;
+    shared_.open--;
+    Install(passive_, Descriptor());
+    Install(data_, Descriptor());
+    Install(control_, Descriptor());
+}
+
+void Session::Interrupt() {
+    const std::lock_guard lock(guard_);
+    ending_ = true;
+    for (const Descriptor* socket : {&control_, &passive_, &data_})
+        if (*socket)
+            ::shutdown(socket->get(), SHUT_RDWR);
+}
+
+void Session::Install(Descriptor& slot, Descriptor value) {
+    const std::lock_guard lock(guard_);
+    std::swap(slot, value);
+    if (ending_ && slot)
+        ::shutdown(slot.get(), SHUT_RDWR);
+}
+
+void Session::Serve() {
+    faults_ = shared_.FaultsOf("");
+    Reply(text::Greeting);
+    for (;;) {
+        const std::string line = ReadLine(idle_seconds_);
+        if (!line.empty())
+            Perform(line);
+    }
+}
+
+void Session::Perform(const std::string& line) {
+    faults_ = shared_.FaultsOf(line);
+    replies_ = 0;
+    moved_ = 0;
+    const std::size_t blank = std::min(line.find(' '), line.size());
+    verb_ = Upper(line.substr(0, blank));
+    const std::string parameter = line.substr(std::min(line.find_first_not_of(' ', blank), line.size()));
+    const auto verb =
+        std::find_if(Verbs().begin(), Verbs().end(), [&](const Verb& each) { return each.name == verb_; });
+    const bool transfers = verb != Verbs().end() && verb->transfers;
+
+    if (const Fault* fault = Active(Fault::Kind::Replace, 0);
+        fault && !(transfers && fault->text.starts_with('1'))) {
+        Reply("");
+        if (transfers)
+            CloseData();
+    } else if (verb == Verbs().end()) {
+        Reply(Fill(text::UnknownCommand, {verb_}));
+    } else if (!logged_on_ && !verb->before_logon) {
+        Reply(text::NotLoggedOn);
+    } else {
+        (this->*verb->run)(parameter);
+    }
+}
+
+// ---- control connection
+
+std::string Session::ReadLine(int wait_seconds) {
+    std::size_t end = 0;
+    while ((end = held_.find('\n')) == std::string::npos) {
+        std::array<char, 4096> buffer{};
+        const int wait = wait_seconds < 0 ? -1 : std::min(wait_seconds, INT_MAX / 1000) * 1000;
+        if (held_.size() > LineLimit || !WaitFor(control_.get(), POLLIN, wait))
+            throw Gone();
+        const ssize_t count = ::recv(control_.get(), buffer.data(), buffer.size(), 0);
+        if (count == 0 || (count < 0 && errno != EINTR))
+            throw Gone();
+        held_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    std::string line = held_.substr(0, end);
+    held_.erase(0, end + 1);
+    if (line.ends_with('\r'))
+        line.pop_back();
+    if (!line.empty())
+        shared_.Record(number_, line);
+    return line;
+}
+
+const Fault* Session::Active(Fault::Kind kind) const {
+    const auto found =
+        std::find_if(faults_.begin(), faults_.end(), [&](const Fault* each) { return each->kind == kind; });
+    return found == faults_.end() ? nullptr : *found;
+}
+
+const Fault* Session::Active(Fault::Kind kind, int reply) const {
+    const auto found = std::find_if(faults_.begin(), faults_.end(), [&](const Fault* each) {
+        return each->kind == kind && each->reply == reply;
+    });
+    return found == faults_.end() ? nullptr : *found;
+}
+
+void Session::Reply(std::string text) {
+    using Kind = Fault::Kind;
+    const int reply = replies_++;
+    if (shared_.options.capitals)
+        text = Upper(text);
+    if (const Fault* fault = Active(Kind::Replace, reply))
+        text = fault->text;
+    text += "\r\n";
+    if (Active(Kind::Silent, reply))
+        AwaitClientLeaving();
+    const Fault* reset = Active(Kind::Reset, reply);
+    if (const Fault* fault = reset ? reset : Active(Kind::Close, reply)) {
+        SendControl(std::string_view(text).substr(0, fault->bytes));
+        if (reset)
+            CloseByReset(control_.get());
+        throw Gone();
+    }
+    if (const Fault* fault = Active(Kind::Pieces, reply))
+        SendPieces(text, *fault);
+    else
+        SendControl(text);
+    if (Active(Kind::CloseAfter, reply))
+        throw Gone();
+}
+
+void Session::SendPieces(const std::string& bytes, const Fault& fault) {
+    std::size_t sent = 0;
+    for (const std::size_t cut : fault.cuts) {
+        const std::size_t end = std::clamp(cut, sent, bytes.size());
+        SendControl(std::string_view(bytes).substr(sent, end - sent));
+        sent = end;
+        WaitFor(control_.get(), POLLRDHUP, fault.pause_ms); // a pause, cut short when the connection ends
+    }
+    SendControl(std::string_view(bytes).substr(sent));
+}
+
+void Session::SendControl(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::send(control_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno != EINTR)
+            throw Gone();
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
+void Session::AwaitClientLeaving() {
+    for (;;)
+        ReadLine(-1);
+}
+
+} // namespace rehearsal

@@ -1,0 +1,477 @@
+// Whole runs of test mode, list mode and backup mode against a rehearsal server.
+
+#include <algorithm>
+
+#include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "test_support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using rehearsal::Fault;
+
+Fault Make(Fault::Kind kind, const std::string& command, int nth = 1, std::size_t bytes = 0,
+           const std::string& text = "") {
+    Fault fault;
+    fault.kind = kind;
+    fault.command = command;
+    fault.nth = nth;
+    fault.bytes = bytes;
+    fault.text = text;
+    return fault;
+}
+
+// A server with a few objects of every kind, and a run against it.
+struct Night {
+    TempDir root;
+    TempDir work;
+    rehearsal::Options options;
+    std::unique_ptr<rehearsal::Server> server;
+    Program program;
+    pid_t process = -1;
+
+    Night() {
+        WriteFile(root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR", std::string(700, 'r'));
+        WriteFile(root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", "run");
+        WriteFile(root / "QDLS/FOLDER/LETTER", "dear all");
+        WriteFile(root / "home/it's/a file", std::string(70000, 'f'));
+        WriteFile(root / "home/note", "note");
+        WriteFile(root / "Security Data", "profiles");
+        WriteFile(root / "System Configuration", "lines");
+        options.root = root.path;
+        program.arguments = {"-s", "127.0.0.1", "-c", "FRED:here:secret"};
+    }
+    Outcome Run(const std::vector<std::string>& arguments, const std::vector<Fault>& faults = {}) {
+        Start(arguments, faults);
+        return program.Wait();
+    }
+    void Start(const std::vector<std::string>& arguments, const std::vector<Fault>& faults) {
+        options.faults = faults;
+        server = std::make_unique<rehearsal::Server>(options);
+        program.port = server->Port();
+        program.arguments.insert(program.arguments.end(), arguments.begin(), arguments.end());
+        process = program.Start();
+    }
+    std::vector<std::string> Backup() const { return {"-b", archive.string()}; }
+    // The names in the archive, in its order; "no archive" when it breaks the format.
+    std::vector<std::string> Archived() const {
+        const auto entries = ReadArchiveFile(archive);
+        if (!entries)
+            return {"no archive"};
+        std::vector<std::string> names;
+        for (const ArchiveEntry& entry : *entries)
+            names.push_back(entry.name);
+        return names;
+    }
+    std::vector<std::string> Sorted() const {
+        std::vector<std::string> names = Archived();
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    fs::path archive = work / "archive";
+};
+
+std::vector<std::string> operator+(std::vector<std::string> one, const std::vector<std::string>& other) {
+    one.insert(one.end(), other.begin(), other.end());
+    return one;
+}
+
+bool Holds(const std::string& text, const std::string& part) {
+    return text.find(part) != text.npos;
+}
+
+const std::vector<std::string> Login{"USER FRED", "PASS ****", "CWD /", "SYST", "TIME 86400 86400"};
+const std::vector<std::string> Everything{"/QDLS",          "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",
+                                          "/Security Data", "/System Configuration", "/home.savf"};
+
+// Test mode and list mode
+
+TEST(TestMode, LogsInAndOut) {
+    Night night;
+    const Outcome outcome = night.Run({"-t", "-l", "1", "-b", "/nowhere/x"}); // the test comes before all
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(Messages(outcome.out).substr(0, 19), "** Total Run Time: ");
+    EXPECT_EQ(night.server->Transcript(), Login + std::vector<std::string>{"QUIT"});
+}
+
+TEST(TestMode, FailuresSayWhatBroke) {
+    struct Row {
+        std::vector<Fault> faults;
+        const char* messages; // of standard error, its first part
+    };
+    for (const Row& row :
+         {Row{{Make(Fault::Kind::Replace, "", 1, 0, "421 too busy")}, "couldn't open control connection\n"},
+          {{Make(Fault::Kind::Close, "", 1, 7)},
+           "control connection closed\nvondral[ftp.cpp]: not a session\n"},
+          {{Make(Fault::Kind::Silent, "")}, "poll(): timedout on control read after 60.00s\n"},
+          {{Make(Fault::Kind::Replace, "PASS", 1, 0, "530 no")}, "PASS command failed\n  530 no\n"}}) {
+        Night night;
+        night.program.minute_ms = 50;
+        const Outcome outcome = night.Run({"-t"}, row.faults);
+        EXPECT_EQ(outcome.status, 255);
+        EXPECT_TRUE(Holds(Messages(outcome.err), row.messages)) << outcome.err;
+        EXPECT_EQ(outcome.out, "");
+    }
+    Night night;
+    night.program.arguments = {"-s", "127.0.0.1", "-c", "FRED:here:wrong"};
+    EXPECT_EQ(night.Run({"-t"}).status, 255);
+    EXPECT_EQ(night.server->Transcript(), (std::vector<std::string>{"USER FRED", "PASS ****", "QUIT"}));
+    Night nobody;
+    nobody.program.arguments = {"-s", "no.such.host.invalid", "-c", "FRED:here:x", "-t"};
+    const Outcome unknown = nobody.program.Run();
+    EXPECT_EQ(unknown.status, 255);
+    EXPECT_TRUE(Holds(unknown.err, "gethostbyname(no.such.host.invalid): ")) << unknown.err;
+}
+
+TEST(ListMode, ListsOneLevelOfEachPath) {
+    Night night;
+    WriteFile(night.work / "include", "/home\n/QSYS.LIB\n/none\n/home/it's/\n");
+    night.program.outputs[7] = night.work / "list";
+    const Outcome outcome = night.Run({"-l", "7", "-i", (night.work / "include").string(), "-b", "/nowhere"});
+    EXPECT_EQ(outcome.status, 255); // one of them failed
+    EXPECT_TRUE(Holds(Messages(outcome.err), "LIST command failed\n  550")) << outcome.err;
+    EXPECT_TRUE(Holds(Messages(outcome.err), "vondral[vondral.cpp]: list failed\n")) << outcome.err;
+    EXPECT_EQ(ReadFile(night.work / "list"),
+              "/home/it's/\n/home/note\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n/home/it's/a\n");
+    Night whole;
+    whole.program.outputs[7] = whole.work / "list";
+    EXPECT_EQ(whole.Run({"-l", "7"}).status, 0);
+    EXPECT_EQ(ReadFile(whole.work / "list"), "/QDLS/\n/QSYS.LIB/\n/home/\n");
+    Night empty;
+    WriteFile(empty.work / "include", "");
+    EXPECT_EQ(empty.Run({"-l", "1", "-i", (empty.work / "include").string()}).status, 255);
+}
+
+TEST(Modes, WithoutOneTheUsageIsShown) {
+    Night night;
+    const Outcome outcome = night.Run({});
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_TRUE(Messages(outcome.err).starts_with("vondral: don't know what to do\nusage: ")) << outcome.err;
+    EXPECT_EQ(night.server->QuitCount(), 1);
+}
+
+// Backup
+
+TEST(Backup, TheWholeConversation) {
+    Night night;
+    const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-x", "no"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    const std::vector<std::string> finding{"STRU F",         "MODE S",     "TYPE A", "SITE LISTFMT 1",
+                                           "SITE NAMEFMT 1", //
+                                           "PASV",           "LIST /",     "PASV",   "LIST /QSYS.LIB",
+                                           "PASV",           "LIST /home", "PASV",   "LIST /home/it's"};
+    const std::vector<std::string> system{"STRU F",
+                                          "MODE S",
+                                          "TYPE I", //
+                                          "RCMD CLRSAVF FILE(QTEMP/SAV1)",
+                                          "RCMD CRTSAVF FILE(QTEMP/SAV1)",                           //
+                                          "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV1) PRECHK(*YES)", //
+                                          "PASV",
+                                          "RETR /QSYS.LIB/QTEMP.LIB/SAV1.SAVF",
+                                          "RCMD CLRSAVF FILE(QTEMP/SAV1)",                        //
+                                          "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV1) PRECHK(*YES)", //
+                                          "PASV",
+                                          "RETR /QSYS.LIB/QTEMP.LIB/SAV1.SAVF",
+                                          "QUIT"};
+    const std::vector<std::string> documents{
+        "STRU F",
+        "MODE S",
+        "TYPE I", //
+        "RCMD CLRSAVF FILE(QTEMP/SAV2)",
+        "RCMD CRTSAVF FILE(QTEMP/SAV2)",                                  //
+        "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV2) SAVACT(*YES)", //
+        "PASV",
+        "RETR /QSYS.LIB/QTEMP.LIB/SAV2.SAVF",
+        "QUIT"};
+    const auto savlib = [](const std::string& name) {
+        return "RCMD SAVLIB LIB(" + name +
+               ") DEV(*SAVF) SAVF(QTEMP/SAV3) PRECHK(*YES) UPDHST(*NO) SAVACT(*SYNCLIB) "
+               "SAVACTWAIT(120) ACCPTH(*YES)";
+    };
+    const std::vector<std::string> libraries{"STRU F",
+                                             "MODE S",
+                                             "TYPE I",
+                                             "SITE NAMEFMT 1", //
+                                             "RCMD CLRSAVF FILE(QTEMP/SAV3)",
+                                             "RCMD CRTSAVF FILE(QTEMP/SAV3)",
+                                             savlib("PAYROLL"), //
+                                             "PASV",
+                                             "RETR /QSYS.LIB/QTEMP.LIB/SAV3.SAVF", //
+                                             "RCMD CLRSAVF FILE(QTEMP/SAV3)",
+                                             savlib("TOOLS"), //
+                                             "PASV",
+                                             "RETR /QSYS.LIB/QTEMP.LIB/SAV3.SAVF",
+                                             "QUIT"};
+    const std::vector<std::string> paths{"STRU F",
+                                         "MODE S",
+                                         "TYPE I",
+                                         "SITE NAMEFMT 1", //
+                                         "RCMD CLRSAVF FILE(QTEMP/SAV4)",
+                                         "RCMD CRTSAVF FILE(QTEMP/SAV4)", //
+                                         "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV4.FILE') OBJ(('\"/home\"')) "
+                                         "SUBTREE(*ALL) PRECHK(*YES) UPDHST(*NO) "
+                                         "SAVACT(*YES)",
+                                         "PASV",
+                                         "RETR /QSYS.LIB/QTEMP.LIB/SAV4.SAVF",
+                                         "QUIT"};
+    EXPECT_EQ(night.server->Transcript(0), Login + finding + std::vector<std::string>{"QUIT"});
+    EXPECT_EQ(night.server->Transcript(1), Login + system);
+    EXPECT_EQ(night.server->Transcript(2), Login + documents);
+    EXPECT_EQ(night.server->Transcript(3), Login + libraries);
+    EXPECT_EQ(night.server->Transcript(4), Login + paths);
+    EXPECT_EQ(night.Archived(),
+              (std::vector<std::string>{"/Security Data", "/System Configuration", "/QDLS",
+                                        "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB", "/home.savf"}));
+    EXPECT_EQ(fs::status(night.archive).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST(Backup, ReportsCatalogAndTotals) {
+    Night night;
+    night.program.outputs[5] = night.work / "missed";
+    const Outcome outcome =
+        night.Run(night.Backup() + std::vector<std::string>{"-C", (night.work / "catalog").string(), "-n",
+                                                            "5", "-v2", "-x", "no"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(Messages(ReadFile(night.work / "catalog")),
+              "/Security Data\n/System Configuration\n/QDLS\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n"
+              "/home/it's/a file\n/home/note\n");
+    EXPECT_EQ(ReadFile(night.work / "missed"), "");
+    const std::string out = Messages(outcome.out);
+    const std::string object =
+        "Backup Success: /Security Data\nSize: 528.000  B\nSave: # s\nWait: # s\nXfer: # s\n";
+    EXPECT_TRUE(Holds(out, "Building Object Lists\nBuilding Block Lists\n")) << out;
+    EXPECT_TRUE(Holds(out, object)) << out;
+    EXPECT_TRUE(Holds(out, "** Thread 1 Complete\n** Backed up 1056.000  B\n")) << out;
+    EXPECT_TRUE(Holds(out, "** List Called    : 4\n")) << out;
+    EXPECT_TRUE(Holds(out, "** Objects Found  : 7\n** Parsing Errors : 0\n** Backed up ")) << out;
+    EXPECT_TRUE(
+        Holds(out, "** Total Objects Attempted: 7\n** Total Objects Failed   : 0\n** Total Run Time: "))
+        << out;
+}
+
+TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
+    const std::vector<std::string> not_checked{"-p", "no", "-v", "-n", "5", "-x", "no"};
+    Night night;
+    night.options.locked = {"/home/note", "/QSYS.LIB/TOOLS.LIB/RUN.PGM"};
+    night.program.outputs[5] = night.work / "missed";
+    const Outcome partial = night.Run(night.Backup() + not_checked);
+    EXPECT_EQ(partial.status, 0);
+    EXPECT_TRUE(Holds(Messages(partial.out), "/home: 1 objects not saved\nBackup Success: /home\n"))
+        << partial.out;
+    EXPECT_TRUE(Holds(Messages(ReadFile(night.work / "missed")), "/home: 1 objects not saved\n"));
+    EXPECT_TRUE(Holds(Messages(ReadFile(night.work / "missed")), "/QSYS.LIB/TOOLS.LIB: 550 "));
+    EXPECT_EQ(night.Sorted(), Everything);
+
+    Night checked;
+    checked.options.locked = night.options.locked;
+    checked.program.outputs[5] = checked.work / "missed";
+    const Outcome failed = checked.Run(checked.Backup() + std::vector<std::string>{"-n", "5"});
+    EXPECT_EQ(failed.status, 2); // 3 of 7
+    EXPECT_TRUE(Holds(Messages(failed.err), "SAV command failed\n  550 ")) << failed.err;
+    EXPECT_TRUE(Holds(Messages(failed.err), "SAVLIB command failed\n  550 ")) << failed.err;
+    const std::string missed = Messages(ReadFile(checked.work / "missed"));
+    EXPECT_TRUE(missed == "/home\n/QSYS.LIB/TOOLS.LIB\n" || missed == "/QSYS.LIB/TOOLS.LIB\n/home\n")
+        << missed;
+    EXPECT_TRUE(Holds(failed.out, "** Total Objects Failed   : 3\n")) << failed.out;
+}
+
+TEST(Backup, IncludesExcludesAndDates) {
+    Night night;
+    WriteFile(night.work / "include", "/home/it*\n/QSYS.LIB/PAY*.LIB\n/none\nrelative\n/ho*/x\n");
+    WriteFile(night.work / "exclude", "/Security Data\n/home/it's/a file\n");
+    night.program.outputs[5] = night.work / "missed";
+    WriteFile(night.root / "home/it's/b", "b");
+    const Outcome outcome =
+        night.Run(night.Backup() + std::vector<std::string>{"-i", (night.work / "include").string(), "-e",
+                                                            (night.work / "exclude").string(), "-n", "5"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(night.Sorted(),
+              (std::vector<std::string>{"/QSYS.LIB/PAYROLL.LIB", "/System Configuration", "/home/it's/b"}));
+    EXPECT_EQ(
+        Messages(outcome.err),
+        "vondral[backup.cpp]: Invalid object: relative\nvondral[backup.cpp]: wild card error: /ho*/x\n");
+    EXPECT_EQ(Messages(ReadFile(night.work / "missed")), "/none\nrelative\n");
+
+    Night dated; // only what is younger, and libraries that hold something younger
+    const auto old = fs::file_time_type::clock::now() - std::chrono::hours(24 * 400);
+    fs::last_write_time(dated.root / "home/note", old);
+    fs::last_write_time(dated.root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", old);
+    const std::string yesterday = std::to_string(std::time(nullptr) - 86400);
+    const Outcome recent = dated.Run(dated.Backup() + std::vector<std::string>{"-d", yesterday});
+    EXPECT_EQ(recent.status, 0) << recent.err;
+    EXPECT_EQ(dated.Sorted(), (std::vector<std::string>{"/QDLS", "/QSYS.LIB/PAYROLL.LIB", "/Security Data",
+                                                        "/System Configuration", "/home.savf"}));
+}
+
+TEST(Backup, FailuresOfTheSetUpEndTheMode) {
+    Night missing;
+    missing.archive = missing.work / "none/archive";
+    const Outcome no_archive = missing.Run(missing.Backup());
+    EXPECT_EQ(no_archive.status, 255);
+    EXPECT_TRUE(Holds(Messages(no_archive.err), "vondral[backup.cpp]: open(")) << no_archive.err;
+    Night refused;
+    const Outcome no_list =
+        refused.Run(refused.Backup(), {Make(Fault::Kind::Replace, "LIST", 1, 0, "550 no")});
+    EXPECT_EQ(no_list.status, 255);
+    EXPECT_EQ(Messages(no_list.err),
+              "vondral[ftp.cpp]: LIST command failed\n  550 no\nvondral[backup.cpp]: list failed\n"
+              "vondral[backup.cpp]: BuildIncludeList failed\n");
+    EXPECT_EQ(refused.server->QuitCount(), 1);
+    Night nothing;
+    WriteFile(nothing.work / "include", "/none\n");
+    WriteFile(nothing.work / "exclude", "/Security Data\n/System Configuration\n");
+    const Outcome idle =
+        nothing.Run(nothing.Backup() + std::vector<std::string>{"-i", (nothing.work / "include").string(),
+                                                                "-e", (nothing.work / "exclude").string()});
+    EXPECT_EQ(idle.status, 0);
+    EXPECT_TRUE(Holds(Messages(idle.out), "Object not found: /none\n")) << idle.out;
+    EXPECT_TRUE(Holds(Messages(idle.out), "** No objects attempted\n")) << idle.out;
+    EXPECT_EQ(nothing.Archived(), std::vector<std::string>{});
+}
+
+// Trouble on the way. What was not repaired is told, counted, and in no archive as if it were whole.
+
+struct Trouble {
+    const char* what;
+    std::vector<Fault> faults;
+    int status;
+    std::vector<std::string> archived; // up to the sentinel, in the order of the sequential run
+    const char* message;
+};
+
+TEST(Backup, SurvivesOrReportsBrokenConnections) {
+    using Kind = Fault::Kind;
+    const std::vector<std::string> all{"/Security Data",        "/System Configuration", "/QDLS",
+                                       "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",   "/home.savf"};
+    const std::vector<std::string> without_documents{"/Security Data", "/System Configuration",
+                                                     "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",
+                                                     "/home.savf"};
+    const std::vector<std::string> up_to_documents{"/Security Data", "/System Configuration"};
+    for (const Trouble& trouble : {
+             Trouble{"set-up of a save", {Make(Kind::Close, "TYPE I", 2)}, 0, all, "recovering checkpoint"},
+             {"save file", {Make(Kind::Reset, "RCMD CLRSAVF", 2, 5)}, 0, all, "recovering checkpoint"},
+             {"save command", {Make(Kind::Close, "RCMD SAVDLO")}, 0, all, "recovering checkpoint"},
+             {"walk",
+              {Make(Kind::Close, "LIST /home", 2)},
+              2,
+              all,
+              "vondral[backup.cpp]: list failed\n/home/it's\n"},
+             {"retrieval refused",
+              {Make(Kind::Replace, "RETR", 3, 0, "550 no")},
+              2,
+              without_documents,
+              "RETR command failed\n  550 no\n"},
+             {"no data connection",
+              {Make(Kind::DataRefuse, "PASV", 7)},
+              2,
+              without_documents,
+              "PASV command failed"},
+             {"data reset", {Make(Kind::DataReset, "RETR", 3)}, 2, {}, ""},
+             {"control lost before data", {Make(Kind::Close, "RETR", 3)}, 2, {}, "recovering checkpoint"},
+             {"recovery refused",
+              {Make(Kind::Close, "RCMD SAVDLO"), Make(Kind::Replace, "PASS", 4, 0, "530 no")},
+              2,
+              without_documents,
+              "can't recover checkpoint"},
+             {"worker cannot log in",
+              {Make(Kind::Replace, "PASS", 3, 0, "530 no")},
+              2,
+              without_documents,
+              "vondral[backup.cpp]: login failed"},
+         }) {
+        Night night;
+        night.program.minute_ms = 300;
+        const Outcome outcome =
+            night.Run(night.Backup() + std::vector<std::string>{"-x", "no"}, trouble.faults);
+        EXPECT_EQ(outcome.status, trouble.status) << trouble.what << outcome.err;
+        EXPECT_TRUE(Holds(Messages(outcome.err), trouble.message)) << trouble.what << outcome.err;
+        const std::vector<std::string> archived = night.Archived();
+        if (!trouble.archived.empty()) {
+            EXPECT_EQ(archived, trouble.archived) << trouble.what;
+        } else {
+            EXPECT_TRUE(std::equal(up_to_documents.begin(), up_to_documents.end(), archived.begin()))
+                << trouble.what;
+        }
+        EXPECT_EQ(Holds(outcome.err, "Backup Failure: /QDLS"), trouble.archived != all) << trouble.what;
+        EXPECT_EQ(night.server->OpenSessions(), 0) << trouble.what;
+    }
+}
+
+TEST(Backup, ABrokenRetrievalLeavesTheArchiveToTheOthers) {
+    Night night;
+    const Outcome outcome = night.Run(night.Backup(), {Make(Fault::Kind::Close, "RETR", 3)});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(Holds(Messages(outcome.err), "recovering checkpoint")) << outcome.err;
+    // Which of the three workers it met is open; the other two and the objects behind went on.
+    std::size_t done = 0;
+    for (const std::string& name : Everything)
+        done += Holds(outcome.out, "Backup Success: " + name.substr(0, name.find(".savf"))) ? 1U : 0U;
+    EXPECT_EQ(done, 5U) << outcome.out;
+    EXPECT_NE(night.Archived(), std::vector<std::string>{"no archive"});
+}
+
+TEST(Backup, AMinuteTooLongEndsASilentTransfer) {
+    Night night;
+    night.program.minute_ms = 20;
+    const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-x", "no", "-z", "2"},
+                                      {Make(Fault::Kind::DataSilent, "RETR", 6, 512)});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(Holds(outcome.err, "Timeout limit reached (2 times).")) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home")) << outcome.err;
+}
+
+TEST(Backup, ReplyPiecesAreOneReply) {
+    Night night;
+    Fault pieces = Make(Fault::Kind::Pieces, "RCMD SAVDLO");
+    pieces.cuts = {2, 4, 9};
+    pieces.pause_ms = 10;
+    EXPECT_EQ(night.Run(night.Backup(), {pieces}).status, 0);
+    EXPECT_EQ(night.Sorted(), Everything);
+}
+
+TEST(Backup, TerminationKeepsWhatIsComplete) {
+    Night night;
+    Fault slow = Make(Fault::Kind::Pieces, "RCMD SAVCFG");
+    slow.cuts = {5};
+    slow.pause_ms = 1500;
+    night.Start(night.Backup(), {slow});
+    while (!Holds(night.server->Transcript().empty() ? "" : night.server->Transcript().back(), "RCMD SAVCFG"))
+        ::usleep(1000);
+    // The signal thread alone takes the signal; the entry under way is completed, and no further worker
+    // starts.
+    EXPECT_FALSE(Holds(ReadFile("/proc/" + std::to_string(night.process) + "/cmdline"), "secret"));
+    ASSERT_EQ(::kill(night.process, SIGTERM), 0);
+    const Outcome outcome = night.program.Wait();
+    EXPECT_EQ(outcome.status, 143);
+    EXPECT_EQ(night.Archived(), (std::vector<std::string>{"/Security Data", "/System Configuration"}));
+    EXPECT_TRUE(Messages(outcome.err).ends_with("vondral[backup.cpp]: Backup Terminated Cleanly\n"))
+        << outcome.err;
+    EXPECT_EQ(night.server->SessionCount(), 2);
+}
+
+TEST(Backup, AFullDiskIsNeverASuccess) {
+    // Room for the special objects, but not for /home with its 70000 bytes.
+    Night night;
+    night.program.file_size_limit = 40000;
+    const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-x", "no"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(Holds(outcome.err, "write(,, 65536) = ")) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.err, "CTAR sentinel failed write(): File too large")) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home")) << outcome.err;
+    EXPECT_FALSE(Holds(outcome.out, "Backup Success: /home"));
+    EXPECT_TRUE(Holds(outcome.out, "** Total Objects Failed   : 2\n")) << outcome.out;
+}
+
+TEST(Backup, ClosedStandardStreamsNeverMeetTheArchive) {
+    Night night;
+    night.program.close_standard_streams = true;
+    EXPECT_EQ(night.Run(night.Backup()).status, 0);
+    EXPECT_EQ(night.Sorted(), Everything);
+}
+
+} // namespace

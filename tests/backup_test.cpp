@@ -1,0 +1,388 @@
+#include "backup.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "listing.h"
+#include "test_support.h"
+
+namespace {
+
+// The object tree
+
+TEST(Tree, KindsOfPaths) {
+    struct Row {
+        const char* path;
+        ObjectKind kind;
+    };
+    for (const Row& row : {Row{"/Security Data", ObjectKind::System},
+                           {"/System Configuration", ObjectKind::System},
+                           {"/Security Data/x", ObjectKind::Ifs},
+                           {"/QDLS", ObjectKind::Qdls},
+                           {"/QDLS/FOLDER", ObjectKind::Ifs},
+                           {"/QSYS.LIB/A.LIB", ObjectKind::Library},
+                           {"/QSYS.LIB", ObjectKind::Ifs},
+                           {"/qdls", ObjectKind::Ifs}})
+        EXPECT_EQ(ClassifyPath(row.path), row.kind) << row.path;
+}
+
+std::string Dump(const ObjectNode& dir) {
+    Capture capture;
+    DumpTree(stdout, dir);
+    return capture.Take();
+}
+
+TEST(Tree, RollsUpAdoptsAndDumps) {
+    const ObjectTree source = NewDirectoryNode(nullptr, "", 0, 0, {});
+    ObjectNode& d = AppendDirectory(*source, "/D", 040755, 4, {});
+    ObjectNode& s = AppendDirectory(d, "/S", 040755, 4, {});
+    AppendFile(s, "/g", 0100644, 10, {});
+    AppendFile(d, "/f", 0100644, 100, {});
+    EXPECT_EQ(source->size, 118U);
+    EXPECT_EQ(d.size, 118U);
+    EXPECT_EQ(s.size, 14U);
+    EXPECT_EQ(source->count, 2U);
+    EXPECT_EQ(s.count, 1U);
+    EXPECT_EQ(FilePath(*s.first_file), "/D/S/g");
+    EXPECT_EQ(Dump(d), "/D/S/g\n/D/f\n");
+
+    const ObjectTree kind = NewDirectoryNode(nullptr, "", 0, 0, {});
+    AdoptDirectory(*kind, s);
+    AdoptFile(*kind, *d.first_file);
+    EXPECT_EQ(kind->size, 114U);
+    EXPECT_EQ(kind->count, 2U);
+    EXPECT_EQ(kind->first_dir->name, "/D/S");
+    EXPECT_EQ(kind->first_file->name, "/D/f");
+    EXPECT_EQ(Dump(*kind->first_dir), "/D/S/g\n"); // through the source's records
+    ReleaseName(*kind->first_dir);
+    EXPECT_EQ(kind->first_dir->name, "/D/S"); // borrowed: kept
+    MarkPartial(s);
+    EXPECT_TRUE(d.partial && source->partial && !kind->partial);
+}
+
+TEST(Tree, ReadsItsText) {
+    struct Row {
+        const char* text;
+        int result;
+        std::uint64_t size;
+        std::uint64_t count;
+    };
+    for (const Row& row : {Row{">A\n+x\n<\n<\n", 0, 2, 1},
+                           {">A\n+x\n", -1, 2, 1},
+                           {">A\n?\n+y\n<\n", 0, 2, 1},
+                           {"\n", -1, 0, 0},
+                           {"<\n", 0, 0, 0}}) {
+        std::FILE* const stream = ::fmemopen(const_cast<char*>(row.text), std::strlen(row.text), "r");
+        const Stream owner(stream);
+        const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
+        EXPECT_EQ(ReadTree(stream, *root), row.result) << row.text;
+        EXPECT_EQ(root->size, row.size) << row.text;
+        EXPECT_EQ(root->count, row.count) << row.text;
+    }
+}
+
+TEST(Tree, AMillionSiblingsNeitherOverflowNorWeighMuch) {
+    EXPECT_LE(sizeof(ObjectNode), 136U); // with the allocator's share below 160 bytes
+    EXPECT_LE(sizeof(ObjectFile), 136U);
+    const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
+    for (int i = 0; i < 1000000; ++i) {
+        AppendFile(*root, "/f", 0, 1, {});
+        AppendDirectory(*root, "/d", 0, 1, {});
+    }
+    EXPECT_EQ(root->count, 1000000U);
+}
+
+// Listing lines
+
+std::tm Now(int month) {
+    std::tm now{};
+    now.tm_year = 126;
+    now.tm_mon = month;
+    now.tm_mday = 15;
+    return now;
+}
+
+TEST(Listing, LinesTakenApart) {
+    struct Row {
+        const char* line;
+        std::uint32_t mode;
+        std::uint64_t size;
+        const char* time; // year month day hour:minute
+        const char* name;
+        const char* leftover;
+    };
+    for (const Row& row :
+         {Row{"drwxr-xr-x 2 QSYS 0 8192 Mar 5 14:07 DIR\r", 040000 | 0733, 8192, "2026 3 5 14:7", "DIR", ""},
+          {"-rw-r--r--   1 A        B             10 Jan  2  2009 x\r", 0100000 | 0622, 10, "2009 1 2 0:0",
+           "x", ""},
+          {"drwx---rwx   1 QPGMR    0          20480 Sep 24 18:16 TIMESTAMP\r", 040000 | 0703, 20480,
+           "2025 9 24 18:16", "TIMESTAMP", ""},
+          {"lrwxrwxrwx 1 A B 3 Jan 2 2009 l -> t\r", 0100000 | 0733, 3, "2009 1 2 0:0", "l", ""},
+          {"lrwxrwxrwx 1 A B 3 Jan 2 2009 l -> t and more\r", 0100000 | 0733, 3, "2009 1 2 0:0", "l",
+           "and more\r"},
+          {"---s--s--s 1 A B 3 Jan 2 2009 s\r", 0100000 | 07111, 3, "2009 1 2 0:0", "s", ""},
+          {"-rw-r--r-- 1 A B 3 january 2 2009 a name  with blanks \r", 0100000 | 0622, 3, "2009 1 2 0:0",
+           "a name  with blanks ", ""},
+          {"-rw-r--r-- 1 A B 3 Jan 2 2009 bare", 0100000 | 0622, 3, "2009 1 2 0:0", "bar", "e"},
+          {"-rw-r--r-- 1 A B big Jan 2 2009 x\r", 0100000 | 0622, 0, "2009 1 2 0:0", "x", ""},
+          {"-rw-r--r-- 1 A B 18446744073709551616 May 2 00:00 x\r", 0100000 | 0622, UINT64_MAX,
+           "2026 5 2 0:0", "x", ""}}) {
+        ListingEntry entry;
+        EXPECT_FALSE(ParseListingLine(row.line, Now(4), entry)) << row.line;
+        EXPECT_EQ(entry.mode, row.mode) << row.line;
+        EXPECT_EQ(entry.size, row.size) << row.line;
+        const CalendarTime& t = entry.mtime;
+        EXPECT_EQ(FormatText("%d %d %d %d:%d", t.year + 1900, t.month + 1, t.day, t.hour, t.minute), row.time)
+            << row.line;
+        EXPECT_EQ(entry.name, row.name);
+        EXPECT_EQ(entry.leftover, row.leftover);
+    }
+    ListingEntry entry;
+    ParseListingLine("drwxr-xr-x 2 QSYS 0 8192 Mar 5 14:07 DIR\r", Now(1), entry);
+    EXPECT_EQ(entry.mtime.year, 125); // a month yet to come is last year's
+}
+
+TEST(Listing, LinesThatFail) {
+    struct Row {
+        const char* line;
+        const char* what;
+    };
+    for (const Row& row : {Row{"", "can't parse date"},
+                           {"\r", "can't parse date"},
+                           {"total 12\r", "can't parse date"},
+                           {"-rw-r--r-- 1 A B 3 Foo 2 2009 x\r", "can't parse date"},
+                           {"-rw-r--r-- 1 A B 3 Jan 32 2009 x\r", "can't parse date"},
+                           {"-rw-r--r-- 1 A B 3 Jan 2 25:00 x\r", "can't parse time"},
+                           {"-rw-r--r-- 1 A B 3 Jan 2 12:x x\r", "can't parse time"},
+                           {"-rw-r--r-- 1 A B 3 Jan 2 then x\r", "can't parse year"},
+                           {"-rw-r--r-- 1 A B 3 Jan 2 2009\r", "can't parse name"}}) {
+        ListingEntry entry;
+        const std::optional<ListingFailure> failure = ParseListingLine(row.line, Now(4), entry);
+        ASSERT_TRUE(failure) << row.line;
+        EXPECT_STREQ(failure->what, row.what) << row.line;
+        EXPECT_EQ(failure->text, row.line);
+    }
+}
+
+// The listing callback
+
+struct Listing {
+    FreshSettings fresh;
+    ObjectTree root = NewDirectoryNode(nullptr, "/", 0, 0, {});
+    ListingContext context;
+
+    // Lists in these chunks into a root, or into a directory below it.
+    std::string List(const std::string& name, bool is_root, const std::vector<std::string>& chunks) {
+        root->name = name;
+        ObjectNode& dir = is_root ? *root : AppendDirectory(*root, name, 040755, 0, {});
+        Capture capture;
+        context.path = is_root ? name.substr(0, std::max<std::size_t>(1, name.rfind('/'))) : name;
+        BeginListing(context, dir);
+        for (std::string chunk : chunks) {
+            int length = static_cast<int>(chunk.size());
+            EXPECT_EQ(ListingCallback(&context, chunk.data(), &length), 0);
+            EXPECT_LE(length, 0);
+        }
+        std::string found = capture.Take();
+        for (const ObjectNode* child = dir.first_dir.get(); child != nullptr; child = child->next.get())
+            found += child->name + (child->partial ? "/!" : "/") + " ";
+        for (const ObjectFile* file = dir.first_file.get(); file != nullptr; file = file->next.get())
+            found += file->name + " ";
+        return found;
+    }
+};
+
+const std::string File = "-rw-r--r-- 1 A B 3 Jan 2 2009 ";
+const std::string Dir = "drwxr-xr-x 1 A B 3 Jan 2 2009 ";
+
+TEST(ListingCallback, AssemblesLinesFromChunks) {
+    EXPECT_EQ(Listing().List("/d", false, {File + "a\r\n" + Dir + "b\r\n"}), "/b/ /a ");
+    EXPECT_EQ(Listing().List("/d", false, {File.substr(0, 5), File.substr(5) + "a\r\n"}), "/a ");
+    EXPECT_EQ(Listing().List("/d", false, {File + "a\r", "\n"}), "/a ");
+    Listing torn; // of a line in three chunks the first part is lost
+    const std::string result =
+        torn.List("/d", false, {File.substr(0, 5), File.substr(5, 5), File.substr(10) + "a\r\n"});
+    EXPECT_EQ(result, "vondral[backup.cpp]: can't parse date: " + File.substr(5) + "a\r\n");
+    EXPECT_EQ(torn.context.parse_errors, 1);
+    Listing fresh; // nothing of one listing reaches the next
+    fresh.List("/d", false, {File.substr(0, 5)});
+    EXPECT_EQ(fresh.List("/e", false, {File + "a\r\n"}), "/a ");
+}
+
+TEST(ListingCallback, AnOddLineCostsOneEntryAndMarksTheDirectory) {
+    Listing listing;
+    EXPECT_EQ(listing.List("/d", false, {File + "a\r\nrubbish\r\n" + File + "b\r\n"}),
+              "vondral[backup.cpp]: can't parse date: rubbish\r\n/a /b ");
+    EXPECT_TRUE(listing.root->first_dir->partial);
+    EXPECT_EQ(listing.context.parse_errors, 1);
+    EXPECT_EQ(Listing().List("/d", false, {Dir + ".\r\n" + Dir + "..\r\n" + File + ".x\r\n"}), "/.x ");
+}
+
+TEST(ListingCallback, EndsTheProgramForAnEndlessLine) {
+    const auto feed = [](std::string chunk, const std::string& carry) {
+        ListingContext context;
+        context.carry = carry;
+        int length = static_cast<int>(chunk.size());
+        ListingCallback(&context, chunk.data(), &length);
+    };
+    EXPECT_EXIT(feed(std::string(4096, 'x'), ""), testing::ExitedWithCode(255), "listing line too long");
+    EXPECT_EXIT(feed(std::string(96, 'x') + "\n", std::string(4000, 'x')), testing::ExitedWithCode(255),
+                "listing line too long");
+    int length = 0;
+    Capture capture;
+    EXPECT_EQ(ListingCallback(nullptr, nullptr, &length), -1);
+    EXPECT_EQ(capture.Take(), "vondral[backup.cpp]: bad argument\n");
+}
+
+TEST(ListingCallback, PlacesByTheDirectoryListed) {
+    const std::string server =
+        Dir + "QSYS.LIB\r\n" + Dir + "QDLS\r\n" + Dir + "home\r\n" + File + "f\r\n" + Dir + "X.LIB\r\n";
+    EXPECT_EQ(Listing().List("/", true, {server}), "/QSYS.LIB/! /home/ /QDLS /f /X.LIB ");
+    EXPECT_EQ(Listing().List("/h*", true, {server}), "/home/ ");
+    EXPECT_EQ(Listing().List("/Q*", true, {server}), "/QSYS.LIB/! /QDLS ");
+    EXPECT_EQ(Listing().List("/a/h*", true, {server}), "/a/home/ ");
+    EXPECT_EQ(Listing().List("/none", true, {server}), "");
+    const std::string libraries = Dir + "A.LIB\r\n" + Dir + "QSYS.LIB\r\n" + File + "X.FILE\r\n";
+    EXPECT_EQ(Listing().List("/QSYS.LIB", false, {libraries}), "/A.LIB ");
+    EXPECT_EQ(Listing().List("/QSYS.LIB/A*", true, {libraries}), "/QSYS.LIB/A.LIB ");
+    Listing dated;
+    RunSettings.cutoff = true;
+    RunSettings.cutoff_time = 0;
+    EXPECT_EQ(dated.List("/QSYS.LIB", false, {libraries}), "/A.LIB/ ");
+    Listing named; // a library named by an include path is one object all the same
+    RunSettings.cutoff = true;
+    EXPECT_EQ(named.List("/QSYS.LIB/A*", true, {libraries}), "/QSYS.LIB/A.LIB ");
+}
+
+TEST(ListingCallback, ExcludesAndCutsOff) {
+    const TempDir temp;
+    WriteFile(temp / "exclude", "/d/no\n//top\n");
+    Listing listing;
+    RunSettings.exclude.reset(std::fopen((temp / "exclude").c_str(), "r"));
+    RunSettings.verbosity = 1;
+    EXPECT_EQ(listing.List("/d", false, {File + "no\r\n" + File + "yes\r\n"}),
+              "vondral: /d/no: excluded\n/yes ");
+    EXPECT_TRUE(listing.root->first_dir->partial);
+    EXPECT_EQ(listing.context.path, "/d");
+    listing.root->first_file.reset();
+    listing.root->last_file = nullptr;
+    // paths directly below the server's root begin with two slashes here
+    EXPECT_EQ(listing.List("/", true, {File + "top\r\n"}), "vondral: //top: excluded\n/d/! ");
+
+    Listing dated;
+    RunSettings.cutoff = true;
+    RunSettings.cutoff_time = 1230900000; // 2 January 2009, about noon
+    RunSettings.verbosity = 1;
+    EXPECT_EQ(dated.List("/d", false,
+                         {File + "old\r\n" + Dir + "olddir\r\n" + "-rw-r--r-- 1 A B 3 Jan 4 2009 new\r\n"}),
+              "vondral: excluding /old since it's older than given time\n/olddir/ /new ");
+    EXPECT_FALSE(dated.root->first_dir->partial);
+}
+
+// The backup list
+
+std::string Placed(const KindTrees& trees) {
+    std::string placed;
+    for (const ObjectTree& tree : trees) {
+        for (const ObjectNode* dir = tree->first_dir.get(); dir != nullptr; dir = dir->next.get())
+            placed += dir->name + "/ ";
+        for (const ObjectFile* file = tree->first_file.get(); file != nullptr; file = file->next.get())
+            placed += file->name + " ";
+        placed += "| ";
+    }
+    return placed;
+}
+
+TEST(BackupList, SortsByKindAndDecidesWhatIsOneUnit) {
+    const FreshSettings fresh;
+    const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
+    AppendFile(*root, "/Security Data", 0100600, 0, {});
+    AppendFile(*root, "/QDLS", 0100755, 0, {});
+    ObjectNode& libraries = AppendDirectory(*root, "/QSYS.LIB", 040755, 0, {});
+    AppendFile(libraries, "/A.LIB", 0100755, 5, {});
+    MarkPartial(libraries);
+    ObjectNode& home = AppendDirectory(*root, "/home", 040755, 10, {});
+    AppendFile(AppendDirectory(home, "/a", 040755, 10, {}), "/f", 0100644, 100, {});
+    AppendFile(home, "/g", 0100644, 1, {});
+    AppendDirectory(home, "/empty", 040755, 10, {});
+    ReleaseName(AppendDirectory(*root, "/gone", 040755, 0, {}));
+    EXPECT_EQ(Placed(BuildBackupList(*root)), "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/ | ");
+    RunSettings.max_block_size = 130; // all of /home is larger
+    EXPECT_EQ(Placed(BuildBackupList(*root)),
+              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/a/ /home/empty/ /home/g | ");
+    RunSettings.max_block_size = 0;
+    EXPECT_EQ(Placed(BuildBackupList(*root)),
+              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/empty/ /home/g /home/a/f | ");
+    RunSettings.cutoff = true; // what holds nothing new is left out
+    EXPECT_EQ(Placed(BuildBackupList(*root)),
+              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/g /home/a/f | ");
+    ObjectNode& dated = AppendDirectory(libraries, "/B.LIB", 0100755, 0, {});
+    AppendDirectory(libraries, "/C.LIB", 0100755, 0, {});
+    AppendFile(dated, "/X.FILE", 0100755, 0, {});
+    EXPECT_NE(Placed(BuildBackupList(*root)).find("| /QSYS.LIB/A.LIB /QSYS.LIB/B.LIB | "), std::string::npos);
+}
+
+// Writing the archive
+
+TEST(ArchiveWriter, WritesWholeBlocksHoweverTheDataCome) {
+    for (const std::vector<int>& pieces : {std::vector<int>{700, 300},
+                                           {1024},
+                                           {1, 510, 1, 513},
+                                           {511},
+                                           {512},
+                                           {65536, 100},
+                                           {3, 65536, 65536}}) {
+        const TempDir temp;
+        ArchiveWriter writer;
+        const Descriptor file(::open((temp / "a").c_str(), O_RDWR | O_CREAT, 0600));
+        writer.descriptor = file.Get();
+        std::string sent;
+        for (const int piece : pieces) {
+            std::string data(static_cast<std::size_t>(piece), static_cast<char>('a' + piece % 26));
+            sent += data;
+            int count = piece;
+            EXPECT_EQ(ArchiveWriteCallback(&writer, data.data(), &count), 0);
+            EXPECT_EQ(count, 0);
+        }
+        const std::size_t whole = sent.size() / 512 * 512;
+        EXPECT_EQ(ReadFile(temp / "a"), sent.substr(0, whole));
+        EXPECT_EQ(writer.bytes, static_cast<std::int64_t>(whole));
+        EXPECT_EQ(std::string(writer.block.data(), static_cast<std::size_t>(writer.pending)),
+                  sent.substr(whole));
+        EXPECT_EQ(writer.calls, pieces.size());
+    }
+}
+
+TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
+    ArchiveWriter writer;
+    const Descriptor full(::open("/dev/full", O_WRONLY));
+    writer.descriptor = full.Get();
+    std::string data(1000, 'x');
+    int count = 1000;
+    Capture capture;
+    EXPECT_EQ(ArchiveWriteCallback(&writer, data.data(), &count), 1);
+    EXPECT_EQ(count, 1000);
+    const std::string bulk = capture.Take();
+    EXPECT_TRUE(bulk.starts_with("vondral[backup.cpp]: write(, 0x") &&
+                bulk.ends_with(", -1): No space left on device\n"))
+        << bulk;
+    count = 500;
+    EXPECT_EQ(ArchiveWriteCallback(&writer, data.data(), &count), 0);
+    count = 12; // completes the block, which stays pending
+    Capture again;
+    EXPECT_EQ(ArchiveWriteCallback(&writer, data.data(), &count), 0);
+    EXPECT_EQ(again.Take(), "vondral[backup.cpp]: write(): No space left on device\n");
+    EXPECT_EQ(writer.pending, 512);
+    EXPECT_EQ(writer.bytes, 0);
+    Capture missing;
+    EXPECT_EQ(ArchiveWriteCallback(nullptr, data.data(), &count), -1);
+    EXPECT_EQ(TruncateArchive(-1, 0), -1);
+    EXPECT_EQ(missing.Take(),
+              "vondral[backup.cpp]: bad argument\nvondral[backup.cpp]: lseek(): Bad file descriptor\n");
+}
+
+} // namespace

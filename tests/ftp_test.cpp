@@ -1,0 +1,294 @@
+#include "ftp.h"
+
+#include <cstdlib>
+
+#include "test_support.h"
+
+namespace {
+
+TEST(Commands, QuotesAreDoubledUpToTheLimit) {
+    EXPECT_EQ(QuoteForCL("/home/o'brien"), "/home/o''brien");
+    EXPECT_EQ(QuoteForCL("\"a\""), "\"\"a\"\"");
+    EXPECT_EQ(QuoteForCL(""), "");
+    EXPECT_EQ(QuoteForCL(std::string(5000, 'x')).size(), 4093U);
+    EXPECT_EQ(QuoteForCL(std::string(4092, 'x') + "''").size(), 4094U);
+}
+
+std::string SaveCommand(const std::string& path) {
+    ObjectFile object;
+    object.name = path;
+    return SaveMemberFor(path).build(object, 2).value_or("refused");
+}
+
+TEST(Commands, SaveCommandsInFull) {
+    const FreshSettings fresh;
+    EXPECT_EQ(SaveCommand("/home/o'brien/"), "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV2.FILE') "
+                                             "OBJ(('\"/home/o''brien\"')) SUBTREE(*ALL) PRECHK(*YES) "
+                                             "UPDHST(*NO) SAVACT(*YES)");
+    EXPECT_EQ(SaveCommand("/QSYS.LIB/MYLIB.LIB"),
+              "RCMD SAVLIB LIB(MYLIB) DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*YES) UPDHST(*NO) SAVACT(*SYNCLIB) "
+              "SAVACTWAIT(120) ACCPTH(*YES)");
+    EXPECT_EQ(SaveCommand("/QDLS"), "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV2) SAVACT(*YES)");
+    RunSettings.precheck = false;
+    RunSettings.wait = "*NOMAX";
+    RunSettings.cutoff = true;
+    RunSettings.cutoff_date = "01/02/09";
+    RunSettings.cutoff_clock = "03:04:05";
+    EXPECT_EQ(SaveCommand("/Security Data"), "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
+    EXPECT_EQ(SaveCommand("/System Configuration"), "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
+    EXPECT_TRUE(SaveCommand("/x").ends_with("SAVACT(*YES) CHGPERIOD('01/02/09' '03:04:05')"));
+    EXPECT_TRUE(SaveCommand("/QSYS.LIB/L.LIB").ends_with("SAVACTWAIT(*NOMAX) ACCPTH(*YES)"));
+    EXPECT_EQ(SaveCommand("/QSYS.LIB/X.FILE"), "refused");
+}
+
+TEST(Commands, PartialSavesAreCounted) {
+    struct Row {
+        const char* reply;
+        const char* count;
+    };
+    for (const Row& row : {Row{"550 12 objects saved. 3 objects not saved..", "3"},
+                           {"550 12 OBJECTS SAVED. 3 OBJECTS NOT SAVED..", "3"},
+                           {"250 12 objects saved. 3 objects not saved..", "none"},
+                           {"550 12 objects saved. 3 objects not saved.", "none"},
+                           {"550 3 objects not saved.. 12 objects saved. ", "none"}})
+        EXPECT_EQ(CountNotSaved(row.reply).value_or("none"), row.count) << row.reply;
+}
+
+TEST(Commands, RestoreRepliesAreJudgedByFirstLetters) {
+    struct Row {
+        const char* reply;
+        int judgement;
+    };
+    for (const Row& row : {Row{"550 CPF3773 5 objects restored. 2 not restored", 5},
+                           {"550 5 OBJECTS RESTORED", 5},
+                           {"550 job log: 5 objects restored", -1}, // an 'o' stands before
+                           {"550 0 objects restored", 0},
+                           {"550 5objects restored", 0},
+                           {"550 010 objects restored", 8},
+                           {"5 objects restored", 0}, // looks like the reply code
+                           {"objects restored", 0},
+                           {"550 2 libraries restored", 2},
+                           {"250 Not all objects were restored", 1},
+                           {"550 Save file SAVTEMP in QTEMP contains no data", 1},
+                           {"550 Save file SAVTEMP in QTEMP is in use", -1},
+                           {"550 is a Save file that contains no data", -1},
+                           {"550 File X in library Y not found.", -1},
+                           {"", -1}})
+        EXPECT_EQ(ClassifyRestoreReply(row.reply), row.judgement) << row.reply;
+}
+
+TEST(Commands, RestoreCommandsInFull) {
+    const StringPair moved{"/home/it's", "/tmp/new"};
+    const StringList omissions{{"/home/it's/a", std::nullopt}, {"/home/it's/b", "ignored"}};
+    const RestoreMember& rst = RestoreMemberFor("/home");
+    ServerRelease = 0;
+    EXPECT_EQ(
+        rst.build(moved, omissions),
+        "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home/it''s\"' *INCLUDE '\"/tmp/new\"') "
+        "('\"/home/it''s/a\"' *OMIT) ('\"/home/it''s/b\"' *OMIT)) SUBTREE(*ALL) ALWOBJDIF(*ALL)");
+    ServerRelease = 2;
+    EXPECT_EQ(
+        rst.build({"/home", std::nullopt}, {}),
+        "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home\"')) SUBTREE(*ALL) ALWOBJDIF(*ALL) "
+        "CRTPRNDIR(*Yes)");
+    ServerRelease = 0;
+    const RestoreMember& rstlib = RestoreMemberFor("/QSYS.LIB/A.LIB");
+    EXPECT_EQ(
+        rstlib.build({"/QSYS.LIB/A", std::nullopt}, {}),
+        "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(*SAVLIB) MBROPT(*ALL) ALWOBJDIF(*ALL)");
+    EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", "/QSYS.LIB/B"}, {}),
+              "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(B) MBROPT(*ALL) ALWOBJDIF(*ALL)");
+}
+
+// A session with a rehearsal server in this process.
+struct Session {
+    TempDir root;
+    rehearsal::Server server;
+    std::unique_ptr<FtpSession> session;
+
+    explicit Session(std::vector<rehearsal::Fault> faults = {}, const std::string& release = "V7R3M0")
+        : server(Options(root.path, std::move(faults), release)) {
+        ::setenv("VONDRAL_TEST_PORT", std::to_string(server.Port()).c_str(), 1);
+        ::setenv("VONDRAL_TEST_MINUTE", "60000", 1);
+        session = NewSession("127.0.0.1", "ftp");
+    }
+    static rehearsal::Options Options(const std::filesystem::path& root, std::vector<rehearsal::Fault> faults,
+                                      const std::string& release) {
+        std::filesystem::create_directories(root / "QSYS.LIB");
+        std::filesystem::create_directories(root / "home");
+        rehearsal::Options options;
+        options.root = root;
+        options.release = release;
+        options.faults = std::move(faults);
+        return options;
+    }
+    int LogIn() { return Login(session.get(), "fred", "secret"); }
+};
+
+rehearsal::Fault Replace(const std::string& command, const std::string& text, int nth = 1) {
+    rehearsal::Fault fault;
+    fault.kind = rehearsal::Fault::Kind::Replace;
+    fault.command = command;
+    fault.text = text;
+    fault.nth = nth;
+    return fault;
+}
+
+rehearsal::Fault Close(const std::string& command, int nth = 1) {
+    rehearsal::Fault fault;
+    fault.kind = rehearsal::Fault::Kind::Close;
+    fault.command = command;
+    fault.nth = nth;
+    return fault;
+}
+
+TEST(Login, RecordsTheReleaseAndForgivesTrouble) {
+    struct Row {
+        const char* syst; // "" leaves the server's own
+        const char* release;
+        int expected;
+        const char* messages;
+    };
+    for (const Row& row : {Row{"", "V5R3M0", 1, ""},
+                           {"", "V5R4M0", 2, ""},
+                           {"", "V5R4M0X", 0, ""},
+                           {"500 what", "V5R4M0", 7, "vondral[ftp.cpp]: SYST command failed\n"},
+                           {"215 UNIX", "V5R4M0", 7, "vondral[ftp.cpp]: invalid SYST reply\n"},
+                           {"215 \"V5R4M0", "V5R4M0", 7, "vondral[ftp.cpp]: invalid SYST reply\n"}}) {
+        std::vector<rehearsal::Fault> faults;
+        if (*row.syst != '\0')
+            faults.push_back(Replace("SYST", row.syst));
+        Session session(faults, row.release);
+        ServerRelease = 7;
+        Capture capture;
+        EXPECT_EQ(session.LogIn(), 0);
+        EXPECT_EQ(capture.Take(), row.messages);
+        EXPECT_EQ(ServerRelease, row.expected) << row.syst << row.release;
+    }
+    Session session({Replace("TIME", "501 no")});
+    Capture capture;
+    EXPECT_EQ(session.LogIn(), 0);
+    EXPECT_EQ(capture.Take(), "vondral[ftp.cpp]: TIME command failed\n");
+    EXPECT_EQ(session.server.Transcript(),
+              (std::vector<std::string>{"USER fred", "PASS ****", "CWD /", "SYST", "TIME 86400 86400"}));
+}
+
+TEST(Login, LimitsOfNamesAndPasswords) {
+    for (const std::size_t length : {249U, 250U, 251U}) {
+        Session session;
+        Capture capture;
+        EXPECT_EQ(Login(session.session.get(), std::string(length, 'u').c_str(), "x"), -1);
+        const std::vector<std::string> sent = session.server.Transcript();
+        if (length == 251) {
+            EXPECT_EQ(capture.Take(), "vondral[ftp.cpp]: user too long\n");
+            EXPECT_TRUE(sent.empty());
+        } else {
+            EXPECT_TRUE(capture.Take().starts_with("vondral[ftp.cpp]: PASS command failed\n  530"));
+            EXPECT_EQ(sent.front(), "USER " + std::string(249, 'u'));
+        }
+    }
+}
+
+TEST(Login, ABrokenConnectionHasNoRecoveryHere) {
+    Session session({Close("CWD")});
+    Capture capture;
+    EXPECT_EQ(session.LogIn(), -1);
+    EXPECT_EQ(Quit(std::move(session.session)), -1);
+    const std::string messages = capture.Take();
+    EXPECT_NE(
+        messages.find("vondral[ftp.cpp]: jump buffer invalid\nvondral[ftp.cpp]: CWD / command failed\n"),
+        messages.npos)
+        << messages;
+    EXPECT_NE(messages.find("vondral[ftp.cpp]: QUIT command failed\n"), messages.npos) << messages;
+}
+
+TEST(Parents, EveryDirectoryAboveAndNothingElse) {
+    Session session;
+    ASSERT_EQ(session.LogIn(), 0);
+    EXPECT_EQ(MakeParentDirectories(session.session.get(), "/a/b/c.txt"), 0);
+    EXPECT_EQ(MakeParentDirectories(session.session.get(), "/file"), 0);
+    EXPECT_EQ(MakeParentDirectories(session.session.get(), "relative/x"), 1);
+    const std::vector<std::string> sent = session.server.Transcript();
+    EXPECT_EQ(std::vector<std::string>(sent.begin() + 5, sent.end()),
+              (std::vector<std::string>{"MKD /a", "MKD /a/b"}));
+}
+
+int Ignore(void*, char*, int*) {
+    return 0;
+}
+
+int ListHome(Session& session, ObjectNode& node) {
+    return ListDirectory(session.session.get(), "/home", Ignore, nullptr, &node);
+}
+
+TEST(Listing, SetsUpOnceAndRecoversUpToTheTransfer) {
+    const std::vector<std::string> login{"USER fred", "PASS ****", "CWD /", "SYST", "TIME 86400 86400"};
+    const std::vector<std::string> set_up{"STRU F", "MODE S", "TYPE A", "SITE LISTFMT 1", "SITE NAMEFMT 1"};
+    const std::vector<std::string> list{"PASV", "LIST /home"};
+    struct Row {
+        std::vector<rehearsal::Fault> faults;
+        int result;
+        std::vector<std::vector<std::string>> transcript; // after the login
+    };
+    for (const Row& row : {Row{{}, 0, {set_up, list, list}}, // the second listing needs no set-up
+                           {{Close("STRU")}, 0, {{"STRU F"}, login, set_up, list, list}},
+                           {{Close("SITE NAMEFMT"), Close("TYPE", 2)},
+                            0,
+                            {set_up, login, {"STRU F", "MODE S", "TYPE A"}, login, set_up, list, list}},
+                           {{Close("PASV")}, -1, {set_up, {"PASV"}, login, set_up, list}},
+                           {{Close("LIST")}, -1, {set_up, list, login, set_up, list}}}) {
+        Session session(row.faults);
+        Capture capture;
+        ASSERT_EQ(session.LogIn(), 0);
+        const ObjectTree root = NewDirectoryNode(nullptr, "/home", 0, 0, {});
+        EXPECT_EQ(ListHome(session, *root), row.result);
+        EXPECT_EQ(ListHome(session, *root), 0);
+        capture.Take();
+        std::vector<std::string> expected = login;
+        for (const std::vector<std::string>& part : row.transcript)
+            expected.insert(expected.end(), part.begin(), part.end());
+        EXPECT_EQ(session.server.Transcript(), expected);
+    }
+}
+
+TEST(Listing, AFailedRecoveryEndsTheOperationAndArmsNothing) {
+    Session session({Close("MODE"), Replace("PASS", "530 no", 2)});
+    ASSERT_EQ(session.LogIn(), 0);
+    const ObjectTree root = NewDirectoryNode(nullptr, "/home", 0, 0, {});
+    Capture capture;
+    EXPECT_EQ(ListHome(session, *root), -1);
+    const std::string messages = capture.Take();
+    EXPECT_TRUE(
+        messages.ends_with("vondral[ftp.cpp]: login failed\nvondral[ftp.cpp]: can't recover checkpoint\n"))
+        << messages;
+    EXPECT_EQ(session.session->checkpoint.flags, 0U);
+}
+
+TEST(Listing, RefusalsAreFatalOrKeepTheDirectoryAsOneObject) {
+    const ObjectTree root = NewDirectoryNode(nullptr, "/home/x*", 0, 0, {});
+    ObjectNode& dir = AppendDirectory(*root, "/home/x1", 040755, 10, {});
+    const char* const in_use = "550 CPF3CAA List is too long";
+    Capture capture;
+    EXPECT_EQ(ListFailed(nullptr, &dir), -22);
+    EXPECT_EQ(ListFailed("", nullptr), -22);
+    EXPECT_EQ(ListFailed("550 no", &dir), -1);
+    EXPECT_EQ(capture.Take(), "vondral[ftp.cpp]: NULL input\nvondral[ftp.cpp]: NULL input\n"
+                              "vondral[ftp.cpp]: LIST command failed\n  550 no\n");
+    EXPECT_EQ(ListFailed(in_use, &dir), 0);
+    ASSERT_NE(root->first_file, nullptr);
+    EXPECT_EQ(root->first_file->name, "/home/x1");
+    EXPECT_EQ(root->first_file->size, 10U);
+    EXPECT_TRUE(root->partial && dir.released);
+    EXPECT_EQ(ListFailed(in_use, root.get()), 0);
+    EXPECT_EQ(ListFailed(in_use, root.get()), 0); // adds nothing again
+    EXPECT_EQ(root->last_file->name, "/home/x*");
+    EXPECT_EQ(root->count, 2U);
+    ObjectNode& libraries = AppendDirectory(*root, "/QSYS.LIB", 040755, 0, {});
+    Capture again;
+    EXPECT_EQ(ListFailed(in_use, &libraries), -1);
+    EXPECT_EQ(again.Take(), std::string("vondral[ftp.cpp]: /QSYS.LIB is exempt\n"
+                                        "vondral[ftp.cpp]: LIST command failed\n  ") +
+                                in_use + "\n");
+}
+
+} // namespace

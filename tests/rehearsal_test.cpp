@@ -1,0 +1,1 @@
+[[maybe_unused]] static int placeholder_rehearsal;

@@ -1,0 +1,103 @@
+#include "restore.h"
+
+#include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "test_support.h"
+
+namespace {
+
+// Feeds an entry of `size` bytes from an archive that holds `held` of its bytes, padding included.
+std::string Fed(const std::string& archive, std::int64_t size, bool through_pipe, std::int64_t& left) {
+    const TempDir temp;
+    WriteFile(temp / "a", archive);
+    Descriptor input(::open((temp / "a").c_str(), O_RDONLY));
+    std::thread feeder;
+    if (through_pipe) {
+        int ends[2];
+        EXPECT_EQ(::pipe(ends), 0);
+        input.Reset(ends[0]);
+        feeder = std::thread([&archive, out = ends[1]] {
+            const Descriptor owner(out);
+            for (std::size_t at = 0; at < archive.size(); at += 700) // pieces that are no blocks
+                EXPECT_GT(::write(out, archive.data() + at, std::min<std::size_t>(700, archive.size() - at)),
+                          0);
+        });
+    }
+    ArchiveReader reader{input.Get(), 0, size, size};
+    std::string fed;
+    std::vector<char> buffer(65536);
+    for (int count = 65536;; count = 65536) {
+        EXPECT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count), 0);
+        if (count <= 0)
+            break;
+        fed.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    if (feeder.joinable())
+        feeder.join();
+    left = reader.left;
+    return fed;
+}
+
+TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
+    for (const bool through_pipe : {false, true}) {
+        for (const std::int64_t size : {1, 511, 512, 513, 65535, 65536, 65537, 200000}) {
+            std::string data(static_cast<std::size_t>(size), 'd');
+            const std::size_t padded = (data.size() + 511) / 512 * 512;
+            std::int64_t left = 0;
+            EXPECT_EQ(Fed(data + std::string(padded - data.size(), '\0') + "next", size, through_pipe, left),
+                      data);
+            EXPECT_EQ(left, size - static_cast<std::int64_t>(padded));
+        }
+        std::int64_t left = 0;
+        EXPECT_EQ(Fed("cut off", 5000, through_pipe, left), "cut off"); // an archive that ends early
+        EXPECT_EQ(left, 5000 - 7);
+        EXPECT_EQ(Fed("data", 0, through_pipe, left), "");
+    }
+}
+
+TEST(ArchiveReader, FailedReadsAreReported) {
+    const FreshSettings fresh;
+    RunSettings.restore_path = "the archive";
+    ArchiveReader reader{-1, 0, 10, 10};
+    int count = 65536;
+    Capture capture;
+    EXPECT_EQ(ArchiveReadCallback(&reader, nullptr, &count), -1);
+    EXPECT_EQ(ArchiveReadCallback(nullptr, nullptr, &count), -1);
+    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Bad file descriptor\n"
+                              "vondral[restore.cpp]: bad argument\n");
+}
+
+TEST(Skip, SeeksInFilesAndReadsPipes) {
+    const TempDir temp;
+    WriteFile(temp / "a", std::string(2048, 'x'));
+    const Descriptor file(::open((temp / "a").c_str(), O_RDONLY));
+    EXPECT_EQ(SkipArchiveData(file.Get(), 513), 0);
+    EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 1024);
+    EXPECT_EQ(SkipArchiveData(file.Get(), -200), 0); // what an upload took too much is no step back
+    EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 1024);
+
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const Descriptor out(ends[0]);
+    const Descriptor in(ends[1]);
+    Capture capture;
+    ASSERT_EQ(::write(in.Get(), std::string(20000, 'x').data(), 20000), 20000);
+    EXPECT_EQ(SkipArchiveData(out.Get(), 10000), 0); // 10240 with padding
+    std::string rest(20000, '\0');
+    EXPECT_EQ(::read(out.Get(), rest.data(), rest.size()), 20000 - 10240);
+    ASSERT_EQ(::write(in.Get(), "12345", 5), 5);
+    Descriptor closed(::dup(in.Get()));
+    closed.Reset();
+    const_cast<Descriptor&>(in).Reset();
+    EXPECT_EQ(SkipArchiveData(out.Get(), 1024), -1);
+    EXPECT_EQ(SkipArchiveData(-1, 512), -1);
+    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: didn't finish consuming 0x3FB bytes\n"
+                              "vondral[restore.cpp]: lseek64(, 0x200,, SEEK_CUR): Bad file descriptor\n"
+                              "vondral[restore.cpp]: read(list, 512): Bad file descriptor\n"
+                              "vondral[restore.cpp]: didn't finish consuming 0x200 bytes\n");
+}
+
+} // namespace

@@ -1,0 +1,337 @@
+#include "socket.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "test_support.h"
+
+namespace {
+
+// A connection whose other end is the test. The control side keeps packets apart, so that every piece sent is
+// one read of the reader; the data side is a stream.
+struct Peer {
+    FtpConnection control;
+    Descriptor server;
+    Descriptor data_server;
+
+    Peer() {
+        control.tag = ControlTag;
+        server = Connect(control.socket, SOCK_SEQPACKET);
+        control.data = std::make_unique<FtpConnection>();
+        control.data->tag = DataTag;
+        ::setenv("VONDRAL_TEST_MINUTE", "1", 1);
+    }
+    void OpenData() {
+        const Descriptor listener(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        control.data->socket.Reset(::socket(AF_INET, SOCK_STREAM, 0));
+        EXPECT_EQ(::bind(listener.Get(), generic, length), 0);
+        EXPECT_EQ(::listen(listener.Get(), 1), 0);
+        EXPECT_EQ(::getsockname(listener.Get(), generic, &length), 0);
+        EXPECT_EQ(::connect(control.data->socket.Get(), generic, length), 0);
+        data_server.Reset(::accept(listener.Get(), nullptr, nullptr));
+    }
+    void Send(const std::string& piece) const {
+        EXPECT_EQ(::write(server.Get(), piece.data(), piece.size()), piece.size());
+    }
+    void Leave() { server.Reset(); }
+    std::string Received() const {
+        std::array<char, 8192> bytes;
+        const ssize_t count = ::recv(server.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        return count < 0 ? "nothing" : std::string(bytes.data(), static_cast<std::size_t>(count));
+    }
+    static Descriptor Connect(Descriptor& client, int type) {
+        int ends[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, type, 0, ends), 0);
+        client.Reset(ends[0]);
+        return Descriptor(ends[1]);
+    }
+};
+
+// What one call of the reader makes of a greeting sent in these pieces: its result and line.
+std::string Read(FtpConnection& control) {
+    std::array<char, ReplyCapacity> line{};
+    const int result = ReadReply(&control, line);
+    return std::to_string(result) + " " + line.data();
+}
+
+TEST(ReplyReader, JudgesLinesByTheirFirstDigit) {
+    Peer peer;
+    peer.Send("220 a\r\n");
+    peer.Send("331 b\r\n150 c\r\n");
+    peer.Send("550 d\r\n");
+    peer.Send("x\r\n");
+    EXPECT_EQ(Read(peer.control), "0 220 a");
+    EXPECT_EQ(Read(peer.control), "0 331 b");
+    EXPECT_EQ(Read(peer.control), "1 150 c");
+    EXPECT_EQ(Read(peer.control), "1 550 d");
+    EXPECT_EQ(Read(peer.control), "1 x");
+}
+
+TEST(ReplyReader, PassesOverIntermediateLinesThatComeWithARead) {
+    Peer peer;
+    peer.Send("220-QTCP at HOST.\r\n");
+    peer.Send("220 later\r\n");
+    EXPECT_EQ(Read(peer.control), "0 220 later");
+    peer.Send("550-a\r\n550-b\r\n550 c\r\n");
+    EXPECT_EQ(Read(peer.control), "1 550 c");
+    peer.Send("250 first\r\n250-second\r\n250 third\r\n");
+    EXPECT_EQ(Read(peer.control), "0 250 first");
+    EXPECT_EQ(Read(peer.control), "0 250-second"); // was held already
+    EXPECT_EQ(Read(peer.control), "0 250 third");
+}
+
+TEST(ReplyReader, CountsLineEndsWithinOneReadOnly) {
+    Peer peer;
+    peer.Send("220 a\r");
+    peer.Send("\n");
+    peer.Send("220 b\r\n");
+    EXPECT_EQ(Read(peer.control), "0 220 a"); // came to light with the second end
+    EXPECT_EQ(peer.control.lines_held, 0);
+    EXPECT_EQ(peer.control.reply_held, 7U);
+    for (const char byte : std::string("220 c\r\n"))
+        peer.Send({byte}); // never counted
+    Capture capture;
+    EXPECT_EQ(Read(peer.control), "-1 ");
+    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout on control read after 60.00s\n");
+    EXPECT_TRUE(peer.control.socket.IsOpen());
+}
+
+TEST(ReplyReader, HoldsItsLimits) {
+    Peer peer;
+    peer.Send("220 " + std::string(4090, 'x') + "\r\n"); // just fills the buffer
+    EXPECT_EQ(Read(peer.control).size(), 2U + 4094U);
+    peer.Send(std::string(4096, 'x'));
+    EXPECT_EQ(Read(peer.control), "-1 ");
+    EXPECT_EQ(Read(peer.control), "-1 "); // again, without waiting
+    peer.control.lines_held = 1;          // a line that no read can bring
+    Capture capture;
+    EXPECT_EQ(Read(peer.control), "-1 ");
+    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: buffered reply screw up\n");
+}
+
+TEST(ReplyReader, ClosesAndAsksForRecoveryWhenThePeerLeaves) {
+    Peer peer;
+    peer.Send("22");
+    peer.Leave();
+    Capture capture;
+    EXPECT_EQ(Read(peer.control), "-1 ");
+    EXPECT_EQ(capture.Take(),
+              "vondral[socket.cpp]: :0: control connection closed\nvondral[ftp.cpp]: not a session\n");
+    EXPECT_FALSE(peer.control.socket.IsOpen());
+    EXPECT_EQ(peer.control.reply_held, 0U);
+}
+
+TEST(Command, LengthLimits) {
+    Peer peer;
+    for (const std::size_t length : {4092U, 4093U, 4094U}) {
+        peer.Send("200 ok\r\n");
+        const std::string command(length, 'x');
+        Capture capture;
+        const int result = SendCommand(&peer.control, command.c_str());
+        const std::string messages = capture.Take();
+        if (length == 4092) {
+            EXPECT_EQ(peer.Received(), command + "\r\n");
+        } else if (length == 4093) {
+            EXPECT_EQ(peer.Received(), command + "\r" + std::string(1, '\0')); // the LF is cut off
+        } else {
+            EXPECT_EQ(peer.Received(), "nothing");
+            EXPECT_EQ(messages, "vondral[socket.cpp]: command too long\n");
+        }
+        EXPECT_EQ(result, length == 4094 ? -1 : 0);
+    }
+}
+
+TEST(Command, RefusesOtherRecords) {
+    FtpConnection untagged;
+    EXPECT_EQ(SendCommand(&untagged, "NOOP"), -1);
+    EXPECT_EQ(SendCommand(nullptr, "NOOP"), -1);
+    EXPECT_EQ(ConnectControl(&untagged), -1);
+    EXPECT_EQ(CloseConnection(nullptr), -1);
+    auto data = std::make_unique<FtpConnection>();
+    data->tag = DataTag;
+    EXPECT_EQ(CloseConnection(std::move(data)), -1);
+}
+
+TEST(Command, WaitsForTheFinalReplyHoweverLong) {
+    Peer peer;
+    std::thread server([&peer] {
+        ::usleep(30000);
+        peer.Send("250 done\r\n");
+    });
+    Capture capture;
+    EXPECT_EQ(SendCommand(&peer.control, "RCMD SAV"), 0);
+    server.join();
+    const std::string messages = capture.Take();
+    EXPECT_TRUE(messages.starts_with("vondral[socket.cpp]: poll(): timedout after 60.00s (60.00s)\n"
+                                     "vondral[socket.cpp]: poll(): timedout after 60.00s (120.00s)\n"))
+        << messages;
+}
+
+TEST(Command, CopiesRefusalsAndTheReplyOfSyst) {
+    Peer peer;
+    std::array<char, 8> reply{};
+    peer.Send("150 soon\r\n550 no way\r\n");
+    EXPECT_EQ(SendCommand(&peer.control, "X", reply), 1);
+    EXPECT_EQ(std::string(reply.data(), 8), "550 no w"); // cut, and so without an end
+    reply.fill('-');
+    peer.Send("215 a\r\n");
+    EXPECT_EQ(SendCommand(&peer.control, "X", reply), 0);
+    EXPECT_EQ(reply[0], '-');
+    peer.Send("215 a\r\n");
+    EXPECT_EQ(SendCommand(&peer.control, "syst", reply), 0);
+    EXPECT_STREQ(reply.data(), "215 a");
+}
+
+// Collects what a download brings.
+struct Collector {
+    std::string bytes;
+    std::vector<int> counts;
+    int answer = 0;
+
+    static int Take(void* self, char* buffer, int* count) {
+        auto* const collector = static_cast<Collector*>(self);
+        collector->bytes.append(buffer, static_cast<std::size_t>(*count));
+        collector->counts.push_back(*count);
+        return collector->answer;
+    }
+};
+
+TEST(Transfer, ReceivesWholeBlocks) {
+    Peer peer;
+    peer.OpenData();
+    peer.Send("150 coming\r\n");
+    const std::string sent(150000, 'd');
+    std::thread server([&peer, &sent] {
+        for (std::size_t at = 0; at < sent.size(); at += 10000)
+            EXPECT_EQ(::write(peer.data_server.Get(), sent.data() + at, 10000), 10000);
+        peer.data_server.Reset();
+        peer.Send("226 done\r\n");
+    });
+    Collector collector;
+    ::setenv("VONDRAL_TEST_MINUTE", "5000", 1);
+    EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), 0);
+    server.join();
+    EXPECT_EQ(collector.bytes, sent);
+    EXPECT_EQ(collector.counts, (std::vector<int>{65536, 65536, 150000 - 2 * 65536}));
+    EXPECT_FALSE(peer.control.data->socket.IsOpen());
+}
+
+TEST(Transfer, DownloadEndsAfterAsManySilentMinutesAsAllowed) {
+    const FreshSettings fresh;
+    RunSettings.timeout = 3;
+    Peer peer;
+    peer.OpenData();
+    EXPECT_EQ(::write(peer.data_server.Get(), "abc", 3), 3);
+    peer.Send("150 coming\r\n426 gave up\r\n");
+    Collector collector;
+    Capture capture;
+    EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), 1);
+    const std::string head = "vondral[socket.cpp]: ";
+    const std::string silent = head + "poll(): timedout on data read after 60.00s ";
+    EXPECT_EQ(capture.Take(), silent + "(1 times)\n" + silent + "(2 times)\n" + silent + "(3 times)\n" +
+                                  head + "Timeout limit reached (3 times).\n");
+    EXPECT_EQ(collector.bytes, "abc"); // what had come was handed over before the silence counted
+}
+
+TEST(Transfer, AbortingCallbackFailsTheCommandAfterItsReply) {
+    Peer peer;
+    peer.OpenData();
+    EXPECT_EQ(::write(peer.data_server.Get(), "abc", 3), 3);
+    peer.data_server.Reset();
+    peer.Send("150 coming\r\n");
+    peer.Send("226 done\r\n");
+    Collector collector;
+    collector.answer = 1;
+    EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), -1);
+    EXPECT_EQ(peer.control.reply_held, 0U); // the final reply was taken
+}
+
+TEST(Transfer, RefusalWaitsForTheDataConnectionToEnd) {
+    Peer peer;
+    peer.OpenData();
+    peer.Send("550 no such file\r\n");
+    std::thread server([&peer] {
+        ::usleep(20000);
+        peer.data_server.Reset();
+    });
+    Collector collector;
+    ::setenv("VONDRAL_TEST_MINUTE", "5000", 1);
+    EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), 1);
+    server.join();
+    EXPECT_FALSE(peer.control.data->socket.IsOpen());
+    EXPECT_TRUE(peer.control.socket.IsOpen());
+}
+
+TEST(Transfer, SilenceBeforeTheFirstReplyClosesBothConnections) {
+    const FreshSettings fresh;
+    RunSettings.timeout = 2;
+    Peer peer;
+    peer.OpenData();
+    Collector collector;
+    Capture capture;
+    EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), -1);
+    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout after 60.00s (60.00s)\n"
+                              "vondral[socket.cpp]: poll(): timedout after 60.00s (120.00s)\n"
+                              "vondral[ftp.cpp]: not a session\n");
+    EXPECT_FALSE(peer.control.socket.IsOpen() || peer.control.data->socket.IsOpen());
+}
+
+// Supplies `left` bytes.
+int Supply(void* left, char* buffer, int* count) {
+    int& rest = *static_cast<int*>(left);
+    *count = std::min(rest, *count);
+    std::memset(buffer, 'u', static_cast<std::size_t>(*count));
+    rest -= *count;
+    return 0;
+}
+
+TEST(Transfer, OneSilentMinuteAbortsAnUpload) {
+    Peer peer;
+    peer.OpenData();
+    peer.Send("150 go on\r\n");
+    peer.Send("426 no data\r\n");
+    int left = 30000000; // more than the socket holds while nobody reads
+    Capture capture;
+    const int result = SendCommand(&peer.control, "STOR x", {}, {nullptr, Supply, &left});
+    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout on data write after 60.00s\n"
+                              "vondral[socket.cpp]: we didn't send everything\n");
+    EXPECT_EQ(result, 1);
+    EXPECT_FALSE(peer.control.data->socket.IsOpen());
+}
+
+TEST(Pasv, AddressesAndPortsOfReplies) {
+    struct Row {
+        const char* reply;
+        const char* messages; // of the parser, before the engine's own; "" when a connection was tried
+    };
+    for (const Row& row :
+         {Row{"200 Entering (127,0,0,1,0,1)", "bad PASV response"},
+          {"227 no digits", "PASV response without address"},
+          {"227 (127,0,0,1,0)", "PASV response port invalid"},
+          {"227 (127,0,0,1)", "PASV response address invalid"},
+          {"227 (127,0,0,1,x,1)", "PASV response port invalid"},
+          {"227 (127,0,0,1,1,x)", "PASV response port invalid"},
+          {"227 (300,0,0,1,1,1)", "PASV response address invalid"},
+          {"227 (127,0,0,111111111111111111111111111111,1,1)", "PASV response address invalid"},
+          {"227 Entering Passive Mode (127,0,0,1,0,1).", "connect(, 127.0.0.1:1): Connection refused"},
+          {"227 =127,0,0,1,256,1", "connect(, 127.0.0.1:1): Connection refused"}}) {
+        Peer peer;
+        peer.Send(std::string(row.reply) + "\r\n");
+        Capture capture;
+        EXPECT_EQ(SendCommand(&peer.control, "PASV"), -1);
+        EXPECT_EQ(capture.Take(), std::string("vondral[socket.cpp]: ") + row.messages +
+                                      "\nvondral[socket.cpp]: can't connect data port\n");
+    }
+}
+
+} // namespace

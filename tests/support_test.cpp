@@ -1,0 +1,68 @@
+#include <thread>
+
+#include "support.h"
+#include "test_support.h"
+
+namespace {
+
+std::string Logged(const char* text) {
+    testing::internal::CaptureStdout();
+    LogMessage("%s", text);
+    return testing::internal::GetCapturedStdout();
+}
+
+TEST(Log, TagsThreadsInTheOrderOfTheirAppearance) {
+    ClearThreadRegistry();
+    EXPECT_EQ(RegisterThread(-1), 0U);
+    EXPECT_EQ(Logged("x").substr(11), "[T00] x");
+    std::thread([] { EXPECT_EQ(Logged("y").substr(11), "[T01] y"); }).join();
+    EXPECT_EQ(RegisterThread(-1), 2U); // numbers are not given twice
+    EXPECT_EQ(Logged("z").substr(11), "[T02] z");
+    EXPECT_EQ(RegisterThread(140), 140U);
+    EXPECT_EQ(Logged("").substr(11), "[T140] ");
+}
+
+TEST(Log, LinesOfThreadsNeverMix) {
+    ClearThreadRegistry();
+    testing::internal::CaptureStdout();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([] {
+            for (int line = 0; line < 200; ++line)
+                LogMessage("%s %s\n", "one", "line");
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    std::string expected;
+    for (int line = 0; line < 800; ++line)
+        expected += "one line\n";
+    EXPECT_EQ(Messages(testing::internal::GetCapturedStdout()), expected);
+}
+
+TEST(Text, HeadNamesProgramModuleAndLine) {
+    const std::string line = std::to_string(__LINE__ + 1);
+    EXPECT_EQ(FailureHead(), std::string(ProgramName) + "[support_test.cpp," + line + "]: ");
+    EXPECT_EQ(ColonFailureHead({"a/b.cpp", 7}), std::string(ProgramName) + "[b.cpp:7] : ");
+}
+
+TEST(Text, AmountsChangeUnitsAboveTheLimitOnly) {
+    struct Row {
+        ScaledAmount (*scale)(double);
+        double amount;
+        double value;
+        int unit;
+    };
+    for (const Row& row : {Row{ScaleDecimal, 2000, 2000, 0},
+                           {ScaleDecimal, 2001, 2.001, 1},
+                           {ScaleDecimal, 2000001, 2.000001, 2},
+                           {ScaleDecimal, 5e12, 5000, 3},
+                           {ScaleBinary, 2048, 2048, 0},
+                           {ScaleBinary, 2049, 2049 / 1024.0, 1},
+                           {ScaleBinary, 4096.0 * 1024 * 1024 * 1024, 4096, 3}}) {
+        const ScaledAmount scaled = row.scale(row.amount);
+        EXPECT_DOUBLE_EQ(scaled.value, row.value) << row.amount;
+        EXPECT_EQ(scaled.unit, row.unit) << row.amount;
+    }
+}
+
+} // namespace

@@ -1,0 +1,211 @@
+#include "test_support.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "vondral-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("mkdtemp: " + std::string(std::strerror(errno)));
+    path = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    fs::remove_all(path, ignored);
+}
+
+std::string ReadFile(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+void WriteFile(const fs::path& path, const std::string& bytes) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string Messages(const std::string& log) {
+    static const std::regex prefix(R"(\[\d\d:\d\d:\d\d\] \[T\d+\] )");
+    static const std::regex place(R"((\[\w+\.cpp)[,:]\d+\])");
+    static const std::regex seconds(R"( +[\d.]+ s( [\d.]+ [ KMG]?B/s)?)");
+    std::string text = std::regex_replace(log, prefix, "");
+    text = std::regex_replace(text, place, "$1]");
+    return std::regex_replace(text, seconds, " # s");
+}
+
+Capture::Capture() {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+}
+
+std::string Capture::Take() {
+    const std::string err = testing::internal::GetCapturedStderr();
+    return Messages(err + testing::internal::GetCapturedStdout());
+}
+
+namespace {
+
+void OpenAs(int descriptor, const fs::path& path, int flags) {
+    const int opened = ::open(path.c_str(), flags, 0600);
+    if (opened < 0)
+        ::_exit(126);
+    if (opened != descriptor) {
+        ::dup2(opened, descriptor);
+        ::close(opened);
+    }
+}
+
+} // namespace
+
+pid_t Program::Start() {
+    arguments.insert(arguments.begin(), VONDRAL_UNDER_TEST);
+    environment["VONDRAL_TEST_PORT"] = std::to_string(port);
+    environment["VONDRAL_TEST_MINUTE"] = std::to_string(minute_ms);
+    process_ = ::fork();
+    if (process_ != 0)
+        return process_;
+    constexpr int to_file = O_WRONLY | O_CREAT | O_TRUNC;
+    OpenAs(STDIN_FILENO, input, O_RDONLY);
+    OpenAs(STDOUT_FILENO, logs_ / "out", to_file);
+    OpenAs(STDERR_FILENO, logs_ / "err", to_file);
+    if (close_standard_streams)
+        for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+            ::close(descriptor);
+    for (const auto& [descriptor, path] : outputs)
+        OpenAs(descriptor, path, to_file);
+    for (const auto& [name, value] : environment)
+        ::setenv(name.c_str(), value.c_str(), 1);
+    if (file_size_limit != UINT64_MAX) {
+        const rlimit limit{file_size_limit, file_size_limit};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    std::vector<char*> vector;
+    for (std::string& argument : arguments)
+        vector.push_back(argument.data());
+    vector.push_back(nullptr);
+    ::execv(vector[0], vector.data());
+    ::_exit(127);
+}
+
+Outcome Program::Wait() {
+    int status = 0;
+    ::waitpid(process_, &status, 0);
+    Outcome outcome;
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1 - WTERMSIG(status);
+    outcome.out = ReadFile(logs_ / "out");
+    outcome.err = ReadFile(logs_ / "err");
+    return outcome;
+}
+
+// The archive format, a second time and without a look at the program's codec.
+
+namespace {
+
+constexpr std::size_t Block = 512;
+
+int Sum(const std::string& block) {
+    int sum = 8 * ' ';
+    for (std::size_t i = 0; i < Block; ++i)
+        sum += i >= 148 && i < 156 ? 0 : static_cast<signed char>(block[i]);
+    return sum & 0xFFFF;
+}
+
+std::string Octal(unsigned long long value, int digits) {
+    std::ostringstream text;
+    text.width(digits);
+    text.fill('0');
+    text << std::oct << value;
+    return text.str();
+}
+
+std::string ReadName(const std::string& header) {
+    const auto piece = [&header](std::size_t offset, std::size_t width) {
+        return header.substr(offset, width);
+    };
+    const bool is_long = header.substr(293, 3) == "100";
+    const std::string whole = piece(0, 100) + piece(368, 70) +
+                              (is_long ? piece(159, 98) + piece(440, 70) + piece(305, 62) : std::string());
+    return whole.substr(0, whole.find('\0'));
+}
+
+std::size_t ReadSize(const std::string& header) {
+    static const std::string alphabet = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    const std::string field = header.substr(124, 12);
+    if (field[0] != '#')
+        return std::stoull(field, nullptr, 8);
+    std::size_t size = 0;
+    for (std::size_t i = field.size() - 1; i > 0; --i)
+        size = size * 64 + alphabet.find(field[i]);
+    return size;
+}
+
+} // namespace
+
+std::optional<std::vector<ArchiveEntry>> ReadArchiveFile(const fs::path& path) {
+    const std::string archive = ReadFile(path);
+    std::vector<ArchiveEntry> entries;
+    for (std::size_t offset = 0; offset + Block <= archive.size();) {
+        const std::string header = archive.substr(offset, Block);
+        if (header.substr(148, 8) != Octal(static_cast<unsigned>(Sum(header)), 7) + '\0')
+            return std::nullopt;
+        if (header.find_first_not_of('\0') == 148 && header.find_last_not_of('\0') < 156)
+            return entries;
+        const std::size_t size = ReadSize(header);
+        const std::size_t padded = (size + Block - 1) / Block * Block;
+        if (offset + Block + padded > archive.size() || header.substr(265, 12) != header.substr(124, 12))
+            return std::nullopt;
+        const std::string padding = archive.substr(offset + Block + size, padded - size);
+        if (padding.find_first_not_of('\0') != padding.npos)
+            return std::nullopt;
+        entries.push_back({ReadName(header), archive.substr(offset + Block, size)});
+        offset += Block + padded;
+    }
+    return std::nullopt;
+}
+
+std::string MakeArchive(const std::vector<ArchiveEntry>& entries) {
+    std::string archive;
+    const auto add_header = [&archive](std::string header) {
+        header.replace(148, 7, Octal(static_cast<unsigned>(Sum(header)), 7));
+        archive += header;
+    };
+    for (const ArchiveEntry& entry : entries) {
+        std::string header(Block, '\0');
+        header.replace(0, entry.name.size(), entry.name);
+        header.replace(124, 11, Octal(entry.data.size(), 11));
+        add_header(header);
+        archive += entry.data;
+        archive.resize((archive.size() + Block - 1) / Block * Block);
+    }
+    add_header(std::string(Block, '\0'));
+    return archive;
+}
+
+std::string DiffTrees(const fs::path& one, const fs::path& other) {
+    const TempDir scratch;
+    const fs::path report = scratch / "report";
+    const pid_t process = ::fork();
+    if (process == 0) {
+        OpenAs(STDOUT_FILENO, report, O_WRONLY | O_CREAT);
+        ::execlp("diff", "diff", "-r", "--no-dereference", one.c_str(), other.c_str(), nullptr);
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    const std::string text = ReadFile(report);
+    return status == 0 ? text : text + "diff ended with " + std::to_string(status);
+}

@@ -1,0 +1,95 @@
+// What the tests share.
+
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include "rehearsal.h"
+#include "settings.h"
+
+// A directory of its own for one test, gone with it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    std::filesystem::path path;
+    std::filesystem::path operator/(const std::string& name) const { return path / name; }
+};
+
+std::string ReadFile(const std::filesystem::path& path);
+void WriteFile(const std::filesystem::path& path, const std::string& bytes);
+
+// Log text as messages, one a line, without what differs from run to run: the prefixes, the source lines,
+// figures of seconds and rates.
+std::string Messages(const std::string& log);
+
+// Takes over standard output and error from construction to Take().
+class Capture {
+public:
+    Capture();
+    // Both streams' messages, those of standard error first.
+    std::string Take();
+};
+
+// Settings as a run without options has them, for as long as it stands.
+struct FreshSettings {
+    FreshSettings() { RunSettings = Settings{}; }
+    ~FreshSettings() { RunSettings = Settings{}; }
+};
+
+// One finished run of the program.
+struct Outcome {
+    int status = -1; // -1 - signal when a signal ended it
+    std::string out;
+    std::string err;
+};
+
+// The program, started as a user starts it, against a rehearsal server. A minute of its waits lasts
+// `minute_ms`.
+struct Program {
+    std::vector<std::string> arguments;
+    std::uint16_t port = 0;
+    int minute_ms = 60000;
+    std::map<int, std::filesystem::path> outputs; // further descriptors, opened for writing
+    std::filesystem::path input = "/dev/null";    // standard input
+    std::map<std::string, std::string> environment;
+    std::uint64_t file_size_limit = UINT64_MAX; // bytes, as setrlimit has it
+    bool close_standard_streams = false;        // descriptors 0 to 2 are not there at all
+
+    pid_t Start();
+    Outcome Wait();
+    Outcome Run() {
+        Start();
+        return Wait();
+    }
+
+private:
+    pid_t process_ = -1;
+    TempDir logs_;
+};
+
+// One entry of an archive, read by the layout alone.
+struct ArchiveEntry {
+    std::string name;
+    std::string data;
+};
+
+// The entries up to the sentinel; nothing when the archive breaks the format anywhere.
+std::optional<std::vector<ArchiveEntry>> ReadArchiveFile(const std::filesystem::path& path);
+
+// The bytes of an archive with these entries, made by the layout alone.
+std::string MakeArchive(const std::vector<ArchiveEntry>& entries);
+
+// What differs between two trees, as `diff -r` says it; "" when nothing does.
+std::string DiffTrees(const std::filesystem::path& one, const std::filesystem::path& other);

@@ -1,0 +1,273 @@
+#include "vondral.h"
+
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "credentials.h"
+#include "options.h"
+#include "path_file.h"
+#include "test_support.h"
+
+namespace {
+
+// The command line
+
+struct CommandLine {
+    FreshSettings fresh;
+    int result = 0;
+    std::string messages;
+    std::vector<std::string> words;
+
+    explicit CommandLine(std::vector<std::string> given) : words(std::move(given)) {
+        words.insert(words.begin(), "vondral");
+        std::vector<char*> vector;
+        for (std::string& word : words)
+            vector.push_back(word.data());
+        vector.push_back(nullptr);
+        Capture capture;
+        result = ParseCommandLine(static_cast<int>(words.size()), vector.data());
+        messages = capture.Take();
+    }
+    // The messages before the usage text.
+    std::string Complaints() const { return messages.substr(0, messages.find("usage: ")); }
+};
+
+TEST(Options, TheWholeUsageText) {
+    Capture capture;
+    Usage();
+    EXPECT_EQ(capture.Take(), ReadFile(std::filesystem::path(__FILE__).parent_path() / "usage.txt"));
+}
+
+TEST(Options, ErrorsAreCollectedAndReportedTogether) {
+    const CommandLine line({"-vx", "--wait", "100000", "-w", "-2",         "-l", "3x",         "-n",
+                            "99",  "-z",     "0",      "-z", "100000",     "-d", "12y",        "-m",
+                            "1k",  "-c",     "fred",   "-i", "/nowhere/i", "-C", "/nowhere/c", "stray"});
+    EXPECT_EQ(line.result, -1);
+    EXPECT_EQ(line.Complaints(),
+              "vondral: verbose value must be a number\ninvalid argument: --wait 100000\n"
+              "invalid argument: --wait -2\nvondral: '3x': can't parse file descriptor\n"
+              "vondral: fdopen(99): Bad file descriptor\ninvalid argument: --timeout 0\n"
+              "invalid argument: --timeout 100000\nvondral: '12y': can't parse timestamp\n"
+              "vondral: '1k': can't parse block size\nvondral: Missing password in credentials\n"
+              "vondral: fopen(/nowhere/i): No such file or directory\n"
+              "vondral: Failed to open catalog file /nowhere/c\nvondral: unknown argument: stray\n");
+}
+
+TEST(Options, WhatARunNeeds) {
+    EXPECT_EQ(CommandLine({}).Complaints(), "vondral: you must provide a server name\n");
+    EXPECT_EQ(CommandLine({"-s", "h"}).Complaints(), "vondral: you must provide login credentials\n");
+    EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:there:x"}).Complaints(),
+              "vondral: bad where following user name\n");
+    EXPECT_EQ(CommandLine({"--help"}).Complaints(), "");
+    EXPECT_EQ(CommandLine({"--help"}).result, -1);
+    EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:here:x"}).messages, "");
+    EXPECT_EQ(CommandLine({"-d", "9223372036854775807"}).Complaints(),
+              "vondral: '9223372036854775807': can't parse timestamp\n");
+}
+
+TEST(Options, Values) {
+    ::setenv("TZ", "UTC", 1);
+    struct Row {
+        std::vector<std::string> words;
+        bool (*holds)();
+    };
+    for (const Row& row : {
+             Row{{"-v", "-v"}, [] { return RunSettings.verbosity == 2; }},
+             {{"-v", "-v5"}, [] { return RunSettings.verbosity == 5; }},
+             {{"--verbose=0x3"}, [] { return RunSettings.verbosity == 3; }},
+             {{"-w", "-1"}, [] { return RunSettings.wait == "*NOMAX"; }},
+             {{"-w", "12abc"}, [] { return RunSettings.wait == "12abc"; }},
+             {{"-w", "0"}, [] { return RunSettings.wait == "0"; }},
+             {{"-z", "99999"}, [] { return RunSettings.timeout == 99999; }},
+             {{"-p", "no"}, [] { return !RunSettings.precheck; }},
+             {{"-p", "Yes"}, [] { return RunSettings.precheck; }},
+             {{"-p", ""}, [] { return !RunSettings.precheck; }},
+             {{"-x", "0"}, [] { return !RunSettings.threading; }},
+             {{"-x", "1"}, [] { return RunSettings.threading; }},
+             {{"-m", "0x10"}, [] { return RunSettings.max_block_size == 16; }},
+             {{"-m", "010"}, [] { return RunSettings.max_block_size == 8; }},
+             {{}, [] { return RunSettings.max_block_size == UINT64_MAX && RunSettings.precheck; }},
+             {{"-d", "86399"},
+              [] {
+                  return RunSettings.cutoff && RunSettings.cutoff_time == 86399 &&
+                         RunSettings.cutoff_date == "01/01/70" && RunSettings.cutoff_clock == "23:59:59";
+              }},
+             {{"-t", "-t"}, [] { return RunSettings.test_count == 2; }},
+             {{"-b", "a", "-r", "-", "-b", "b"},
+              [] { return RunSettings.backup_path == "b" && RunSettings.restore_path == "-"; }},
+         }) {
+        const CommandLine line(row.words);
+        EXPECT_TRUE(row.holds()) << testing::PrintToString(row.words);
+    }
+}
+
+TEST(Options, AnUnexpectedResultIsReportedInTwoCalls) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(HandleOption('~', nullptr), -1);
+    EXPECT_EQ(HandleOption(1, nullptr), -1);
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(log.size(), 2 * (17 + 19 + 17) + 2U + 5U) << log;
+    EXPECT_EQ(Messages(log), "vondral: getopt(): ~\nvondral: getopt(): 0x01\n");
+    EXPECT_EQ(log.substr(17 + 19, 1), "["); // the second call's prefix stands inside the line
+}
+
+// Credentials
+
+TEST(Credentials, EveryFormAndEveryRefusal) {
+    const FreshSettings fresh;
+    const TempDir temp;
+    const std::string file = (temp / "pass").string();
+    ::setenv("VONDRAL_TEST_SECRET", "from env", 1);
+    struct Row {
+        std::string argument;
+        std::string file; // what the file holds
+        std::string user; // "" with password "-": refused
+        std::string password;
+        std::string messages;
+    };
+    const std::string truncated = "vondral: Passphrase truncated to ";
+    for (const Row& row :
+         {Row{"user:here:a:b", "", "user", "a:b", ""},
+          {"user:HERE:", "", "user", "", ""},
+          {":here:x", "", "", "x", ""},
+          {"user:Env:VONDRAL_TEST_SECRET", "", "user", "from env", ""},
+          {"user:file:" + file, "secret\r\nrest", "user", "secret\r", ""},
+          {"user:file:" + file, "secret", "user", "secret", truncated + "6 bytes\n"},
+          {"user:file:" + file, "", "user", "", truncated + "0 bytes\n"},
+          {"user:file:" + file, std::string(5000, 'x'), "user", std::string(4095, 'x'),
+           truncated + "4095 bytes\n"},
+          {"user", "", "", "-", "vondral: Missing password in credentials\n"},
+          {"user:ftp:x", "", "", "-", "vondral: bad where following user name\n"},
+          {"user:env:VONDRAL_TEST_NONE", "", "", "-",
+           "vondral: There is no environment variable named 'VONDRAL_TEST_NONE'\n"},
+          {"user:fd:4x", "", "", "-", "vondral: Bad file descriptor '4x'\n"},
+          {"user:fd:", "", "", "-", "vondral: Bad file descriptor ''\n"},
+          {"user:fd:99", "", "", "-", "vondral: read(99): Bad file descriptor\n"},
+          {"user:file:/nowhere/p", "", "", "-", "vondral: open(/nowhere/p): No such file or directory\n"},
+          {"user:file:" + temp.path.string(), "", "", "-",
+           "vondral: read(" + temp.path.string() + "): Is a directory\n"}}) {
+        WriteFile(file, row.file);
+        Capture capture;
+        EXPECT_EQ(ReadCredentials(row.argument.c_str()), row.password == "-" ? -1 : 0) << row.argument;
+        EXPECT_EQ(capture.Take(), row.messages) << row.argument;
+        EXPECT_EQ(RunSettings.user.value_or(""), row.user) << row.argument;
+        EXPECT_EQ(RunSettings.password.value_or("-"), row.password) << row.argument;
+    }
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    ASSERT_EQ(::write(ends[1], "first\nsecond\n", 13), 13);
+    EXPECT_EQ(ReadCredentials(("u:fd:" + std::to_string(ends[0])).c_str()), 0);
+    EXPECT_EQ(RunSettings.password, "first");
+    EXPECT_EQ(::fcntl(ends[0], F_GETFD), 0); // left open
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST(Credentials, APassphraseOnTheCommandLineIsOverwritten) {
+    const CommandLine line({"-s", "h", "-c", "fred:Here:secret", "--credentials=bob:here:word"});
+    EXPECT_EQ(line.words[4], "fred:Here:******");
+    EXPECT_EQ(line.words[5], "--credentials=bob:here:****");
+    EXPECT_EQ(RunSettings.password, "word");
+}
+
+// Path files
+
+TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
+    struct Row {
+        const char* file;
+        const char* path;
+        bool restoring;
+        int result;
+        const char* collected; // "path>second path", of a question with a list
+    };
+    const TempDir temp;
+    for (const Row& row :
+         {Row{"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIB/Y.FILE", false, 0, "/QSYS.LIB/X.LIB/Y.FILE> "},
+          {"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIBRARY", false, 1, ""},
+          {"/home/*\n", "/home/a", false, 0, "/home/a> "},
+          {"/home/*\n", "/home/a/b", false, 0, "/home/a/b> "},
+          {"/home/*\n", "/home", false, 1, "/home/*> "},
+          {"*.txt\n", "a.txt", false, 0, "a.txt> "},
+          {"/a/*\n/b\n", "/a/x", true, 1, ""},
+          {"/a/b :: /c/d\n/a/b/c\n/a\n", "/a", true, 0, "/a/b>/c/d /a/b/c> /a> "},
+          {"/a :: /b :: /c", "/a", true, 0, "/a>/b :: /c "},
+          {"/a ::\n/A\n", "/a", true, 1, ""},
+          {"", "/a", false, 1, ""}}) {
+        const FreshSettings fresh;
+        if (row.restoring)
+            RunSettings.restore_path = "x";
+        WriteFile(temp / "paths", row.file);
+        const Stream stream(std::fopen((temp / "paths").c_str(), "r"));
+        StringList list;
+        for (int repeat = 0; repeat < 2; ++repeat) { // the file is read anew each time
+            list.clear();
+            EXPECT_EQ(MatchPathFile(row.path, &list, stream.get()), *row.collected == '\0' ? 1 : 0)
+                << row.file;
+        }
+        std::string collected;
+        for (const StringPair& pair : list)
+            collected += pair.first + ">" + pair.second.value_or("") + " ";
+        EXPECT_EQ(collected, row.collected) << row.file;
+        EXPECT_EQ(MatchPathFile(row.path, nullptr, stream.get()),
+                  collected.find(std::string(row.path) + ">") != collected.npos ? 0 : 1)
+            << row.file;
+    }
+    EXPECT_EQ(MatchPathFile("/a", nullptr, nullptr), 1);
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const Stream pipe(::fdopen(ends[0], "r"));
+    ::close(ends[1]);
+    Capture capture;
+    EXPECT_EQ(MatchPathFile("/a", nullptr, pipe.get()), -1);
+    EXPECT_EQ(capture.Take(), "vondral: fseek(stream, 0, SEEK_SET): Illegal seek\n");
+}
+
+// The printer of list mode
+
+std::string Printed(const std::string& include, const std::vector<std::string>& chunks, int result = 0) {
+    const TempDir temp;
+    const FreshSettings fresh;
+    RunSettings.list.reset(std::fopen((temp / "list").c_str(), "w"));
+    ListPrinterContext context;
+    context.include_path = include;
+    int last = 0;
+    for (std::string chunk : chunks) {
+        int count = static_cast<int>(chunk.size());
+        last = ListPrinter(&context, chunk.data(), &count);
+    }
+    EXPECT_EQ(last, result);
+    RunSettings.list.reset();
+    return ReadFile(temp / "list");
+}
+
+TEST(ListPrinter, PrintsPathsWhole) {
+    const std::string dir = "drwx---rwx   1 QPGMR    0   20480 Sep 24 18:16 ";
+    const std::string file = "-rwx---rwx   1 QPGMR    0   20480 Sep 24  2009 ";
+    EXPECT_EQ(Printed("/", {dir + "home\r\n" + file + "f\r\n"}), "/home/\n/f\n");
+    EXPECT_EQ(Printed("/home/", {file + "a name\r\n"}), "/home/a\n"); // cut at the blank
+    EXPECT_EQ(Printed("/qsys.lib", {dir + "X.lib\r\n" + dir + "X.FILE\r\n"}), "/qsys.lib/X.lib\n");
+    EXPECT_EQ(Printed("/h", {"too short\r\n"}), "/h/\n");
+    const std::string lines = dir + "a\r\n" + file + "b\r\n";
+    for (std::size_t at = 0; at <= lines.size(); ++at) // also between the line end's two bytes
+        EXPECT_EQ(Printed("/h", {lines.substr(0, at), lines.substr(at)}), "/h/a/\n/h/b\n") << at;
+}
+
+TEST(ListPrinter, Limits) {
+    Capture capture;
+    EXPECT_EQ(Printed("/", {std::string(4095, 'x'), "x\r\n"}), "/\n");
+    EXPECT_EQ(Printed("/", {std::string(4096, 'x')}, -1), "");
+    EXPECT_EQ(Printed("/", {std::string(4097, 'x') + "\r\n"}, -1), "");
+    const std::string start = "- 1 A B 3 Jan 2 2009 ";
+    EXPECT_EQ(Printed("/d", {start + std::string(4050, 'n') + "\r\n"}).size(), 4054U);
+    EXPECT_EQ(Printed("/" + std::string(44, 'd'), {start + std::string(4049, 'n') + "\r\n"}).size(),
+              4095U); // cut
+    EXPECT_EQ(Printed("/" + std::string(45, 'd'), {start + std::string(4049, 'n') + "\r\n"}, -1), "");
+    int count = 0;
+    EXPECT_EQ(ListPrinter(nullptr, nullptr, &count), -1);
+    EXPECT_EQ(capture.Take(), "vondral[vondral.cpp]: buffer overflow\nvondral[vondral.cpp]: buffer overflow\n"
+                              "vondral[vondral.cpp]: path too long\nvondral[vondral.cpp]: bad argument\n");
+}
+
+} // namespace

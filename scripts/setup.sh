@@ -2,7 +2,7 @@
 
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-export LC_ALL=C.UTF-8
+export LC_ALL=C # names of objects are bytes
 
 # need PACKAGE...: installs those that are missing, as root or through sudo. Quiet while all goes well.
 need() {

@@ -28,12 +28,11 @@ struct HeaderField {
 };
 
 namespace HeaderFields {
-constexpr HeaderField Name1{0, 100}; // characters 0 to 99 of the name
-constexpr HeaderField Mode{100, 8};  // st_mode, 7 digits
-constexpr HeaderField Uid{108, 8};   // 0
-constexpr HeaderField Gid{116, 8};   // 0
-constexpr HeaderField Size{124,
-                           12}; // data bytes without padding: 11 digits, or '#' and 11 base-64 characters
+constexpr HeaderField Name1{0, 100};    // characters 0 to 99 of the name
+constexpr HeaderField Mode{100, 8};     // st_mode, 7 digits
+constexpr HeaderField Uid{108, 8};      // 0
+constexpr HeaderField Gid{116, 8};      // 0
+constexpr HeaderField Size{124, 12};    // data bytes without padding: 11 digits, or '#' and 11 base-64 characters
 constexpr HeaderField Mtime{136, 12};   // seconds since the epoch, 11 digits
 constexpr HeaderField Checksum{148, 8}; // 7 digits
 constexpr HeaderField TypeFlag{156, 1}; // '0'
@@ -49,7 +48,7 @@ constexpr HeaderField Name2{368, 70};   // characters 100 to 169
 constexpr HeaderField Name4{440, 70};   // characters 268 to 337, in a long name
 } // namespace HeaderFields
 
-constexpr unsigned LongNameFlag = 64; // set when name pieces 3 to 5 are in use, and for just 100 characters
+constexpr unsigned LongNameFlag = 64;            // set when name pieces 3 to 5 are in use, and for just 100 characters
 constexpr std::size_t LongestName = 400;         // characters that the five pieces hold
 constexpr int SentinelChecksum = 256;            // that of a block of zeros
 constexpr std::string_view NameSuffix = ".savf"; // behind the name of an object saved as a whole directory

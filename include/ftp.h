@@ -75,8 +75,7 @@ int MakeParentDirectories(FtpSession* session, const std::string& path);
 // -1. `directory` is the node being listed: a directory that the server cannot list while it is in use
 // becomes one file of its parent (see ListFailed). Without a node every refusal is final. Once data may have
 // reached the callback a broken connection is recovered, but the listing is not repeated: -1.
-int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context,
-                  ObjectNode* directory);
+int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context, ObjectNode* directory);
 
 // Judges a refused LIST: 0 when the reply holds "CPF3CAA" and the directory was kept as one object, -1 after
 // reporting the reply, -22 when reply or directory is missing.
@@ -113,8 +112,7 @@ struct WorkerEnd {};
 // or -1; after -1 whatever arrived has been closed as an entry, or cut off. Throws WorkerEnd instead of
 // returning when termination was requested.
 int RetrieveToArchive(FtpSession* session, const Checkpoint& outer, const ObjectFile& object,
-                      const std::string& save_file, double& started, DataCallback callback,
-                      ArchiveWriter& writer);
+                      const std::string& save_file, double& started, DataCallback callback, ArchiveWriter& writer);
 
 // Seconds spent on one entry of a restore.
 struct RestoreTimes {
@@ -131,8 +129,8 @@ struct RestoreRequest {
 // Uploads the entry's save file from the callback and has the server restore from it. Gives 0, or -1, for
 // RSTDLO SendCommand's result; for several paths the last one's result. `times` may be null. A connection
 // that breaks once the upload has begun fails the entry: its bytes cannot be read again.
-int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request,
-                  RestoreTimes* times, DataCallback callback, void* argument);
+int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes* times,
+                  DataCallback callback, void* argument);
 
 // Has the server restore the private authorities of the restored user profiles. Gives 0 or -1.
 int RestoreAuthority(FtpSession* session);

@@ -27,5 +27,4 @@ struct ListingFailure {
 //     drwx---rwx   1 QPGMR    0          20480 Sep 24 18:16 TIMESTAMP
 // A date with a time of day belongs to the year of `now`, or to the one before when its month is yet to come.
 // Gives nothing on success, else what failed; the entry is then not to be used.
-std::optional<ListingFailure> ParseListingLine(std::string_view line, const std::tm& now,
-                                               ListingEntry& entry);
+std::optional<ListingFailure> ParseListingLine(std::string_view line, const std::tm& now, ListingEntry& entry);

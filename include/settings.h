@@ -13,11 +13,10 @@ struct Settings {
     std::optional<std::string> server;
     std::optional<std::string> user;
     std::optional<std::string> password;
-    std::optional<std::string> backup_path; // archive to write; selects backup mode
-    std::optional<std::string>
-        restore_path; // archive to read, "-" for standard input; selects restore mode, and
-                      // with it the path file rule that lines with wild cards do not count
-    Stream catalog;   // paths of saved files
+    std::optional<std::string> backup_path;  // archive to write; selects backup mode
+    std::optional<std::string> restore_path; // archive to read, "-" for standard input; selects restore mode, and
+                                             // with it the path file rule that lines with wild cards do not count
+    Stream catalog;                          // paths of saved files
     Stream include;
     Stream exclude;
     Stream list;          // selects list mode

@@ -24,8 +24,7 @@ using RecordTag = std::array<char, 4>;
 constexpr RecordTag ControlTag{'f', 't', 'p', 'c'};
 constexpr RecordTag DataTag{'f', 't', 'p', 'd'};
 
-constexpr std::size_t ReplyCapacity =
-    4096; // bytes of replies held, and of one reply line with its terminator
+constexpr std::size_t ReplyCapacity = 4096;     // bytes of replies held, and of one reply line with its terminator
 constexpr std::size_t TransferCapacity = 65536; // bytes handed to a DataCallback at once
 constexpr int PollMilliseconds = 60000;         // every blocking wait on a socket; longer waits repeat it
 
@@ -85,8 +84,7 @@ int ReadReply(FtpConnection* control, std::span<char, ReplyCapacity> line);
 // `reply`, when given, receives every reply line that is not positive (as strncpy does: cut, and then without
 // a terminator), so that after a 1 it holds the refusal; after SYST it receives the positive reply. A command
 // without a transfer waits for its reply for ever, reporting each minute: a save may run for hours.
-int SendCommand(FtpConnection* control, const char* command, std::span<char> reply = {},
-                const Transfer& transfer = {});
+int SendCommand(FtpConnection* control, const char* command, std::span<char> reply = {}, const Transfer& transfer = {});
 
 // Closes and frees a connection, a control connection together with its data connection. Gives the result of
 // closing the control socket; -1 for a data connection or none.

@@ -9,8 +9,7 @@
 
 struct StringPair {
     std::string first;
-    std::optional<std::string>
-        second; // what stood after " :: " in a path file; absent, not empty, without one
+    std::optional<std::string> second; // what stood after " :: " in a path file; absent, not empty, without one
 };
 
 // Pairs in the order of their appending. Users walk and remove them directly.

@@ -127,8 +127,8 @@ bool IsListed(const std::string& word, const char* words) {
 
 void CheckKnown(const Command& command, const std::string& name, const std::vector<Keyword>& keywords,
                 const std::string& release) {
-    const auto known = std::find_if(keywords.begin(), keywords.end(),
-                                    [&](const Keyword& keyword) { return keyword.name == name; });
+    const auto known =
+        std::find_if(keywords.begin(), keywords.end(), [&](const Keyword& keyword) { return keyword.name == name; });
     if (known == keywords.end() || (known->since && ReleaseNumbers(release) < ReleaseNumbers(known->since)))
         throw Escape{Fill(text::NoKeyword, {name})};
     if (known->values && !IsListed(command.One(name), known->values))

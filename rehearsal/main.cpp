@@ -17,20 +17,19 @@ namespace {
 
 constexpr int BadUsage = 2;
 
-constexpr char Usage[] =
-    "usage: vondral-rehearsal --root DIR [options]\n"
-    "Serves the directory tree DIR as an IBM i FTP server, for rehearsals.\n"
-    "\n"
-    "  --root DIR       the tree to serve (required)\n"
-    "  --sample         fill DIR, which must be empty, with a small sample server first\n"
-    "  --address A      IPv4 address to listen on (127.0.0.1)\n"
-    "  --port N         port to listen on, 0 for any free one (21)\n"
-    "  --user NAME      the one user (%s)\n"
-    "  --password TEXT  the user's password (%s)\n"
-    "  --release VxRyMz the release to report (%s)\n"
-    "  --capitals       send replies in upper case\n"
-    "  --locked PATH    an object that saves cannot get at; can be given again\n"
-    "  --help           this text\n";
+constexpr char Usage[] = "usage: vondral-rehearsal --root DIR [options]\n"
+                         "Serves the directory tree DIR as an IBM i FTP server, for rehearsals.\n"
+                         "\n"
+                         "  --root DIR       the tree to serve (required)\n"
+                         "  --sample         fill DIR, which must be empty, with a small sample server first\n"
+                         "  --address A      IPv4 address to listen on (127.0.0.1)\n"
+                         "  --port N         port to listen on, 0 for any free one (21)\n"
+                         "  --user NAME      the one user (%s)\n"
+                         "  --password TEXT  the user's password (%s)\n"
+                         "  --release VxRyMz the release to report (%s)\n"
+                         "  --capitals       send replies in upper case\n"
+                         "  --locked PATH    an object that saves cannot get at; can be given again\n"
+                         "  --help           this text\n";
 
 struct Arguments {
     rehearsal::Options options;
@@ -83,8 +82,7 @@ Arguments Parse(int argc, char** argv) {
         else if (name == "--capitals")
             arguments.options.capitals = true;
         else if (!name.starts_with("--") || index + 1 == argc)
-            throw UsageError{(name.starts_with("--") ? "value missing or unknown option: " : "unexpected: ") +
-                             name};
+            throw UsageError{(name.starts_with("--") ? "value missing or unknown option: " : "unexpected: ") + name};
         else
             SetValue(arguments, name, argv[++index]);
     }

@@ -22,11 +22,11 @@ namespace rehearsal {
 // connection.
 struct Fault {
     enum class Kind {
-        Replace, // `text` (one or more whole lines without the last CR LF) is sent instead, the command not
-                 // run
-        Pieces,  // the reply goes out in pieces that end at the offsets `cuts`, `pause_ms` between them
-        Close,   // the control connection is closed after `bytes` bytes of the reply (0: before it)
-        Reset,   // the same with a reset (RST) instead of an orderly close
+        Replace,    // `text` (one or more whole lines without the last CR LF) is sent instead, the command not
+                    // run
+        Pieces,     // the reply goes out in pieces that end at the offsets `cuts`, `pause_ms` between them
+        Close,      // the control connection is closed after `bytes` bytes of the reply (0: before it)
+        Reset,      // the same with a reset (RST) instead of an orderly close
         CloseAfter, // the control connection is closed after the whole reply
         Silent,     // the reply never comes; the connection stays open until the client leaves
         DataRefuse, // nothing listens on the port that PASV announced (matches the command PASV)
@@ -51,12 +51,11 @@ struct Options {
     std::uint16_t port = 0;            // 0: any free port
     std::string user = "FRED";         // compared without regard to case, as the real server does
     std::string password = "secret";   // compared exactly
-    std::string release =
-        "V7R3M0";          // as SYST reports it; decides whether RST knows CRTPRNDIR (V5R4M0 and later)
-    bool capitals = false; // reply texts in upper case, as some servers send them
-    std::set<std::string> locked; // server paths that a save cannot get at
-    std::set<std::string> raw;    // files whose save file is just their bytes, neither framed nor padded, and
-                                  // that RST gets back the same way: for save files of an exact length
+    std::string release = "V7R3M0";    // as SYST reports it; decides whether RST knows CRTPRNDIR (V5R4M0 and later)
+    bool capitals = false;             // reply texts in upper case, as some servers send them
+    std::set<std::string> locked;      // server paths that a save cannot get at
+    std::set<std::string> raw;         // files whose save file is just their bytes, neither framed nor padded, and
+                                       // that RST gets back the same way: for save files of an exact length
     std::vector<Fault> faults;
 };
 

@@ -37,12 +37,11 @@ public:
     }
     bool SetTime(std::timespec changed) const {
         const std::array<std::timespec, 2> times{changed, changed};
-        return ::utimensat(beside_.directory.get(), beside_.name.c_str(), times.data(),
-                           AT_SYMLINK_NOFOLLOW) == 0;
+        return ::utimensat(beside_.directory.get(), beside_.name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) == 0;
     }
     bool TakePlace() const {
-        return ::renameat(beside_.directory.get(), beside_.name.c_str(), place_.directory.get(),
-                          place_.name.c_str()) == 0;
+        return ::renameat(beside_.directory.get(), beside_.name.c_str(), place_.directory.get(), place_.name.c_str()) ==
+               0;
     }
 
 private:
@@ -56,8 +55,7 @@ bool RestoreFile(SaveFileReader& reader, const Entry& entry, const Place& place)
     for (auto block = reader.Data(); file && !block.empty(); block = reader.Data())
         WriteFully(file.get(), block);
     reader.Finish();
-    return file && ::fchmod(file.get(), entry.mode) == 0 && object.SetTime(entry.changed) &&
-           object.TakePlace();
+    return file && ::fchmod(file.get(), entry.mode) == 0 && object.SetTime(entry.changed) && object.TakePlace();
 }
 
 bool RestoreLink(SaveFileReader& reader, const Entry& entry, const Place& place) {
@@ -120,8 +118,7 @@ void Restore::FinishDirectories() {
         const auto place = store_.Locate(made.path, false);
         const Descriptor directory = place ? place->Open(O_RDONLY | O_DIRECTORY) : Descriptor();
         const std::array<std::timespec, 2> times{made.changed, made.changed};
-        if (!directory || ::fchmod(directory.get(), made.mode) != 0 ||
-            ::futimens(directory.get(), times.data()) != 0) {
+        if (!directory || ::fchmod(directory.get(), made.mode) != 0 || ::futimens(directory.get(), times.data()) != 0) {
             restored_--;
             refused_++;
         }
@@ -129,8 +126,7 @@ void Restore::FinishDirectories() {
 }
 
 void MakeParents(const Store& store, const std::string& path) {
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         const auto place = store.Locate(path.substr(0, slash), true);
         if (place && !place->Look())
             ::mkdirat(place->directory.get(), place->name.c_str(), 0777);
@@ -153,8 +149,7 @@ bool CopyWithHoles(const Descriptor& from, const Descriptor& to) {
                 return false;
         data = ::lseek(from.get(), end, SEEK_DATA);
     }
-    return errno == ENXIO &&
-           ::ftruncate(to.get(), ::lseek(from.get(), 0, SEEK_END)) == 0; // ENXIO: no more data
+    return errno == ENXIO && ::ftruncate(to.get(), ::lseek(from.get(), 0, SEEK_END)) == 0; // ENXIO: no more data
 }
 
 bool CopyFile(const std::filesystem::path& source, const Place& place) {

@@ -50,8 +50,7 @@ std::vector<Sample> Samples() {
     return {
         {"Security Data", "user profiles FRED QSECOFR\nprivate authorities\n"},
         {"System Configuration", "line ETHLINE\ncontroller QPADEV\n", InTheYear2009},
-        {"QSYS.LIB/PAYROLL.LIB/EMPLOYEES.FILE/EMPLOYEES.MBR",
-         "0001 FRED        1200\n0002 WILMA       1400\n"},
+        {"QSYS.LIB/PAYROLL.LIB/EMPLOYEES.FILE/EMPLOYEES.MBR", "0001 FRED        1200\n0002 WILMA       1400\n"},
         {"QSYS.LIB/PAYROLL.LIB/MONTHLY.PGM", std::string(20480, '\x40'), InTheYear2009, 0755},
         {"QSYS.LIB/PAYROLL.LIB/TIMESTAMP.FILE/TIMESTAMP.MBR"},
         {"QSYS.LIB/ORDERS.LIB/ORDERS.FILE/ORDERS.MBR", std::string(5000, '\xF0')},

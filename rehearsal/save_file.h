@@ -38,13 +38,7 @@ constexpr std::size_t RecordLength = 528; // save files are whole records of thi
 constexpr std::size_t BlockSize = 256 * 1024;
 constexpr std::string_view SaveFileMagic = "REHEARSAL SAVE 1";
 
-enum class SaveKind : char {
-    Paths = 'P',
-    Library = 'L',
-    Documents = 'D',
-    Security = 'S',
-    Configuration = 'C'
-};
+enum class SaveKind : char { Paths = 'P', Library = 'L', Documents = 'D', Security = 'S', Configuration = 'C' };
 
 struct Entry {
     enum class Type : char { File = 'F', Directory = 'D', Link = 'L', End = 'E' };

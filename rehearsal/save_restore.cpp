@@ -51,8 +51,7 @@ Descriptor TemporaryLibrary::Replace(const std::string& name) const {
 std::optional<std::string> SaveFileName(const std::string& path, const std::string& suffix) {
     const std::string upper = Upper(path);
     const std::string library = "/QSYS.LIB/QTEMP.LIB/";
-    if (!upper.starts_with(library) || !upper.ends_with(suffix) ||
-        upper.size() <= library.size() + suffix.size())
+    if (!upper.starts_with(library) || !upper.ends_with(suffix) || upper.size() <= library.size() + suffix.size())
         return std::nullopt;
     const std::string name = upper.substr(library.size(), upper.size() - library.size() - suffix.size());
     return name.find('/') == std::string::npos && name.size() <= 10 ? std::optional(name) : std::nullopt;
@@ -121,9 +120,8 @@ std::vector<ObjectElement> NormalElements(const Command& command) {
 }
 
 bool IsOmitted(const std::vector<ObjectElement>& elements, const std::string& path) {
-    return std::any_of(elements.begin(), elements.end(), [&](const ObjectElement& element) {
-        return element.omit && IsWithin(path, element.path);
-    });
+    return std::any_of(elements.begin(), elements.end(),
+                       [&](const ObjectElement& element) { return element.omit && IsWithin(path, element.path); });
 }
 
 // ---- save files
@@ -150,16 +148,14 @@ std::string ClearSaveFile(const Job& job, const Command& command) {
 class Save {
 public:
     Save(const Job& job, const Command& command)
-        : job_(job), save_file_(UsedSaveFile(job, command)),
-          precheck_(command.One("PRECHK", "*NO") == "*YES") {}
+        : job_(job), save_file_(UsedSaveFile(job, command)), precheck_(command.One("PRECHK", "*NO") == "*YES") {}
 
     void ChangedSince(std::time_t time) { since_ = time; }
     void Leave(std::vector<ObjectElement> elements) { left_out_ = std::move(elements); }
     void Collect(const std::string& path, const Status& status);
     // Gives the number of objects saved and not saved; when there are none, or a preliminary check fails,
     // `nothing` or the check's own message escapes and the save file stays empty.
-    std::pair<std::uint64_t, std::uint64_t> Write(SaveKind kind, const std::string& name,
-                                                  const std::string& nothing);
+    std::pair<std::uint64_t, std::uint64_t> Write(SaveKind kind, const std::string& name, const std::string& nothing);
 
 private:
     struct Object {
@@ -232,8 +228,8 @@ std::pair<std::uint64_t, std::uint64_t> Save::Write(SaveKind kind, const std::st
                                                     const std::string& nothing) {
     const Descriptor file = job_.library.Replace(save_file_);
     if (precheck_) {
-        refused_ += static_cast<std::uint64_t>(std::count_if(
-            objects_.begin(), objects_.end(), [&](const Object& each) { return !IsReadable(each); }));
+        refused_ += static_cast<std::uint64_t>(
+            std::count_if(objects_.begin(), objects_.end(), [&](const Object& each) { return !IsReadable(each); }));
         if (refused_ > 0)
             throw Escape{Fill(text::PrecheckFailed, {std::to_string(refused_)})};
     }
@@ -313,8 +309,8 @@ std::string SaveLibrary(const Job& job, const Command& command) {
     if (!status || !S_ISDIR(status->mode))
         throw Escape{Fill(text::LibraryMissing, {name})};
     save.Collect(path, *status);
-    return Report(save.Write(SaveKind::Library, name, Fill(text::NothingInLibrary, {name})),
-                  text::LibrarySaved, text::LibrarySavedPartly, name);
+    return Report(save.Write(SaveKind::Library, name, Fill(text::NothingInLibrary, {name})), text::LibrarySaved,
+                  text::LibrarySavedPartly, name);
 }
 
 // The commands that name no object: each saves or restores what stands at one path.
@@ -395,8 +391,7 @@ std::string Moved(const std::string& path, const std::string& from, const std::s
 bool HasMagic(const Descriptor& file) {
     std::array<char, SaveFileMagic.size()> start{};
     const ssize_t count = ::pread(file.get(), start.data(), start.size(), 0);
-    return std::string_view(start.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))) ==
-           SaveFileMagic;
+    return std::string_view(start.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))) == SaveFileMagic;
 }
 
 // A save file that is one file's bytes becomes that file; the save file stays as a link to it.
@@ -448,8 +443,8 @@ std::string RestoreLibrary(const Job& job, const Command& command) {
     const std::string name = command.One("SAVLIB");
     const bool renamed = command.One("RSTLIB", "*SAVLIB") != "*SAVLIB";
     const std::string to = renamed ? LibraryPath(command, "RSTLIB") : from;
-    const auto counts = RestoreFrom(job, command, SaveKind::Library, name,
-                                    Fill(text::NothingInLibrary, {name}), WholeTree(from, to));
+    const auto counts =
+        RestoreFrom(job, command, SaveKind::Library, name, Fill(text::NothingInLibrary, {name}), WholeTree(from, to));
     return Report(counts, text::LibraryRestored, text::LibraryRestoredPartly, name,
                   renamed ? command.One("RSTLIB") : name);
 }
@@ -457,8 +452,7 @@ std::string RestoreLibrary(const Job& job, const Command& command) {
 std::string RestoreFixed(const Job& job, const Command& command) {
     const FixedCommand& fixed = FixedCommandOf(command);
     const Destination destination = WholeTree(fixed.path, fixed.path);
-    return Report(RestoreFrom(job, command, fixed.kind, "", text::Nothing, destination), fixed.good,
-                  fixed.partial);
+    return Report(RestoreFrom(job, command, fixed.kind, "", text::Nothing, destination), fixed.good, fixed.partial);
 }
 
 // Restored objects carry their permissions already; there is nothing left to grant.
@@ -491,13 +485,7 @@ const std::vector<Definition>& Definitions() {
         {"CLRSAVF", ClearSaveFile, {{"FILE", true}}},
         {"SAV",
          SavePaths,
-         {PathDevice,
-          Objects,
-          Subtree,
-          Precheck,
-          UpdateHistory,
-          {"SAVACT", false, "*NO *YES *SYNC"},
-          {"CHGPERIOD"}}},
+         {PathDevice, Objects, Subtree, Precheck, UpdateHistory, {"SAVACT", false, "*NO *YES *SYNC"}, {"CHGPERIOD"}}},
         {"SAVLIB",
          SaveLibrary,
          {{"LIB", true},
@@ -511,17 +499,10 @@ const std::vector<Definition>& Definitions() {
         {"SAVDLO", SaveFixed, {AllDocuments, FileDevice, SaveFile, {"SAVACT", false, "*NO *YES *SYNC"}}},
         {"SAVSECDTA", SaveFixed, {FileDevice, SaveFile, Precheck}},
         {"SAVCFG", SaveFixed, {FileDevice, SaveFile, Precheck}},
-        {"RST",
-         RestorePaths,
-         {PathDevice, Objects, Subtree, Differences, {"CRTPRNDIR", false, "*YES *NO", "V5R4M0"}}},
+        {"RST", RestorePaths, {PathDevice, Objects, Subtree, Differences, {"CRTPRNDIR", false, "*YES *NO", "V5R4M0"}}},
         {"RSTLIB",
          RestoreLibrary,
-         {{"SAVLIB", true},
-          FileDevice,
-          SaveFile,
-          {"RSTLIB"},
-          {"MBROPT", false, "*MATCH *ALL *NEW *OLD"},
-          Differences}},
+         {{"SAVLIB", true}, FileDevice, SaveFile, {"RSTLIB"}, {"MBROPT", false, "*MATCH *ALL *NEW *OLD"}, Differences}},
         {"RSTDLO", RestoreFixed, {AllDocuments, FileDevice, SaveFile, Differences}},
         {"RSTUSRPRF", RestoreFixed, {FileDevice, SaveFile, {"USRPRF", false, "*ALL *NEW"}, Differences}},
         {"RSTCFG", RestoreFixed, {{"OBJ", true, "*ALL"}, FileDevice, SaveFile, Differences}},

@@ -77,8 +77,7 @@ struct Server::State {
         Session session;
         std::atomic<bool> ended = false;
         std::thread thread;
-        Running(Shared& shared, Descriptor control, int number)
-            : session(shared, std::move(control), number) {}
+        Running(Shared& shared, Descriptor control, int number) : session(shared, std::move(control), number) {}
     };
 
     Shared shared;
@@ -111,8 +110,7 @@ void Server::State::Accept() {
         if (control && !ending)
             Start(std::move(control));
         else if (!ending && errno != EINTR && errno != ECONNABORTED)
-            std::this_thread::sleep_for(
-                std::chrono::milliseconds(50)); // out of descriptors, perhaps not for long
+            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // out of descriptors, perhaps not for long
     }
 }
 

@@ -118,8 +118,7 @@ void Session::Perform(const std::string& line) {
         std::find_if(Verbs().begin(), Verbs().end(), [&](const Verb& each) { return each.name == verb_; });
     const bool transfers = verb != Verbs().end() && verb->transfers;
 
-    if (const Fault* fault = Active(Fault::Kind::Replace, 0);
-        fault && !(transfers && fault->text.starts_with('1'))) {
+    if (const Fault* fault = Active(Fault::Kind::Replace, 0); fault && !(transfers && fault->text.starts_with('1'))) {
         Reply("");
         if (transfers)
             CloseData();
@@ -162,9 +161,8 @@ const Fault* Session::Active(Fault::Kind kind) const {
 }
 
 const Fault* Session::Active(Fault::Kind kind, int reply) const {
-    const auto found = std::find_if(faults_.begin(), faults_.end(), [&](const Fault* each) {
-        return each->kind == kind && each->reply == reply;
-    });
+    const auto found = std::find_if(faults_.begin(), faults_.end(),
+                                    [&](const Fault* each) { return each->kind == kind && each->reply == reply; });
     return found == faults_.end() ? nullptr : *found;
 }
 

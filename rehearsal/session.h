@@ -26,8 +26,7 @@ void CloseByReset(int socket);
 // What all sessions of a server share. Any thread may call the functions.
 class Shared {
 public:
-    explicit Shared(Options given)
-        : options(std::move(given)), store(options.root), counts_(options.faults.size()) {}
+    explicit Shared(Options given) : options(std::move(given)), store(options.root), counts_(options.faults.size()) {}
 
     const Options options;
     const Store store;
@@ -69,7 +68,7 @@ private:
     void Serve();
     void Perform(const std::string& line);
     std::string ReadLine(int wait_seconds); // -1: for ever; throws Gone
-    void Reply(std::string text); // the one place where replies leave, with the faults of the command
+    void Reply(std::string text);           // the one place where replies leave, with the faults of the command
     void SendPieces(const std::string& bytes, const Fault& fault);
     void SendControl(std::string_view bytes);
     [[noreturn]] void AwaitClientLeaving();

@@ -33,8 +33,7 @@ std::vector<std::string> Components(std::string_view path) {
 }
 
 bool IsHidden(std::string_view name) {
-    return name == std::string_view(SecurityData).substr(1) ||
-           name == std::string_view(SystemConfiguration).substr(1);
+    return name == std::string_view(SecurityData).substr(1) || name == std::string_view(SystemConfiguration).substr(1);
 }
 
 Status ToStatus(const struct stat& info) {
@@ -50,8 +49,7 @@ std::optional<std::string> NormalPath(const std::string& current, std::string_vi
         return std::nullopt;
     const bool absolute = path.starts_with('/');
     std::string normal;
-    for (const std::string& name :
-         Components(absolute ? std::string(path) : current + "/" + std::string(path))) {
+    for (const std::string& name : Components(absolute ? std::string(path) : current + "/" + std::string(path))) {
         if (name == ".." || (normal.empty() && IsHidden(name)))
             return std::nullopt;
         normal += "/" + name;
@@ -60,8 +58,7 @@ std::optional<std::string> NormalPath(const std::string& current, std::string_vi
 }
 
 bool IsWithin(std::string_view path, std::string_view base) {
-    return base == "/" ||
-           (path.starts_with(base) && (path.size() == base.size() || path[base.size()] == '/'));
+    return base == "/" || (path.starts_with(base) && (path.size() == base.size() || path[base.size()] == '/'));
 }
 
 std::string ParentOf(const std::string& path) {
@@ -92,8 +89,7 @@ std::optional<Status> Place::Look() const {
 }
 
 Descriptor Place::Open(int flags, mode_t mode) const {
-    return Descriptor(
-        ::openat(directory.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode));
+    return Descriptor(::openat(directory.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode));
 }
 
 std::string Place::LinkTarget() const {
@@ -108,8 +104,7 @@ std::filesystem::path OpenedAs(const Descriptor& file) {
 
 // ---- store
 
-Store::Store(const std::filesystem::path& root)
-    : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+Store::Store(const std::filesystem::path& root) : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
     if (!root_)
         throw std::system_error(errno, std::generic_category(), "open(" + root.string() + ")");
 }
@@ -179,8 +174,7 @@ std::vector<Child> Store::Children(const std::string& path) const {
         if (::fstatat(directory.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
             children.push_back({std::move(name), ToStatus(info)});
     }
-    std::sort(children.begin(), children.end(),
-              [](const Child& a, const Child& b) { return a.name < b.name; });
+    std::sort(children.begin(), children.end(), [](const Child& a, const Child& b) { return a.name < b.name; });
     return children;
 }
 

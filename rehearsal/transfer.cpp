@@ -71,8 +71,7 @@ void Session::CloseData() {
     if (data_ || OpenData(RefusedWait)) {
         std::vector<char> ignored(BlockSize);
         ::shutdown(data_.get(), SHUT_WR);
-        while (WaitFor(data_.get(), POLLIN, DrainWait) &&
-               ::recv(data_.get(), ignored.data(), ignored.size(), 0) > 0)
+        while (WaitFor(data_.get(), POLLIN, DrainWait) && ::recv(data_.get(), ignored.data(), ignored.size(), 0) > 0)
             continue;
     }
     Install(data_, Descriptor());
@@ -197,9 +196,8 @@ std::string Session::ListRow(const std::string& directory, const Child& child) c
             name += " -> " + place->LinkTarget();
     }
     std::array<char, 96> fields{};
-    std::snprintf(fields.data(), fields.size(), "%s %3d %-8s %-8s %7llu %s ", ModeText(status.mode).c_str(),
-                  1, "QPGMR", "0", static_cast<unsigned long long>(status.size),
-                  DateText(status.changed.tv_sec).c_str());
+    std::snprintf(fields.data(), fields.size(), "%s %3d %-8s %-8s %7llu %s ", ModeText(status.mode).c_str(), 1, "QPGMR",
+                  "0", static_cast<unsigned long long>(status.size), DateText(status.changed.tv_sec).c_str());
     return fields.data() + name + "\r\n";
 }
 

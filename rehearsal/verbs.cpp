@@ -44,8 +44,7 @@ void Session::User(const std::string& parameter) {
 }
 
 void Session::Pass(const std::string& parameter) {
-    logged_on_ =
-        !user_.empty() && user_ == Upper(shared_.options.user) && parameter == shared_.options.password;
+    logged_on_ = !user_.empty() && user_ == Upper(shared_.options.user) && parameter == shared_.options.password;
     Reply(Fill(logged_on_ ? text::LoggedOn : text::LogonRejected, {user_}));
 }
 
@@ -64,8 +63,7 @@ std::optional<int> TakeSeconds(std::string& text) {
     int number = 0;
     const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
     text.erase(0, static_cast<std::size_t>(result.ptr - text.data()));
-    return result.ec == std::errc() && number >= 1 && number <= 9'999'999 ? std::optional(number)
-                                                                          : std::nullopt;
+    return result.ec == std::errc() && number >= 1 && number <= 9'999'999 ? std::optional(number) : std::nullopt;
 }
 
 } // namespace

@@ -55,8 +55,7 @@ bool DropOld(const ListingContext& context, const ListingEntry& entry) {
     return true;
 }
 
-void AppendEntry(ListingContext& context, std::string_view name, const ListingEntry& entry,
-                 bool as_directory) {
+void AppendEntry(ListingContext& context, std::string_view name, const ListingEntry& entry, bool as_directory) {
     ObjectNode& dir = *context.directory;
     if (as_directory)
         AppendDirectory(dir, name, entry.mode, entry.size, entry.mtime);
@@ -73,8 +72,7 @@ void PlaceIncluded(ListingContext& context, const ListingEntry& entry) {
     std::string full_name = name;
     if (root.name != "/") {
         const std::size_t slash = root.name.rfind('/');
-        if (slash == root.name.npos ||
-            ::fnmatch(root.name.c_str() + slash, name.c_str(), PathMatchFlags) != 0)
+        if (slash == root.name.npos || ::fnmatch(root.name.c_str() + slash, name.c_str(), PathMatchFlags) != 0)
             return;
         full_name = root.name.substr(0, slash) + name;
     }
@@ -124,8 +122,8 @@ void TakeLine(ListingContext& context, std::string_view line) {
         return;
     }
     if (!entry.leftover.empty())
-        LogMessageTo(stderr, "%sleftover %.*s\n", FailureHead().c_str(),
-                     static_cast<int>(entry.leftover.size()), entry.leftover.data());
+        LogMessageTo(stderr, "%sleftover %.*s\n", FailureHead().c_str(), static_cast<int>(entry.leftover.size()),
+                     entry.leftover.data());
     if (entry.name == "." || entry.name == "..") // a walk into these would never end
         return;
     context.entry_name.assign(1, '/').append(entry.name);
@@ -196,8 +194,8 @@ int ListInto(FtpSession* session, ObjectNode& directory, ListingContext& context
     ++RunListingTotals.list_calls;
     const int result = ListDirectory(session, context.path.c_str(), ListingCallback, &context, &directory);
     if (context.parse_errors > 0) {
-        LogMessageTo(stderr, "%s%d parse errors in directory %s\n", FailureHead().c_str(),
-                     context.parse_errors, context.path.c_str());
+        LogMessageTo(stderr, "%s%d parse errors in directory %s\n", FailureHead().c_str(), context.parse_errors,
+                     context.path.c_str());
         RunListingTotals.parse_errors += static_cast<std::uint64_t>(context.parse_errors);
     }
     return result != 0 ? -1 : context.parse_errors;
@@ -206,8 +204,7 @@ int ListInto(FtpSession* session, ObjectNode& directory, ListingContext& context
 // With a cut-off, a library that already holds changed objects is saved whole and need not be searched
 // further.
 bool IsSettledLibrary(const ObjectNode& dir, const std::string& path) {
-    return RunSettings.cutoff && dir.count != 0 &&
-           ::fnmatch("/QSYS.LIB/*.LIB", path.c_str(), PathMatchFlags) == 0;
+    return RunSettings.cutoff && dir.count != 0 && ::fnmatch("/QSYS.LIB/*.LIB", path.c_str(), PathMatchFlags) == 0;
 }
 
 } // namespace
@@ -250,8 +247,7 @@ bool HasWildCard(std::string_view path) {
 
 // Adds what one include path names to the root. Gives -1 when the server's listing failed, which ends the
 // build.
-int ResolveIncludePath(FtpSession* session, const std::string& include, ObjectNode& root,
-                       ListingContext& context) {
+int ResolveIncludePath(FtpSession* session, const std::string& include, ObjectNode& root, ListingContext& context) {
     root.name = include;
     if (include == SecurityDataPath || include == ConfigurationPath)
         return 0;
@@ -329,8 +325,7 @@ bool IsUnchanged(const ObjectNode& dir) {
 }
 
 bool IsOneUnit(const ObjectNode& dir) {
-    return dir.parent != nullptr && !dir.partial &&
-           (dir.size <= RunSettings.max_block_size || dir.count == 0);
+    return dir.parent != nullptr && !dir.partial && (dir.size <= RunSettings.max_block_size || dir.count == 0);
 }
 
 // Places a directory of the include tree and everything below it; `path` is its parent's and comes back so.
@@ -380,8 +375,7 @@ constexpr int BlockBytes = static_cast<int>(BlockSize);
 // A disk that fills up may take part of a block. That part is given back, so that the archive stays on its
 // grid and a retry writes the same place.
 void GiveBackPart(int descriptor, ssize_t part, int wanted, ssize_t written, SourcePlace place) {
-    LogMessageTo(stderr, "%swrite(,, %d) = %d\n", FailureHead(place).c_str(), wanted,
-                 static_cast<int>(written));
+    LogMessageTo(stderr, "%swrite(,, %d) = %d\n", FailureHead(place).c_str(), wanted, static_cast<int>(written));
     ::lseek(descriptor, -part, SEEK_CUR);
 }
 
@@ -476,8 +470,7 @@ int TruncateArchive(int descriptor, off_t offset) {
 
 CtarBlock BuildCtarHeader(const ObjectFile& object, std::uint64_t size) {
     bool name_cut;
-    const CtarBlock header =
-        EncodeCtarHeader(object.name, size, object.mode, UnpackTime(object.mtime), name_cut);
+    const CtarBlock header = EncodeCtarHeader(object.name, size, object.mode, UnpackTime(object.mtime), name_cut);
     if (name_cut)
         LogMessageTo(stderr, "%spath too long\n", FailureHead().c_str());
     return header;
@@ -522,8 +515,7 @@ int ProcessObject(FtpSession* session, ObjectFile& object, std::uint32_t number,
     writer.calls = 0;
     writer.bytes = 0;
     TransferStats stats;
-    if (SaveObject(SaveMemberFor(object.name), session, object, number, &stats, ArchiveWriteCallback,
-                   writer) != 0) {
+    if (SaveObject(SaveMemberFor(object.name), session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
         LogMessageTo(stderr, "Backup Failure: %s\n", object.name.c_str());
         NoteNotBackedUp(object.name);
         ++writer.failures;
@@ -662,8 +654,7 @@ void JoinWorker(Worker& worker, std::size_t kind, const ObjectNode& kind_tree, B
         totals += *worker.totals;
         return;
     }
-    LogMessageTo(stderr, "%sFailed to retrieve return structure from thread %zu\n", FailureHead().c_str(),
-                 kind);
+    LogMessageTo(stderr, "%sFailed to retrieve return structure from thread %zu\n", FailureHead().c_str(), kind);
     totals.attempted += kind_tree.count;
     totals.failed += kind_tree.count;
 }
@@ -744,12 +735,10 @@ int BackupDriver(FtpSession* session) {
     const double listed = SecondsNow();
     const CtarBlock sentinel = BuildCtarSentinel();
     if (::write(archive.Get(), sentinel.data(), sentinel.size()) != static_cast<ssize_t>(sentinel.size()))
-        LogMessageTo(stderr, "%sCTAR sentinel failed write(): %s\n", FailureHead().c_str(),
-                     std::strerror(errno));
+        LogMessageTo(stderr, "%sCTAR sentinel failed write(): %s\n", FailureHead().c_str(), std::strerror(errno));
     const BackupTotals totals = RunWorkers(trees, archive.Get());
     if (::fdatasync(archive.Get()) != 0) {
-        LogMessageTo(stderr, "%sfdatasync(%s): %s\n", FailureHead().c_str(), path.c_str(),
-                     std::strerror(errno));
+        LogMessageTo(stderr, "%sfdatasync(%s): %s\n", FailureHead().c_str(), path.c_str(), std::strerror(errno));
         return -1;
     }
     if (TerminationRequested != 0) {

@@ -48,8 +48,8 @@ std::optional<std::string> BuildSav(ObjectFile& object, std::uint32_t number) {
                                      "SUBTREE(*ALL) PRECHK(%s) UPDHST(*NO) SAVACT(*YES)",
                                      number, QuoteForCL(object.name).c_str(), Precheck());
     if (RunSettings.cutoff)
-        command += FormatText(" CHGPERIOD('%s' '%s')", RunSettings.cutoff_date.c_str(),
-                              RunSettings.cutoff_clock.c_str());
+        command +=
+            FormatText(" CHGPERIOD('%s' '%s')", RunSettings.cutoff_date.c_str(), RunSettings.cutoff_clock.c_str());
     return command;
 }
 
@@ -120,8 +120,8 @@ std::optional<std::string> CountNotSaved(const char* reply) {
 namespace {
 
 std::string BuildRst(const StringPair& object, const StringList& omissions) {
-    std::string command = FormatText("RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"%s\"'",
-                                     QuoteForCL(object.first).c_str());
+    std::string command =
+        FormatText("RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"%s\"'", QuoteForCL(object.first).c_str());
     if (object.second)
         command += FormatText(" *INCLUDE '\"%s\"')", QuoteForCL(*object.second).c_str());
     else
@@ -136,9 +136,7 @@ std::string BuildRst(const StringPair& object, const StringList& omissions) {
 
 // Both texts have lost their ".LIB" and still begin with "/QSYS.LIB/".
 std::string BuildRstlib(const StringPair& object, const StringList&) {
-    const auto name = [](const std::string& path) {
-        return path.substr(std::min(path.size(), LibraryPrefix.size()));
-    };
+    const auto name = [](const std::string& path) { return path.substr(std::min(path.size(), LibraryPrefix.size())); };
     return FormatText("RCMD RSTLIB SAVLIB(%s) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(%s) MBROPT(*ALL) "
                       "ALWOBJDIF(*ALL)",
                       name(object.first).c_str(), object.second ? name(*object.second).c_str() : "*SAVLIB");

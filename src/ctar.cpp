@@ -146,8 +146,7 @@ std::string ReadCtarName(std::span<const char, BlockSize> block) {
     std::copy_n(block.data() + LongName.offset, LongName.width, flags.data());
     if ((std::strtol(flags.data(), nullptr, 8) & LongNameFlag) == 0)
         return name;
-    static_cast<void>(GetPiece(block, Name3, name) && GetPiece(block, Name4, name) &&
-                      GetPiece(block, Name5, name));
+    static_cast<void>(GetPiece(block, Name3, name) && GetPiece(block, Name4, name) && GetPiece(block, Name5, name));
     return name;
 }
 

@@ -15,8 +15,7 @@ std::atomic<int> ServerRelease{0};
 
 namespace {
 
-constexpr std::size_t ReplyTextCapacity =
-    128; // of the reply texts that messages quote, with their terminator
+constexpr std::size_t ReplyTextCapacity = 128; // of the reply texts that messages quote, with their terminator
 using ReplyText = std::array<char, ReplyTextCapacity>;
 
 bool IsSession(const FtpSession* session) {
@@ -28,8 +27,7 @@ int Send(FtpSession& session, const std::string& command) {
 }
 
 // Sends with a reply buffer, which is emptied first and ends in a terminator whatever comes.
-int SendForReply(FtpSession& session, const std::string& command, ReplyText& reply,
-                 const Transfer& transfer = {}) {
+int SendForReply(FtpSession& session, const std::string& command, ReplyText& reply, const Transfer& transfer = {}) {
     reply.fill('\0');
     const int result = SendCommand(session.control.get(), command.c_str(), reply, transfer);
     reply.back() = '\0';
@@ -70,8 +68,7 @@ bool FitCommand(std::string& command, std::size_t limit) {
 std::unique_ptr<FtpSession> NewSession(const char* host, const char* service) {
     auto session = NewRecord<FtpSession>();
     if (session == nullptr) {
-        LogMessageTo(stderr, "%smalloc(%d) failed\n", FailureHead().c_str(),
-                     static_cast<int>(sizeof(FtpSession)));
+        LogMessageTo(stderr, "%smalloc(%d) failed\n", FailureHead().c_str(), static_cast<int>(sizeof(FtpSession)));
         return nullptr;
     }
     session->control = OpenConnections(session.get(), host, service);
@@ -105,8 +102,7 @@ int SendLogin(FtpSession& session, const LoginStep& step, const std::string& val
 
 // The value to log in with: the caller's, else the stored one.
 std::optional<std::string> ChooseLogin(const char* given, const std::optional<std::string>& stored,
-                                       const char* article_and_name,
-                                       SourcePlace place = SourcePlace::Here()) {
+                                       const char* article_and_name, SourcePlace place = SourcePlace::Here()) {
     if (given != nullptr)
         return given;
     if (!stored)
@@ -256,8 +252,7 @@ constexpr TransferParameter NameFormatPath{&FtpSession::name_format, '1', "SITE 
 constexpr std::array<TransferParameter, 5> ListingParameters{StruFile, ModeStream, TypeAscii, ListFormatUnix,
                                                              NameFormatPath};
 // The last one only for commands that name a path.
-constexpr std::array<TransferParameter, 4> SaveFileParameters{StruFile, ModeStream, TypeImage,
-                                                              NameFormatPath};
+constexpr std::array<TransferParameter, 4> SaveFileParameters{StruFile, ModeStream, TypeImage, NameFormatPath};
 
 // Sends what the session has not yet set on the server.
 int SetParameters(FtpSession& session, std::span<const TransferParameter> parameters) {
@@ -342,8 +337,7 @@ int ListFailed(const char* reply, ObjectNode* directory) {
     return 0;
 }
 
-int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context,
-                  ObjectNode* directory) {
+int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context, ObjectNode* directory) {
     if (!IsSession(session))
         return -1;
     ReplyText reply{};
@@ -426,8 +420,7 @@ int CloseEntry(ArchiveWriter& writer, const ObjectFile& object, off_t start) {
 ArchiveLockGuard::ArchiveLockGuard() : lock_(ArchiveLock) {}
 
 int RetrieveToArchive(FtpSession* session, const Checkpoint& outer, const ObjectFile& object,
-                      const std::string& save_file, double& started, DataCallback callback,
-                      ArchiveWriter& writer) {
+                      const std::string& save_file, double& started, DataCallback callback, ArchiveWriter& writer) {
     int result = 0;
     {
         const ArchiveLockGuard lock;
@@ -439,8 +432,7 @@ int RetrieveToArchive(FtpSession* session, const Checkpoint& outer, const Object
             return -1;
         }
         ReplyText reply;
-        const int retrieved =
-            SendForReply(*session, "RETR " + save_file, reply, {callback, nullptr, &writer});
+        const int retrieved = SendForReply(*session, "RETR " + save_file, reply, {callback, nullptr, &writer});
         session->checkpoint = outer;
         if (retrieved != 0)
             result = ReportCommand("RETR", reply);
@@ -498,8 +490,7 @@ int SaveObject(const SaveMember& member, FtpSession* session, ObjectFile& object
         return -1;
     const std::string save_file = "SAV" + std::to_string(number);
     return Protect(*session, [&](const Checkpoint& outer) {
-        if (SetSaveFileParameters(*session, member.names_path) != 0 ||
-            PrepareSaveFile(*session, save_file) != 0)
+        if (SetSaveFileParameters(*session, member.names_path) != 0 || PrepareSaveFile(*session, save_file) != 0)
             return -1;
         const std::string command = BuildSaveCommand(member, object, number);
         if (command.empty())
@@ -512,8 +503,8 @@ int SaveObject(const SaveMember& member, FtpSession* session, ObjectFile& object
         const double ended = SecondsNow();
         PassPointOfNoReturn(*session);
         double started = ended;
-        const int result = RetrieveToArchive(
-            session, outer, object, "/QSYS.LIB/QTEMP.LIB/" + save_file + ".SAVF", started, callback, writer);
+        const int result = RetrieveToArchive(session, outer, object, "/QSYS.LIB/QTEMP.LIB/" + save_file + ".SAVF",
+                                             started, callback, writer);
         if (stats != nullptr)
             *stats = {ended - begun, started - ended, SecondsNow() - started};
         return result;
@@ -542,8 +533,7 @@ int PrepareLibraryNames(StringPair& library) {
     if (!library.second)
         return 0;
     std::string& destination = *library.second;
-    if (!destination.starts_with(LibraryPrefix) || destination.size() > longest ||
-        !CutLibrarySuffix(destination)) {
+    if (!destination.starts_with(LibraryPrefix) || destination.size() > longest || !CutLibrarySuffix(destination)) {
         LogMessageTo(stderr, "%sbad library destination\n", FailureHead().c_str());
         return -1;
     }
@@ -560,8 +550,8 @@ StringList Subjects(const RestoreMember& member, const RestoreRequest& request) 
 }
 
 // Runs the restore command for one subject. `outer` is put back once the server has answered.
-int RestoreSubject(const RestoreMember& member, FtpSession& session, const Checkpoint& outer,
-                   const StringPair& subject, const std::string& command) {
+int RestoreSubject(const RestoreMember& member, FtpSession& session, const Checkpoint& outer, const StringPair& subject,
+                   const std::string& command) {
     ReplyText reply{};
     const int restored = member.judges_reply ? SendForReply(session, command, reply) : Send(session, command);
     session.checkpoint = outer;
@@ -600,15 +590,14 @@ int RestoreSubjects(const RestoreMember& member, FtpSession& session, const Chec
 
 } // namespace
 
-int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request,
-                  RestoreTimes* times, DataCallback callback, void* argument) {
+int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes* times,
+                  DataCallback callback, void* argument) {
     if (!IsSession(session))
         return -1;
     if (member.library && PrepareLibraryNames(request.objects.front()) != 0)
         return -1;
     return Protect(*session, [&](const Checkpoint& outer) {
-        if (SetSaveFileParameters(*session, member.names_path) != 0 ||
-            PrepareSaveFile(*session, "SAVTEMP") != 0)
+        if (SetSaveFileParameters(*session, member.names_path) != 0 || PrepareSaveFile(*session, "SAVTEMP") != 0)
             return -1;
         const double begun = SecondsNow();
         PassPointOfNoReturn(*session);

@@ -150,8 +150,7 @@ void TakeName(std::string_view text, ListingEntry& entry) {
 
 } // namespace
 
-std::optional<ListingFailure> ParseListingLine(std::string_view line, const std::tm& now,
-                                               ListingEntry& entry) {
+std::optional<ListingFailure> ParseListingLine(std::string_view line, const std::tm& now, ListingEntry& entry) {
     std::string_view rest = line;
     rest.remove_prefix(std::min(ModeWidth, rest.size()));
     entry.mode = ParseMode(line.substr(0, ModeWidth));

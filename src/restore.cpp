@@ -75,8 +75,8 @@ int ArchiveReadCallback(void* argument, char* buffer, int* count) {
     const std::int64_t length = RoundToBlocks(std::min<std::int64_t>(reader->left, *count));
     const ssize_t got = ReadArchive(reader->descriptor, buffer, static_cast<std::size_t>(length));
     if (got < 0) {
-        LogMessageTo(stderr, "%sread(%s,, %d): %s\n", FailureHead().c_str(), ArchivePath(),
-                     static_cast<int>(length), std::strerror(errno));
+        LogMessageTo(stderr, "%sread(%s,, %d): %s\n", FailureHead().c_str(), ArchivePath(), static_cast<int>(length),
+                     std::strerror(errno));
         return -1;
     }
     *count = static_cast<int>(std::min<std::int64_t>(got, reader->left));
@@ -102,8 +102,7 @@ int ReadOver(int descriptor, std::int64_t count) {
             LogMessageTo(stderr, "%sread(list, %d): %s\n", FailureHead().c_str(), static_cast<int>(length),
                          std::strerror(errno));
         if (got <= 0) {
-            LogMessageTo(stderr, "%sdidn't finish consuming 0x%llX bytes\n", FailureHead().c_str(),
-                         Printable(count));
+            LogMessageTo(stderr, "%sdidn't finish consuming 0x%llX bytes\n", FailureHead().c_str(), Printable(count));
             return -1;
         }
         count -= got;
@@ -225,12 +224,11 @@ int RestoreWanted(RestoreRun& run, RestoreRequest& request, ArchiveReader& reade
 // Passes over what a failed entry has left of its data. False when the run over the archive cannot go on.
 bool PassFailedEntry(RestoreRun& run, std::int64_t left) {
     run.result = -1;
-    LogMessageTo(stderr, "%sfailed to restore object at offset 0x%llX\n", FailureHead().c_str(),
-                 Printable(run.offset));
+    LogMessageTo(stderr, "%sfailed to restore object at offset 0x%llX\n", FailureHead().c_str(), Printable(run.offset));
     if (SkipArchiveData(run.archive, left) == 0)
         return true;
-    LogMessageTo(stderr, "%scouldn't skip the rest of the failed object's 0x%llX bytes\n",
-                 FailureHead().c_str(), Printable(left));
+    LogMessageTo(stderr, "%scouldn't skip the rest of the failed object's 0x%llX bytes\n", FailureHead().c_str(),
+                 Printable(left));
     return false;
 }
 

@@ -197,8 +197,7 @@ int ConnectControl(FtpConnection* control) {
         return -1;
     }
     if (RunSettings.verbosity >= 4)
-        LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, control->address_text.data(),
-                   Port(*control));
+        LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, control->address_text.data(), Port(*control));
     control->reply_held = 0;
     control->lines_held = 0;
     std::array<char, ReplyCapacity> line;
@@ -252,28 +251,26 @@ int FillReplyBuffer(FtpConnection& control) {
         return FailReplies(control);
     }
     if (events == 0) {
-        LogMessageTo(stderr, "%spoll(): timedout on control read after %.2fs\n", FailureHead().c_str(),
-                     PollSeconds);
+        LogMessageTo(stderr, "%spoll(): timedout on control read after %.2fs\n", FailureHead().c_str(), PollSeconds);
         return -1;
     }
     char* const position = control.reply_buffer.data() + control.reply_held;
     const ssize_t count = ::read(control.socket.Get(), position, ReplyCapacity - control.reply_held);
     if (count < 0) {
-        LogMessageTo(stderr, "%sread(%s:%d): %s\n", FailureHead().c_str(), control.address_text.data(),
-                     Port(control), std::strerror(errno));
+        LogMessageTo(stderr, "%sread(%s:%d): %s\n", FailureHead().c_str(), control.address_text.data(), Port(control),
+                     std::strerror(errno));
         return FailReplies(control);
     }
     if (count == 0) {
-        LogMessageTo(stderr, "%s%s:%d: control connection closed\n", FailureHead().c_str(),
-                     control.address_text.data(), Port(control));
+        LogMessageTo(stderr, "%s%s:%d: control connection closed\n", FailureHead().c_str(), control.address_text.data(),
+                     Port(control));
         return FailReplies(control);
     }
     const std::string_view chunk(position, static_cast<std::size_t>(count));
     if (RunSettings.verbosity >= 4)
         LogMessage("%.*s", static_cast<int>(chunk.size()), chunk.data());
     control.reply_held += chunk.size();
-    for (std::size_t end = chunk.find(LineEnd); end != chunk.npos;
-         end = chunk.find(LineEnd, end + LineEnd.size()))
+    for (std::size_t end = chunk.find(LineEnd); end != chunk.npos; end = chunk.find(LineEnd, end + LineEnd.size()))
         ++control.lines_held;
     return 0;
 }
@@ -341,8 +338,8 @@ int FillTransferBuffer(FtpConnection& data, int& timeouts) {
         const ssize_t count = ::recv(data.socket.Get(), position, TransferCapacity - filled, MSG_DONTWAIT);
         if (count > 0) {
             if (RunSettings.verbosity >= 5)
-                LogMessageTo(stderr, "%sread(%s:%d) %d bytes\n", FailureHead().c_str(),
-                             data.address_text.data(), Port(data), static_cast<int>(count));
+                LogMessageTo(stderr, "%sread(%s:%d) %d bytes\n", FailureHead().c_str(), data.address_text.data(),
+                             Port(data), static_cast<int>(count));
             timeouts = 0;
             filled += static_cast<std::size_t>(count);
         } else if (count == 0) {
@@ -354,13 +351,13 @@ int FillTransferBuffer(FtpConnection& data, int& timeouts) {
                 return ReportPoll();
             if (events == 0) {
                 ++timeouts;
-                LogMessageTo(stderr, "%spoll(): timedout on data read after %.2fs (%d times)\n",
-                             FailureHead().c_str(), PollSeconds, timeouts);
+                LogMessageTo(stderr, "%spoll(): timedout on data read after %.2fs (%d times)\n", FailureHead().c_str(),
+                             PollSeconds, timeouts);
                 break;
             }
         } else {
-            LogMessageTo(stderr, "%sread(%s:%d): %s\n", FailureHead().c_str(), data.address_text.data(),
-                         Port(data), std::strerror(errno));
+            LogMessageTo(stderr, "%sread(%s:%d): %s\n", FailureHead().c_str(), data.address_text.data(), Port(data),
+                         std::strerror(errno));
             return -1;
         }
     }
@@ -398,8 +395,7 @@ int AwaitRoom(const FtpConnection& data) {
         return ReportPoll();
     if (events > 0)
         return 0;
-    LogMessageTo(stderr, "%spoll(): timedout on data write after %.2fs\n", FailureHead().c_str(),
-                 PollSeconds);
+    LogMessageTo(stderr, "%spoll(): timedout on data write after %.2fs\n", FailureHead().c_str(), PollSeconds);
     return -1;
 }
 
@@ -407,16 +403,15 @@ int AwaitRoom(const FtpConnection& data) {
 // time-out.
 int WriteData(const FtpConnection& data, std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t count =
-            ::send(data.socket.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t count = ::send(data.socket.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0 && WouldBlock()) {
             if (AwaitRoom(data) != 0)
                 return -1;
             continue;
         }
         if (count < 0)
-            LogMessageTo(stderr, "%swrite(%s:%d): %s\n", FailureHead().c_str(), data.address_text.data(),
-                         Port(data), std::strerror(errno));
+            LogMessageTo(stderr, "%swrite(%s:%d): %s\n", FailureHead().c_str(), data.address_text.data(), Port(data),
+                         std::strerror(errno));
         if (count <= 0)
             return -1;
         if (RunSettings.verbosity >= 5)
@@ -531,8 +526,8 @@ int ConnectData(FtpConnection& data) {
                      std::strerror(errno));
     KeepUrgentDataInline(socket);
     if (ConnectTo(socket, data.address) != 0) {
-        LogMessageTo(stderr, "%sconnect(, %s:%d): %s\n", FailureHead().c_str(), data.address_text.data(),
-                     Port(data), std::strerror(errno));
+        LogMessageTo(stderr, "%sconnect(, %s:%d): %s\n", FailureHead().c_str(), data.address_text.data(), Port(data),
+                     std::strerror(errno));
         return -1;
     }
     data.socket = std::move(socket);
@@ -556,9 +551,8 @@ constexpr std::size_t CommandCapacity = 4096;
 struct Exchange {
     FtpConnection& control;
     const Transfer& transfer;
-    std::span<char> reply; // the caller's, may be empty
-    std::array<char, ReplyCapacity> last{
-        '1'}; // the last reply line; '1' in front: the final reply is to come
+    std::span<char> reply;                     // the caller's, may be empty
+    std::array<char, ReplyCapacity> last{'1'}; // the last reply line; '1' in front: the final reply is to come
     int result = 0;
     std::int64_t waited = 0; // milliseconds without any event
 
@@ -602,8 +596,8 @@ int PrepareTransfer(FtpConnection& control) {
         return -1;
     }
     if (!data.transfer_buffer && !data.transfer_buffer.Map(TransferCapacity)) {
-        LogMessageTo(stderr, "%smmap(, %u): %s\n", FailureHead().c_str(),
-                     static_cast<unsigned>(TransferCapacity), std::strerror(errno));
+        LogMessageTo(stderr, "%smmap(, %u): %s\n", FailureHead().c_str(), static_cast<unsigned>(TransferCapacity),
+                     std::strerror(errno));
         return -1;
     }
     return 0;
@@ -622,9 +616,8 @@ int WriteCommand(FtpConnection& control, const char* command) {
     while (!rest.empty()) {
         const ssize_t count = ::send(control.socket.Get(), rest.data(), rest.size(), MSG_NOSIGNAL);
         if (count < 0) {
-            LogMessageTo(stderr, "%swrite(%s:%d,, %d): %s\n", FailureHead().c_str(),
-                         control.address_text.data(), Port(control), static_cast<int>(rest.size()),
-                         std::strerror(errno));
+            LogMessageTo(stderr, "%swrite(%s:%d,, %d): %s\n", FailureHead().c_str(), control.address_text.data(),
+                         Port(control), static_cast<int>(rest.size()), std::strerror(errno));
             FailControl(control);
             return -1;
         }
@@ -642,8 +635,7 @@ PollSet BuildPollSet(const Exchange& exchange) {
     if (exchange.AwaitsReply()) {
         set.control = set.Add(exchange.control.socket, POLLIN | POLLPRI);
         if (verbose)
-            LogMessageTo(stderr, "%s'%c': looking for completion reply\n", FailureHead().c_str(),
-                         exchange.last[0]);
+            LogMessageTo(stderr, "%s'%c': looking for completion reply\n", FailureHead().c_str(), exchange.last[0]);
     }
     if (!exchange.DataOpen())
         return set;
@@ -725,8 +717,7 @@ int AwaitCompletion(Exchange& exchange) {
 
 } // namespace
 
-int SendCommand(FtpConnection* control, const char* command, std::span<char> reply,
-                const Transfer& transfer) {
+int SendCommand(FtpConnection* control, const char* command, std::span<char> reply, const Transfer& transfer) {
     if (!IsControl(control))
         return -1;
     Exchange exchange{*control, transfer, reply};

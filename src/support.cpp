@@ -67,8 +67,7 @@ void RemoveEntry(std::uint32_t identity) {
     }
 }
 
-__attribute__((format(printf, 2, 0))) void WriteLine(std::FILE* stream, const char* format,
-                                                     va_list arguments) {
+__attribute__((format(printf, 2, 0))) void WriteLine(std::FILE* stream, const char* format, va_list arguments) {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);

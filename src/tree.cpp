@@ -80,8 +80,8 @@ Record& Append(std::unique_ptr<Record>& first, Record*& last, std::unique_ptr<Re
 }
 
 template <class Record>
-std::unique_ptr<Record> NewObject(ObjectNode* parent, std::string_view name, std::uint32_t mode,
-                                  std::uint64_t size, const CalendarTime& mtime) {
+std::unique_ptr<Record> NewObject(ObjectNode* parent, std::string_view name, std::uint32_t mode, std::uint64_t size,
+                                  const CalendarTime& mtime) {
     auto record = std::make_unique<Record>();
     record->name = name;
     record->parent = parent;

@@ -105,8 +105,7 @@ TEST(TestMode, FailuresSayWhatBroke) {
     };
     for (const Row& row :
          {Row{{Make(Fault::Kind::Replace, "", 1, 0, "421 too busy")}, "couldn't open control connection\n"},
-          {{Make(Fault::Kind::Close, "", 1, 7)},
-           "control connection closed\nvondral[ftp.cpp]: not a session\n"},
+          {{Make(Fault::Kind::Close, "", 1, 7)}, "control connection closed\nvondral[ftp.cpp]: not a session\n"},
           {{Make(Fault::Kind::Silent, "")}, "poll(): timedout on control read after 60.00s\n"},
           {{Make(Fault::Kind::Replace, "PASS", 1, 0, "530 no")}, "PASS command failed\n  530 no\n"}}) {
         Night night;
@@ -178,16 +177,15 @@ TEST(Backup, TheWholeConversation) {
                                           "PASV",
                                           "RETR /QSYS.LIB/QTEMP.LIB/SAV1.SAVF",
                                           "QUIT"};
-    const std::vector<std::string> documents{
-        "STRU F",
-        "MODE S",
-        "TYPE I", //
-        "RCMD CLRSAVF FILE(QTEMP/SAV2)",
-        "RCMD CRTSAVF FILE(QTEMP/SAV2)",                                  //
-        "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV2) SAVACT(*YES)", //
-        "PASV",
-        "RETR /QSYS.LIB/QTEMP.LIB/SAV2.SAVF",
-        "QUIT"};
+    const std::vector<std::string> documents{"STRU F",
+                                             "MODE S",
+                                             "TYPE I", //
+                                             "RCMD CLRSAVF FILE(QTEMP/SAV2)",
+                                             "RCMD CRTSAVF FILE(QTEMP/SAV2)",                                  //
+                                             "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV2) SAVACT(*YES)", //
+                                             "PASV",
+                                             "RETR /QSYS.LIB/QTEMP.LIB/SAV2.SAVF",
+                                             "QUIT"};
     const auto savlib = [](const std::string& name) {
         return "RCMD SAVLIB LIB(" + name +
                ") DEV(*SAVF) SAVF(QTEMP/SAV3) PRECHK(*YES) UPDHST(*NO) SAVACT(*SYNCLIB) "
@@ -225,33 +223,29 @@ TEST(Backup, TheWholeConversation) {
     EXPECT_EQ(night.server->Transcript(3), Login + libraries);
     EXPECT_EQ(night.server->Transcript(4), Login + paths);
     EXPECT_EQ(night.Archived(),
-              (std::vector<std::string>{"/Security Data", "/System Configuration", "/QDLS",
-                                        "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB", "/home.savf"}));
+              (std::vector<std::string>{"/Security Data", "/System Configuration", "/QDLS", "/QSYS.LIB/PAYROLL.LIB",
+                                        "/QSYS.LIB/TOOLS.LIB", "/home.savf"}));
     EXPECT_EQ(fs::status(night.archive).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST(Backup, ReportsCatalogAndTotals) {
     Night night;
     night.program.outputs[5] = night.work / "missed";
-    const Outcome outcome =
-        night.Run(night.Backup() + std::vector<std::string>{"-C", (night.work / "catalog").string(), "-n",
-                                                            "5", "-v2", "-x", "no"});
+    const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-C", (night.work / "catalog").string(),
+                                                                                "-n", "5", "-v2", "-x", "no"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(Messages(ReadFile(night.work / "catalog")),
               "/Security Data\n/System Configuration\n/QDLS\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n"
               "/home/it's/a file\n/home/note\n");
     EXPECT_EQ(ReadFile(night.work / "missed"), "");
     const std::string out = Messages(outcome.out);
-    const std::string object =
-        "Backup Success: /Security Data\nSize: 528.000  B\nSave: # s\nWait: # s\nXfer: # s\n";
+    const std::string object = "Backup Success: /Security Data\nSize: 528.000  B\nSave: # s\nWait: # s\nXfer: # s\n";
     EXPECT_TRUE(Holds(out, "Building Object Lists\nBuilding Block Lists\n")) << out;
     EXPECT_TRUE(Holds(out, object)) << out;
     EXPECT_TRUE(Holds(out, "** Thread 1 Complete\n** Backed up 1056.000  B\n")) << out;
     EXPECT_TRUE(Holds(out, "** List Called    : 4\n")) << out;
     EXPECT_TRUE(Holds(out, "** Objects Found  : 7\n** Parsing Errors : 0\n** Backed up ")) << out;
-    EXPECT_TRUE(
-        Holds(out, "** Total Objects Attempted: 7\n** Total Objects Failed   : 0\n** Total Run Time: "))
-        << out;
+    EXPECT_TRUE(Holds(out, "** Total Objects Attempted: 7\n** Total Objects Failed   : 0\n** Total Run Time: ")) << out;
 }
 
 TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
@@ -261,8 +255,7 @@ TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
     night.program.outputs[5] = night.work / "missed";
     const Outcome partial = night.Run(night.Backup() + not_checked);
     EXPECT_EQ(partial.status, 0);
-    EXPECT_TRUE(Holds(Messages(partial.out), "/home: 1 objects not saved\nBackup Success: /home\n"))
-        << partial.out;
+    EXPECT_TRUE(Holds(Messages(partial.out), "/home: 1 objects not saved\nBackup Success: /home\n")) << partial.out;
     EXPECT_TRUE(Holds(Messages(ReadFile(night.work / "missed")), "/home: 1 objects not saved\n"));
     EXPECT_TRUE(Holds(Messages(ReadFile(night.work / "missed")), "/QSYS.LIB/TOOLS.LIB: 550 "));
     EXPECT_EQ(night.Sorted(), Everything);
@@ -275,8 +268,7 @@ TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
     EXPECT_TRUE(Holds(Messages(failed.err), "SAV command failed\n  550 ")) << failed.err;
     EXPECT_TRUE(Holds(Messages(failed.err), "SAVLIB command failed\n  550 ")) << failed.err;
     const std::string missed = Messages(ReadFile(checked.work / "missed"));
-    EXPECT_TRUE(missed == "/home\n/QSYS.LIB/TOOLS.LIB\n" || missed == "/QSYS.LIB/TOOLS.LIB\n/home\n")
-        << missed;
+    EXPECT_TRUE(missed == "/home\n/QSYS.LIB/TOOLS.LIB\n" || missed == "/QSYS.LIB/TOOLS.LIB\n/home\n") << missed;
     EXPECT_TRUE(Holds(failed.out, "** Total Objects Failed   : 3\n")) << failed.out;
 }
 
@@ -292,9 +284,8 @@ TEST(Backup, IncludesExcludesAndDates) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(night.Sorted(),
               (std::vector<std::string>{"/QSYS.LIB/PAYROLL.LIB", "/System Configuration", "/home/it's/b"}));
-    EXPECT_EQ(
-        Messages(outcome.err),
-        "vondral[backup.cpp]: Invalid object: relative\nvondral[backup.cpp]: wild card error: /ho*/x\n");
+    EXPECT_EQ(Messages(outcome.err),
+              "vondral[backup.cpp]: Invalid object: relative\nvondral[backup.cpp]: wild card error: /ho*/x\n");
     EXPECT_EQ(Messages(ReadFile(night.work / "missed")), "/none\nrelative\n");
 
     Night dated; // only what is younger, and libraries that hold something younger
@@ -315,8 +306,7 @@ TEST(Backup, FailuresOfTheSetUpEndTheMode) {
     EXPECT_EQ(no_archive.status, 255);
     EXPECT_TRUE(Holds(Messages(no_archive.err), "vondral[backup.cpp]: open(")) << no_archive.err;
     Night refused;
-    const Outcome no_list =
-        refused.Run(refused.Backup(), {Make(Fault::Kind::Replace, "LIST", 1, 0, "550 no")});
+    const Outcome no_list = refused.Run(refused.Backup(), {Make(Fault::Kind::Replace, "LIST", 1, 0, "550 no")});
     EXPECT_EQ(no_list.status, 255);
     EXPECT_EQ(Messages(no_list.err),
               "vondral[ftp.cpp]: LIST command failed\n  550 no\nvondral[backup.cpp]: list failed\n"
@@ -326,8 +316,8 @@ TEST(Backup, FailuresOfTheSetUpEndTheMode) {
     WriteFile(nothing.work / "include", "/none\n");
     WriteFile(nothing.work / "exclude", "/Security Data\n/System Configuration\n");
     const Outcome idle =
-        nothing.Run(nothing.Backup() + std::vector<std::string>{"-i", (nothing.work / "include").string(),
-                                                                "-e", (nothing.work / "exclude").string()});
+        nothing.Run(nothing.Backup() + std::vector<std::string>{"-i", (nothing.work / "include").string(), "-e",
+                                                                (nothing.work / "exclude").string()});
     EXPECT_EQ(idle.status, 0);
     EXPECT_TRUE(Holds(Messages(idle.out), "Object not found: /none\n")) << idle.out;
     EXPECT_TRUE(Holds(Messages(idle.out), "** No objects attempted\n")) << idle.out;
@@ -348,29 +338,20 @@ TEST(Backup, SurvivesOrReportsBrokenConnections) {
     using Kind = Fault::Kind;
     const std::vector<std::string> all{"/Security Data",        "/System Configuration", "/QDLS",
                                        "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",   "/home.savf"};
-    const std::vector<std::string> without_documents{"/Security Data", "/System Configuration",
-                                                     "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",
-                                                     "/home.savf"};
+    const std::vector<std::string> without_documents{"/Security Data", "/System Configuration", "/QSYS.LIB/PAYROLL.LIB",
+                                                     "/QSYS.LIB/TOOLS.LIB", "/home.savf"};
     const std::vector<std::string> up_to_documents{"/Security Data", "/System Configuration"};
     for (const Trouble& trouble : {
              Trouble{"set-up of a save", {Make(Kind::Close, "TYPE I", 2)}, 0, all, "recovering checkpoint"},
              {"save file", {Make(Kind::Reset, "RCMD CLRSAVF", 2, 5)}, 0, all, "recovering checkpoint"},
              {"save command", {Make(Kind::Close, "RCMD SAVDLO")}, 0, all, "recovering checkpoint"},
-             {"walk",
-              {Make(Kind::Close, "LIST /home", 2)},
-              2,
-              all,
-              "vondral[backup.cpp]: list failed\n/home/it's\n"},
+             {"walk", {Make(Kind::Close, "LIST /home", 2)}, 2, all, "vondral[backup.cpp]: list failed\n/home/it's\n"},
              {"retrieval refused",
               {Make(Kind::Replace, "RETR", 3, 0, "550 no")},
               2,
               without_documents,
               "RETR command failed\n  550 no\n"},
-             {"no data connection",
-              {Make(Kind::DataRefuse, "PASV", 7)},
-              2,
-              without_documents,
-              "PASV command failed"},
+             {"no data connection", {Make(Kind::DataRefuse, "PASV", 7)}, 2, without_documents, "PASV command failed"},
              {"data reset", {Make(Kind::DataReset, "RETR", 3)}, 2, {}, ""},
              {"control lost before data", {Make(Kind::Close, "RETR", 3)}, 2, {}, "recovering checkpoint"},
              {"recovery refused",
@@ -386,16 +367,14 @@ TEST(Backup, SurvivesOrReportsBrokenConnections) {
          }) {
         Night night;
         night.program.minute_ms = 300;
-        const Outcome outcome =
-            night.Run(night.Backup() + std::vector<std::string>{"-x", "no"}, trouble.faults);
+        const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-x", "no"}, trouble.faults);
         EXPECT_EQ(outcome.status, trouble.status) << trouble.what << outcome.err;
         EXPECT_TRUE(Holds(Messages(outcome.err), trouble.message)) << trouble.what << outcome.err;
         const std::vector<std::string> archived = night.Archived();
         if (!trouble.archived.empty()) {
             EXPECT_EQ(archived, trouble.archived) << trouble.what;
         } else {
-            EXPECT_TRUE(std::equal(up_to_documents.begin(), up_to_documents.end(), archived.begin()))
-                << trouble.what;
+            EXPECT_TRUE(std::equal(up_to_documents.begin(), up_to_documents.end(), archived.begin())) << trouble.what;
         }
         EXPECT_EQ(Holds(outcome.err, "Backup Failure: /QDLS"), trouble.archived != all) << trouble.what;
         EXPECT_EQ(night.server->OpenSessions(), 0) << trouble.what;
@@ -449,8 +428,7 @@ TEST(Backup, TerminationKeepsWhatIsComplete) {
     const Outcome outcome = night.program.Wait();
     EXPECT_EQ(outcome.status, 143);
     EXPECT_EQ(night.Archived(), (std::vector<std::string>{"/Security Data", "/System Configuration"}));
-    EXPECT_TRUE(Messages(outcome.err).ends_with("vondral[backup.cpp]: Backup Terminated Cleanly\n"))
-        << outcome.err;
+    EXPECT_TRUE(Messages(outcome.err).ends_with("vondral[backup.cpp]: Backup Terminated Cleanly\n")) << outcome.err;
     EXPECT_EQ(night.server->SessionCount(), 2);
 }
 

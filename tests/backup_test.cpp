@@ -117,20 +117,18 @@ TEST(Listing, LinesTakenApart) {
     };
     for (const Row& row :
          {Row{"drwxr-xr-x 2 QSYS 0 8192 Mar 5 14:07 DIR\r", 040000 | 0733, 8192, "2026 3 5 14:7", "DIR", ""},
-          {"-rw-r--r--   1 A        B             10 Jan  2  2009 x\r", 0100000 | 0622, 10, "2009 1 2 0:0",
-           "x", ""},
-          {"drwx---rwx   1 QPGMR    0          20480 Sep 24 18:16 TIMESTAMP\r", 040000 | 0703, 20480,
-           "2025 9 24 18:16", "TIMESTAMP", ""},
+          {"-rw-r--r--   1 A        B             10 Jan  2  2009 x\r", 0100000 | 0622, 10, "2009 1 2 0:0", "x", ""},
+          {"drwx---rwx   1 QPGMR    0          20480 Sep 24 18:16 TIMESTAMP\r", 040000 | 0703, 20480, "2025 9 24 18:16",
+           "TIMESTAMP", ""},
           {"lrwxrwxrwx 1 A B 3 Jan 2 2009 l -> t\r", 0100000 | 0733, 3, "2009 1 2 0:0", "l", ""},
-          {"lrwxrwxrwx 1 A B 3 Jan 2 2009 l -> t and more\r", 0100000 | 0733, 3, "2009 1 2 0:0", "l",
-           "and more\r"},
+          {"lrwxrwxrwx 1 A B 3 Jan 2 2009 l -> t and more\r", 0100000 | 0733, 3, "2009 1 2 0:0", "l", "and more\r"},
           {"---s--s--s 1 A B 3 Jan 2 2009 s\r", 0100000 | 07111, 3, "2009 1 2 0:0", "s", ""},
           {"-rw-r--r-- 1 A B 3 january 2 2009 a name  with blanks \r", 0100000 | 0622, 3, "2009 1 2 0:0",
            "a name  with blanks ", ""},
           {"-rw-r--r-- 1 A B 3 Jan 2 2009 bare", 0100000 | 0622, 3, "2009 1 2 0:0", "bar", "e"},
           {"-rw-r--r-- 1 A B big Jan 2 2009 x\r", 0100000 | 0622, 0, "2009 1 2 0:0", "x", ""},
-          {"-rw-r--r-- 1 A B 18446744073709551616 May 2 00:00 x\r", 0100000 | 0622, UINT64_MAX,
-           "2026 5 2 0:0", "x", ""}}) {
+          {"-rw-r--r-- 1 A B 18446744073709551616 May 2 00:00 x\r", 0100000 | 0622, UINT64_MAX, "2026 5 2 0:0", "x",
+           ""}}) {
         ListingEntry entry;
         EXPECT_FALSE(ParseListingLine(row.line, Now(4), entry)) << row.line;
         EXPECT_EQ(entry.mode, row.mode) << row.line;
@@ -264,8 +262,7 @@ TEST(ListingCallback, ExcludesAndCutsOff) {
     Listing listing;
     RunSettings.exclude.reset(std::fopen((temp / "exclude").c_str(), "r"));
     RunSettings.verbosity = 1;
-    EXPECT_EQ(listing.List("/d", false, {File + "no\r\n" + File + "yes\r\n"}),
-              "vondral: /d/no: excluded\n/yes ");
+    EXPECT_EQ(listing.List("/d", false, {File + "no\r\n" + File + "yes\r\n"}), "vondral: /d/no: excluded\n/yes ");
     EXPECT_TRUE(listing.root->first_dir->partial);
     EXPECT_EQ(listing.context.path, "/d");
     listing.root->first_file.reset();
@@ -277,9 +274,9 @@ TEST(ListingCallback, ExcludesAndCutsOff) {
     RunSettings.cutoff = true;
     RunSettings.cutoff_time = 1230900000; // 2 January 2009, about noon
     RunSettings.verbosity = 1;
-    EXPECT_EQ(dated.List("/d", false,
-                         {File + "old\r\n" + Dir + "olddir\r\n" + "-rw-r--r-- 1 A B 3 Jan 4 2009 new\r\n"}),
-              "vondral: excluding /old since it's older than given time\n/olddir/ /new ");
+    EXPECT_EQ(
+        dated.List("/d", false, {File + "old\r\n" + Dir + "olddir\r\n" + "-rw-r--r-- 1 A B 3 Jan 4 2009 new\r\n"}),
+        "vondral: excluding /old since it's older than given time\n/olddir/ /new ");
     EXPECT_FALSE(dated.root->first_dir->partial);
 }
 
@@ -318,8 +315,7 @@ TEST(BackupList, SortsByKindAndDecidesWhatIsOneUnit) {
     EXPECT_EQ(Placed(BuildBackupList(*root)),
               "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/empty/ /home/g /home/a/f | ");
     RunSettings.cutoff = true; // what holds nothing new is left out
-    EXPECT_EQ(Placed(BuildBackupList(*root)),
-              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/g /home/a/f | ");
+    EXPECT_EQ(Placed(BuildBackupList(*root)), "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/g /home/a/f | ");
     ObjectNode& dated = AppendDirectory(libraries, "/B.LIB", 0100755, 0, {});
     AppendDirectory(libraries, "/C.LIB", 0100755, 0, {});
     AppendFile(dated, "/X.FILE", 0100755, 0, {});
@@ -329,13 +325,8 @@ TEST(BackupList, SortsByKindAndDecidesWhatIsOneUnit) {
 // Writing the archive
 
 TEST(ArchiveWriter, WritesWholeBlocksHoweverTheDataCome) {
-    for (const std::vector<int>& pieces : {std::vector<int>{700, 300},
-                                           {1024},
-                                           {1, 510, 1, 513},
-                                           {511},
-                                           {512},
-                                           {65536, 100},
-                                           {3, 65536, 65536}}) {
+    for (const std::vector<int>& pieces :
+         {std::vector<int>{700, 300}, {1024}, {1, 510, 1, 513}, {511}, {512}, {65536, 100}, {3, 65536, 65536}}) {
         const TempDir temp;
         ArchiveWriter writer;
         const Descriptor file(::open((temp / "a").c_str(), O_RDWR | O_CREAT, 0600));
@@ -351,8 +342,7 @@ TEST(ArchiveWriter, WritesWholeBlocksHoweverTheDataCome) {
         const std::size_t whole = sent.size() / 512 * 512;
         EXPECT_EQ(ReadFile(temp / "a"), sent.substr(0, whole));
         EXPECT_EQ(writer.bytes, static_cast<std::int64_t>(whole));
-        EXPECT_EQ(std::string(writer.block.data(), static_cast<std::size_t>(writer.pending)),
-                  sent.substr(whole));
+        EXPECT_EQ(std::string(writer.block.data(), static_cast<std::size_t>(writer.pending)), sent.substr(whole));
         EXPECT_EQ(writer.calls, pieces.size());
     }
 }
@@ -381,8 +371,7 @@ TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     Capture missing;
     EXPECT_EQ(ArchiveWriteCallback(nullptr, data.data(), &count), -1);
     EXPECT_EQ(TruncateArchive(-1, 0), -1);
-    EXPECT_EQ(missing.Take(),
-              "vondral[backup.cpp]: bad argument\nvondral[backup.cpp]: lseek(): Bad file descriptor\n");
+    EXPECT_EQ(missing.Take(), "vondral[backup.cpp]: bad argument\nvondral[backup.cpp]: lseek(): Bad file descriptor\n");
 }
 
 } // namespace

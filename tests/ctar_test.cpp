@@ -118,8 +118,7 @@ TEST(Ctar, SizesInBothEncodings) {
         std::uint64_t size;
         const char* field;
     };
-    for (const Row& row :
-         {Row{0, "00000000000"}, {2147483647, "17777777777"}, {2147483648, "#.....0....."}}) {
+    for (const Row& row : {Row{0, "00000000000"}, {2147483647, "17777777777"}, {2147483648, "#.....0....."}}) {
         const CtarBlock header = Header("/x", row.size);
         EXPECT_EQ(Field(header, 124, 12), std::string(row.field, 12));
         EXPECT_EQ(Field(header, 265, 12), std::string(row.field, 12));

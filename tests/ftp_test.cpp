@@ -82,20 +82,17 @@ TEST(Commands, RestoreCommandsInFull) {
     const StringList omissions{{"/home/it's/a", std::nullopt}, {"/home/it's/b", "ignored"}};
     const RestoreMember& rst = RestoreMemberFor("/home");
     ServerRelease = 0;
-    EXPECT_EQ(
-        rst.build(moved, omissions),
-        "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home/it''s\"' *INCLUDE '\"/tmp/new\"') "
-        "('\"/home/it''s/a\"' *OMIT) ('\"/home/it''s/b\"' *OMIT)) SUBTREE(*ALL) ALWOBJDIF(*ALL)");
+    EXPECT_EQ(rst.build(moved, omissions),
+              "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home/it''s\"' *INCLUDE '\"/tmp/new\"') "
+              "('\"/home/it''s/a\"' *OMIT) ('\"/home/it''s/b\"' *OMIT)) SUBTREE(*ALL) ALWOBJDIF(*ALL)");
     ServerRelease = 2;
-    EXPECT_EQ(
-        rst.build({"/home", std::nullopt}, {}),
-        "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home\"')) SUBTREE(*ALL) ALWOBJDIF(*ALL) "
-        "CRTPRNDIR(*Yes)");
+    EXPECT_EQ(rst.build({"/home", std::nullopt}, {}),
+              "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home\"')) SUBTREE(*ALL) ALWOBJDIF(*ALL) "
+              "CRTPRNDIR(*Yes)");
     ServerRelease = 0;
     const RestoreMember& rstlib = RestoreMemberFor("/QSYS.LIB/A.LIB");
-    EXPECT_EQ(
-        rstlib.build({"/QSYS.LIB/A", std::nullopt}, {}),
-        "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(*SAVLIB) MBROPT(*ALL) ALWOBJDIF(*ALL)");
+    EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", std::nullopt}, {}),
+              "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(*SAVLIB) MBROPT(*ALL) ALWOBJDIF(*ALL)");
     EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", "/QSYS.LIB/B"}, {}),
               "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(B) MBROPT(*ALL) ALWOBJDIF(*ALL)");
 }
@@ -195,9 +192,8 @@ TEST(Login, ABrokenConnectionHasNoRecoveryHere) {
     EXPECT_EQ(session.LogIn(), -1);
     EXPECT_EQ(Quit(std::move(session.session)), -1);
     const std::string messages = capture.Take();
-    EXPECT_NE(
-        messages.find("vondral[ftp.cpp]: jump buffer invalid\nvondral[ftp.cpp]: CWD / command failed\n"),
-        messages.npos)
+    EXPECT_NE(messages.find("vondral[ftp.cpp]: jump buffer invalid\nvondral[ftp.cpp]: CWD / command failed\n"),
+              messages.npos)
         << messages;
     EXPECT_NE(messages.find("vondral[ftp.cpp]: QUIT command failed\n"), messages.npos) << messages;
 }
@@ -209,8 +205,7 @@ TEST(Parents, EveryDirectoryAboveAndNothingElse) {
     EXPECT_EQ(MakeParentDirectories(session.session.get(), "/file"), 0);
     EXPECT_EQ(MakeParentDirectories(session.session.get(), "relative/x"), 1);
     const std::vector<std::string> sent = session.server.Transcript();
-    EXPECT_EQ(std::vector<std::string>(sent.begin() + 5, sent.end()),
-              (std::vector<std::string>{"MKD /a", "MKD /a/b"}));
+    EXPECT_EQ(std::vector<std::string>(sent.begin() + 5, sent.end()), (std::vector<std::string>{"MKD /a", "MKD /a/b"}));
 }
 
 int Ignore(void*, char*, int*) {
@@ -258,8 +253,7 @@ TEST(Listing, AFailedRecoveryEndsTheOperationAndArmsNothing) {
     Capture capture;
     EXPECT_EQ(ListHome(session, *root), -1);
     const std::string messages = capture.Take();
-    EXPECT_TRUE(
-        messages.ends_with("vondral[ftp.cpp]: login failed\nvondral[ftp.cpp]: can't recover checkpoint\n"))
+    EXPECT_TRUE(messages.ends_with("vondral[ftp.cpp]: login failed\nvondral[ftp.cpp]: can't recover checkpoint\n"))
         << messages;
     EXPECT_EQ(session.session->checkpoint.flags, 0U);
 }

@@ -26,8 +26,7 @@ struct Site {
         Start(program, arguments, input);
         return program.Wait();
     }
-    pid_t Start(Program& program, const std::vector<std::string>& arguments,
-                const fs::path& input = "/dev/null") {
+    pid_t Start(Program& program, const std::vector<std::string>& arguments, const fs::path& input = "/dev/null") {
         options.root = root.path;
         server = std::make_unique<rehearsal::Server>(options);
         program.arguments = {"-s", "127.0.0.1", "-c", "FRED:here:secret"};
@@ -78,15 +77,13 @@ TEST(Restore, BringsEverythingBackOnEveryRelease) {
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         EXPECT_EQ(DiffTrees(saved.site.root.path, fresh.root.path), "") << release;
         EXPECT_EQ(Holds(outcome.out, "Restore Success: /QSYS.LIB/PAYROLL\n"), true) << outcome.out;
-        EXPECT_TRUE(Holds(Messages(outcome.out),
-                          "Archive  : /home\nObject   : /home\nRestore Success: /home\n"
-                          "Transfer : # s\nRestore  : # s\n"))
+        EXPECT_TRUE(Holds(Messages(outcome.out), "Archive  : /home\nObject   : /home\nRestore Success: /home\n"
+                                                 "Transfer : # s\nRestore  : # s\n"))
             << outcome.out;
         EXPECT_TRUE(Holds(outcome.out, "Restored ")) << outcome.out;
         const std::vector<std::string> commands = fresh.server->Transcript();
         EXPECT_EQ(commands[commands.size() - 2], "RCMD RSTAUT USRPRF(*ALL)");
-        EXPECT_EQ(Holds(testing::PrintToString(fresh.Restores()), "CRTPRNDIR(*Yes)"),
-                  std::string(release) == "V5R4M0");
+        EXPECT_EQ(Holds(testing::PrintToString(fresh.Restores()), "CRTPRNDIR(*Yes)"), std::string(release) == "V5R4M0");
     }
 }
 
@@ -140,8 +137,7 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
              Chosen{"one file under another name",
                     "/home/a/b :: /other/place/b\n",
                     "/System Configuration\n",
-                    {"MKD /other", "MKD /other/place",
-                     head + "'\"/home/a/b\"' *INCLUDE '\"/other/place/b\"')" + tail},
+                    {"MKD /other", "MKD /other/place", head + "'\"/home/a/b\"' *INCLUDE '\"/other/place/b\"')" + tail},
                     0,
                     ""},
              {"two parts of one entry",
@@ -163,12 +159,7 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
               {head + "'\"/home\"') ('\"/home/a/c\"' *OMIT)" + tail},
               0,
               ""},
-             {"special objects bypass the include file",
-              "/none\n",
-              "",
-              {configuration},
-              0,
-              "/home: not included"},
+             {"special objects bypass the include file", "/none\n", "", {configuration}, 0, "/home: not included"},
              {"wild cards do not count", "/home*\n", "/System Configuration\n", {}, 0, "/home: not included"},
              {"a library under another name",
               "/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/NEWLIB.LIB\n",
@@ -176,12 +167,7 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
               {rstlib("NEWLIB")},
               0,
               ""},
-             {"a library by itself",
-              "/QSYS.LIB/MYLIB.LIB\n",
-              "/System Configuration\n",
-              {rstlib("*SAVLIB")},
-              0,
-              ""},
+             {"a library by itself", "/QSYS.LIB/MYLIB.LIB\n", "/System Configuration\n", {rstlib("*SAVLIB")}, 0, ""},
              {"a library name too long",
               "/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/ALONGLIBNAME.LIB\n",
               "/System Configuration\n",
@@ -200,8 +186,8 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
         fs::create_directories(fresh.root / "QSYS.LIB");
         WriteFile(work / "include", row.include);
         WriteFile(work / "exclude", row.exclude);
-        const Outcome outcome = fresh.Run({"-v", "-r", archive.string(), "-i", (work / "include").string(),
-                                           "-e", (work / "exclude").string()});
+        const Outcome outcome = fresh.Run(
+            {"-v", "-r", archive.string(), "-i", (work / "include").string(), "-e", (work / "exclude").string()});
         EXPECT_EQ(outcome.status, row.status) << row.what << outcome.err;
         EXPECT_EQ(fresh.Restores(), row.commands) << row.what;
         EXPECT_TRUE(Holds(Messages(outcome.err), row.messages)) << row.what << outcome.err;
@@ -286,9 +272,8 @@ TEST(Restore, JudgesRefusalsByTheirText) {
         const Outcome outcome = fresh.Run({"-r", archive});
         EXPECT_EQ(outcome.status, row.status) << row.reply << outcome.err;
         EXPECT_EQ(Holds(outcome.out, "Restore Success: "), row.success_line) << row.reply;
-        EXPECT_EQ(Holds(Messages(outcome.err),
-                        "vondral[restore.cpp]: IFS object restore failed\nvondral[restore.cpp]: "
-                        "failed to restore object at offset 0x0\n"),
+        EXPECT_EQ(Holds(Messages(outcome.err), "vondral[restore.cpp]: IFS object restore failed\nvondral[restore.cpp]: "
+                                               "failed to restore object at offset 0x0\n"),
                   row.status != 0)
             << outcome.err;
     }
@@ -304,8 +289,7 @@ TEST(Restore, AnEntryWithoutDataIsNoFailure) {
 }
 
 TEST(Restore, RecoversBeforeTheUploadAndFailsTheEntryAfter) {
-    for (const auto& [command, recovered] :
-         {std::pair{"RCMD CLRSAVF", true}, {"STOR", false}, {"RCMD RST ", false}}) {
+    for (const auto& [command, recovered] : {std::pair{"RCMD CLRSAVF", true}, {"STOR", false}, {"RCMD RST ", false}}) {
         const Saved saved;
         Site fresh;
         Fault fault;
@@ -313,14 +297,12 @@ TEST(Restore, RecoversBeforeTheUploadAndFailsTheEntryAfter) {
         fault.command = command;
         fresh.options.faults = {fault};
         const fs::path include = saved.File("include", "/home\n");
-        const Outcome outcome = fresh.Run(
-            {"-r", saved.archive.string(), "-i", include.string(), "-e", include.string() + "x", "-v"});
+        const Outcome outcome =
+            fresh.Run({"-r", saved.archive.string(), "-i", include.string(), "-e", include.string() + "x", "-v"});
         EXPECT_EQ(outcome.status, 255); // there is no such exclude file
         const fs::path exclude = saved.File("exclude", "/Security Data\n/System Configuration\n");
-        const Outcome run =
-            fresh.Run({"-r", saved.archive.string(), "-i", include.string(), "-e", exclude.string()});
-        EXPECT_TRUE(Holds(Messages(run.err), "vondral[ftp.cpp]: recovering checkpoint\n"))
-            << command << run.err;
+        const Outcome run = fresh.Run({"-r", saved.archive.string(), "-i", include.string(), "-e", exclude.string()});
+        EXPECT_TRUE(Holds(Messages(run.err), "vondral[ftp.cpp]: recovering checkpoint\n")) << command << run.err;
         EXPECT_EQ(Holds(run.out, "Restore Success: /home\n"), recovered) << command << run.out;
         EXPECT_EQ(Holds(run.err, "IFS object restore failed"), !recovered) << command << run.err;
     }
@@ -329,8 +311,7 @@ TEST(Restore, RecoversBeforeTheUploadAndFailsTheEntryAfter) {
 // Archives that are none
 
 TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
-    const std::string good =
-        MakeArchive({{"/home/a", "not a save file"}, {"/home/b", std::string(600, 'b')}});
+    const std::string good = MakeArchive({{"/home/a", "not a save file"}, {"/home/b", std::string(600, 'b')}});
     const auto damaged = [&good](std::size_t at, char byte) {
         std::string bytes = good;
         bytes[at] = byte;
@@ -394,8 +375,7 @@ TEST(Restore, LaterGoodEntriesMakeGood) {
             std::swap(entries[0], entries[1]);
         WriteFile(work / "archive", MakeArchive(entries));
         Site fresh;
-        const Outcome outcome =
-            fresh.Run({"-r", (work / "archive").string(), "-e", (work / "exclude").string()});
+        const Outcome outcome = fresh.Run({"-r", (work / "archive").string(), "-e", (work / "exclude").string()});
         EXPECT_EQ(outcome.status, good_last ? 0 : 255);
         EXPECT_TRUE(Holds(outcome.err, "IFS object restore failed")) << outcome.err;
     }

@@ -22,8 +22,7 @@ std::string Fed(const std::string& archive, std::int64_t size, bool through_pipe
         feeder = std::thread([&archive, out = ends[1]] {
             const Descriptor owner(out);
             for (std::size_t at = 0; at < archive.size(); at += 700) // pieces that are no blocks
-                EXPECT_GT(::write(out, archive.data() + at, std::min<std::size_t>(700, archive.size() - at)),
-                          0);
+                EXPECT_GT(::write(out, archive.data() + at, std::min<std::size_t>(700, archive.size() - at)), 0);
         });
     }
     ArchiveReader reader{input.Get(), 0, size, size};
@@ -47,8 +46,7 @@ TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
             std::string data(static_cast<std::size_t>(size), 'd');
             const std::size_t padded = (data.size() + 511) / 512 * 512;
             std::int64_t left = 0;
-            EXPECT_EQ(Fed(data + std::string(padded - data.size(), '\0') + "next", size, through_pipe, left),
-                      data);
+            EXPECT_EQ(Fed(data + std::string(padded - data.size(), '\0') + "next", size, through_pipe, left), data);
             EXPECT_EQ(left, size - static_cast<std::int64_t>(padded));
         }
         std::int64_t left = 0;

@@ -125,8 +125,7 @@ TEST(ReplyReader, ClosesAndAsksForRecoveryWhenThePeerLeaves) {
     peer.Leave();
     Capture capture;
     EXPECT_EQ(Read(peer.control), "-1 ");
-    EXPECT_EQ(capture.Take(),
-              "vondral[socket.cpp]: :0: control connection closed\nvondral[ftp.cpp]: not a session\n");
+    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: :0: control connection closed\nvondral[ftp.cpp]: not a session\n");
     EXPECT_FALSE(peer.control.socket.IsOpen());
     EXPECT_EQ(peer.control.reply_held, 0U);
 }
@@ -238,8 +237,8 @@ TEST(Transfer, DownloadEndsAfterAsManySilentMinutesAsAllowed) {
     EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), 1);
     const std::string head = "vondral[socket.cpp]: ";
     const std::string silent = head + "poll(): timedout on data read after 60.00s ";
-    EXPECT_EQ(capture.Take(), silent + "(1 times)\n" + silent + "(2 times)\n" + silent + "(3 times)\n" +
-                                  head + "Timeout limit reached (3 times).\n");
+    EXPECT_EQ(capture.Take(), silent + "(1 times)\n" + silent + "(2 times)\n" + silent + "(3 times)\n" + head +
+                                  "Timeout limit reached (3 times).\n");
     EXPECT_EQ(collector.bytes, "abc"); // what had come was handed over before the silence counted
 }
 
@@ -314,17 +313,16 @@ TEST(Pasv, AddressesAndPortsOfReplies) {
         const char* reply;
         const char* messages; // of the parser, before the engine's own; "" when a connection was tried
     };
-    for (const Row& row :
-         {Row{"200 Entering (127,0,0,1,0,1)", "bad PASV response"},
-          {"227 no digits", "PASV response without address"},
-          {"227 (127,0,0,1,0)", "PASV response port invalid"},
-          {"227 (127,0,0,1)", "PASV response address invalid"},
-          {"227 (127,0,0,1,x,1)", "PASV response port invalid"},
-          {"227 (127,0,0,1,1,x)", "PASV response port invalid"},
-          {"227 (300,0,0,1,1,1)", "PASV response address invalid"},
-          {"227 (127,0,0,111111111111111111111111111111,1,1)", "PASV response address invalid"},
-          {"227 Entering Passive Mode (127,0,0,1,0,1).", "connect(, 127.0.0.1:1): Connection refused"},
-          {"227 =127,0,0,1,256,1", "connect(, 127.0.0.1:1): Connection refused"}}) {
+    for (const Row& row : {Row{"200 Entering (127,0,0,1,0,1)", "bad PASV response"},
+                           {"227 no digits", "PASV response without address"},
+                           {"227 (127,0,0,1,0)", "PASV response port invalid"},
+                           {"227 (127,0,0,1)", "PASV response address invalid"},
+                           {"227 (127,0,0,1,x,1)", "PASV response port invalid"},
+                           {"227 (127,0,0,1,1,x)", "PASV response port invalid"},
+                           {"227 (300,0,0,1,1,1)", "PASV response address invalid"},
+                           {"227 (127,0,0,111111111111111111111111111111,1,1)", "PASV response address invalid"},
+                           {"227 Entering Passive Mode (127,0,0,1,0,1).", "connect(, 127.0.0.1:1): Connection refused"},
+                           {"227 =127,0,0,1,256,1", "connect(, 127.0.0.1:1): Connection refused"}}) {
         Peer peer;
         peer.Send(std::string(row.reply) + "\r\n");
         Capture capture;

@@ -133,12 +133,10 @@ std::string Octal(unsigned long long value, int digits) {
 }
 
 std::string ReadName(const std::string& header) {
-    const auto piece = [&header](std::size_t offset, std::size_t width) {
-        return header.substr(offset, width);
-    };
+    const auto piece = [&header](std::size_t offset, std::size_t width) { return header.substr(offset, width); };
     const bool is_long = header.substr(293, 3) == "100";
-    const std::string whole = piece(0, 100) + piece(368, 70) +
-                              (is_long ? piece(159, 98) + piece(440, 70) + piece(305, 62) : std::string());
+    const std::string whole =
+        piece(0, 100) + piece(368, 70) + (is_long ? piece(159, 98) + piece(440, 70) + piece(305, 62) : std::string());
     return whole.substr(0, whole.find('\0'));
 }
 

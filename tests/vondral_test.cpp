@@ -45,21 +45,19 @@ TEST(Options, ErrorsAreCollectedAndReportedTogether) {
                             "99",  "-z",     "0",      "-z", "100000",     "-d", "12y",        "-m",
                             "1k",  "-c",     "fred",   "-i", "/nowhere/i", "-C", "/nowhere/c", "stray"});
     EXPECT_EQ(line.result, -1);
-    EXPECT_EQ(line.Complaints(),
-              "vondral: verbose value must be a number\ninvalid argument: --wait 100000\n"
-              "invalid argument: --wait -2\nvondral: '3x': can't parse file descriptor\n"
-              "vondral: fdopen(99): Bad file descriptor\ninvalid argument: --timeout 0\n"
-              "invalid argument: --timeout 100000\nvondral: '12y': can't parse timestamp\n"
-              "vondral: '1k': can't parse block size\nvondral: Missing password in credentials\n"
-              "vondral: fopen(/nowhere/i): No such file or directory\n"
-              "vondral: Failed to open catalog file /nowhere/c\nvondral: unknown argument: stray\n");
+    EXPECT_EQ(line.Complaints(), "vondral: verbose value must be a number\ninvalid argument: --wait 100000\n"
+                                 "invalid argument: --wait -2\nvondral: '3x': can't parse file descriptor\n"
+                                 "vondral: fdopen(99): Bad file descriptor\ninvalid argument: --timeout 0\n"
+                                 "invalid argument: --timeout 100000\nvondral: '12y': can't parse timestamp\n"
+                                 "vondral: '1k': can't parse block size\nvondral: Missing password in credentials\n"
+                                 "vondral: fopen(/nowhere/i): No such file or directory\n"
+                                 "vondral: Failed to open catalog file /nowhere/c\nvondral: unknown argument: stray\n");
 }
 
 TEST(Options, WhatARunNeeds) {
     EXPECT_EQ(CommandLine({}).Complaints(), "vondral: you must provide a server name\n");
     EXPECT_EQ(CommandLine({"-s", "h"}).Complaints(), "vondral: you must provide login credentials\n");
-    EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:there:x"}).Complaints(),
-              "vondral: bad where following user name\n");
+    EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:there:x"}).Complaints(), "vondral: bad where following user name\n");
     EXPECT_EQ(CommandLine({"--help"}).Complaints(), "");
     EXPECT_EQ(CommandLine({"--help"}).result, -1);
     EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:here:x"}).messages, "");
@@ -136,8 +134,7 @@ TEST(Credentials, EveryFormAndEveryRefusal) {
           {"user:file:" + file, "secret\r\nrest", "user", "secret\r", ""},
           {"user:file:" + file, "secret", "user", "secret", truncated + "6 bytes\n"},
           {"user:file:" + file, "", "user", "", truncated + "0 bytes\n"},
-          {"user:file:" + file, std::string(5000, 'x'), "user", std::string(4095, 'x'),
-           truncated + "4095 bytes\n"},
+          {"user:file:" + file, std::string(5000, 'x'), "user", std::string(4095, 'x'), truncated + "4095 bytes\n"},
           {"user", "", "", "-", "vondral: Missing password in credentials\n"},
           {"user:ftp:x", "", "", "-", "vondral: bad where following user name\n"},
           {"user:env:VONDRAL_TEST_NONE", "", "", "-",
@@ -183,18 +180,17 @@ TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
         const char* collected; // "path>second path", of a question with a list
     };
     const TempDir temp;
-    for (const Row& row :
-         {Row{"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIB/Y.FILE", false, 0, "/QSYS.LIB/X.LIB/Y.FILE> "},
-          {"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIBRARY", false, 1, ""},
-          {"/home/*\n", "/home/a", false, 0, "/home/a> "},
-          {"/home/*\n", "/home/a/b", false, 0, "/home/a/b> "},
-          {"/home/*\n", "/home", false, 1, "/home/*> "},
-          {"*.txt\n", "a.txt", false, 0, "a.txt> "},
-          {"/a/*\n/b\n", "/a/x", true, 1, ""},
-          {"/a/b :: /c/d\n/a/b/c\n/a\n", "/a", true, 0, "/a/b>/c/d /a/b/c> /a> "},
-          {"/a :: /b :: /c", "/a", true, 0, "/a>/b :: /c "},
-          {"/a ::\n/A\n", "/a", true, 1, ""},
-          {"", "/a", false, 1, ""}}) {
+    for (const Row& row : {Row{"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIB/Y.FILE", false, 0, "/QSYS.LIB/X.LIB/Y.FILE> "},
+                           {"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIBRARY", false, 1, ""},
+                           {"/home/*\n", "/home/a", false, 0, "/home/a> "},
+                           {"/home/*\n", "/home/a/b", false, 0, "/home/a/b> "},
+                           {"/home/*\n", "/home", false, 1, "/home/*> "},
+                           {"*.txt\n", "a.txt", false, 0, "a.txt> "},
+                           {"/a/*\n/b\n", "/a/x", true, 1, ""},
+                           {"/a/b :: /c/d\n/a/b/c\n/a\n", "/a", true, 0, "/a/b>/c/d /a/b/c> /a> "},
+                           {"/a :: /b :: /c", "/a", true, 0, "/a>/b :: /c "},
+                           {"/a ::\n/A\n", "/a", true, 1, ""},
+                           {"", "/a", false, 1, ""}}) {
         const FreshSettings fresh;
         if (row.restoring)
             RunSettings.restore_path = "x";
@@ -203,8 +199,7 @@ TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
         StringList list;
         for (int repeat = 0; repeat < 2; ++repeat) { // the file is read anew each time
             list.clear();
-            EXPECT_EQ(MatchPathFile(row.path, &list, stream.get()), *row.collected == '\0' ? 1 : 0)
-                << row.file;
+            EXPECT_EQ(MatchPathFile(row.path, &list, stream.get()), *row.collected == '\0' ? 1 : 0) << row.file;
         }
         std::string collected;
         for (const StringPair& pair : list)

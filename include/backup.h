@@ -31,7 +31,7 @@ struct ListingContext {
 // Counters of the run, written before the workers start.
 struct ListingTotals {
     std::uint64_t list_calls = 0;
-    std::uint64_t parse_errors = 0; // lines that failed to parse, and listings that failed during the walk
+    std::uint64_t parse_errors = 0; // lines that failed to parse, and failed listings that cost objects
     std::uint64_t objects_found = 0;
     double list_bytes = 0;
 };
@@ -45,8 +45,8 @@ void BeginListing(ListingContext& context, ObjectNode& directory);
 // -1 without a context. A line that is longer than 4095 characters ends the program with 255.
 int ListingCallback(void* context, char* data, int* length);
 
-// Lists a directory and all below it. `context.path` holds the path of its parent and comes back so. Gives
-// the parse errors of all its listings, -1 when its own listing failed.
+// Lists a directory and all below it. `context.path` holds the path of its parent and comes back so. Gives the sum of
+// the parse errors of its listings, where a listing below that failed counts as -1; -1 when its own listing failed.
 int WalkDirectory(FtpSession* session, ObjectNode& dir, ListingContext& context);
 
 // Finds everything that the include paths name. Gives nothing after a failure, which is reported.
@@ -74,7 +74,7 @@ int ProcessObject(FtpSession* session, ObjectFile& object, std::uint32_t number,
 int SaveBlock(FtpSession* session, const ObjectNode& kind_tree, std::uint32_t number, int archive,
               BackupTotals& totals);
 
-// The run mode. Gives the exit status: 0, 1 with failures or parse errors, 2 when they are 10 % and more, -1
-// when the archive cannot be made or made safe, or a list not be built. Ends the process with 143 when
-// termination was requested.
+// The run mode. Gives the exit status: 0, 1 with failures or parse errors, 2 when they are 10 % and more, -1 when
+// the archive or another file of the run cannot be made or made safe, or a list not be built. Ends the process with
+// 143 when termination was requested.
 int BackupDriver(FtpSession* session);

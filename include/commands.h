@@ -12,7 +12,9 @@
 #include "string_list.h"
 #include "tree.h"
 
-constexpr std::size_t LongestCommand = 4095; // characters; a longer one is refused before it is sent
+// Whether a save or restore command is too long: from 4096 characters on, and with just 4093, which would go out
+// without its line end and wait for its reply for ever.
+bool IsTooLong(std::string_view command);
 
 // Doubles every quote and apostrophe of a path for use inside a quoted CL string. Cut at 4093 characters.
 std::string QuoteForCL(std::string_view text);

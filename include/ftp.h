@@ -71,10 +71,10 @@ int RecoverCheckpoint(FtpSession* session);
 // without sending anything for another path.
 int MakeParentDirectories(FtpSession* session, const std::string& path);
 
-// Lists one directory to the callback, setting the transfer parameters first as far as needed. Gives 0, or
-// -1. `directory` is the node being listed: a directory that the server cannot list while it is in use
-// becomes one file of its parent (see ListFailed). Without a node every refusal is final. Once data may have
-// reached the callback a broken connection is recovered, but the listing is not repeated: -1.
+// Lists one directory to the callback, setting the transfer parameters first as far as needed. Gives 0, or -1.
+// `directory` is the node being listed: one whose listing the server refuses with CPF3CAA becomes one file of its
+// parent (see ListFailed). Without a node every refusal is final. Once data may have reached the callback a broken
+// connection is recovered, but the listing is not repeated: -1.
 int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context, ObjectNode* directory);
 
 // Judges a refused LIST: 0 when the reply holds "CPF3CAA" and the directory was kept as one object, -1 after

@@ -26,7 +26,7 @@ constexpr RecordTag DataTag{'f', 't', 'p', 'd'};
 
 constexpr std::size_t ReplyCapacity = 4096;     // bytes of replies held, and of one reply line with its terminator
 constexpr std::size_t TransferCapacity = 65536; // bytes handed to a DataCallback at once
-constexpr int PollMilliseconds = 60000;         // every blocking wait on a socket; longer waits repeat it
+constexpr int PollMilliseconds = 60000;         // every poll() of a socket; longer waits repeat it
 
 // One TCP connection. The data variant leaves the reply fields alone; the control variant the transfer
 // buffer.
@@ -78,7 +78,7 @@ int ReadReply(FtpConnection* control, std::span<char, ReplyCapacity> line);
 // without its line end; 4092 characters at most go out whole.
 //
 //    0: the final reply was positive and a transfer ended normally;
-//    1: the final reply was negative;
+//    1: the final reply was negative, whatever became of the data before;
 //   -1: anything else that failed: the record, the command's length, either connection, the callback.
 //
 // `reply`, when given, receives every reply line that is not positive (as strncpy does: cut, and then without
@@ -90,6 +90,6 @@ int SendCommand(FtpConnection* control, const char* command, std::span<char> rep
 // closing the control socket; -1 for a data connection or none.
 int CloseConnection(std::unique_ptr<FtpConnection> connection);
 
-// Called right after a failed control socket was closed. Defined by the session layer: leaves for the
+// Called when the control connection has failed and is closed. Defined by the session layer: leaves for the
 // session's checkpoint by an exception, or, when none is armed, reports that and gives -1.
 int AbortToCheckpoint(FtpSession* session);

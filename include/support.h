@@ -122,3 +122,7 @@ struct StreamCloser {
     void operator()(std::FILE* stream) const { std::fclose(stream); }
 };
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
+
+// Whether all that was written to the stream has reached its file; reports it under the caller's place when not.
+// No stream lacks nothing.
+bool IsWritten(const Stream& stream, const char* name, SourcePlace place = SourcePlace::Here());

@@ -52,6 +52,7 @@ struct ObjectNode {
     std::uint32_t mode = 0;
     CalendarTime mtime;
     bool partial = false;    // something below was left out or failed to parse: never saved as one unit
+    bool unlisted = false;   // the server's listing of it failed
     bool released = false;   // the name was given up: neither walked nor placed
     std::uint64_t size = 0;  // its own and that of everything appended below
     std::uint64_t count = 0; // files appended anywhere below; directories do not count

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 #include <fcntl.h>
@@ -113,12 +113,16 @@ bool ParseLine(const ListingContext& context, std::string_view line, ListingEntr
     return !failure;
 }
 
+void CountParseError(ListingContext& context) {
+    ++context.parse_errors;
+    MarkPartial(*context.directory);
+}
+
 void TakeLine(ListingContext& context, std::string_view line) {
     line = line.substr(0, line.find('\0'));
     ListingEntry entry;
     if (!ParseLine(context, line, entry)) {
-        ++context.parse_errors;
-        MarkPartial(*context.directory);
+        CountParseError(context);
         return;
     }
     if (!entry.leftover.empty())
@@ -184,15 +188,40 @@ int ListingCallback(void* argument, char* data, int* length) {
     return 0;
 }
 
+// What becomes of a directory
+
+namespace {
+
+// Whether nothing below the directory is younger than the cut-off.
+bool IsUnchanged(const ObjectNode& dir) {
+    return RunSettings.cutoff && dir.count == 0;
+}
+
+bool IsOneUnit(const ObjectNode& dir) {
+    return dir.parent != nullptr && !dir.partial && (dir.size <= RunSettings.max_block_size || dir.count == 0);
+}
+
+} // namespace
+
 // The walk
 
 namespace {
+
+// Text behind the last line end is a line that the server did not finish: what it names is not known.
+void ReportUnfinishedLine(ListingContext& context) {
+    if (context.carry.find_first_not_of(" \r") == std::string::npos)
+        return;
+    LogMessageTo(stderr, "%sunfinished line: %s\n", FailureHead().c_str(), context.carry.c_str());
+    CountParseError(context);
+}
 
 // Lists the context's path into `directory`. Gives the listing's parse errors, -1 when it failed.
 int ListInto(FtpSession* session, ObjectNode& directory, ListingContext& context) {
     BeginListing(context, directory);
     ++RunListingTotals.list_calls;
     const int result = ListDirectory(session, context.path.c_str(), ListingCallback, &context, &directory);
+    if (result == 0)
+        ReportUnfinishedLine(context);
     if (context.parse_errors > 0) {
         LogMessageTo(stderr, "%s%d parse errors in directory %s\n", FailureHead().c_str(), context.parse_errors,
                      context.path.c_str());
@@ -215,7 +244,9 @@ int WalkDirectory(FtpSession* session, ObjectNode& dir, ListingContext& context)
     int errors = ListInto(session, dir, context);
     if (errors < 0) {
         LogMessageTo(stderr, "%slist failed\n%s\n", FailureHead().c_str(), context.path.c_str());
-        ++RunListingTotals.parse_errors; // what the directory holds is not known: the run must not end with 0
+        dir.unlisted = true;
+        if (!IsOneUnit(dir) || RunSettings.cutoff) // saved by what its listing told, which was not all
+            ++RunListingTotals.parse_errors;
     } else if (!dir.released) {
         for (ObjectNode* child = dir.first_dir.get(); child != nullptr; child = child->next.get()) {
             if (IsSettledLibrary(dir, context.path))
@@ -317,15 +348,6 @@ namespace {
 
 ObjectNode& KindTree(KindTrees& trees, std::string_view path) {
     return *trees[static_cast<std::size_t>(ClassifyPath(path))];
-}
-
-// Whether nothing below the directory is younger than the cut-off.
-bool IsUnchanged(const ObjectNode& dir) {
-    return RunSettings.cutoff && dir.count == 0;
-}
-
-bool IsOneUnit(const ObjectNode& dir) {
-    return dir.parent != nullptr && !dir.partial && (dir.size <= RunSettings.max_block_size || dir.count == 0);
 }
 
 // Places a directory of the include tree and everything below it; `path` is its parent's and comes back so.
@@ -638,10 +660,10 @@ void StartWorker(Worker& worker, const ObjectNode& kind_tree, int archive) {
                 worker.totals = BackupWorker(kind_tree, archive);
             } catch (const WorkerEnd&) {
             } catch (const std::bad_alloc&) {
-                LogMessageTo(stderr, "%sout of memory\n", FailureHead().c_str());
+                LogMessageTo(stderr, "%s: out of memory\n", ProgramName);
             }
         });
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         LogMessageTo(stderr, "%spthread_create(): %s\n", FailureHead().c_str(), error.what());
     }
 }
@@ -659,6 +681,16 @@ void JoinWorker(Worker& worker, std::size_t kind, const ObjectNode& kind_tree, B
     totals.failed += kind_tree.count;
 }
 
+// A kind without files gets no worker, so its empty directories are not saved; nor are those whose listing failed,
+// which may hold anything.
+void NoteEmptyTree(const ObjectNode& kind_tree) {
+    for (const ObjectNode* dir = kind_tree.first_dir.get(); dir != nullptr; dir = dir->next.get()) {
+        NoteNotBackedUp(dir->name);
+        if (dir->borrowed_from->unlisted)
+            ++RunListingTotals.parse_errors;
+    }
+}
+
 // One worker per kind that has objects: security data and configuration first and alone, the others together
 // when threading is on. After a termination request no further one starts.
 BackupTotals RunWorkers(const KindTrees& trees, int archive) {
@@ -666,8 +698,12 @@ BackupTotals RunWorkers(const KindTrees& trees, int archive) {
     std::array<bool, ObjectKindCount> running{};
     BackupTotals totals;
     for (std::size_t kind = 0; kind < workers.size(); ++kind) {
-        if (trees[kind]->count == 0 || TerminationRequested != 0)
+        if (TerminationRequested != 0)
             continue;
+        if (trees[kind]->count == 0) {
+            NoteEmptyTree(*trees[kind]);
+            continue;
+        }
         StartWorker(workers[kind], *trees[kind], archive);
         running[kind] = true;
         if (kind == static_cast<std::size_t>(ObjectKind::System) || !RunSettings.threading) {
@@ -698,9 +734,10 @@ void ReportListing(double seconds) {
 
 // Reports what was saved; gives the run's exit status by the share of failures.
 int ReportBackup(const BackupTotals& totals, double seconds) {
+    const std::uint64_t parse_errors = RunListingTotals.parse_errors;
     if (totals.attempted == 0) {
         ReportNothingAttempted();
-        return 0;
+        return parse_errors != 0 ? 2 : 0;
     }
     const ScaledAmount amount = ScaleBinary(static_cast<double>(totals.bytes));
     LogMessage("** Backed up %.3f %cB in %.3f s\n", amount.value, " kMG"[amount.unit], seconds);
@@ -708,8 +745,8 @@ int ReportBackup(const BackupTotals& totals, double seconds) {
     LogMessage("** Total Objects Attempted: %llu\n", Printable(totals.attempted));
     LogMessage("** Total Objects Failed   : %llu\n", Printable(totals.failed));
     constexpr std::uint64_t tolerated_percent = 9;
-    const std::uint64_t troubles = RunListingTotals.parse_errors + totals.failed;
-    if (troubles * 100 / (RunListingTotals.parse_errors + totals.attempted) > tolerated_percent)
+    const std::uint64_t troubles = parse_errors + totals.failed;
+    if (troubles * 100 / (parse_errors + totals.attempted) > tolerated_percent)
         return 2;
     return troubles != 0 ? 1 : 0;
 }
@@ -734,19 +771,24 @@ int BackupDriver(FtpSession* session) {
     const KindTrees trees = BuildBackupList(*include_tree);
     const double listed = SecondsNow();
     const CtarBlock sentinel = BuildCtarSentinel();
-    if (::write(archive.Get(), sentinel.data(), sentinel.size()) != static_cast<ssize_t>(sentinel.size()))
+    bool safe = ::write(archive.Get(), sentinel.data(), sentinel.size()) == static_cast<ssize_t>(sentinel.size());
+    if (!safe)
         LogMessageTo(stderr, "%sCTAR sentinel failed write(): %s\n", FailureHead().c_str(), std::strerror(errno));
     const BackupTotals totals = RunWorkers(trees, archive.Get());
-    if (::fdatasync(archive.Get()) != 0) {
+    const bool flushed = ::fdatasync(archive.Get()) == 0;
+    if (!flushed)
         LogMessageTo(stderr, "%sfdatasync(%s): %s\n", FailureHead().c_str(), path.c_str(), std::strerror(errno));
-        return -1;
-    }
+    safe = IsWritten(RunSettings.catalog, "catalog") && safe;
+    safe = IsWritten(RunSettings.not_backed_up, "not backed up") && safe;
     if (TerminationRequested != 0) {
         LogMessageTo(stderr, "%sBackup Terminated Cleanly\n", FailureHead().c_str());
         std::exit(143);
     }
+    if (!flushed)
+        return -1;
     const double ended = SecondsNow();
     LogMessage("** Backup Complete\n");
     ReportListing(listed - begun);
-    return ReportBackup(totals, ended - begun);
+    const int status = ReportBackup(totals, ended - listed);
+    return safe || status != 0 ? status : -1;
 }

@@ -24,6 +24,10 @@ std::string QuoteForCL(std::string_view text) {
     return quoted;
 }
 
+bool IsTooLong(std::string_view command) {
+    return command.size() >= 4096 || command.size() == 4093;
+}
+
 // Saving
 
 namespace {
@@ -42,7 +46,7 @@ std::optional<std::string> LibraryName(std::string_view path) {
 }
 
 std::optional<std::string> BuildSav(ObjectFile& object, std::uint32_t number) {
-    if (object.name.ends_with('/'))
+    if (object.name.size() > 1 && object.name.ends_with('/')) // the root is nothing without it
         object.name.pop_back();
     std::string command = FormatText("RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV%u.FILE') OBJ(('\"%s\"')) "
                                      "SUBTREE(*ALL) PRECHK(%s) UPDHST(*NO) SAVACT(*YES)",

@@ -38,9 +38,9 @@ std::optional<std::string> ReadFirstLine(int descriptor) {
     const ssize_t count = ::read(descriptor, buffer.data(), buffer.size() - 1);
     if (count < 0)
         return std::nullopt;
-    char* const newline = std::strchr(buffer.data(), '\n');
+    void* const newline = std::memchr(buffer.data(), '\n', static_cast<std::size_t>(count));
     if (newline != nullptr)
-        *newline = '\0';
+        *static_cast<char*>(newline) = '\0';
     else
         LogMessageTo(stderr, "%s: Passphrase truncated to %d bytes\n", ProgramName, static_cast<int>(count));
     return buffer.data();

@@ -475,7 +475,7 @@ std::string BuildSaveCommand(const SaveMember& member, ObjectFile& object, std::
         LogMessageTo(stderr, "%sbad library name\n", FailureHead().c_str());
         return {};
     }
-    if (command->size() > LongestCommand) {
+    if (IsTooLong(*command)) {
         ReportTooLong((std::string(member.verb) + " command").c_str());
         return {};
     }
@@ -581,7 +581,7 @@ int RestoreSubjects(const RestoreMember& member, FtpSession& session, const Chec
                 MakeParentDirectories(&session, subject.second.value_or(subject.first));
         }
         const std::string command = member.build(subject, omissions);
-        if (command.size() > LongestCommand)
+        if (IsTooLong(command))
             return ReportTooLong((std::string(member.verb) + " command").c_str());
         result = RestoreSubject(member, session, outer, subject, command);
     }

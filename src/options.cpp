@@ -43,6 +43,7 @@ bool ParseSwitch(const char* text) {
 }
 
 int OpenPathFile(Stream& stream, const char* path) {
+    stream.reset();
     stream.reset(std::fopen(path, "r"));
     if (!stream) {
         LogMessageTo(stderr, "%s: fopen(%s): %s\n", ProgramName, path, std::strerror(errno));
@@ -283,6 +284,9 @@ int ParseOptions(int argc, char** argv) {
     const auto options = LongOptions();
     int state = 0;
     ::optind = 0; // start afresh, whoever parsed before
+    // With this variable set getopt_long would take every option behind a stray word for another one, and a
+    // passphrase there would be shown as an unknown argument.
+    ::unsetenv("POSIXLY_CORRECT");
     for (;;) {
         const int result = ::getopt_long(argc, argv, letters.c_str(), options.data(), nullptr);
         if (result == -1)

@@ -216,7 +216,7 @@ namespace {
 
 constexpr std::string_view LineEnd = "\r\n";
 
-// The first line held, without its end; npos-sized search result tells whether there is one.
+// The length of the first line held, without its end; npos when none is complete.
 std::size_t FirstLineLength(const FtpConnection& control) {
     return std::string_view(control.reply_buffer.data(), control.reply_held).find(LineEnd);
 }
@@ -605,7 +605,7 @@ int PrepareTransfer(FtpConnection& control) {
 
 int WriteCommand(FtpConnection& control, const char* command) {
     std::array<char, CommandCapacity> line{};
-    // The servers' limit of 4095 is tested against the whole line, while one character less is kept: a line
+    // The limit of 4095 is tested against the whole line, while one character less is kept: a line
     // of just 4095 goes out with a zero byte for its LF.
     const int length = std::snprintf(line.data(), line.size() - 1, "%s\r\n", command);
     if (length < 0 || static_cast<std::size_t>(length) > line.size() - 1) {

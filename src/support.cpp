@@ -1,6 +1,7 @@
 #include "support.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
@@ -108,10 +109,14 @@ void ClearThreadRegistry() {
 
 namespace {
 
+// Leaves errno alone, which most callers quote in the same message.
 std::string Head(SourcePlace place, const char* separator, const char* end) {
+    const int error = errno;
     const char* slash = std::strrchr(place.file, '/');
     const char* name = slash != nullptr ? slash + 1 : place.file;
-    return std::string(ProgramName) + "[" + name + separator + std::to_string(place.line) + end;
+    std::string head = std::string(ProgramName) + "[" + name + separator + std::to_string(place.line) + end;
+    errno = error;
+    return head;
 }
 
 } // namespace
@@ -185,6 +190,14 @@ bool Mapping::Map(std::size_t size) {
     fresh.size_ = size;
     *this = std::move(fresh);
     return true;
+}
+
+bool IsWritten(const Stream& stream, const char* name, SourcePlace place) {
+    errno = EIO; // a failure further back has left no other reason
+    if (stream == nullptr || (std::fflush(stream.get()) == 0 && std::ferror(stream.get()) == 0))
+        return true;
+    LogMessageTo(stderr, "%swrite(%s): %s\n", FailureHead(place).c_str(), name, std::strerror(errno));
+    return false;
 }
 
 Mapping::~Mapping() {

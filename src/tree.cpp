@@ -194,21 +194,22 @@ void DumpTree(std::FILE* stream, const ObjectNode& dir) {
 // The tree text
 
 int ReadTree(std::FILE* stream, ObjectNode& dir) {
+    ObjectNode* current = &dir;
     std::array<char, 250> line;
     while (std::fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr) {
         const std::size_t length = std::strlen(line.data());
         const std::string_view text(line.data(), length > 0 ? length - 1 : 0); // without its newline
-        if (text.empty())
-            return -1;
-        const std::string_view name = text.substr(1);
-        if (text.front() == '<')
-            return 0;
-        if (text.front() == '>')
-            ReadTree(stream, AppendDirectory(dir, name, 0, 1, CalendarTime{}));
-        else if (text.front() == '+')
-            AppendFile(dir, name, 0, 1, CalendarTime{});
-        else
-            return -1;
+        const char kind = text.empty() ? '\0' : text.front();
+        const std::string_view name = text.substr(text.empty() ? 0 : 1);
+        if (kind == '>') {
+            current = &AppendDirectory(*current, name, 0, 1, CalendarTime{});
+        } else if (kind == '+') {
+            AppendFile(*current, name, 0, 1, CalendarTime{});
+        } else {
+            if (current == &dir)
+                return kind == '<' ? 0 : -1;
+            current = current->parent; // its own result is not looked at
+        }
     }
     return -1;
 }

@@ -133,7 +133,7 @@ int ListMode(FtpSession* session) {
             result = -1;
         }
     } while (stream != nullptr && ReadPathLine(include, stream));
-    return result;
+    return IsWritten(RunSettings.list, "list") ? result : -1;
 }
 
 // Termination

@@ -345,7 +345,7 @@ TEST(Backup, SurvivesOrReportsBrokenConnections) {
              Trouble{"set-up of a save", {Make(Kind::Close, "TYPE I", 2)}, 0, all, "recovering checkpoint"},
              {"save file", {Make(Kind::Reset, "RCMD CLRSAVF", 2, 5)}, 0, all, "recovering checkpoint"},
              {"save command", {Make(Kind::Close, "RCMD SAVDLO")}, 0, all, "recovering checkpoint"},
-             {"walk", {Make(Kind::Close, "LIST /home", 2)}, 2, all, "vondral[backup.cpp]: list failed\n/home/it's\n"},
+             {"walk", {Make(Kind::Close, "LIST /home", 2)}, 0, all, "vondral[backup.cpp]: list failed\n/home/it's\n"},
              {"retrieval refused",
               {Make(Kind::Replace, "RETR", 3, 0, "550 no")},
               2,
@@ -379,6 +379,27 @@ TEST(Backup, SurvivesOrReportsBrokenConnections) {
         EXPECT_EQ(Holds(outcome.err, "Backup Failure: /QDLS"), trouble.archived != all) << trouble.what;
         EXPECT_EQ(night.server->OpenSessions(), 0) << trouble.what;
     }
+}
+
+TEST(Backup, AFailedListingIsNoSuccessWhenItCostsObjects) {
+    Night libraries;
+    const Outcome broken = libraries.Run(libraries.Backup(), {Make(Fault::Kind::Close, "LIST /QSYS.LIB")});
+    EXPECT_EQ(broken.status, 2);
+    EXPECT_TRUE(Holds(broken.out, "** Parsing Errors : 1\n")) << broken.out;
+    Night alone; // a directory of which nothing is known, and nothing else of its kind
+    WriteFile(alone.work / "include", "/home\n");
+    WriteFile(alone.work / "exclude", "/Security Data\n/System Configuration\n");
+    alone.program.outputs[5] = alone.work / "missed";
+    const Outcome unknown =
+        alone.Run(alone.Backup() + std::vector<std::string>{"-i", (alone.work / "include").string(), "-e",
+                                                            (alone.work / "exclude").string(), "-n", "5"},
+                  {Make(Fault::Kind::Replace, "LIST /home", 1, 0, "550 no")});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_EQ(Messages(ReadFile(alone.work / "missed")), "/home\n");
+    Night unfinished; // "home" stands in the last line of the root's listing
+    const Outcome cut = unfinished.Run(unfinished.Backup(), {Make(Fault::Kind::DataClose, "LIST /", 1, 130)});
+    EXPECT_EQ(cut.status, 2);
+    EXPECT_TRUE(Holds(Messages(cut.err), "vondral[backup.cpp]: unfinished line: ")) << cut.err;
 }
 
 TEST(Backup, ABrokenRetrievalLeavesTheArchiveToTheOthers) {
@@ -443,6 +464,21 @@ TEST(Backup, AFullDiskIsNeverASuccess) {
     EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home")) << outcome.err;
     EXPECT_FALSE(Holds(outcome.out, "Backup Success: /home"));
     EXPECT_TRUE(Holds(outcome.out, "** Total Objects Failed   : 2\n")) << outcome.out;
+}
+
+TEST(Backup, OutputsThatCannotBeWrittenAreNoSuccess) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"-l", "9"}, {"-b", "a", "-C", "/dev/full"}, {"-b", "/dev/full"}}) {
+        Night night;
+        night.program.outputs[9] = "/dev/full";
+        std::vector<std::string> placed = arguments;
+        if (placed[1] == "a")
+            placed[1] = night.archive.string();
+        const Outcome outcome = night.Run(placed);
+        EXPECT_NE(outcome.status, 0) << arguments.back();
+        EXPECT_TRUE(Holds(outcome.err, "No space left on device") || Holds(outcome.err, "Input/output error"))
+            << arguments.back() << outcome.err;
+    }
 }
 
 TEST(Backup, ClosedStandardStreamsNeverMeetTheArchive) {

@@ -261,28 +261,28 @@ TEST(Listing, AFailedRecoveryEndsTheOperationAndArmsNothing) {
 TEST(Listing, RefusalsAreFatalOrKeepTheDirectoryAsOneObject) {
     const ObjectTree root = NewDirectoryNode(nullptr, "/home/x*", 0, 0, {});
     ObjectNode& dir = AppendDirectory(*root, "/home/x1", 040755, 10, {});
-    const char* const in_use = "550 CPF3CAA List is too long";
+    const char* const refusal = "550 CPF3CAA List is too long";
     Capture capture;
     EXPECT_EQ(ListFailed(nullptr, &dir), -22);
     EXPECT_EQ(ListFailed("", nullptr), -22);
     EXPECT_EQ(ListFailed("550 no", &dir), -1);
     EXPECT_EQ(capture.Take(), "vondral[ftp.cpp]: NULL input\nvondral[ftp.cpp]: NULL input\n"
                               "vondral[ftp.cpp]: LIST command failed\n  550 no\n");
-    EXPECT_EQ(ListFailed(in_use, &dir), 0);
+    EXPECT_EQ(ListFailed(refusal, &dir), 0);
     ASSERT_NE(root->first_file, nullptr);
     EXPECT_EQ(root->first_file->name, "/home/x1");
     EXPECT_EQ(root->first_file->size, 10U);
     EXPECT_TRUE(root->partial && dir.released);
-    EXPECT_EQ(ListFailed(in_use, root.get()), 0);
-    EXPECT_EQ(ListFailed(in_use, root.get()), 0); // adds nothing again
+    EXPECT_EQ(ListFailed(refusal, root.get()), 0);
+    EXPECT_EQ(ListFailed(refusal, root.get()), 0); // adds nothing again
     EXPECT_EQ(root->last_file->name, "/home/x*");
     EXPECT_EQ(root->count, 2U);
     ObjectNode& libraries = AppendDirectory(*root, "/QSYS.LIB", 040755, 0, {});
     Capture again;
-    EXPECT_EQ(ListFailed(in_use, &libraries), -1);
+    EXPECT_EQ(ListFailed(refusal, &libraries), -1);
     EXPECT_EQ(again.Take(), std::string("vondral[ftp.cpp]: /QSYS.LIB is exempt\n"
                                         "vondral[ftp.cpp]: LIST command failed\n  ") +
-                                in_use + "\n");
+                                refusal + "\n");
 }
 
 } // namespace

@@ -12,7 +12,7 @@
 #include "string_list.h"
 #include "tree.h"
 
-// Whether a save or restore command is too long: from 4096 characters on, and with just 4093, which would go out
+// Whether a command to the server is too long: from 4096 characters on, and with just 4093, which would go out
 // without its line end and wait for its reply for ever.
 bool IsTooLong(std::string_view command);
 

@@ -56,7 +56,7 @@ constexpr std::uint64_t LargestOctalSize = 0x7FFFFFFF;
 // A larger size is bad: with header and padding it would not fit a file offset.
 constexpr std::int64_t LargestSize = INT64_MAX - 2 * static_cast<std::int64_t>(BlockSize);
 
-// `size` rounded up to whole blocks. A negative size rounds towards zero.
+// `size` rounded up to whole blocks; from -511 on a negative one gives 0.
 constexpr std::int64_t RoundToBlocks(std::int64_t size) {
     constexpr std::int64_t block = BlockSize;
     return (size + block - 1) / block * block;
@@ -81,7 +81,7 @@ CtarBlock BuildCtarSentinel();
 // The reader's view of a block.
 bool HasGoodChecksum(std::span<const char, BlockSize> block); // digits, a NUL inside the field, the right sum
 bool IsCtarSentinel(std::span<const char, BlockSize> block);  // Requires: a good checksum.
-// The size in bytes, 0 to LargestSize; false when the field holds none.
+// The size in bytes, 0 to LargestSize; false when the field, up to a NUL inside it, holds none.
 bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size);
 // The name as stored, put together from its pieces, without cutting the suffix.
 std::string ReadCtarName(std::span<const char, BlockSize> block);

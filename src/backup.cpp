@@ -394,11 +394,11 @@ namespace {
 
 constexpr int BlockBytes = static_cast<int>(BlockSize);
 
-// A disk that fills up may take part of a block. That part is given back, so that the archive stays on its
-// grid and a retry writes the same place.
-void GiveBackPart(int descriptor, ssize_t part, int wanted, ssize_t written, SourcePlace place) {
+// A disk that fills up may take part of a block. That part is taken back, so that the archive stays on its grid and a
+// retry writes the same place.
+void TakeBackPart(int descriptor, ssize_t part, int wanted, ssize_t written, SourcePlace place) {
     LogMessageTo(stderr, "%swrite(,, %d) = %d\n", FailureHead(place).c_str(), wanted, static_cast<int>(written));
-    ::lseek(descriptor, -part, SEEK_CUR);
+    TruncateArchive(descriptor, ::lseek(descriptor, -part, SEEK_CUR));
 }
 
 } // namespace
@@ -408,7 +408,7 @@ bool WriteArchiveBlock(int descriptor, const CtarBlock& block, SourcePlace place
     if (written < 0)
         LogMessageTo(stderr, "%swrite(): %s\n", FailureHead(place).c_str(), std::strerror(errno));
     else if (written != BlockBytes)
-        GiveBackPart(descriptor, written, BlockBytes, written, place);
+        TakeBackPart(descriptor, written, BlockBytes, written, place);
     return written == BlockBytes;
 }
 
@@ -427,7 +427,7 @@ ssize_t WriteWholeBlocks(int descriptor, const char* buffer, int count) {
     }
     const ssize_t part = written % BlockBytes;
     if (part != 0)
-        GiveBackPart(descriptor, part, wanted, written, SourcePlace::Here());
+        TakeBackPart(descriptor, part, wanted, written, SourcePlace::Here());
     return written - part;
 }
 

@@ -225,6 +225,7 @@ int RecoverCheckpoint(FtpSession* session) {
     }
     if (Login(session, nullptr, nullptr) != 0) {
         LogMessageTo(stderr, "%slogin failed\n", FailureHead().c_str());
+        session->control->socket.Reset(); // the next operation finds it gone, and tries anew
         return -1;
     }
     session->mode = session->structure = session->type = session->name_format = session->list_format = 0;
@@ -284,7 +285,8 @@ int MakeParentDirectories(FtpSession* session, const std::string& path) {
     if (!path.starts_with('/'))
         return 1;
     for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1))
-        Send(*session, "MKD " + path.substr(0, slash));
+        if (const std::string command = "MKD " + path.substr(0, slash); !IsTooLong(command))
+            Send(*session, command);
     return 0;
 }
 
@@ -390,7 +392,7 @@ bool PutBlock(int descriptor, const CtarBlock& block) {
     std::size_t done = 0;
     while (done < block.size()) {
         const ssize_t written = ::write(descriptor, block.data() + done, block.size() - done);
-        if (written < 0)
+        if (written <= 0)
             return false;
         done += static_cast<std::size_t>(written);
     }

@@ -4,14 +4,29 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <vector>
 
 #include <fnmatch.h>
+#include <sys/stat.h>
 
 #include "settings.h"
+
+// The lines of a path file
 
 namespace {
 
 constexpr std::string_view Separator = " :: ";
+
+auto CountLevels(std::string_view path) {
+    return std::count(path.begin(), path.end(), '/');
+}
+
+struct PathLine {
+    StringPair pair;         // the pattern and the second path
+    std::ptrdiff_t levels;   // slashes of the pattern
+    std::string_view prefix; // of the pattern: its characters before the first that may be special to fnmatch
+};
 
 StringPair SplitLine(std::string_view line) {
     line = line.substr(0, line.find('\n'));
@@ -21,16 +36,62 @@ StringPair SplitLine(std::string_view line) {
     return {std::string(line.substr(0, at)), std::string(line.substr(at + Separator.size()))};
 }
 
-auto CountLevels(std::string_view path) {
-    return std::count(path.begin(), path.end(), '/');
+// A path file as last read. A run asks about each object of the server, so the lines are kept for as long as the file
+// is certainly the same: not changed since, and not so shortly before the reading that its time could not tell.
+struct PathFile {
+    std::FILE* stream = nullptr;
+    struct stat status {};
+    std::time_t read_at = 0;
+    std::vector<PathLine> lines;
+
+    bool IsCurrent(std::FILE* asked) const {
+        struct stat now;
+        constexpr std::time_t clock_grain = 1; // seconds
+        return stream == asked && ::fstat(::fileno(asked), &now) == 0 && now.st_ino == status.st_ino &&
+               now.st_dev == status.st_dev && now.st_size == status.st_size &&
+               now.st_mtim.tv_sec == status.st_mtim.tv_sec && now.st_mtim.tv_nsec == status.st_mtim.tv_nsec &&
+               now.st_mtim.tv_sec + clock_grain < read_at;
+    }
+    // Requires: the stream stands at its start.
+    void Read(std::FILE* asked) {
+        stream = asked;
+        read_at = std::time(nullptr);
+        lines.clear();
+        if (::fstat(::fileno(asked), &status) != 0)
+            read_at = 0;
+        std::array<char, PathLineCapacity> buffer;
+        while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), asked) != nullptr)
+            lines.push_back({SplitLine(buffer.data()), 0, {}});
+        for (PathLine& line : lines) {
+            line.levels = CountLevels(line.pair.first);
+            line.prefix = std::string_view(line.pair.first).substr(0, line.pair.first.find_first_of("*?[\\"));
+        }
+    }
+};
+
+// One for each of the two files of a run; questions alternate between them.
+PathFile& Remembered(std::FILE* stream) {
+    static std::array<PathFile, 2> files;
+    PathFile* const known =
+        std::find_if(files.begin(), files.end(), [stream](const PathFile& file) { return file.stream == stream; });
+    if (known != files.end())
+        return *known;
+    std::swap(files[0], files[1]);
+    return files[0];
 }
 
-bool Matches(const std::string& pattern, const std::string& path) {
-    return CountLevels(pattern) <= CountLevels(path) &&
-           ::fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME | FNM_LEADING_DIR) == 0;
+bool Matches(const PathLine& line, const std::string& path, std::ptrdiff_t levels) {
+    const std::string& pattern = line.pair.first;
+    if (line.levels > levels || !path.starts_with(line.prefix))
+        return false;
+    if (line.prefix.size() == pattern.size()) // nothing special in it: the path, or a leading part of it
+        return path.size() == pattern.size() || path[pattern.size()] == '/';
+    return ::fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME | FNM_LEADING_DIR) == 0;
 }
 
 } // namespace
+
+// Questions
 
 bool ReadPathLine(std::string& line, std::FILE* stream) {
     std::array<char, PathLineCapacity> buffer;
@@ -45,25 +106,29 @@ bool ReadPathLine(std::string& line, std::FILE* stream) {
 int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream) {
     if (stream == nullptr)
         return 1;
-    if (std::fseek(stream, 0, SEEK_SET) != 0) {
-        LogMessageTo(stderr, "%s: fseek(stream, 0, SEEK_SET): %s\n", ProgramName, std::strerror(errno));
-        return -1;
+    PathFile& file = Remembered(stream);
+    if (!file.IsCurrent(stream)) {
+        if (std::fseek(stream, 0, SEEK_SET) != 0) {
+            LogMessageTo(stderr, "%s: fseek(stream, 0, SEEK_SET): %s\n", ProgramName, std::strerror(errno));
+            return -1;
+        }
+        file.Read(stream);
     }
     const std::string whole(path);
+    const std::ptrdiff_t levels = CountLevels(path);
     const std::string below = whole + "/";
     int result = 1;
-    std::array<char, PathLineCapacity> line;
-    while (std::fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr) {
-        StringPair entry = SplitLine(line.data());
-        if (RunSettings.restore_path && entry.first.find_first_of("*?") != std::string::npos)
+    for (const PathLine& line : file.lines) {
+        const std::string& pattern = line.pair.first;
+        if (RunSettings.restore_path && pattern.find_first_of("*?") != std::string::npos)
             continue;
-        if (Matches(entry.first, whole)) {
+        if (Matches(line, whole, levels)) {
             if (list != nullptr)
-                list->push_back({whole, std::move(entry.second)});
+                list->push_back({whole, line.pair.second});
             return 0;
         }
-        if (list != nullptr && entry.first.starts_with(below)) {
-            list->push_back(std::move(entry));
+        if (list != nullptr && pattern.starts_with(below)) {
+            list->push_back(line.pair);
             result = 0;
         }
     }

@@ -6,6 +6,8 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ctar.h"
@@ -20,16 +22,23 @@ const char* ArchivePath() {
     return RunSettings.restore_path->c_str();
 }
 
-// "-" is standard input. Data that is read once gains nothing from the page cache, so the archive is opened
-// for direct input where the file system has that.
+// "-" is standard input. Data that is read once gains nothing from the page cache, so a file is read directly where
+// its file system has that. Anything else is left alone: a named pipe must not be opened twice.
 Descriptor OpenArchive() {
     if (*RunSettings.restore_path == "-")
         return Descriptor(STDIN_FILENO);
-    const int flags = O_RDONLY | O_CLOEXEC;
-    const int direct = ::open(ArchivePath(), flags | O_DIRECT);
-    if (direct < 0 && errno == EINVAL)
-        return Descriptor(::open(ArchivePath(), flags));
-    return Descriptor(direct);
+    Descriptor archive(::open(ArchivePath(), O_RDONLY | O_CLOEXEC));
+    struct stat status;
+    if (archive.IsOpen() && ::fstat(archive.Get(), &status) == 0 &&
+        (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)))
+        ::fcntl(archive.Get(), F_SETFL, O_RDONLY | O_DIRECT);
+    return archive;
+}
+
+// Waits for a pipe that its other user has made non-blocking.
+bool AwaitInput(int descriptor) {
+    pollfd input{descriptor, POLLIN, 0};
+    return ::poll(&input, 1, -1) > 0;
 }
 
 // Goes on without direct input; false when it was off already.
@@ -46,6 +55,8 @@ ssize_t ReadArchive(int descriptor, char* buffer, std::size_t length) {
     while (held < length) {
         const ssize_t count = ::read(descriptor, buffer + held, length - held);
         if (count < 0 && errno == EINVAL && StopDirectInput(descriptor))
+            continue;
+        if (count < 0 && errno == EAGAIN && AwaitInput(descriptor))
             continue;
         if (count < 0 && held == 0)
             return -1;

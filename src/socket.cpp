@@ -604,6 +604,10 @@ int PrepareTransfer(FtpConnection& control) {
 }
 
 int WriteCommand(FtpConnection& control, const char* command) {
+    if (std::strchr(command, '\n') != nullptr) { // what follows it would be a command of its own
+        LogMessageTo(stderr, "%scommand holds a line end\n", FailureHead().c_str());
+        return -1;
+    }
     std::array<char, CommandCapacity> line{};
     // The limit of 4095 is tested against the whole line, while one character less is kept: a line
     // of just 4095 goes out with a zero byte for its LF.

@@ -92,17 +92,19 @@ TEST(Restore, ReadsFromAPipe) {
     const fs::path fifo = saved.work / "fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     const fs::path exclude = saved.File("exclude", "/QDLS\n/Security Data\n"); // skipped by reading
-    Site fresh;
-    Program program;
-    fresh.Start(program, {"-r", "-", "-e", exclude.string()}, fifo);
-    WriteFile(fifo, ReadFile(saved.archive));
-    const Outcome outcome = program.Wait();
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(outcome.err, "");
-    EXPECT_EQ(DiffTrees(saved.site.root / "home", fresh.root / "home"), "");
-    EXPECT_EQ(DiffTrees(saved.site.root / "QSYS.LIB", fresh.root / "QSYS.LIB"), "");
-    EXPECT_FALSE(fs::exists(fresh.root / "Security Data"));
-    EXPECT_FALSE(Holds(testing::PrintToString(fresh.server->Transcript()), "RSTAUT"));
+    for (const bool named : {false, true}) {
+        Site fresh;
+        Program program;
+        fresh.Start(program, {"-r", named ? fifo.string() : "-", "-e", exclude.string()}, named ? "/dev/null" : fifo);
+        WriteFile(fifo, ReadFile(saved.archive));
+        const Outcome outcome = program.Wait();
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(outcome.err, "");
+        EXPECT_EQ(DiffTrees(saved.site.root / "home", fresh.root / "home"), "");
+        EXPECT_EQ(DiffTrees(saved.site.root / "QSYS.LIB", fresh.root / "QSYS.LIB"), "");
+        EXPECT_FALSE(fs::exists(fresh.root / "Security Data"));
+        EXPECT_FALSE(Holds(testing::PrintToString(fresh.server->Transcript()), "RSTAUT"));
+    }
 }
 
 // A small archive's worth of objects, for what is chosen and how it is told to the server.
@@ -364,6 +366,16 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
     const Outcome nothing = directory.Run({"-r", (work / "empty").string()});
     EXPECT_EQ(nothing.status, 0);
     EXPECT_TRUE(Messages(nothing.out).starts_with("Restored 0.000 Bs in ")) << nothing.out;
+}
+
+TEST(Restore, NamesInAnArchiveAreNoCommands) {
+    TempDir work;
+    WriteFile(work / "archive", MakeArchive({{"/home/a\r\nMKD /intruder", "not a save file"}}));
+    Site fresh;
+    const Outcome outcome = fresh.Run({"-r", (work / "archive").string()});
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_TRUE(Holds(Messages(outcome.err), "vondral[socket.cpp]: command holds a line end\n")) << outcome.err;
+    EXPECT_FALSE(fs::exists(fresh.root / "intruder"));
 }
 
 TEST(Restore, LaterGoodEntriesMakeGood) {

@@ -36,3 +36,17 @@ quiet() {
     rm -f "$log"
     return "$status"
 }
+
+# claim_port_21 SCRIPT ARGUMENT...: port 21 needs a privilege: root's, a network of our own (in which SCRIPT is run
+# again), or sudo's. Leaves in `privilege` what to put before the command of a server.
+claim_port_21() {
+    privilege=()
+    [ "$(id -u)" -ne 0 ] || return 0
+    [ "$(cat /proc/sys/net/ipv4/ip_unprivileged_port_start)" -gt 21 ] || return 0
+    if unshare --user --map-root-user --net true 2>/dev/null; then
+        need iproute2
+        exec unshare --user --map-root-user --net \
+            bash -c 'PATH=$PATH:/usr/sbin:/sbin; ip link set lo up && exec "$0" "$@"' "$PWD/$1" "${@:2}"
+    fi
+    privilege=(sudo)
+}

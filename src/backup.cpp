@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -753,10 +754,26 @@ int ReportBackup(const BackupTotals& totals, double seconds) {
 
 } // namespace
 
+namespace {
+
+// Opens the archive for this run alone and cuts it to zero. Gives an unopened descriptor, with errno set, when that
+// fails, and also while another run writes the same file: both would end in one heap.
+Descriptor OpenArchive(const std::string& path) {
+    Descriptor archive(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!archive.IsOpen() || (::flock(archive.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK))
+        return {};
+    struct stat status;
+    if (::fstat(archive.Get(), &status) == 0 && S_ISREG(status.st_mode) && ::ftruncate(archive.Get(), 0) != 0)
+        return {};
+    return archive;
+}
+
+} // namespace
+
 int BackupDriver(FtpSession* session) {
     const std::string& path = *RunSettings.backup_path;
     const double begun = SecondsNow();
-    const Descriptor archive(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const Descriptor archive = OpenArchive(path);
     if (!archive.IsOpen()) {
         LogMessageTo(stderr, "%sopen(%s): %s\n", FailureHead().c_str(), path.c_str(), std::strerror(errno));
         return -1;

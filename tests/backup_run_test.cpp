@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include <csignal>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -377,6 +379,8 @@ TEST(Backup, SurvivesOrReportsBrokenConnections) {
             EXPECT_TRUE(std::equal(up_to_documents.begin(), up_to_documents.end(), archived.begin())) << trouble.what;
         }
         EXPECT_EQ(Holds(outcome.err, "Backup Failure: /QDLS"), trouble.archived != all) << trouble.what;
+        for (int tries = 0; tries < 1000 && night.server->OpenSessions() > 0; ++tries)
+            ::usleep(5000); // the server sees the end of the last one a moment later
         EXPECT_EQ(night.server->OpenSessions(), 0) << trouble.what;
     }
 }
@@ -464,6 +468,15 @@ TEST(Backup, AFullDiskIsNeverASuccess) {
     EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home")) << outcome.err;
     EXPECT_FALSE(Holds(outcome.out, "Backup Success: /home"));
     EXPECT_TRUE(Holds(outcome.out, "** Total Objects Failed   : 2\n")) << outcome.out;
+}
+
+TEST(Backup, OneRunAtATimeWritesAnArchive) {
+    Night night;
+    const Descriptor other(::open(night.archive.c_str(), O_WRONLY | O_CREAT, 0600));
+    ASSERT_EQ(::flock(other.Get(), LOCK_EX), 0);
+    WriteFile(night.archive, "another run's");
+    EXPECT_EQ(night.Run(night.Backup()).status, 255);
+    EXPECT_EQ(ReadFile(night.archive), "another run's");
 }
 
 TEST(Backup, OutputsThatCannotBeWrittenAreNoSuccess) {

@@ -1,0 +1,252 @@
+"""Paired runs of the program and of what it is compared with: prints tables of medians and ratios.
+
+Usage: compare.py BUILD [--rounds N] [--scale N] [-- SERVER-PREFIX...]; --scale divides every size, for a quick look.
+"""
+import argparse
+import os
+import random
+import resource
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+MIB = 1 << 20
+ADDRESS = "127.0.0.31"
+LOGIN = ["-s", ADDRESS, "-c", "FRED:here:secret"]
+
+
+class Run:
+    """What one process cost. The `time` in between is there because a process started from here would be charged with
+    this interpreter's memory."""
+
+    def __init__(self, command, ok=(0,)):
+        with tempfile.NamedTemporaryFile("r") as peak:
+            begun = time.perf_counter()
+            child = subprocess.Popen(["time", "-q", "-f", "%M", "-o", peak.name, *command], stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.DEVNULL)
+            _, status, usage = os.wait4(child.pid, 0)
+            child.returncode = os.waitstatus_to_exitcode(status)
+            self.wall = time.perf_counter() - begun
+            self.cpu = usage.ru_utime + usage.ru_stime
+            self.memory = int(peak.read().split()[-1]) / 1024
+        if child.returncode not in ok:
+            sys.exit(f"{' '.join(command)[:300]}: ended with {child.returncode}")
+
+
+def calls(command):
+    """The system calls of a command and its threads."""
+    with tempfile.NamedTemporaryFile("r") as report:
+        subprocess.run(["strace", "-f", "-c", "-o", report.name, *command], stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL, check=False)
+        return int([line for line in report if line.rstrip().endswith("total")][-1].split()[3])
+
+
+def compare(title, commands, rounds, before=None, mebibytes=0):
+    """Runs the commands in turn, and prints each with the ratios of the first one to it."""
+    runs = {name: [] for name in commands}
+    for _ in range(rounds):
+        for name, command in commands.items():
+            if before:
+                before()
+            runs[name].append(Run(command))
+    first = runs[next(iter(commands))]
+    print(f"\n### {title}\n")
+    print("| | wall s | CPU s | memory MiB | calls/MiB | wall ratio (min to max) | CPU ratio (min to max) |")
+    print("|---|---|---|---|---|---|---|")
+    for name, command in commands.items():
+        row = [name]
+        for figure in ("wall", "cpu"):
+            row.append(f"{statistics.median(getattr(run, figure) for run in runs[name]):.3f}")
+        row.append(f"{max(run.memory for run in runs[name]):.1f}")
+        row.append(f"{calls(command) / mebibytes:.1f}" if mebibytes else "")
+        for figure in ("wall", "cpu"):
+            ratios = [getattr(a, figure) / getattr(b, figure) for a, b in zip(first, runs[name])]
+            row.append(f"{statistics.median(ratios):.2f} ({min(ratios):.2f} to {max(ratios):.2f})")
+        print("| " + " | ".join(row) + " |", flush=True)
+
+
+def fill(path, size):
+    path = path if isinstance(path, str) else os.path.join(*path)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as file:
+        for at in range(0, size, MIB):
+            file.write(os.urandom(min(MIB, size - at)))
+    return path
+
+
+def touch(folder, count):
+    os.makedirs(folder, exist_ok=True)
+    for number in range(count):
+        os.close(os.open(f"{folder}/object{number:07d}.txt", os.O_CREAT | os.O_WRONLY, 0o644))
+
+
+class Bench:
+    def __init__(self, build, work, prefix, rounds, scale):
+        self.build, self.work, self.prefix, self.rounds, self.scale = build, work, prefix, rounds, scale
+        self.servers = []
+        self.root = f"{work}/root"
+        os.makedirs(f"{self.root}/QSYS.LIB")
+        os.makedirs(f"{self.root}/home")
+        fill(f"{self.root}/Security Data", 1)
+        fill(f"{self.root}/System Configuration", 1)
+        self.no_system = self.file("no-system", "/Security Data\n/System Configuration\n")
+
+    def file(self, name, text):
+        path = f"{self.work}/{name}"
+        with open(path, "w") as file:
+            file.write(text)
+        # What was written just now could still change unseen; a path file is trusted a second later.
+        os.utime(path, (time.time() - 60,) * 2)
+        return path
+
+    def vondral(self, *arguments):
+        return [f"{self.build}/vondral", *LOGIN, *arguments]
+
+    def floor(self, verb, remote, local):
+        return [f"{self.build}/floor", verb, ADDRESS, remote, local]
+
+    def serve(self, *options):
+        # Save files stand beside the store, so that putting a raw one in its place is a rename and not a copy.
+        server = subprocess.Popen([*self.prefix, "env", f"TMPDIR={self.work}", f"{self.build}/bench-server", self.root,
+                                   ADDRESS, *options], stdout=subprocess.PIPE)
+        self.servers.append(server)
+        server.stdout.readline()
+        return server
+
+    def large(self):
+        """One save file, there and back."""
+        size = 1024 // self.scale
+        fill(f"{self.root}/home/big", size * MIB)
+        include = self.file("big", "/home/big\n")
+        archive = f"{self.work}/archive"
+        url = f"ftp://FRED:secret@{ADDRESS}//home"
+        lftp = ["lftp", "-u", "FRED,secret", f"ftp://{ADDRESS}", "-e"]
+        options = "set ftp:use-feat no; set ftp:use-mdtm no; set ftp:use-size no; set xfer:clobber yes;"
+        server = self.serve("raw:/home/big", "raw:/home/up")
+        backup = self.vondral("-b", archive, "-i", include, "-e", self.no_system)
+        compare(f"Backup of one save file of {size} MiB, into memory", {
+            "vondral": backup,
+            "curl": ["curl", "-s", "-o", f"{self.work}/copy", f"{url}/big"],
+            "lftp": [*lftp, f"{options} get /home/big -o {self.work}/copy; bye"],
+            "floor": self.floor("get", "/home/big", f"{self.work}/copy"),
+        }, self.rounds, mebibytes=size)
+        os.unlink(f"{self.work}/copy")
+        with tempfile.TemporaryDirectory(dir=os.environ.get("TMPDIR", "/var/tmp")) as disk:
+            for place, cold in ((self.work, False), (disk, False), (disk, True)):
+                there = f"{place}/there"
+                plain = f"{place}/plain"
+                shutil.copy(archive, there)
+                shutil.copy(f"{self.root}/home/big", plain)
+
+                def forget(paths=(there, plain)):
+                    for path in paths:
+                        with open(path, "rb") as file:
+                            os.fsync(file.fileno())
+                            os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+
+                where = "in memory" if place == self.work else "on disk, not cached" if cold else "on disk, cached"
+                compare(f"Restore of {size} MiB, archive {where}", {
+                    "vondral": self.vondral("-r", there, "-e", self.no_system),
+                    "curl -T": ["curl", "-s", "-T", plain, f"{url}/up"],
+                    "lftp put": [*lftp, f"{options} put {plain} -o /home/up; bye"],
+                    "floor": self.floor("put", "/home/up", plain),
+                }, self.rounds, before=forget if cold else None, mebibytes=size)
+        server.terminate()
+        os.unlink(f"{self.root}/home/big")
+        os.unlink(f"{self.root}/home/up")
+
+    def small(self):
+        """Many save files, half of them libraries."""
+        count = 20000 // self.scale
+        sizes = random.Random(7)
+        objects = []
+        members = []
+        for number in range(count // 2):
+            size = sizes.randint(1024, 65536)
+            members.append(fill(f"{self.root}/home/small/f{number:05d}", size))
+            objects.append(f"/home/small/f{number:05d}")
+            members.append(fill(f"{self.root}/QSYS.LIB/L{number:05d}.LIB/D.FILE", size))
+            objects.append(f"/QSYS.LIB/L{number:05d}.LIB")
+        paths = self.file("objects", "".join(f"{path}\n" for path in objects))
+        include = self.file("small", "/home/small\n/QSYS.LIB/*.LIB\n")
+        config = self.file("fetch", "".join(
+            f'url = "ftp://FRED:secret@{ADDRESS}/{member[len(self.root):]}"\noutput = "{self.work}/copies/{number}"\n'
+            for number, member in enumerate(members)))
+        os.makedirs(f"{self.work}/copies", exist_ok=True)
+        server = self.serve()
+        common = ["-i", include, "-e", self.no_system, "-m", "0", "-p", "no", "-b", f"{self.work}/archive"]
+        compare(f"Backup of {count} objects of 1 to 64 KiB (curl only fetches the files, nothing is saved for it)", {
+            "vondral -x no": self.vondral(*common, "-x", "no"),
+            "vondral -x yes": self.vondral(*common, "-x", "yes"),
+            "floor, the same commands": self.floor("save", paths, f"{self.work}/copy"),
+            "curl": ["curl", "-s", "-K", config],
+        }, self.rounds)
+        server.terminate()
+        for folder in ("root/home/small", "root/QSYS.LIB", "copies"):
+            shutil.rmtree(f"{self.work}/{folder}")
+        os.makedirs(f"{self.root}/QSYS.LIB")
+
+    def listing(self):
+        """Large listings; the save at the end of each run is refused at once."""
+        print("\n### Listing\n")
+        print("| | wall s | client CPU s | CPU ns an entry | peak MiB | bytes an entry |")
+        print("|---|---|---|---|---|---|")
+        counts = [count // self.scale for count in (10000, 100000, 1000000)]
+        for count in counts:
+            touch(f"{self.root}/home/d{count}", count)
+        for number in range(10000 // self.scale):
+            touch(f"{self.root}/home/tree/a{number % 100:02d}/b{number // 100:03d}", 2)
+        server = self.serve("locked:/home/tree", *(f"locked:/home/d{count}" for count in counts))
+        self.row("nothing", "none", 0, self.no_system, 0)
+        for count in counts:
+            self.row(f"{count} entries in one directory", f"d{count}", count, self.no_system, self.base)
+        self.row(f"a tree of {10000 // self.scale} directories", "tree", 10000 // self.scale * 3, self.no_system, self.base)
+        middle = counts[1]
+        for lines in (1, 10, 100):
+            text = "/Security Data\n/System Configuration\n" + "".join(f"/home/other{n}/x*\n" for n in range(lines - 2))
+            exclude = self.file(f"exclude{lines}", text if lines > 1 else "/Security Data\n")
+            self.row(f"{middle} entries, {lines} exclude lines", f"d{middle}", middle, exclude, self.base)
+        self.row(f"{middle} entries, --date", f"d{middle}", middle, self.no_system, self.base, "-d", "1")
+        server.terminate()
+
+    base = 0.0
+
+    def row(self, title, name, entries, exclude, base, *more):
+        include = self.file("listed", f"/home/{name}\n")
+        runs = [Run(self.vondral("-b", "/dev/null", "-i", include, "-e", exclude, *more), ok=(0, 1, 2, 255))
+                for _ in range(self.rounds)]
+        wall = statistics.median(run.wall for run in runs)
+        cpu = statistics.median(run.cpu for run in runs)
+        memory = statistics.median(run.memory for run in runs)
+        if entries == 0:
+            Bench.base = memory
+        each = f"{cpu / entries * 1e9:.0f}" if entries else ""
+        weight = f"{(memory - base) * MIB / entries:.0f}" if entries else ""
+        print(f"| {title} | {wall:.3f} | {cpu:.3f} | {each} | {memory:.1f} | {weight} |", flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("build")
+    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--scale", type=int, default=1)
+    words = sys.argv[1:]
+    at = words.index("--") if "--" in words else len(words)
+    options = parser.parse_args(words[:at])
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    memory = "/dev/shm" if shutil.disk_usage("/dev/shm").free > 8 << 30 else None
+    with tempfile.TemporaryDirectory(dir=memory) as work:
+        bench = Bench(options.build, work, words[at + 1:], options.rounds, options.scale)
+        try:
+            bench.large()
+            bench.small()
+            bench.listing()
+        finally:
+            for server in bench.servers:
+                server.kill()
+
+
+main()

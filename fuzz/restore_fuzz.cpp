@@ -1,0 +1,29 @@
+// A whole archive, damaged anywhere, read without a session: every wanted entry fails and is passed over.
+#include "fuzz_support.h"
+#include "restore.h"
+#include <sys/mman.h>
+#include <unistd.h>
+
+void Run(FuzzedDataProvider& input) {
+    const auto repaired = input.ConsumeIntegral<std::uint32_t>(); // a bit for each block: gets a good checksum
+    const bool through_pipe = input.ConsumeBool();
+    std::string include = input.ConsumeRandomLengthString(200);
+    std::string exclude = input.ConsumeRandomLengthString(200);
+    std::string archive = input.ConsumeRemainingBytesAsString();
+    archive.resize(std::min<std::size_t>(archive.size(), 32 * BlockSize)); // less than a pipe holds
+    const auto block = [&](std::size_t at) { return std::span<char, BlockSize>(archive.data() + at, BlockSize); };
+    for (std::size_t at = 0; at + BlockSize <= archive.size(); at += BlockSize)
+        if ((repaired >> at / BlockSize & 1) != 0)
+            archive.replace(at + HeaderFields::Checksum.offset, 7, FormatText("%07o", HeaderChecksum(block(at))));
+    int ends[2];
+    assert(::pipe(ends) == 0);
+    const Descriptor file(::memfd_create("archive", 0)), reader(ends[0]);
+    Descriptor writer(ends[1]);
+    assert(::write((through_pipe ? writer : file).Get(), archive.data(), archive.size()) >= 0);
+    writer.Reset();
+    RunSettings.restore_path = "/proc/self/fd/" + std::to_string((through_pipe ? reader : file).Get());
+    RunSettings.include = TextStream(include);
+    RunSettings.exclude = TextStream(exclude);
+    const bool wanted = !RunSettings.include && !RunSettings.exclude; // every entry
+    assert(RestoreArchive(nullptr) == -1 || !wanted || IsCtarSentinel(block(0)));
+}

@@ -28,7 +28,7 @@ constexpr char Usage[] = "usage: vondral-rehearsal --root DIR [options]\n"
                          "  --password TEXT  the user's password (%s)\n"
                          "  --release VxRyMz the release to report (%s)\n"
                          "  --capitals       send replies in upper case\n"
-                         "  --locked PATH    an object that saves cannot get at; can be given again\n"
+                         "  --locked PATH    an object that saves and restores cannot get at; can be given again\n"
                          "  --help           this text\n";
 
 struct Arguments {

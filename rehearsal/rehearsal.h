@@ -53,7 +53,7 @@ struct Options {
     std::string password = "secret";   // compared exactly
     std::string release = "V7R3M0";    // as SYST reports it; decides whether RST knows CRTPRNDIR (V5R4M0 and later)
     bool capitals = false;             // reply texts in upper case, as some servers send them
-    std::set<std::string> locked;      // server paths that a save cannot get at
+    std::set<std::string> locked;      // server paths that neither a save nor a restore can get at
     std::set<std::string> raw;         // files whose save file is just their bytes, neither framed nor padded, and
                                        // that RST gets back the same way: for save files of an exact length
     std::vector<Fault> faults;

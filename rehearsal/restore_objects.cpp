@@ -93,9 +93,10 @@ void Restore::Objects(SaveFileReader& reader, const Destination& destination, st
 }
 
 bool Restore::One(SaveFileReader& reader, const Entry& entry, const std::string& path) {
-    if (make_parents_ && !path.empty())
+    const bool reachable = !path.empty() && !locked_.contains(path);
+    if (make_parents_ && reachable)
         MakeParents(store_, path);
-    const auto place = path.empty() ? std::nullopt : store_.Locate(path, false);
+    const auto place = reachable ? store_.Locate(path, false) : std::nullopt;
     if (place && entry.type == Entry::Type::File)
         return RestoreFile(reader, entry, *place);
     if (place && entry.type == Entry::Type::Link)

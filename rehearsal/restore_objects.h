@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,9 @@ using Destination = std::function<std::optional<std::string>(const std::string& 
 
 class Restore {
 public:
-    Restore(const Store& store, bool make_parents) : store_(store), make_parents_(make_parents) {}
+    // Objects at a path of `locked` are refused.
+    Restore(const Store& store, const std::set<std::string>& locked, bool make_parents)
+        : store_(store), locked_(locked), make_parents_(make_parents) {}
 
     // Recreates objects until the stream ends. A damaged stream throws DamagedStream after what came before
     // the damage was restored; what the header promised beyond that then counts as refused.
@@ -41,6 +44,7 @@ private:
         std::timespec changed;
     };
     const Store& store_;
+    const std::set<std::string>& locked_;
     const bool make_parents_;
     std::uint64_t restored_ = 0;
     std::uint64_t refused_ = 0;

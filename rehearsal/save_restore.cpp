@@ -328,8 +328,8 @@ const FixedCommand& FixedCommandOf(const Command& command) {
         {"SAVSECDTA", SaveKind::Security, SecurityData, text::Saved, text::SavedPartly},
         {"SAVCFG", SaveKind::Configuration, SystemConfiguration, text::Saved, text::SavedPartly},
         {"RSTDLO", SaveKind::Documents, DocumentRoot, text::DocumentsRestored, text::DocumentsRestoredPartly},
-        {"RSTUSRPRF", SaveKind::Security, SecurityData, text::Restored, text::RestoredPartly},
-        {"RSTCFG", SaveKind::Configuration, SystemConfiguration, text::Restored, text::RestoredPartly},
+        {"RSTUSRPRF", SaveKind::Security, SecurityData, text::Restored, text::NotAllRestored},
+        {"RSTCFG", SaveKind::Configuration, SystemConfiguration, text::Restored, text::NotAllRestored},
     };
     return *std::find_if(std::begin(commands), std::end(commands),
                          [&](const FixedCommand& each) { return each.name == command.name; });
@@ -363,7 +363,8 @@ std::pair<std::uint64_t, std::uint64_t> RestoreFrom(const Job& job, const Comman
                                                     const Destination& destination) {
     const std::string name = UsedSaveFile(job, command);
     const Descriptor file = OpenSaveFile(job, name);
-    Restore restore(job.store, command.One("CRTPRNDIR", "*NO") == "*YES" || kind != SaveKind::Paths);
+    Restore restore(job.store, job.options.locked,
+                    command.One("CRTPRNDIR", "*NO") == "*YES" || kind != SaveKind::Paths);
     try {
         SaveFileReader reader(file.get());
         if (reader.kind() != kind)

@@ -91,6 +91,7 @@ inline constexpr char NothingInLibrary[] = "No objects saved or restored for lib
 inline constexpr char PrecheckFailed[] = "Preliminary check failed for &1 objects. No objects saved.";
 inline constexpr char Restored[] = "&1 objects restored.";
 inline constexpr char RestoredPartly[] = "&1 objects restored. &2 not restored.";
+inline constexpr char NotAllRestored[] = "Not all objects restored. &1 restored, &2 not.";
 inline constexpr char LibraryRestored[] = "&1 objects restored from &3 to &4.";
 inline constexpr char LibraryRestoredPartly[] = "&1 objects restored. &2 not restored to &4.";
 inline constexpr char DocumentsRestored[] = "&1 document library objects restored.";

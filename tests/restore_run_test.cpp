@@ -87,6 +87,16 @@ TEST(Restore, BringsEverythingBackOnEveryRelease) {
     }
 }
 
+TEST(Restore, AnArchiveMadeByTheLayoutAloneIsAsGoodAsOurOwn) {
+    const Saved saved;
+    const auto entries = ReadArchiveFile(saved.archive);
+    ASSERT_TRUE(entries);
+    WriteFile(saved.work / "made", MakeArchive(*entries));
+    Site fresh;
+    EXPECT_EQ(fresh.Run({"-r", (saved.work / "made").string()}).status, 0);
+    EXPECT_EQ(DiffTrees(saved.site.root.path, fresh.root.path), "");
+}
+
 TEST(Restore, ReadsFromAPipe) {
     const Saved saved;
     const fs::path fifo = saved.work / "fifo";
@@ -279,6 +289,18 @@ TEST(Restore, JudgesRefusalsByTheirText) {
                   row.status != 0)
             << outcome.err;
     }
+}
+
+TEST(Restore, PartialRestoresOfTheServerAreNoFailures) {
+    const Saved saved;
+    Site fresh;
+    fresh.options.locked = {"/System Configuration", "/home/FRED/notes.txt"};
+    const Outcome outcome = fresh.Run({"-r", saved.archive.string()});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.err, "550 Not all objects restored.")) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.err, " objects restored. 1 not restored.")) << outcome.err;
+    EXPECT_FALSE(Holds(outcome.err, "failed to restore")) << outcome.err;
+    EXPECT_FALSE(fs::exists(fresh.root / "home/FRED/notes.txt"));
 }
 
 TEST(Restore, AnEntryWithoutDataIsNoFailure) {

@@ -125,4 +125,4 @@ using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
 // Whether all that was written to the stream has reached its file; reports it under the caller's place when not.
 // No stream lacks nothing.
-bool IsWritten(const Stream& stream, const char* name, SourcePlace place = SourcePlace::Here());
+bool IsWritten(std::FILE* stream, const char* name, SourcePlace place = SourcePlace::Here());

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -28,7 +29,8 @@ struct Fault {
         Close,      // the control connection is closed after `bytes` bytes of the reply (0: before it)
         Reset,      // the same with a reset (RST) instead of an orderly close
         CloseAfter, // the control connection is closed after the whole reply
-        Silent,     // the reply never comes; the connection stays open until the client leaves
+        Silent,     // the reply never comes; the connection stays open until the client leaves, or for
+                    // `pause_ms` when that is set
         DataRefuse, // nothing listens on the port that PASV announced (matches the command PASV)
         DataClose,  // the data connection is closed after `bytes` bytes of data, the final reply is sent as
                     // usual
@@ -42,7 +44,7 @@ struct Fault {
     std::size_t bytes = 0;         // see the kinds
     std::string text;              // see Replace
     std::vector<std::size_t> cuts; // see Pieces, ascending
-    int pause_ms = 0;              // see Pieces
+    int pause_ms = 0;              // see Pieces, Silent
 };
 
 struct Options {
@@ -57,6 +59,16 @@ struct Options {
     std::set<std::string> raw;         // files whose save file is just their bytes, neither framed nor padded, and
                                        // that RST gets back the same way: for save files of an exact length
     std::vector<Fault> faults;
+    // Told each command line as it is received, before anything is done; from the threads of the sessions.
+    std::function<void(const std::string& line)> on_command;
+};
+
+// One command of a session and what the server did on it.
+struct Exchange {
+    int session;                      // numbered from 0 in order of their connecting
+    std::string command;              // as received, the password of PASS replaced by "****"; "" is the greeting
+    std::vector<std::string> replies; // each whole, with its line ends, whatever a fault made of it
+    std::size_t moved = 0;            // bytes of its data connection
 };
 
 class Server {
@@ -69,8 +81,9 @@ public:
     Server& operator=(const Server&) = delete;
 
     std::uint16_t Port() const;
-    // Every command line received so far, over all sessions, in order of arrival, the password of PASS
-    // replaced by "****". `session` -1 gives all; sessions are numbered from 0 in order of their connecting.
+    // Everything so far, over all sessions, in order of arrival.
+    std::vector<Exchange> Exchanges() const;
+    // The commands alone; `session` -1 gives those of all.
     std::vector<std::string> Transcript(int session = -1) const;
     int SessionCount() const; // sessions accepted so far
     int OpenSessions() const; // of those, not yet ended

@@ -146,8 +146,16 @@ std::uint16_t Server::Port() const {
     return ntohs(name.sin_port);
 }
 
+std::vector<Exchange> Server::Exchanges() const {
+    return state_->shared.Exchanges();
+}
+
 std::vector<std::string> Server::Transcript(int session) const {
-    return state_->shared.Transcript(session);
+    std::vector<std::string> lines;
+    for (const Exchange& exchange : Exchanges())
+        if ((session == -1 || session == exchange.session) && !exchange.command.empty())
+            lines.push_back(exchange.command);
+    return lines;
 }
 
 int Server::SessionCount() const {

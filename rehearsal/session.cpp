@@ -35,19 +35,26 @@ void CloseByReset(int socket) {
 
 // ---- what sessions share
 
-void Shared::Record(int session, const std::string& line) {
+std::size_t Shared::Record(int session, const std::string& line) {
     const bool secret = Upper(line.substr(0, 5)) == "PASS ";
     const std::lock_guard lock(guard_);
-    transcript_.emplace_back(session, secret ? line.substr(0, 5) + "****" : line);
+    exchanges_.push_back({session, secret ? line.substr(0, 5) + "****" : line, {}, 0});
+    return exchanges_.size() - 1;
 }
 
-std::vector<std::string> Shared::Transcript(int session) const {
-    std::vector<std::string> lines;
+void Shared::RecordReply(std::size_t exchange, const std::string& reply) {
     const std::lock_guard lock(guard_);
-    for (const auto& [owner, line] : transcript_)
-        if (session == -1 || session == owner)
-            lines.push_back(line);
-    return lines;
+    exchanges_[exchange].replies.push_back(reply);
+}
+
+void Shared::RecordMoved(std::size_t exchange, std::size_t bytes) {
+    const std::lock_guard lock(guard_);
+    exchanges_[exchange].moved = bytes;
+}
+
+std::vector<Exchange> Shared::Exchanges() const {
+    const std::lock_guard lock(guard_);
+    return exchanges_;
 }
 
 std::vector<const Fault*> Shared::FaultsOf(const std::string& line) {
@@ -99,6 +106,7 @@ void Session::Install(Descriptor& slot, Descriptor value) {
 
 void Session::Serve() {
     faults_ = shared_.FaultsOf("");
+    exchange_ = shared_.Record(number_, "");
     Reply(text::Greeting);
     for (;;) {
         const std::string line = ReadLine(idle_seconds_);
@@ -108,6 +116,9 @@ void Session::Serve() {
 }
 
 void Session::Perform(const std::string& line) {
+    exchange_ = shared_.Record(number_, line);
+    if (shared_.options.on_command)
+        shared_.options.on_command(line);
     faults_ = shared_.FaultsOf(line);
     replies_ = 0;
     moved_ = 0;
@@ -149,8 +160,6 @@ std::string Session::ReadLine(int wait_seconds) {
     held_.erase(0, end + 1);
     if (line.ends_with('\r'))
         line.pop_back();
-    if (!line.empty())
-        shared_.Record(number_, line);
     return line;
 }
 
@@ -174,8 +183,13 @@ void Session::Reply(std::string text) {
     if (const Fault* fault = Active(Kind::Replace, reply))
         text = fault->text;
     text += "\r\n";
-    if (Active(Kind::Silent, reply))
-        AwaitClientLeaving();
+    shared_.RecordReply(exchange_, text);
+    if (const Fault* fault = Active(Kind::Silent, reply)) {
+        if (fault->pause_ms == 0)
+            AwaitClientLeaving();
+        WaitFor(control_.get(), POLLRDHUP, fault->pause_ms);
+        throw Gone();
+    }
     const Fault* reset = Active(Kind::Reset, reply);
     if (const Fault* fault = reset ? reset : Active(Kind::Close, reply)) {
         SendControl(std::string_view(text).substr(0, fault->bytes));

@@ -33,15 +33,18 @@ public:
     std::atomic<int> quits = 0; // sessions ended by QUIT
     std::atomic<int> open = 0;  // sessions not yet ended
 
-    void Record(int session, const std::string& line);
-    std::vector<std::string> Transcript(int session) const;
+    // Begins the record of an exchange; gives its index, by which replies and data are added.
+    std::size_t Record(int session, const std::string& line);
+    void RecordReply(std::size_t exchange, const std::string& reply);
+    void RecordMoved(std::size_t exchange, std::size_t bytes);
+    std::vector<Exchange> Exchanges() const;
     // The faults that befall this command line ("": the greeting). Counts the match.
     std::vector<const Fault*> FaultsOf(const std::string& line);
 
 private:
     mutable std::mutex guard_;
-    std::vector<std::pair<int, std::string>> transcript_; // under guard_
-    std::vector<int> counts_;                             // matches so far, by fault; under guard_
+    std::vector<Exchange> exchanges_; // under guard_
+    std::vector<int> counts_;         // matches so far, by fault; under guard_
 };
 
 class Session {
@@ -112,6 +115,7 @@ private:
     std::string held_;                          // received and not yet consumed
     std::vector<const Fault*> faults_;          // of the current command
     std::string verb_;                          // likewise
+    std::size_t exchange_ = 0;                  // its record
     int replies_ = 0;                           // of the current command, so far
     std::size_t moved_ = 0;                     // bytes of data, likewise
 

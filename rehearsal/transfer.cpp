@@ -154,6 +154,7 @@ Session::Moved Session::ReceiveFile(int file) {
 
 void Session::FinishTransfer(Moved moved, const char* completed) {
     Install(data_, Descriptor());
+    shared_.RecordMoved(exchange_, moved_);
     Reply(moved == Moved::Broken ? text::DataBroken : completed);
 }
 

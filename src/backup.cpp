@@ -752,10 +752,6 @@ int ReportBackup(const BackupTotals& totals, double seconds) {
     return troubles != 0 ? 1 : 0;
 }
 
-} // namespace
-
-namespace {
-
 // Opens the archive for this run alone and cuts it to zero. Gives an unopened descriptor, with errno set, when that
 // fails, and also while another run writes the same file: both would end in one heap.
 Descriptor OpenArchive(const std::string& path) {
@@ -766,6 +762,18 @@ Descriptor OpenArchive(const std::string& path) {
     if (::fstat(archive.Get(), &status) == 0 && S_ISREG(status.st_mode) && ::ftruncate(archive.Get(), 0) != 0)
         return {};
     return archive;
+}
+
+// Writes the first sentinel. Without it, or with a part of it, every entry fails.
+bool BeginArchive(int archive) {
+    const CtarBlock sentinel = BuildCtarSentinel();
+    const ssize_t written = ::write(archive, sentinel.data(), sentinel.size());
+    if (written == BlockBytes)
+        return true;
+    LogMessageTo(stderr, "%sCTAR sentinel failed write(): %s\n", FailureHead().c_str(), std::strerror(errno));
+    if (written > 0)
+        TruncateArchive(archive, 0);
+    return false;
 }
 
 } // namespace
@@ -787,16 +795,13 @@ int BackupDriver(FtpSession* session) {
     LogMessage("Building Block Lists\n");
     const KindTrees trees = BuildBackupList(*include_tree);
     const double listed = SecondsNow();
-    const CtarBlock sentinel = BuildCtarSentinel();
-    bool safe = ::write(archive.Get(), sentinel.data(), sentinel.size()) == static_cast<ssize_t>(sentinel.size());
-    if (!safe)
-        LogMessageTo(stderr, "%sCTAR sentinel failed write(): %s\n", FailureHead().c_str(), std::strerror(errno));
+    bool safe = BeginArchive(archive.Get());
     const BackupTotals totals = RunWorkers(trees, archive.Get());
     const bool flushed = ::fdatasync(archive.Get()) == 0;
     if (!flushed)
         LogMessageTo(stderr, "%sfdatasync(%s): %s\n", FailureHead().c_str(), path.c_str(), std::strerror(errno));
-    safe = IsWritten(RunSettings.catalog, "catalog") && safe;
-    safe = IsWritten(RunSettings.not_backed_up, "not backed up") && safe;
+    safe = IsWritten(RunSettings.catalog.get(), "catalog") && safe;
+    safe = IsWritten(RunSettings.not_backed_up.get(), "not backed up") && safe;
     if (TerminationRequested != 0) {
         LogMessageTo(stderr, "%sBackup Terminated Cleanly\n", FailureHead().c_str());
         std::exit(143);

@@ -411,9 +411,8 @@ int CloseEntry(ArchiveWriter& writer, const ObjectFile& object, off_t start) {
     if (!PutBlock(writer.descriptor, BuildCtarSentinel()))
         result = CutEntryAfter("CTAR sentinel failed write()", writer, start);
     const CtarBlock header = BuildCtarHeader(object, static_cast<std::uint64_t>(writer.bytes));
-    const off_t sentinel = start - static_cast<off_t>(BlockSize);
-    errno = EINVAL; // what an archive without its first sentinel comes to
-    if (::lseek(writer.descriptor, sentinel, SEEK_SET) != sentinel || !PutBlock(writer.descriptor, header))
+    const off_t sentinel = start - static_cast<off_t>(BlockSize); // below 0 in an archive without its first one
+    if (::lseek(writer.descriptor, sentinel, SEEK_SET) < 0 || !PutBlock(writer.descriptor, header))
         result = CutEntryAfter("CTAR header failed to update", writer, start);
     return result;
 }

@@ -192,9 +192,9 @@ bool Mapping::Map(std::size_t size) {
     return true;
 }
 
-bool IsWritten(const Stream& stream, const char* name, SourcePlace place) {
+bool IsWritten(std::FILE* stream, const char* name, SourcePlace place) {
     errno = EIO; // a failure further back has left no other reason
-    if (stream == nullptr || (std::fflush(stream.get()) == 0 && std::ferror(stream.get()) == 0))
+    if (stream == nullptr || (std::fflush(stream) == 0 && std::ferror(stream) == 0))
         return true;
     LogMessageTo(stderr, "%swrite(%s): %s\n", FailureHead(place).c_str(), name, std::strerror(errno));
     return false;

@@ -117,6 +117,18 @@ int ListPrinter(void* argument, char* data, int* count) {
     }
 }
 
+namespace {
+
+// A line that the server began and did not end would be missing from the list without a word.
+bool EndsWithWholeLine(const ListPrinterContext& context) {
+    if (context.between_lines || context.pending.empty())
+        return true;
+    LogMessageTo(stderr, "%sunfinished line: %s\n", FailureHead().c_str(), context.pending.c_str());
+    return false;
+}
+
+} // namespace
+
 int ListMode(FtpSession* session) {
     std::FILE* const stream = RunSettings.include.get();
     std::string include = "/";
@@ -128,12 +140,13 @@ int ListMode(FtpSession* session) {
     do {
         ListPrinterContext context;
         context.include_path = include;
-        if (ListDirectory(session, include.c_str(), ListPrinter, &context, nullptr) != 0) {
+        if (ListDirectory(session, include.c_str(), ListPrinter, &context, nullptr) != 0 ||
+            !EndsWithWholeLine(context)) {
             LogMessageTo(stderr, "%slist failed\n", FailureHead().c_str());
             result = -1;
         }
     } while (stream != nullptr && ReadPathLine(include, stream));
-    return IsWritten(RunSettings.list, "list") ? result : -1;
+    return IsWritten(RunSettings.list.get(), "list") ? result : -1;
 }
 
 // Termination
@@ -232,7 +245,7 @@ int RunVondral(int argc, char** argv) {
         return -1;
     try {
         const int result = RunSession(begun);
-        std::fflush(stdout); // before a stream on the same descriptor closes it
+        IsWritten(stdout, "standard output"); // before a stream on the same descriptor closes it
         return result;
     } catch (const std::bad_alloc&) {
         LogMessageTo(stderr, "%s: out of memory\n", ProgramName);

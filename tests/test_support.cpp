@@ -1,14 +1,18 @@
 #include "test_support.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -102,6 +106,13 @@ pid_t Program::Start() {
 }
 
 Outcome Program::Wait() {
+    constexpr int patience = 120000; // milliseconds
+    const Descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
+    pollfd end{handle.Get(), POLLIN, 0};
+    while (::poll(&end, 1, patience) <= 0 && errno == EINTR)
+        continue;
+    if (end.revents == 0)
+        ::kill(process_, SIGKILL);
     int status = 0;
     ::waitpid(process_, &status, 0);
     Outcome outcome;
@@ -153,26 +164,42 @@ std::size_t ReadSize(const std::string& header) {
 
 } // namespace
 
-std::optional<std::vector<ArchiveEntry>> ReadArchiveFile(const fs::path& path) {
-    const std::string archive = ReadFile(path);
-    std::vector<ArchiveEntry> entries;
-    for (std::size_t offset = 0; offset + Block <= archive.size();) {
+ArchiveChain ReadArchiveChain(const std::string& archive) {
+    ArchiveChain chain;
+    std::set<std::size_t> headers;
+    std::size_t offset = 0;
+    const auto has_header = [&archive](std::size_t at) {
+        const std::string header = archive.substr(at, Block);
+        return header.size() == Block && header.substr(148, 8) == Octal(static_cast<unsigned>(Sum(header)), 7) + '\0';
+    };
+    while (has_header(offset) && !chain.sound) {
         const std::string header = archive.substr(offset, Block);
-        if (header.substr(148, 8) != Octal(static_cast<unsigned>(Sum(header)), 7) + '\0')
-            return std::nullopt;
-        if (header.find_first_not_of('\0') == 148 && header.find_last_not_of('\0') < 156)
-            return entries;
-        const std::size_t size = ReadSize(header);
+        chain.sound = header.find_first_not_of('\0') == 148 && header.find_last_not_of('\0') < 156;
+        const std::size_t size = chain.sound ? 0 : ReadSize(header);
         const std::size_t padded = (size + Block - 1) / Block * Block;
-        if (offset + Block + padded > archive.size() || header.substr(265, 12) != header.substr(124, 12))
-            return std::nullopt;
+        if (offset + Block + padded > archive.size() ||
+            (!chain.sound && header.substr(265, 12) != header.substr(124, 12)))
+            break;
         const std::string padding = archive.substr(offset + Block + size, padded - size);
         if (padding.find_first_not_of('\0') != padding.npos)
-            return std::nullopt;
-        entries.push_back({ReadName(header), archive.substr(offset + Block, size)});
+            break;
+        headers.insert(offset);
+        if (!chain.sound)
+            chain.entries.push_back({ReadName(header), archive.substr(offset + Block, size)});
         offset += Block + padded;
     }
-    return std::nullopt;
+    chain.behind = archive.size() - offset;
+    for (offset = 0; offset < archive.size(); offset += Block) {
+        const std::string header = archive.substr(offset, Block);
+        if (!headers.contains(offset) && has_header(offset) && header[0] == '/')
+            chain.stray.push_back({ReadName(header), archive.substr(offset + Block, ReadSize(header))});
+    }
+    return chain;
+}
+
+std::optional<std::vector<ArchiveEntry>> ReadArchiveFile(const fs::path& path) {
+    ArchiveChain chain = ReadArchiveChain(ReadFile(path));
+    return chain.sound ? std::optional(std::move(chain.entries)) : std::nullopt;
 }
 
 std::string MakeArchive(const std::vector<ArchiveEntry>& entries) {

@@ -68,6 +68,7 @@ struct Program {
     bool close_standard_streams = false;        // descriptors 0 to 2 are not there at all
 
     pid_t Start();
+    // A run that has not ended after two minutes is killed, and its status is that of the kill.
     Outcome Wait();
     Outcome Run() {
         Start();
@@ -84,6 +85,15 @@ struct ArchiveEntry {
     std::string name;
     std::string data;
 };
+
+// An archive as a reader finds it, going from header to header.
+struct ArchiveChain {
+    std::vector<ArchiveEntry> entries;
+    bool sound = false;              // it ended at a sentinel, and nothing broke the format before
+    std::size_t behind = 0;          // bytes behind the sentinel, or from where the format was broken
+    std::vector<ArchiveEntry> stray; // what further blocks anywhere are headers of, as far as their data are there
+};
+ArchiveChain ReadArchiveChain(const std::string& archive);
 
 // The entries up to the sentinel; nothing when the archive breaks the format anywhere.
 std::optional<std::vector<ArchiveEntry>> ReadArchiveFile(const std::filesystem::path& path);

@@ -1,0 +1,306 @@
+#include "sweep_support.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <csignal>
+#include <unistd.h>
+
+#include "ctar.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool Holds(const std::string& text, const std::string& part) {
+    return text.find(part) != text.npos;
+}
+
+std::set<std::string> Lines(const std::string& text) {
+    std::set<std::string> lines;
+    for (std::size_t from = 0; from < text.size();) {
+        const std::size_t end = std::min(text.find('\n', from), text.size());
+        lines.insert(text.substr(from, end - from));
+        from = end + 1;
+    }
+    return lines;
+}
+
+std::map<std::string, std::string> FilesBelow(const fs::path& root) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(root))
+        if (entry.is_regular_file() && !entry.is_symlink())
+            files[entry.path().lexically_relative(root)] = ReadFile(entry.path());
+    return files;
+}
+
+// Every kind of object twice where a kind can have two, sizes around the block and the transfer buffer.
+void FillStore(const fs::path& root) {
+    WriteFile(root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR", std::string(700, 'r'));
+    WriteFile(root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", "run");
+    WriteFile(root / "QDLS/FOLDER/LETTER", "dear all");
+    WriteFile(root / "home/it's/a file", std::string(140000, 'f'));
+    WriteFile(root / "home/note", "note");
+    WriteFile(root / "etc/hosts", "127.0.0.1 localhost");
+    WriteFile(root / "Security Data", "profiles");
+    WriteFile(root / "System Configuration", "lines");
+}
+
+std::string ObjectName(const ArchiveEntry& entry) {
+    return std::string(CutNameSuffix(entry.name));
+}
+
+const ArchiveEntry* Find(const std::vector<ArchiveEntry>& entries, const std::string& name) {
+    const auto found =
+        std::find_if(entries.begin(), entries.end(), [&name](const ArchiveEntry& entry) { return entry.name == name; });
+    return found == entries.end() ? nullptr : &*found;
+}
+
+// Whether the log calls the file, or a directory above it, saved.
+bool IsSaved(const std::string& file, const std::string& log) {
+    for (std::size_t end = file.size(); end != file.npos && end > 0; end = file.rfind('/', end - 1))
+        if (Holds(log, "Backup Success: " + file.substr(0, end) + "\n"))
+            return true;
+    return false;
+}
+
+bool HasSanitizerReport(const std::string& err) {
+    return Holds(err, "Sanitizer") || Holds(err, "runtime error:");
+}
+
+// A loopback address for each run: closed connections keep their ports for a minute.
+std::string NextAddress() {
+    static std::atomic<unsigned> runs = 0;
+    const unsigned run = runs++;
+    const unsigned process = static_cast<unsigned>(::getpid()) % 250;
+    return FormatText("127.%u.%u.%u", 1 + process, run / 250 % 250, 1 + run % 250);
+}
+
+bool IsOneOf(int status, std::initializer_list<int> statuses) {
+    return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
+}
+
+} // namespace
+
+Rehearsal::Rehearsal(Mode chosen) : mode(chosen) {
+    FillStore(root_.path);
+    if (mode == Mode::List)
+        WriteFile(work_ / "include", "/\n/home\n/QSYS.LIB\n");
+    if (mode == Mode::Restore) {
+        const Rehearsal backup(Mode::Backup);
+        fs::copy(backup.work_ / "archive", work_ / "saved");
+    }
+    undisturbed_ = Run({});
+    if (mode != Mode::Restore && mode != Mode::List)
+        fs::copy(work_ / "undisturbed", work_ / "archive");
+    EXPECT_EQ(undisturbed_.outcome.status, 0) << undisturbed_.outcome.err;
+    EXPECT_EQ(undisturbed_.outcome.err, "");
+}
+
+Finished Rehearsal::Run(const Disturbance& disturbance) const {
+    const TempDir restored;
+    const TempDir files;
+    Program program;
+    std::atomic<pid_t> process = 0;
+    std::atomic<int> commands = 0;
+    rehearsal::Options options;
+    options.root = mode == Mode::Restore ? restored.path : root_.path;
+    options.address = NextAddress();
+    options.faults = disturbance.faults;
+    options.on_command = [&](const std::string&) {
+        if (commands++ != disturbance.terminate_at)
+            return;
+        while (process == 0)
+            ::usleep(100);
+        ::kill(process, SIGTERM);
+        ::usleep(20000); // its signal thread wakes up
+    };
+    const rehearsal::Server server(options);
+    program.port = server.Port();
+    program.minute_ms = disturbance.minute_ms;
+    program.environment = disturbance.environment;
+    program.file_size_limit = disturbance.file_size_limit;
+    program.arguments = {"-s", options.address, "-c", "FRED:here:secret", "-z", "2"};
+    const std::vector<std::string> backup{"-b", (files / "archive").string(), "-C", (files / "catalog").string(), "-n",
+                                          "9"};
+    const std::map<Mode, std::vector<std::string>> arguments{
+        {Mode::List, {"-l", "9", "-i", (work_ / "include").string()}},
+        {Mode::Backup, backup},
+        {Mode::ThreadedBackup, backup},
+        {Mode::Restore, {"-r", (work_ / "saved").string()}}};
+    program.arguments.insert(program.arguments.end(), arguments.at(mode).begin(), arguments.at(mode).end());
+    if (mode == Mode::Backup)
+        program.arguments.insert(program.arguments.end(), {"-x", "no"});
+    program.outputs[9] = files / "output";
+    process = program.Start();
+    Finished run;
+    run.outcome = program.Wait();
+    for (int tries = 0; tries < 2000 && server.OpenSessions() > 0; ++tries)
+        ::usleep(2500); // the server sees the end of the last one a moment later
+    run.sessions_ended = server.OpenSessions() == 0;
+    run.exchanges = server.Exchanges();
+    (mode == Mode::List ? run.list : run.missed) = Messages(ReadFile(files / "output"));
+    if (mode == Mode::Restore) {
+        run.files = FilesBelow(restored.path);
+    } else if (mode != Mode::List) {
+        run.archive_bytes = ReadFile(files / "archive");
+        run.archive = ReadArchiveChain(run.archive_bytes);
+        run.catalog = Messages(ReadFile(files / "catalog"));
+        if (!fs::exists(work_ / "undisturbed"))
+            fs::copy(files / "archive", work_ / "undisturbed");
+    }
+    return run;
+}
+
+std::string Rehearsal::Judge(const Finished& run, const Disturbance& disturbance) const {
+    const int status = run.outcome.status;
+    const bool killed = disturbance.environment.contains("VONDRAL_TEST_DISK") &&
+                        Holds(disturbance.environment.at("VONDRAL_TEST_DISK"), "kill");
+    std::string broken;
+    if (killed ? !IsOneOf(status, {0, -1 - SIGKILL}) // 0: there were fewer calls
+               : !IsOneOf(status, {0, 1, 2, 255}) && !(status == 143 && disturbance.terminate_at >= 0))
+        broken += "it ended with " + std::to_string(status) + "\n";
+    if (disturbance.harmless && status != undisturbed_.outcome.status)
+        broken += "a harmless disturbance, and status " + std::to_string(status) + "\n";
+    if (HasSanitizerReport(run.outcome.err))
+        broken += "a sanitizer reported\n";
+    if (!run.sessions_ended)
+        broken += "a session was left open\n";
+    if (mode == Mode::List)
+        return broken + JudgeList(run, disturbance);
+    return broken + (mode == Mode::Restore ? JudgeRestore(run) : JudgeBackup(run, disturbance));
+}
+
+// Success means the whole list; a failure may shorten it, but nothing is made up.
+std::string Rehearsal::JudgeList(const Finished& run, const Disturbance& disturbance) const {
+    const std::set<std::string> all = Lines(undisturbed_.list);
+    const std::set<std::string> listed = Lines(run.list);
+    if (run.outcome.status == 0 && listed != all && !disturbance.server_lies)
+        return "status 0, and the list is not whole\n";
+    return std::includes(all.begin(), all.end(), listed.begin(), listed.end()) ? ""
+                                                                               : "the list holds what is not there\n";
+}
+
+// Each object is whole in the archive, or its failure told, listed and counted; what was never tried shows in the
+// status.
+std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& disturbance) const {
+    const Outcome& outcome = run.outcome;
+    const ArchiveChain& archive = run.archive;
+    // The two cases in which entries stand where a reader does not come: behind the sentinel that a broken retrieval
+    // leaves, and behind the header of an entry that the disk did not take.
+    const bool may_stray = Holds(outcome.err, "recovering checkpoint") || Holds(outcome.err, "write(");
+    std::string broken;
+    bool failures = false;
+    bool in_order = true;
+    for (const ArchiveEntry& whole : undisturbed_.archive.entries) {
+        const std::string object = ObjectName(whole);
+        const bool success = Holds(outcome.out, "Backup Success: " + object + "\n");
+        const bool failure = Holds(outcome.err, "Backup Failure: " + object + "\n");
+        const ArchiveEntry* const entry = Find(archive.entries, whole.name);
+        const ArchiveEntry* const stray = Find(archive.stray, whole.name);
+        const bool listed = Lines(run.missed).contains(object);
+        const bool reached = entry != nullptr && entry->data == whole.data;
+        const bool cut = disturbance.server_lies && (entry == nullptr ? Holds(outcome.out, "Block returned no data")
+                                                                      : whole.data.starts_with(entry->data));
+        const bool strayed = may_stray && outcome.status != 0 && stray != nullptr && stray->data == whole.data;
+        failures = failures || failure;
+        in_order = in_order && reached;
+        if (success && failure)
+            broken += object + ": success and failure\n";
+        if (success && !reached && !cut && !strayed)
+            broken += object + ": success, and not whole in the archive\n";
+        if (failure && !listed)
+            broken += object + ": failed, and not in the list of what was not backed up\n";
+        if (!success && !failure && !listed && outcome.status == 0 && !disturbance.server_lies)
+            broken += object + ": neither saved nor told, and status 0\n";
+    }
+    const std::set<std::string> catalog = Lines(run.catalog);
+    for (const std::string& file : catalog)
+        if (!IsSaved(file, outcome.out))
+            broken += file + ": in the catalog, and not saved\n";
+    if (failures && (outcome.status == 0 || Holds(outcome.out, "** Total Objects Failed   : 0\n")))
+        broken += "failures were not counted\n";
+    if (outcome.status == 0 && !in_order && !disturbance.server_lies)
+        broken += "status 0, and the archive is not whole\n";
+    // What could not be listed but was saved with the directory above it is missing there, and that was told.
+    if (outcome.status == 0 && catalog != Lines(undisturbed_.catalog) && !Holds(outcome.err, "list failed") &&
+        !disturbance.server_lies)
+        broken += "status 0, and the catalog is not whole\n";
+    if (!run.archive_bytes.empty() && !archive.sound && !Holds(outcome.err, "write("))
+        broken += "the archive does not read to its sentinel\n";
+    if (archive.behind != 0 && !may_stray && outcome.status >= 0)
+        broken += "bytes behind the sentinel\n";
+    return broken;
+}
+
+// What is there is exactly what was saved; each entry is back, or its failure told; nothing was restored twice.
+std::string Rehearsal::JudgeRestore(const Finished& run) const {
+    const Outcome& outcome = run.outcome;
+    std::string broken;
+    for (const auto& [path, bytes] : run.files) {
+        const auto saved = undisturbed_.files.find(path);
+        if (saved == undisturbed_.files.end() || saved->second != bytes)
+            broken += path + ": not what was saved\n";
+    }
+    const bool told =
+        Holds(outcome.err, "command failed") || Holds(outcome.err, "failed to restore object") || outcome.status == 143;
+    if (outcome.status == 0 && run.files.size() != undisturbed_.files.size() && !told)
+        broken += "status 0, no failure told, and files are missing\n";
+    std::map<std::string, int> restores;
+    for (const rehearsal::Exchange& exchange : run.exchanges)
+        if (exchange.command.starts_with("RCMD RST") && !exchange.command.starts_with("RCMD RSTAUT"))
+            if (++restores[exchange.command] == 2)
+                broken += "sent twice: " + exchange.command + "\n";
+    return broken;
+}
+
+std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
+    const TempDir restored;
+    const TempDir files;
+    WriteFile(files / "archive", backup.archive_bytes);
+    rehearsal::Options options;
+    options.root = restored.path;
+    options.address = NextAddress();
+    const rehearsal::Server server(options);
+    Program program;
+    program.port = server.Port();
+    program.arguments = {"-s", options.address, "-c", "FRED:here:secret", "-r", (files / "archive").string()};
+    const Outcome outcome = program.Run();
+    std::string broken;
+    if (outcome.status != 0 || outcome.err != "")
+        broken += "a restore of what was complete ended with " + std::to_string(outcome.status) + ":\n" + outcome.err;
+    const std::map<std::string, std::string> originals = FilesBelow(root_.path);
+    const std::map<std::string, std::string> back = FilesBelow(restored.path);
+    for (const ArchiveEntry& entry : backup.archive.entries) {
+        const std::string below = ObjectName(entry).substr(1);
+        for (const auto& [path, bytes] : originals)
+            if ((path == below || path.starts_with(below + "/")) && (!back.contains(path) || back.at(path) != bytes))
+                broken += path + ": not brought back\n";
+    }
+    return broken;
+}
+
+void Sweep(const char* name, const Rehearsal& rehearsal, const std::vector<Disturbance>& disturbances,
+           const std::function<void(const Finished&, const Disturbance&)>& further) {
+    const char* const wish = std::getenv("VONDRAL_SWEEP");
+    const std::size_t stride = wish != nullptr && std::strcmp(wish, "full") == 0 ? 1 : SweepStride;
+    std::map<int, int> statuses;
+    int runs = 0;
+    for (std::size_t index = 0; index < disturbances.size(); index += stride) {
+        const Disturbance& disturbance = disturbances[index];
+        const Finished run = rehearsal.Run(disturbance);
+        EXPECT_EQ(rehearsal.Judge(run, disturbance), "") << disturbance.what << "\n"
+                                                         << run.outcome.out << run.outcome.err;
+        if (further)
+            further(run, disturbance);
+        ++runs;
+        ++statuses[run.outcome.status];
+    }
+    std::printf("sweep %s: %d runs of %zu; ended with", name, runs, disturbances.size());
+    for (const auto& [status, count] : statuses)
+        std::printf(" %s%d: %d", status < 0 ? "signal " : "", status < 0 ? -1 - status : status, count);
+    std::printf("\n");
+}

@@ -1,0 +1,152 @@
+// Faults of the server and of the network, at every reply and every data connection of whole runs.
+
+#include "sweep_support.h"
+
+namespace {
+
+using rehearsal::Exchange;
+using rehearsal::Fault;
+using Kind = Fault::Kind;
+
+// Where a reply is cut apart: within the code, around every line end, in the middle.
+std::set<std::size_t> AwkwardCuts(const std::string& reply) {
+    std::set<std::size_t> cuts{1, 3, 4, reply.size() / 2};
+    for (std::size_t at = reply.find('\n'); at != reply.npos; at = reply.find('\n', at + 1))
+        cuts.insert({at - 1, at, at + 1, at + 3, at + 5});
+    cuts.erase(cuts.lower_bound(reply.size()), cuts.end());
+    return cuts;
+}
+
+// One fault of one command of the undisturbed run, as a disturbance.
+class Collector {
+public:
+    std::vector<Disturbance> all;
+
+    // The faults to come befall the `nth` command line of this text.
+    void Aim(const std::string& command, int nth) {
+        fault_.command = command.starts_with("PASS") ? "PASS" : command;
+        fault_.nth = nth;
+    }
+    void AddReplyFaults(int reply, const std::string& text, bool transfers) {
+        fault_.reply = reply;
+        Add(Kind::Close, 0);
+        for (const std::size_t cut : AwkwardCuts(text)) {
+            Add(Kind::Close, cut);
+            Fault pieces = fault_;
+            pieces.kind = Kind::Pieces;
+            pieces.cuts = {cut};
+            pieces.pause_ms = 5;
+            // A line end that comes in two is not taken for one: the reply is then late or lost. Where it stands in
+            // the reply to PASV depends on the port.
+            const bool harmless = text[cut] != '\n' && (fault_.command != "PASV" || cut < text.size() / 2);
+            Put(pieces, "in pieces at " + std::to_string(cut), harmless ? 60000 : short_minute).harmless = harmless;
+        }
+        Add(Kind::Reset, 0);
+        Add(Kind::Reset, text.size() / 2);
+        Add(Kind::CloseAfter, 0);
+        Fault silent = fault_;
+        silent.kind = Kind::Silent;
+        silent.pause_ms = transfers ? 0 : 5 * short_minute; // a command without data is awaited as long as it takes
+        Put(silent, "silent", short_minute);
+        for (const char* refusal : {"550 no", "550-first\r\n550 second", "421 closing down", "hello", "999"}) {
+            Fault replace = fault_;
+            replace.kind = Kind::Replace;
+            replace.text = refusal;
+            Put(replace, std::string("answers ") + refusal, short_minute);
+        }
+    }
+    void AddDataFaults(std::size_t moved) {
+        fault_.reply = 0;
+        const std::set<std::size_t> places{0, 1, 511, 512, 513, 65535, 65536, moved / 2, moved - 1, moved};
+        for (const std::size_t bytes : places) {
+            if (bytes > moved)
+                break;
+            for (const Kind kind : {Kind::DataClose, Kind::DataReset, Kind::DataSilent})
+                Add(kind, bytes).server_lies = kind == Kind::DataClose;
+        }
+    }
+    void Add(Kind kind) { Add(kind, 0); }
+
+private:
+    static constexpr int short_minute = 60; // milliseconds
+
+    Disturbance& Add(Kind kind, std::size_t bytes) {
+        static const std::map<Kind, const char*> names{
+            {Kind::Close, "closed"},          {Kind::Reset, "reset"},           {Kind::CloseAfter, "closed behind"},
+            {Kind::DataRefuse, "no data"},    {Kind::DataClose, "data closed"}, {Kind::DataReset, "data reset"},
+            {Kind::DataSilent, "data silent"}};
+        Fault fault = fault_;
+        fault.kind = kind;
+        fault.bytes = bytes;
+        return Put(fault, std::string(names.at(kind)) + " at " + std::to_string(bytes), short_minute);
+    }
+    Disturbance& Put(const Fault& fault, const std::string& how, int minute) {
+        Disturbance disturbance;
+        disturbance.what =
+            fault.command + " #" + std::to_string(fault.nth) + ", reply " + std::to_string(fault.reply) + ": " + how;
+        disturbance.faults = {fault};
+        disturbance.minute_ms = minute;
+        return all.emplace_back(disturbance);
+    }
+
+    Fault fault_;
+};
+
+std::vector<Disturbance> AllFaults(const std::vector<Exchange>& exchanges) {
+    Collector collector;
+    for (std::size_t index = 0; index < exchanges.size(); ++index) {
+        const Exchange& exchange = exchanges[index];
+        int nth = 0; // a fault counts the lines that begin with its command
+        for (std::size_t before = 0; before <= index; ++before)
+            if (exchange.command.empty() ? exchanges[before].command.empty()
+                                         : exchanges[before].command.starts_with(exchange.command))
+                ++nth;
+        collector.Aim(exchange.command, nth);
+        const bool transfers = exchange.replies.size() > 1;
+        for (std::size_t reply = 0; reply < exchange.replies.size(); ++reply)
+            collector.AddReplyFaults(static_cast<int>(reply), exchange.replies[reply], transfers);
+        if (exchange.command == "PASV")
+            collector.Add(Kind::DataRefuse);
+        if (transfers)
+            collector.AddDataFaults(exchange.moved);
+    }
+    return collector.all;
+}
+
+struct Shard {
+    const char* name;
+    Mode mode;
+    std::size_t part; // of PartCount
+};
+constexpr std::size_t PartCount = 4; // that many can be run at the same time
+
+class FaultSweep : public testing::TestWithParam<Shard> {};
+
+TEST_P(FaultSweep, KeepsEveryPromise) {
+    const Shard& shard = GetParam();
+    const Rehearsal rehearsal(shard.mode);
+    const std::vector<Disturbance> all = AllFaults(rehearsal.Undisturbed().exchanges);
+    std::vector<Disturbance> mine;
+    for (std::size_t index = shard.part; index < all.size(); index += PartCount)
+        mine.push_back(all[index]);
+    Sweep(shard.name, rehearsal, mine);
+}
+
+std::vector<Shard> Shards() {
+    std::vector<Shard> shards;
+    for (std::size_t part = 0; part < PartCount; ++part)
+        for (const auto& [name, mode] : {std::pair{"list", Mode::List},
+                                         {"backup", Mode::Backup},
+                                         {"threaded_backup", Mode::ThreadedBackup},
+                                         {"restore", Mode::Restore}})
+            shards.push_back({name, mode, part});
+    return shards;
+}
+
+std::string ShardName(const testing::TestParamInfo<Shard>& shard) {
+    return std::string(shard.param.name) + "_" + std::to_string(shard.param.part);
+}
+
+INSTANTIATE_TEST_SUITE_P(Runs, FaultSweep, testing::ValuesIn(Shards()), ShardName);
+
+} // namespace

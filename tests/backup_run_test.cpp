@@ -303,10 +303,17 @@ TEST(Backup, IncludesExcludesAndDates) {
 
 TEST(Backup, FailuresOfTheSetUpEndTheMode) {
     Night missing;
-    missing.archive = missing.work / "none/archive";
-    const Outcome no_archive = missing.Run(missing.Backup());
-    EXPECT_EQ(no_archive.status, 255);
-    EXPECT_TRUE(Holds(Messages(no_archive.err), "vondral[backup.cpp]: open(")) << no_archive.err;
+    fs::create_directory(missing.work / "closed");
+    fs::permissions(missing.work / "closed", fs::perms::owner_read | fs::perms::owner_exec);
+    // /proc takes no file from root either, whom permissions do not stop.
+    for (const fs::path& place :
+         {missing.work / "none", fs::path(::geteuid() == 0 ? "/proc" : missing.work / "closed")}) {
+        Night night;
+        night.archive = place / "archive";
+        const Outcome no_archive = night.Run(night.Backup());
+        EXPECT_EQ(no_archive.status, 255);
+        EXPECT_TRUE(Holds(Messages(no_archive.err), "vondral[backup.cpp]: open(")) << no_archive.err;
+    }
     Night refused;
     const Outcome no_list = refused.Run(refused.Backup(), {Make(Fault::Kind::Replace, "LIST", 1, 0, "550 no")});
     EXPECT_EQ(no_list.status, 255);
@@ -492,6 +499,15 @@ TEST(Backup, OutputsThatCannotBeWrittenAreNoSuccess) {
         EXPECT_TRUE(Holds(outcome.err, "No space left on device") || Holds(outcome.err, "Input/output error"))
             << arguments.back() << outcome.err;
     }
+}
+
+TEST(Backup, ALostLogIsToldAndTheArchiveStands) {
+    Night night;
+    night.program.outputs[1] = "/dev/full";
+    const Outcome outcome = night.Run(night.Backup());
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(Holds(Messages(outcome.err), "write(standard output): ")) << outcome.err;
+    EXPECT_EQ(night.Sorted(), Everything);
 }
 
 TEST(Backup, ClosedStandardStreamsNeverMeetTheArchive) {

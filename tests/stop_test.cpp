@@ -14,15 +14,8 @@ bool Holds(const std::string& text, const std::string& part) {
 
 class Stop : public testing::TestWithParam<Mode> {};
 
-std::string ModeName(const testing::TestParamInfo<Mode>& info) {
-    switch (info.param) {
-    case Mode::Restore:
-        return "restore";
-    case Mode::ThreadedBackup:
-        return "threaded_backup";
-    default:
-        return "backup";
-    }
+std::string Name(const testing::TestParamInfo<Mode>& info) {
+    return ModeName(info.param);
 }
 
 // More than a backup makes calls of one kind: every entry in pieces of the transfer buffer, and what closes it.
@@ -65,7 +58,7 @@ TEST_P(Stop, TerminatedAtEveryCommand) {
         disturbance.terminate_at = commands++;
         all.push_back(disturbance);
     }
-    Sweep("SIGTERM", rehearsal, all, [&](const Finished& run, const Disturbance& disturbance) {
+    Sweep("sigterm", rehearsal, all, [&](const Finished& run, const Disturbance& disturbance) {
         if (disturbance.terminate_at + 1 < commands) { // at the last one, QUIT, it comes too late
             EXPECT_EQ(run.outcome.status, 143) << disturbance.what;
             EXPECT_TRUE(Holds(run.outcome.err, "Terminated Cleanly\n")) << run.outcome.err;
@@ -75,7 +68,7 @@ TEST_P(Stop, TerminatedAtEveryCommand) {
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Runs, Stop, testing::Values(Mode::Backup, Mode::ThreadedBackup, Mode::Restore), ModeName);
+INSTANTIATE_TEST_SUITE_P(Runs, Stop, testing::Values(Mode::Backup, Mode::ThreadedBackup, Mode::Restore), Name);
 
 class Disk : public testing::TestWithParam<Mode> {};
 
@@ -85,7 +78,7 @@ TEST_P(Disk, KilledAtEveryCallThatChangesTheArchive) {
     for (const char* call : {"write", "lseek", "ftruncate", "fdatasync"})
         for (std::size_t nth = 1; nth <= MostCalls(rehearsal.Undisturbed().archive); ++nth)
             all.push_back(OnDisk(call, nth, "kill"));
-    Sweep("SIGKILL", rehearsal, all, [&](const Finished& run, const Disturbance&) { ComesBack(rehearsal, run); });
+    Sweep("sigkill", rehearsal, all, [&](const Finished& run, const Disturbance&) { ComesBack(rehearsal, run); });
 }
 
 TEST_P(Disk, FailsAtEveryCallThatChangesTheArchive) {
@@ -100,7 +93,7 @@ TEST_P(Disk, FailsAtEveryCallThatChangesTheArchive) {
         for (const char* call : {"lseek", "ftruncate", "fdatasync", "output"})
             all.push_back(OnDisk(call, nth, broken));
     }
-    Sweep("failing disk", rehearsal, all);
+    Sweep("failing_disk", rehearsal, all);
 }
 
 TEST_P(Disk, EndsAtEveryBlock) {
@@ -114,11 +107,11 @@ TEST_P(Disk, EndsAtEveryBlock) {
             disturbance.file_size_limit = limit + odd;
             all.push_back(disturbance);
         }
-    Sweep("file size limit", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {
+    Sweep("size_limit", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {
         EXPECT_NE(run.outcome.status, 0) << disturbance.what;
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Runs, Disk, testing::Values(Mode::Backup, Mode::ThreadedBackup), ModeName);
+INSTANTIATE_TEST_SUITE_P(Runs, Disk, testing::Values(Mode::Backup, Mode::ThreadedBackup), Name);
 
 } // namespace

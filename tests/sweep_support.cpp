@@ -85,6 +85,14 @@ bool IsOneOf(int status, std::initializer_list<int> statuses) {
 
 } // namespace
 
+std::string ModeName(Mode mode) {
+    static const std::map<Mode, std::string> names{{Mode::List, "list"},
+                                                   {Mode::Backup, "backup"},
+                                                   {Mode::ThreadedBackup, "threaded_backup"},
+                                                   {Mode::Restore, "restore"}};
+    return names.at(mode);
+}
+
 Rehearsal::Rehearsal(Mode chosen) : mode(chosen) {
     FillStore(root_.path);
     if (mode == Mode::List)
@@ -283,7 +291,7 @@ std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
     return broken;
 }
 
-void Sweep(const char* name, const Rehearsal& rehearsal, const std::vector<Disturbance>& disturbances,
+void Sweep(const char* kind, const Rehearsal& rehearsal, const std::vector<Disturbance>& disturbances,
            const std::function<void(const Finished&, const Disturbance&)>& further) {
     const char* const wish = std::getenv("VONDRAL_SWEEP");
     const std::size_t stride = wish != nullptr && std::strcmp(wish, "full") == 0 ? 1 : SweepStride;
@@ -299,7 +307,8 @@ void Sweep(const char* name, const Rehearsal& rehearsal, const std::vector<Distu
         ++runs;
         ++statuses[run.outcome.status];
     }
-    std::printf("sweep %s: %d runs of %zu; ended with", name, runs, disturbances.size());
+    std::printf("sweep %s/%s: %d runs of %zu; ended with", ModeName(rehearsal.mode).c_str(), kind, runs,
+                disturbances.size());
     for (const auto& [status, count] : statuses)
         std::printf(" %s%d: %d", status < 0 ? "signal " : "", status < 0 ? -1 - status : status, count);
     std::printf("\n");

@@ -13,7 +13,7 @@
 
 #include "test_support.h"
 
-constexpr std::size_t SweepStride = 29; // a prime: no kind of disturbance is left out by rhythm
+constexpr std::size_t SweepStride = 11; // a prime: no kind of disturbance is left out by rhythm
 
 // What is done to one run.
 struct Disturbance {
@@ -41,6 +41,7 @@ struct Finished {
 };
 
 enum class Mode { List, Backup, ThreadedBackup, Restore };
+std::string ModeName(Mode mode);
 
 // A sample server and its undisturbed run in one mode.
 class Rehearsal {
@@ -68,6 +69,6 @@ private:
 };
 
 // Runs those of the disturbances that are this sweep's, tells of broken promises as failures, and prints how many runs
-// were made and how they ended.
-void Sweep(const char* name, const Rehearsal& rehearsal, const std::vector<Disturbance>& disturbances,
+// were made and how they ended. `kind` names the disturbances, in one word.
+void Sweep(const char* kind, const Rehearsal& rehearsal, const std::vector<Disturbance>& disturbances,
            const std::function<void(const Finished&, const Disturbance&)>& further = {});

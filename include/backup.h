@@ -59,9 +59,10 @@ KindTrees BuildBackupList(const ObjectNode& include_tree);
 // What a worker did, and in sum the run.
 struct BackupTotals {
     std::uint64_t attempted = 0; // objects
-    std::uint64_t failed = 0;
+    std::uint64_t failed = 0;    // as printed: a directory that fails sets it to its own count, whatever it was
     TransferStats seconds;
-    std::uint64_t bytes = 0; // archived
+    std::uint64_t bytes = 0;    // archived
+    std::uint64_t failures = 0; // every one, a directory as one
 
     BackupTotals& operator+=(const BackupTotals& other);
 };

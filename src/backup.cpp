@@ -581,6 +581,7 @@ int SaveBlock(FtpSession* session, const ObjectNode& kind_tree, std::uint32_t nu
             PrintFilePath(catalog, *file);
         totals.bytes += static_cast<std::uint64_t>(writer.bytes);
     }
+    totals.failures = writer.failures;
     return 0;
 }
 
@@ -591,6 +592,7 @@ BackupTotals& BackupTotals::operator+=(const BackupTotals& other) {
     failed += other.failed;
     AddSeconds(seconds, other.seconds);
     bytes += other.bytes;
+    failures += other.failures;
     return *this;
 }
 
@@ -680,6 +682,7 @@ void JoinWorker(Worker& worker, std::size_t kind, const ObjectNode& kind_tree, B
     LogMessageTo(stderr, "%sFailed to retrieve return structure from thread %zu\n", FailureHead().c_str(), kind);
     totals.attempted += kind_tree.count;
     totals.failed += kind_tree.count;
+    totals.failures += kind_tree.count;
 }
 
 // A kind without files gets no worker, so its empty directories are not saved; nor are those whose listing failed,
@@ -749,7 +752,7 @@ int ReportBackup(const BackupTotals& totals, double seconds) {
     const std::uint64_t troubles = parse_errors + totals.failed;
     if (troubles * 100 / (parse_errors + totals.attempted) > tolerated_percent)
         return 2;
-    return troubles != 0 ? 1 : 0;
+    return troubles != 0 || totals.failures != 0 ? 1 : 0;
 }
 
 // Opens the archive for this run alone and cuts it to zero. Gives an unopened descriptor, with errno set, when that

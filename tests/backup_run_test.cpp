@@ -274,6 +274,18 @@ TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
     EXPECT_TRUE(Holds(failed.out, "** Total Objects Failed   : 3\n")) << failed.out;
 }
 
+TEST(Backup, AFailureNeverEndsWithZero) {
+    // The failed count is that of the last directory that failed, here one without files.
+    Night night;
+    fs::create_directory(night.root / "tmp");
+    Fault refused = Make(Fault::Kind::Replace, "RCMD SAV DEV", 0, 0, "550 no");
+    const Outcome outcome = night.Run(night.Backup(), {refused});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home\n")) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /tmp\n")) << outcome.err;
+    EXPECT_TRUE(Holds(outcome.out, "** Total Objects Failed   : 0\n")) << outcome.out;
+}
+
 TEST(Backup, IncludesExcludesAndDates) {
     Night night;
     WriteFile(night.work / "include", "/home/it*\n/QSYS.LIB/PAY*.LIB\n/none\nrelative\n/ho*/x\n");

@@ -15,6 +15,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const std::string Passphrase = "not-to-be-seen";
+
 bool Holds(const std::string& text, const std::string& part) {
     return text.find(part) != text.npos;
 }
@@ -117,6 +119,7 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
     rehearsal::Options options;
     options.root = mode == Mode::Restore ? restored.path : root_.path;
     options.address = NextAddress();
+    options.password = Passphrase;
     options.faults = disturbance.faults;
     options.on_command = [&](const std::string&) {
         if (commands++ != disturbance.terminate_at)
@@ -131,7 +134,7 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
     program.minute_ms = disturbance.minute_ms;
     program.environment = disturbance.environment;
     program.file_size_limit = disturbance.file_size_limit;
-    program.arguments = {"-s", options.address, "-c", "FRED:here:secret", "-z", "2"};
+    program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-z", "2"};
     const std::vector<std::string> backup{"-b", (files / "archive").string(), "-C", (files / "catalog").string(), "-n",
                                           "9"};
     const std::map<Mode, std::vector<std::string>> arguments{
@@ -175,6 +178,8 @@ std::string Rehearsal::Judge(const Finished& run, const Disturbance& disturbance
         broken += "a harmless disturbance, and status " + std::to_string(status) + "\n";
     if (HasSanitizerReport(run.outcome.err))
         broken += "a sanitizer reported\n";
+    if (Holds(run.outcome.out + run.outcome.err + run.missed + run.catalog, Passphrase))
+        broken += "the passphrase was shown\n";
     if (!run.sessions_ended)
         broken += "a session was left open\n";
     if (mode == Mode::List)
@@ -271,11 +276,12 @@ std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
     WriteFile(files / "archive", backup.archive_bytes);
     rehearsal::Options options;
     options.root = restored.path;
+    options.password = Passphrase;
     options.address = NextAddress();
     const rehearsal::Server server(options);
     Program program;
     program.port = server.Port();
-    program.arguments = {"-s", options.address, "-c", "FRED:here:secret", "-r", (files / "archive").string()};
+    program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-r", (files / "archive").string()};
     const Outcome outcome = program.Run();
     std::string broken;
     if (outcome.status != 0 || outcome.err != "")

@@ -133,6 +133,7 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
     program.port = server.Port();
     program.minute_ms = disturbance.minute_ms;
     program.environment = disturbance.environment;
+    program.environment["TSAN_OPTIONS"] = "atexit_sleep_ms=20"; // its usual second a run would be an hour in all
     program.file_size_limit = disturbance.file_size_limit;
     program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-z", "2"};
     const std::vector<std::string> backup{"-b", (files / "archive").string(), "-C", (files / "catalog").string(), "-n",

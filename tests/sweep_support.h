@@ -13,7 +13,7 @@
 
 #include "test_support.h"
 
-constexpr std::size_t SweepStride = 11; // a prime: no kind of disturbance is left out by rhythm
+constexpr std::size_t SweepStride = 17; // a prime: no kind of disturbance is left out by rhythm
 
 // What is done to one run.
 struct Disturbance {

@@ -1,9 +1,5 @@
-#!/usr/bin/python3
-"""A public server library with the few commands added that a listing needs, as an IBM i answers them.
-
-interop_server.py ADDRESS DIRECTORY USER reads the password from the environment variable PASSPHRASE and serves
-until it is killed.
-"""
+"""interop_server.py ADDRESS DIRECTORY USER: a public server, with the commands that a listing needs as an IBM i
+answers them. The password stands in the environment variable PASSPHRASE."""
 
 import os
 import sys
@@ -12,20 +8,13 @@ from pyftpdlib.authorizers import DummyAuthorizer
 from pyftpdlib.handlers import FTPHandler
 from pyftpdlib.servers import FTPServer
 
-
-def command(permission, argument, help_text):
-    return {"perm": permission, "auth": True, "arg": argument, "help": help_text}
+ADDED = {"perm": None, "auth": True, "arg": True, "help": "as on an IBM i"}
 
 
 class Handler(FTPHandler):
-    # More than 75 characters: goes out as a multi-line greeting, each line in a segment of its own.
+    # More than 75 characters go out as a greeting of two lines, in two segments.
     banner = "QTCP at LOCALHOST. " + "Connection will close if idle more than 5 minutes. " * 2
-    proto_cmds = {
-        **FTPHandler.proto_cmds,
-        "TIME": command(None, True, "Syntax: TIME idle transfer"),
-        "SITE LISTFMT": command(None, True, "Syntax: SITE LISTFMT 1"),
-        "SITE NAMEFMT": command(None, True, "Syntax: SITE NAMEFMT 1"),
-    }
+    proto_cmds = {**FTPHandler.proto_cmds, "TIME": ADDED, "SITE LISTFMT": ADDED, "SITE NAMEFMT": ADDED}
     list_format = name_format = "0"
 
     def ftp_SYST(self, line):
@@ -43,11 +32,10 @@ class Handler(FTPHandler):
         self.name_format = line
         self.respond('250  Now using naming format "%s".' % line)
 
-    # In the other formats a line has other columns, and a path other separators.
     def ftp_LIST(self, path):
-        if (self.list_format, self.name_format) != ("1", "1"):
-            return self.respond("550 This server lists in format 1 only.")
-        return super().ftp_LIST(path)
+        if (self.list_format, self.name_format) == ("1", "1"):
+            return super().ftp_LIST(path)
+        self.respond("550 Only format 1 has these columns and paths.")
 
 
 address, directory, user = sys.argv[1:]

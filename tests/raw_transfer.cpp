@@ -47,6 +47,7 @@ int Move(FtpSession& session, bool get, const std::string& remote, const char* l
 int main(int argc, char** argv) {
     if (argc < 7 || argc % 3 != 1)
         return 255;
+    ::setlinebuf(stdout);
     std::unique_ptr<FtpSession> session = NewSession(argv[1], "ftp");
     if (session == nullptr || Login(session.get(), argv[2], argv[3]) != 0 ||
         SendCommand(session->control.get(), "TYPE I") != 0)

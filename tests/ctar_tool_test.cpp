@@ -411,7 +411,7 @@ TEST_F(CtarTool, ExportIsReadByTar) {
     EXPECT_EQ(Ctar({"export", "-"}, archive).out, exported.out);
     WriteFile(dir / "x.tar", exported.out);
     fs::create_directory(dir / "tree");
-    const std::string tar = "tar -xf '" + (dir / "x.tar").string() + "' -C '" + (dir / "tree").string() + "'";
+    const std::string tar = "tar -xf '" + (dir / "x.tar").string() + "' -C '" + (dir / "tree").string() + "' 2>&1";
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> run(::popen(tar.c_str(), "r"), ::pclose);
     while (std::fgetc(run.get()) != EOF) {
     }

@@ -2,6 +2,9 @@
 
 #include "tar.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include <archive.h>
 #include <archive_entry.h>
 #include <unistd.h>
@@ -20,17 +23,29 @@ void Require(archive* tar, la_ssize_t result) {
         throw Failure(std::string("standard output: ") + archive_error_string(tar));
 }
 
+// Freeing a tar archive that was not closed pads the last entry and writes an end, as if all were well: hence
+// `abandoned`.
+la_ssize_t WriteOut(archive* tar, void* abandoned, const void* bytes, std::size_t count) {
+    if (*static_cast<const bool*>(abandoned))
+        return ARCHIVE_FATAL;
+    ssize_t written;
+    do
+        written = ::write(STDOUT_FILENO, bytes, count);
+    while (written < 0 && errno == EINTR);
+    if (written < 0)
+        archive_set_error(tar, errno, "%s", std::strerror(errno));
+    return written;
+}
+
 } // namespace
 
-// Freeing alone would pad the last entry and write an end, as if all were well.
 void TarWriter::Closer::operator()(archive* tar) const {
-    archive_write_fail(tar);
     archive_write_free(tar);
 }
 
 TarWriter::TarWriter() : tar_(archive_write_new()) {
     Require(tar_.get(), archive_write_set_format_pax_restricted(tar_.get()));
-    Require(tar_.get(), archive_write_open_fd(tar_.get(), STDOUT_FILENO));
+    Require(tar_.get(), archive_write_open(tar_.get(), &abandoned_, nullptr, WriteOut, nullptr));
 }
 
 void TarWriter::Begin(const std::string& name, unsigned permissions, std::time_t mtime, std::int64_t size) {

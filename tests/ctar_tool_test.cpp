@@ -112,6 +112,7 @@ protected:
     Outcome Salvage(const std::string& bytes) {
         const std::string damaged = Write(bytes, "damaged");
         Outcome outcome = Ctar({"salvage", damaged, "-f", "-o", dir / "new"});
+        EXPECT_EQ(outcome.err.empty(), outcome.status == 0) << outcome.err;
         EXPECT_EQ(Covered(outcome.out), static_cast<long long>(bytes.size())) << outcome.out << outcome.err;
         EXPECT_EQ(ReadFile(damaged), bytes);
         const Outcome verified = Ctar({"verify", dir / "new"});

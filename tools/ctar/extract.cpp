@@ -85,7 +85,8 @@ int Extract(const ExtractOptions& options) {
     int status;
     const std::optional<Entry> entry = Find(input, options.name, status);
     if (!entry) {
-        Complain(input.Name() + ": holds no entry " + Escape(options.name));
+        Complain(input.Name() + ": holds no entry " + Escape(options.name) +
+                 (status == AllWell ? "" : " that can be reached: \"ctar salvage\" may find it"));
         return NotSound;
     }
     if (standard)

@@ -31,7 +31,8 @@ struct SalvageOptions {
 struct Salvage {
     Input& input;
     OutputFile& output;
-    bool lost = false;
+    std::int64_t dropped = 0;  // bytes
+    std::int64_t doubtful = 0; // entries
 };
 
 // Says what became of the range from `begin` to `end`.
@@ -42,7 +43,7 @@ void Tell(std::int64_t begin, std::int64_t end, const std::string& fate) {
 // Tells of a range that is lost.
 void Drop(Salvage& run, std::int64_t begin, std::int64_t end, const std::string& why) {
     Tell(begin, end, "dropped: " + why);
-    run.lost = true;
+    run.dropped += end - begin;
 }
 
 // Reading headers
@@ -146,7 +147,7 @@ std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
     if (sized && Fits(run.input, offset, entry.size))
         return Keep(run, entry, "");
     if (const std::optional<Mended> mended = Mend(run.input, block, offset)) {
-        run.lost = run.lost || !mended->certain;
+        run.doubtful += mended->certain ? 0 : 1;
         return Keep(run, mended->entry,
                     mended->certain ? ", its header mended" : ", its header mended: name, mode or time may be wrong");
     }
@@ -169,7 +170,11 @@ int SalvageArchive(const SalvageOptions& options) {
         offset = TakeRange(run, offset);
     output.Write(BuildCtarSentinel());
     output.Commit();
-    return run.lost ? NotSound : AllWell;
+    if (run.dropped == 0 && run.doubtful == 0)
+        return AllWell;
+    Complain(input.Name() + ": " + Counted(run.dropped, "byte", "bytes") + " dropped, " +
+             Counted(run.doubtful, "entry", "entries") + " in doubt");
+    return NotSound;
 }
 
 } // namespace

@@ -389,9 +389,7 @@ TEST_F(CtarTool, ExtractWritesAllOrNothing) {
     fs::current_path(before);
     EXPECT_EQ(ReadFile(dir / "out" / "_rf.savf"), Data(2, 'r'));
 
-    for (const std::uint64_t limit : {0U, 1000U}) {
-        EXPECT_EQ(Ctar({"extract", archive, "/x/-rf", "-f", "-o", output}, "/dev/null", limit).status, 2) << limit;
-    }
+    EXPECT_EQ(Ctar({"extract", archive, "/x/-rf", "-f", "-o", output}, "/dev/null", 1000).status, 2);
     fs::create_hard_link(archive, dir / "out" / "link");
     for (const char* name : {"link", "../x.ctar"}) {
         EXPECT_EQ(Ctar({"extract", archive, "/x/-rf", "-f", "-o", dir / "out" / name}).status, 2);

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fstream>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "text.h"
@@ -15,11 +16,15 @@ namespace {
 constexpr std::size_t BufferSize = 1 << 20;      // large enough that a disk reads at its full rate
 constexpr std::size_t SmallestWindow = 16 << 10; // small enough that walking headers alone stays cheap
 
-// The writer holds an exclusive lock for the whole of a run.
-bool IsBeingWritten(int descriptor) {
-    if (::flock(descriptor, LOCK_SH | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK;
-    ::flock(descriptor, LOCK_UN);
+// The writer holds an exclusive lock for the whole of a run. Only the list of locks tells without taking one, which
+// might refuse a backup that begins at this moment.
+bool IsBeingWritten(const struct stat& file) {
+    const std::string place = FormatText(" %02x:%02x:%llu ", major(file.st_dev), minor(file.st_dev),
+                                         static_cast<unsigned long long>(file.st_ino));
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);)
+        if (line.find("FLOCK") != line.npos && line.find("WRITE") != line.npos && line.find(place) != line.npos)
+            return true;
     return false;
 }
 
@@ -41,7 +46,7 @@ Input::Input(const std::string& path, Access access)
         size_ = ::lseek(descriptor_.Get(), 0, SEEK_END);
     if (access == Access::Random && !IsSeekable())
         throw Failure(name_ + ": is not a regular file, and this command must go back and forth in it");
-    if (S_ISREG(status_.st_mode) && IsBeingWritten(descriptor_.Get()))
+    if (IsBeingWritten(status_))
         Complain(name_ + ": a backup is being written into it");
 }
 

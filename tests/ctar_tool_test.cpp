@@ -288,6 +288,30 @@ TEST_F(CtarTool, EntriesBehindBrokenRetrievalsComeBack) {
     }
 }
 
+// The same, as the writer and a lost connection make it: the third retrieval's data come, its last reply does not.
+TEST_F(CtarTool, ABackupWithABrokenRetrievalIsMended) {
+    rehearsal::Options options;
+    options.root = dir / "root";
+    for (const char* file :
+         {"Security Data", "System Configuration", "QDLS/F/LETTER", "QSYS.LIB/PAY.LIB/RUN.PGM", "e/f"})
+        WriteFile(options.root / file, std::string(3000, 'x'));
+    rehearsal::Fault lost;
+    lost.kind = rehearsal::Fault::Kind::Close;
+    lost.command = "RETR";
+    lost.nth = 3;
+    lost.reply = 1;
+    options.faults = {lost};
+    const rehearsal::Server server(options);
+    Program backup;
+    backup.port = server.Port();
+    backup.arguments = {"-s", "127.0.0.1", "-c", "FRED:here:secret", "-x", "no", "-b", dir / "night"};
+    EXPECT_EQ(backup.Run().status, 2);
+    EXPECT_EQ(NamesIn(dir / "night"), "/Security Data /System Configuration ");
+    EXPECT_TRUE(Has(Ctar({"verify", dir / "night"}).out, ": unreached: "));
+    EXPECT_EQ(Salvage(ReadFile(dir / "night")).status, 1);
+    EXPECT_EQ(NamesIn(dir / "new"), "/Security Data /System Configuration /QSYS.LIB/PAY.LIB /e.savf ");
+}
+
 // What a save file holds is never taken for an entry of the archive, also when its own header is damaged in part.
 TEST_F(CtarTool, ArchivesInsideSaveFilesStayInside) {
     const std::string nested = EntryOf("/inner", Data(2, 'i')) + EntryOf("/inner2", Data(1, 'k')) + Sentinel();

@@ -279,6 +279,9 @@ TEST_F(CtarTool, EntriesBehindBrokenRetrievalsComeBack) {
         EXPECT_EQ(Salvage(archive).status, blocks == 0 ? 0 : 1);
         EXPECT_EQ(NamesIn(dir / "new"), "/a /b /c ");
     }
+    // In broken data, what looks like a header but leads nowhere must not swallow the next entry.
+    Salvage(a + Sentinel() + HeaderOf("/phantom", 1024) + Data(9, 'j').substr(0, 512) + b + Sentinel());
+    EXPECT_EQ(NamesIn(dir / "new"), "/a /b ");
     // A run that died before it wrote the header, and trailing junk.
     for (const std::string& tail : {Data(4, 'j').substr(0, 2048) + Sentinel(), std::string("junk")}) {
         const Outcome verified = Ctar({"verify", Write(a + Sentinel() + tail)});

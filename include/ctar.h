@@ -81,8 +81,11 @@ CtarBlock BuildCtarSentinel();
 // The reader's view of a block.
 bool HasGoodChecksum(std::span<const char, BlockSize> block); // digits, a NUL inside the field, the right sum
 bool IsCtarSentinel(std::span<const char, BlockSize> block);  // Requires: a good checksum.
-// The size in bytes, 0 to LargestSize; false when the field, up to a NUL inside it, holds none.
-bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size);
+// The size in bytes, 0 to LargestSize, or its copy; false when the field, up to a NUL inside it, holds none.
+bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size, HeaderField field = HeaderFields::Size);
+// The mode and the modification time as stored; false when the field holds no number.
+bool ReadCtarMode(std::span<const char, BlockSize> block, std::uint32_t& mode);
+bool ReadCtarMtime(std::span<const char, BlockSize> block, std::time_t& mtime);
 // The name as stored, put together from its pieces, without cutting the suffix.
 std::string ReadCtarName(std::span<const char, BlockSize> block);
 // The object's path: the name up to the first NameSuffix anywhere in it.

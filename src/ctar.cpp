@@ -89,17 +89,35 @@ void PutSize(CtarBlock& block, HeaderField field, std::uint64_t size) {
 
 } // namespace
 
-bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size) {
+bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size, HeaderField field) {
     std::uint64_t coded;
-    if (DecodeSize64(coded, block.subspan<Size.offset, Size.width>()) == 0) {
+    if (DecodeSize64(coded, block.subspan(field.offset).first<Size.width>()) == 0) {
         size = static_cast<std::int64_t>(coded);
     } else {
         long long number;
-        if (!GetOctal(block, Size, number))
+        if (!GetOctal(block, field, number))
             return false;
         size = number;
     }
     return size >= 0 && size <= LargestSize;
+}
+
+// Mode and time
+
+bool ReadCtarMode(std::span<const char, BlockSize> block, std::uint32_t& mode) {
+    long long number;
+    if (!GetOctal(block, Mode, number) || number < 0)
+        return false;
+    mode = static_cast<std::uint32_t>(number);
+    return true;
+}
+
+bool ReadCtarMtime(std::span<const char, BlockSize> block, std::time_t& mtime) {
+    long long number;
+    if (!GetOctal(block, Mtime, number) || number < 0)
+        return false;
+    mtime = static_cast<std::time_t>(number);
+    return true;
 }
 
 // Names

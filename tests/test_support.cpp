@@ -76,7 +76,7 @@ void OpenAs(int descriptor, const fs::path& path, int flags) {
 } // namespace
 
 pid_t Program::Start() {
-    arguments.insert(arguments.begin(), VONDRAL_UNDER_TEST);
+    arguments.insert(arguments.begin(), executable.empty() ? VONDRAL_UNDER_TEST : executable);
     environment["VONDRAL_TEST_PORT"] = std::to_string(port);
     environment["VONDRAL_TEST_MINUTE"] = std::to_string(minute_ms);
     process_ = ::fork();

@@ -66,6 +66,7 @@ struct Program {
     std::map<std::string, std::string> environment;
     std::uint64_t file_size_limit = UINT64_MAX; // bytes, as setrlimit has it
     bool close_standard_streams = false;        // descriptors 0 to 2 are not there at all
+    std::string executable = {};                // another program than the one under test
 
     pid_t Start();
     // A run that has not ended after two minutes is killed, and its status is that of the kill.

@@ -1,0 +1,454 @@
+// The built ctar, run as users run it, on archives made here: sound, damaged in every place, and hostile.
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ctar.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t Record = 528;
+
+Outcome Ctar(const std::vector<std::string>& arguments, const fs::path& input = "/dev/null",
+             std::uint64_t file_size_limit = UINT64_MAX, bool close_standard_streams = false) {
+    Program program;
+    program.executable = CTAR_UNDER_TEST;
+    program.arguments = arguments;
+    program.input = input;
+    program.file_size_limit = file_size_limit;
+    program.close_standard_streams = close_standard_streams;
+    return program.Run();
+}
+
+std::string Bytes(const CtarBlock& block) {
+    return {block.data(), block.size()};
+}
+
+std::string HeaderOf(const std::string& path, std::uint64_t size, std::uint32_t mode = 0100640) {
+    std::tm time{};
+    time.tm_year = 126;
+    time.tm_mday = 2;
+    bool cut;
+    return Bytes(EncodeCtarHeader(path, size, mode, time, cut));
+}
+
+std::string Padded(std::string data) {
+    data.resize((data.size() + BlockSize - 1) / BlockSize * BlockSize);
+    return data;
+}
+
+std::string EntryOf(const std::string& path, const std::string& data, std::uint32_t mode = 0100640) {
+    return HeaderOf(path, data.size(), mode) + Padded(data);
+}
+
+std::string Sentinel() {
+    return Bytes(BuildCtarSentinel());
+}
+
+// Data without a look of headers, different for each seed.
+std::string Data(std::size_t records, char seed) {
+    std::string data(records * Record, seed);
+    for (std::size_t i = 0; i < data.size(); i += 7)
+        data[i] = static_cast<char>(i + static_cast<unsigned char>(seed));
+    return data;
+}
+
+struct Piece {
+    std::string path;
+    std::string data;
+};
+const std::vector<Piece> Pieces = {{"/a", Data(1, 'a')}, {"/b", Data(3, 'b')}, {"/c", Data(2, 'c')}};
+
+std::string Three() {
+    std::string archive;
+    for (const Piece& piece : Pieces)
+        archive += EntryOf(piece.path, piece.data);
+    return archive + Sentinel();
+}
+
+// The names of a sound archive's entries, each followed by a blank; their data must be those of Pieces.
+std::string NamesIn(const fs::path& archive) {
+    const auto entries = ReadArchiveFile(archive);
+    std::string names;
+    if (!entries)
+        return "no archive";
+    for (const ArchiveEntry& entry : *entries) {
+        names += entry.name + " ";
+        for (const Piece& piece : Pieces)
+            if (entry.name == piece.path && entry.data != piece.data)
+                names += "(data differ) ";
+    }
+    return names;
+}
+
+// Adds up the ranges that salvage tells of; -1 when there is a gap or an overlap.
+long long Covered(const std::string& report) {
+    long long end = 0;
+    for (std::size_t line = 0; line < report.size(); line = report.find('\n', line) + 1) {
+        char* rest = nullptr;
+        const long long begin = std::strtoll(report.c_str() + report.find('(', line) + 1, nullptr, 10);
+        const long long length = std::strtoll(report.c_str() + report.find("): ", line) + 3, &rest, 10);
+        if (begin != end || length <= 0 || std::string_view(rest).substr(0, 8) != " bytes: ")
+            return -1;
+        end += length;
+    }
+    return end;
+}
+
+class CtarTool : public testing::Test {
+protected:
+    std::string Write(const std::string& bytes, const std::string& name = "x.ctar") {
+        WriteFile(dir / name, bytes);
+        return dir / name;
+    }
+    // Salvages the bytes, and checks what holds of every salvage. Gives the outcome; NEW is dir / "new".
+    Outcome Salvage(const std::string& bytes) {
+        const std::string damaged = Write(bytes, "damaged");
+        Outcome outcome = Ctar({"salvage", damaged, "-f", "-o", dir / "new"});
+        EXPECT_EQ(outcome.err.empty(), outcome.status == 0) << outcome.err;
+        EXPECT_EQ(Covered(outcome.out), static_cast<long long>(bytes.size())) << outcome.out << outcome.err;
+        EXPECT_EQ(ReadFile(damaged), bytes);
+        const Outcome verified = Ctar({"verify", dir / "new"});
+        EXPECT_EQ(verified.status, 0) << verified.out;
+        return outcome;
+    }
+    TempDir dir;
+};
+
+bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != text.npos;
+}
+
+TEST_F(CtarTool, ListsEveryKindAndKeepsHostileNamesHarmless) {
+    const std::string archive =
+        Write(EntryOf("/Security Data", "1") + EntryOf("/System Configuration", "1") + EntryOf("/QDLS", "1") +
+              EntryOf("/QSYS.LIB/PAY.LIB", "1") + EntryOf("/home", "12", 0040755) +
+              EntryOf("/e\033[2J\n\xff\\", "123") + Sentinel());
+    const Outcome text = Ctar({"list", archive});
+    EXPECT_EQ(text.status, 0) << text.err;
+    for (const char* part : {"security data  /Security Data\n", "configuration  /System Configuration\n",
+                             "documents      /QDLS\n", "library        /QSYS.LIB/PAY.LIB\n",
+                             "4096            2  2026-01-02 00:00:00  directory      /home [.savf]\n",
+                             "file           /e\\x1b[2J\\x0a\\xff\\x5c\n"})
+        EXPECT_TRUE(Has(text.out, part)) << part << text.out;
+    EXPECT_EQ(Ctar({"list", "-"}, archive).out, text.out);
+    const Outcome json = Ctar({"list", "--json", archive, "/ho*", "*\xff*"});
+    EXPECT_TRUE(json.out.starts_with(R"({"offset":4096,"size":2,"mtime":)")) << json.out;
+    EXPECT_TRUE(Has(json.out, R"("mode":16877,"kind":"directory","path":"/home","name":"/home.savf"})"
+                              "\n{\"offset\":5120,\"size\":3,"))
+        << json.out;
+    EXPECT_TRUE(json.out.ends_with(R"("name":"/e\\x1b[2J\\x0a\\xff\\x5c"})"
+                                   "\n"))
+        << json.out;
+}
+
+TEST_F(CtarTool, ArchivesCutAnywhereAreFoundOutAndSalvaged) {
+    const std::string whole = Three();
+    // Behind the header and the data of each entry; its padding may be missing.
+    const std::size_t ends[] = {512 + 528, 1536 + 512 + 3 * 528, 1536 + 2560 + 512 + 2 * 528};
+    std::set<std::size_t> cuts{1, 511, 513, 1039, 1040, 1041, 1535, 1537, whole.size() - 1};
+    for (std::size_t cut = 0; cut < whole.size(); cut += BlockSize)
+        cuts.insert(cut);
+    for (const std::size_t cut : cuts) {
+        const Outcome verified = Ctar({"verify", Write(whole.substr(0, cut))});
+        EXPECT_EQ(verified.status, 1) << cut;
+        EXPECT_TRUE(Has(verified.out, "to mend it: ctar salvage " + (dir / "x.ctar").string())) << verified.out;
+        const Outcome piped = Ctar({"verify", "-"}, dir / "x.ctar");
+        EXPECT_EQ(piped.status, 1) << cut;
+        std::string names;
+        for (std::size_t i = 0; i < Pieces.size(); ++i)
+            names += cut >= ends[i] ? Pieces[i].path + " " : "";
+        Salvage(whole.substr(0, cut));
+        EXPECT_EQ(NamesIn(dir / "new"), names) << cut;
+    }
+    EXPECT_EQ(Ctar({"verify", Write(whole)}).status, 0);
+    EXPECT_EQ(Salvage(whole).status, 0);
+    EXPECT_EQ(ReadFile(dir / "new"), whole);
+    struct stat status;
+    ::stat((dir / "new").c_str(), &status);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+// Every byte of the second header: the checksum finds it out, salvage keeps the entry and mends what can be known.
+TEST_F(CtarTool, EveryDamagedByteOfAHeaderIsFoundOutAndMended) {
+    const std::string whole = Three();
+    for (std::size_t at = 0; at < BlockSize; at += at < 160 ? 3 : 11) {
+        std::string damaged = whole;
+        damaged[1536 + at] ^= 0x15;
+        const Outcome verified = Ctar({"verify", Write(damaged)});
+        EXPECT_EQ(verified.status, 1) << at;
+        EXPECT_TRUE(Has(verified.out, "0x600 (1536): checksum: ")) << at << verified.out;
+        EXPECT_TRUE(Has(verified.out, ": 1 entry, the first at 0x1000 (4096)")) << at << verified.out;
+        if (at == 0) // no path any more
+            continue;
+        const int status = Salvage(damaged).status;
+        const std::string names = NamesIn(dir / "new");
+        // Characters of the name, mode, time and the checksum itself leave a doubt.
+        const bool doubtful = at < 3 || (at >= 100 && at < 108) || (at >= 136 && at < 156);
+        EXPECT_EQ(status, doubtful ? 1 : 0) << at;
+        EXPECT_TRUE(names.starts_with("/a /") && names.ends_with(" /c ")) << at << names;
+        if (!doubtful) {
+            EXPECT_EQ(ReadFile(dir / "new"), whole) << at;
+        }
+    }
+    std::string damaged = whole;
+    damaged.replace(1536, BlockSize, BlockSize, '\xff');
+    EXPECT_EQ(Salvage(damaged).status, 1);
+    EXPECT_EQ(NamesIn(dir / "new"), "/a /c ");
+}
+
+// A good checksum does not make a header what the writer writes.
+TEST_F(CtarTool, FieldsAndPaddingThatNoBackupWritesAreNamed) {
+    struct Row {
+        std::size_t offset;
+        char byte;
+        const char* finding;
+    };
+    for (const Row& row : {Row{3, 'x', "writes it: name"},
+                           {107, '7', "writes it: mode"},
+                           {108, '1', "writes it: user"},
+                           {116, '1', "writes it: group"},
+                           {146, 'x', "writes it: modification time"},
+                           {156, '5', "writes it: type"},
+                           {157, 'x', "writes it: bytes outside the fields"},
+                           {159, 'x', "writes it: third piece of the name"},
+                           {257, '1', "writes it: first fixed number"},
+                           {261, '1', "writes it: second fixed number"},
+                           {265, '1', "writes it: copy of the size"},
+                           {277, '1', "writes it: third fixed number"},
+                           {281, '1', "writes it: fourth fixed number"},
+                           {285, 'x', "writes it: bytes outside the fields"},
+                           {305, 'x', "writes it: fifth piece of the name"},
+                           {368, 'x', "writes it: second piece of the name"},
+                           {440, 'x', "writes it: fourth piece of the name"}}) {
+        CtarBlock header;
+        const std::string old = HeaderOf("/b", Record);
+        std::copy(old.begin(), old.end(), header.begin());
+        header[row.offset] = row.byte;
+        std::snprintf(header.data() + 148, 8, "%07o", static_cast<unsigned>(HeaderChecksum(header)));
+        const std::string archive = Bytes(header) + Padded(Data(1, 'b')) + Sentinel();
+        const Outcome verified = Ctar({"verify", Write(archive)});
+        EXPECT_TRUE(Has(verified.out, std::string("0x0 (0): header: /b: not as a backup ") + row.finding + "\n"))
+            << row.offset << verified.out;
+        EXPECT_EQ(verified.status, 1);
+        EXPECT_EQ(Salvage(archive).status, 0);
+    }
+    for (const std::size_t at : {1040U, 1535U}) {
+        std::string archive = Three();
+        archive[at] = '\x80';
+        const Outcome verified = Ctar({"verify", "--json", Write(archive)});
+        EXPECT_EQ(verified.status, 1);
+        EXPECT_TRUE(Has(verified.out, R"("offset":1040,"finding":"padding","name":"/a",)")) << verified.out;
+        EXPECT_TRUE(Has(verified.out, R"("entries":3,"findings":1,"mend":"ctar salvage )")) << verified.out;
+        EXPECT_EQ(Salvage(archive).status, 0);
+    }
+}
+
+TEST_F(CtarTool, FaultsOfTheEntriesThemselvesNameNoMender) {
+    const std::string archive = EntryOf("/" + std::string(420, 'n'), Data(1, 'n')) + EntryOf("/d", Data(1, 'd')) +
+                                EntryOf("/cut", Data(1, 'c') + "?") + EntryOf("/d", Data(1, 'e'), 0040755) +
+                                EntryOf("relative", Data(1, 'r')) + Sentinel();
+    const Outcome verified = Ctar({"verify", Write(archive)});
+    EXPECT_EQ(verified.status, 1);
+    for (const char* part : {"0x0 (0): name-cut: /nn", "0xc00 (3072): records: /cut: 529 bytes",
+                             "0x1200 (4608): duplicate: /d.savf: the name stands before already, at 0x600 (1536)\n",
+                             "name: relative: the name is not a full path\n", "x.ctar: 5 entries, 4 findings\n"})
+        EXPECT_TRUE(Has(verified.out, part)) << verified.out;
+    EXPECT_FALSE(Has(verified.out, "salvage")) << verified.out;
+}
+
+// The data that had come stay behind the old sentinel; the next entry's header stands in the last block of them.
+TEST_F(CtarTool, EntriesBehindBrokenRetrievalsComeBack) {
+    const std::string a = EntryOf("/a", Pieces[0].data), b = EntryOf("/b", Pieces[1].data),
+                      c = EntryOf("/c", Pieces[2].data);
+    for (const std::size_t blocks : {0U, 1U, 2U, 9U}) {
+        const std::string junk = Data(9, 'j').substr(0, blocks * BlockSize);
+        const std::string archive = a + Sentinel() + junk + b + Sentinel() + junk + c + Sentinel();
+        const Outcome verified = Ctar({"verify", Write(archive)});
+        EXPECT_TRUE(Has(verified.out, "unreached: " + std::to_string(archive.size() - a.size() - BlockSize) +
+                                          " bytes that no restore reaches: "))
+            << verified.out;
+        EXPECT_EQ(Ctar({"list", dir / "x.ctar"}).status, 1);
+        EXPECT_EQ(Salvage(archive).status, blocks == 0 ? 0 : 1);
+        EXPECT_EQ(NamesIn(dir / "new"), "/a /b /c ");
+    }
+    // In broken data, what looks like a header but leads nowhere must not swallow the next entry.
+    Salvage(a + Sentinel() + HeaderOf("/phantom", 1024) + Data(9, 'j').substr(0, 512) + b + Sentinel());
+    EXPECT_EQ(NamesIn(dir / "new"), "/a /b ");
+    // A run that died before it wrote the header, and trailing junk.
+    for (const std::string& tail : {Data(4, 'j').substr(0, 2048) + Sentinel(), std::string("junk")}) {
+        const Outcome verified = Ctar({"verify", Write(a + Sentinel() + tail)});
+        EXPECT_TRUE(Has(verified.out, "a broken retrieval, or junk")) << verified.out;
+        EXPECT_EQ(Salvage(a + Sentinel() + tail).status, 1);
+        EXPECT_EQ(NamesIn(dir / "new"), "/a ");
+    }
+}
+
+// The same, as the writer and a lost connection make it: the third retrieval's data come, its last reply does not.
+TEST_F(CtarTool, ABackupWithABrokenRetrievalIsMended) {
+    rehearsal::Options options;
+    options.root = dir / "root";
+    for (const char* file :
+         {"Security Data", "System Configuration", "QDLS/F/LETTER", "QSYS.LIB/PAY.LIB/RUN.PGM", "e/f"})
+        WriteFile(options.root / file, std::string(3000, 'x'));
+    rehearsal::Fault lost;
+    lost.kind = rehearsal::Fault::Kind::Close;
+    lost.command = "RETR";
+    lost.nth = 3;
+    lost.reply = 1;
+    options.faults = {lost};
+    const rehearsal::Server server(options);
+    Program backup;
+    backup.port = server.Port();
+    backup.arguments = {"-s", "127.0.0.1", "-c", "FRED:here:secret", "-x", "no", "-b", dir / "night"};
+    EXPECT_EQ(backup.Run().status, 2);
+    EXPECT_EQ(NamesIn(dir / "night"), "/Security Data /System Configuration ");
+    EXPECT_TRUE(Has(Ctar({"verify", dir / "night"}).out, ": unreached: "));
+    EXPECT_EQ(Salvage(ReadFile(dir / "night")).status, 1);
+    EXPECT_EQ(NamesIn(dir / "new"), "/Security Data /System Configuration /QSYS.LIB/PAY.LIB /e.savf ");
+}
+
+// What a save file holds is never taken for an entry of the archive, also when its own header is damaged in part.
+TEST_F(CtarTool, ArchivesInsideSaveFilesStayInside) {
+    const std::string nested = EntryOf("/inner", Data(2, 'i')) + EntryOf("/inner2", Data(1, 'k')) + Sentinel();
+    const std::string data = nested + std::string(Record * 33 - nested.size(), '\1');
+    const std::string archive = EntryOf("/outer", data) + EntryOf("/a", Pieces[0].data) + Sentinel();
+    EXPECT_EQ(Ctar({"verify", Write(archive)}).status, 0);
+    for (const std::size_t at : {1000000U, 0x7cU, 0x89U, 148U, 156U}) {
+        std::string damaged = archive;
+        if (at < damaged.size())
+            damaged[at] ^= 1;
+        Salvage(damaged);
+        EXPECT_EQ(NamesIn(dir / "new"), "/outer /a ") << at;
+    }
+    Salvage(archive.substr(0, 5000));
+    EXPECT_EQ(NamesIn(dir / "new"), "");
+}
+
+TEST_F(CtarTool, HostileArchivesEndCleanly) {
+    const std::string huge = HeaderOf("/huge", static_cast<std::uint64_t>(LargestSize));
+    for (const std::string& bytes : {std::string(), std::string("x"), std::string(5000, '\0'), huge + Sentinel(),
+                                     huge + huge, HeaderOf("/zero", 0) + Sentinel()}) {
+        const std::string archive = Write(bytes);
+        for (const std::vector<std::string>& command :
+             {std::vector<std::string>{"verify"}, {"list"}, {"sum"}, {"export"}}) {
+            const bool passes = bytes.size() == 1024 && bytes[1] == 'z' && command[0] != "verify";
+            EXPECT_EQ(Ctar({command[0], archive}).status, passes ? 0 : 1) << command[0] << bytes.size();
+            EXPECT_GE(Ctar({command[0], "-"}, archive).status, passes ? 0 : 1) << command[0] << bytes.size();
+        }
+        Salvage(bytes);
+        EXPECT_EQ(NamesIn(dir / "new"), "");
+    }
+    ::mkfifo((dir / "fifo").c_str(), 0600);
+    EXPECT_EQ(Ctar({"salvage", dir / "fifo", "-o", dir / "never"}).status, 2);
+    EXPECT_EQ(Ctar({"extract", dir / "fifo", "/a"}).status, 2);
+    for (const char* command : {"list", "verify", "sum", "export"}) {
+        const Outcome outcome = Ctar({command, dir.path.string()});
+        EXPECT_EQ(outcome.status, 2) << command;
+        EXPECT_TRUE(outcome.err.ends_with("read at offset 0x0 (0): Is a directory\n")) << outcome.err;
+        EXPECT_EQ(Ctar({command, Write(Three())}, "/dev/null", UINT64_MAX, true).status, 2) << command;
+    }
+}
+
+TEST_F(CtarTool, SumsTellWhatChanged) {
+    const std::string archive = Write(Three()), sums = dir / "sums";
+    const Outcome sum = Ctar({"sum", archive});
+    EXPECT_EQ(sum.status, 0);
+    EXPECT_TRUE(Has(sum.out, " 1536 1584 /b\n")) << sum.out;
+    WriteFile(sums, sum.out);
+    EXPECT_EQ(Ctar({"verify", "--sums", sums, "-"}, archive).status, 0);
+    std::string changed = Three();
+    changed[2048 + 1000] ^= 1;
+    Write(changed);
+    EXPECT_EQ(Ctar({"verify", archive}).status, 0);
+    for (const std::vector<std::string>& more :
+         {std::vector<std::string>{}, {"--max-duration", "1h"}, {"--sample", "100%", "--seed", "5"}}) {
+        std::vector<std::string> arguments{"verify", "--sums", sums, archive};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const Outcome verified = Ctar(arguments);
+        EXPECT_EQ(verified.status, 1);
+        EXPECT_TRUE(Has(verified.out, "0x600 (1536): differs: /b: the data are not")) << verified.out;
+        EXPECT_TRUE(Has(verified.out, "the data of 3 of 3 entries (100.0 %), 3168 of 3168 bytes (100.0 %)\n"));
+    }
+    const Outcome none = Ctar({"verify", "--sums", sums, "--sample", "0%", archive});
+    EXPECT_TRUE(Has(none.out, "the data of 0 of 3 entries (0.0 %), 0 of 3168 bytes")) << none.out;
+    const std::size_t second = sum.out.find('\n') + 1, third = sum.out.find('\n', second) + 1;
+    WriteFile(sums, sum.out.substr(0, second) + std::string(64, '0') + " 700 1 /gone\n" + sum.out.substr(third));
+    const Outcome verified = Ctar({"verify", "--sums", sums, Write(Three())});
+    EXPECT_TRUE(Has(verified.out, "(700): missing: /gone: ")) << verified.out;
+    EXPECT_TRUE(Has(verified.out, "(1536): additional: /b: ")) << verified.out;
+    for (const std::string& bad :
+         {sum.out.substr(0, sum.out.size() - 1), sum.out + sum.out, std::string("x\n"), std::string(100000, 'a')}) {
+        WriteFile(sums, bad);
+        EXPECT_EQ(Ctar({"verify", "--sums", sums, archive}).status, 2);
+    }
+}
+
+TEST_F(CtarTool, ExtractWritesAllOrNothing) {
+    const std::string archive = Write(EntryOf("/x/-rf", "old") + EntryOf("/x/-rf", Data(2, 'r')) +
+                                      EntryOf("/x/..", "up") + EntryOf("/d\xe9", "dir", 0040755) + Sentinel());
+    const std::string output = dir / "out" / "file";
+    fs::create_directory(dir / "out");
+    const Outcome last = Ctar({"extract", archive, "/x/-rf", "-o", output});
+    EXPECT_EQ(last.status, 0) << last.err;
+    EXPECT_TRUE(Has(last.err, "holds /x/-rf 2 times; took the last, at 0x400 (1024)")) << last.err;
+    EXPECT_EQ(ReadFile(output), Data(2, 'r'));
+    EXPECT_EQ(Ctar({"extract", archive, "/d\xe9", "-o", output}).status, 2);
+    EXPECT_EQ(ReadFile(output), Data(2, 'r'));
+    EXPECT_EQ(Ctar({"extract", archive, "/d\\xe9.savf", "-f", "-o", output}).status, 0);
+    EXPECT_EQ(ReadFile(output), "dir");
+    EXPECT_EQ(Ctar({"extract", archive, "/d\xe9", "-o", "-"}).out, "dir");
+    EXPECT_EQ(Ctar({"extract", archive, "/nothing", "-o", output + "2"}).status, 1);
+    EXPECT_EQ(Ctar({"extract", archive, "/x/..", "-o", output + "2"}).status, 0);
+    fs::remove(output + "2");
+
+    const fs::path before = fs::current_path();
+    fs::current_path(dir / "out");
+    EXPECT_EQ(Ctar({"extract", archive, "/x/.."}).status, 2);
+    EXPECT_EQ(Ctar({"extract", archive, "/x/-rf"}).status, 0);
+    fs::current_path(before);
+    EXPECT_EQ(ReadFile(dir / "out" / "_rf.savf"), Data(2, 'r'));
+
+    EXPECT_EQ(Ctar({"extract", archive, "/x/-rf", "-f", "-o", output}, "/dev/null", 1000).status, 2);
+    fs::create_hard_link(archive, dir / "out" / "link");
+    for (const char* name : {"link", "../x.ctar"}) {
+        EXPECT_EQ(Ctar({"extract", archive, "/x/-rf", "-f", "-o", dir / "out" / name}).status, 2);
+        EXPECT_EQ(Ctar({"salvage", archive, "-f", "-o", dir / "out" / name}).status, 2);
+    }
+    EXPECT_EQ(Ctar({"salvage", archive, "-o", output}).status, 2);
+    EXPECT_EQ(ReadFile(output), "dir");
+    const auto left = std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator());
+    EXPECT_EQ(left, 3) << "file, _rf.savf and link, and no temporary file";
+}
+
+TEST_F(CtarTool, ExportIsReadByTar) {
+    const std::string longest = std::string(150, 'l') + "/" + std::string(150, 'm');
+    const std::string archive = Write(EntryOf("/home", Data(5, 'h'), 0040755) + EntryOf("/home/../../\xe9", "byte") +
+                                      EntryOf("/" + longest + "/x", "1") + EntryOf("/..", "2") + Sentinel());
+    const Outcome exported = Ctar({"export", archive});
+    EXPECT_EQ(exported.status, 0) << exported.err;
+    EXPECT_EQ(Ctar({"export", "-"}, archive).out, exported.out);
+    WriteFile(dir / "x.tar", exported.out);
+    fs::create_directory(dir / "tree");
+    const std::string tar = "tar -xf '" + (dir / "x.tar").string() + "' -C '" + (dir / "tree").string() + "' 2>&1";
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> run(::popen(tar.c_str(), "r"), ::pclose);
+    while (std::fgetc(run.get()) != EOF) {
+    }
+    EXPECT_EQ(ReadFile(dir / "tree" / "home.savf"), Data(5, 'h'));
+    EXPECT_EQ(ReadFile(dir / "tree" / "home" / "\xe9.savf"), "byte");
+    EXPECT_EQ(ReadFile(dir / "tree" / longest / "x.savf"), "1");
+    EXPECT_EQ(fs::status(dir / "tree" / "home.savf").permissions(), static_cast<fs::perms>(0755));
+    EXPECT_TRUE(fs::exists(dir / "tree" / ("entry-" + std::to_string(ReadFile(archive).size() - 1536) + ".savf")));
+    const std::string cut = Write(ReadFile(archive).substr(0, 2000), "cut");
+    EXPECT_EQ(Ctar({"export", cut}).status, 1);
+    EXPECT_EQ(Ctar({"export", "-"}, cut).status, 2);
+}
+
+} // namespace

@@ -1,0 +1,76 @@
+// ctar: looks after CTAR archives without a server.
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+#include "text.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    const char* help;
+    Action (*declare)(CLI::App& command);
+};
+
+constexpr Command Commands[] = {
+    {"list", "show the entries of an archive", DeclareList},
+    {"verify", "look for damage, with --sums in the data too", DeclareVerify},
+    {"sum", "write the SHA-256 of every entry's data", DeclareSum},
+    {"extract", "take one save file out", DeclareExtract},
+    {"salvage", "build a sound archive from a damaged one", DeclareSalvage},
+    {"export", "write the save files as a tar archive", DeclareExport},
+};
+
+// A standard descriptor that is closed must not become that of an archive. Writing to its stand-in fails.
+void KeepStandardDescriptors() {
+    int descriptor;
+    do
+        descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    ::close(descriptor);
+}
+
+int Run(int argc, char** argv) {
+    CLI::App app("Looks after CTAR archives without a server. The manual page ctar(1) tells more.", "ctar");
+    app.require_subcommand(1);
+    std::vector<Action> actions;
+    for (const Command& command : Commands)
+        actions.push_back(command.declare(*app.add_subcommand(command.name, command.help)));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        throw Failure(Escape(error.what()) + " (see --help)");
+    }
+    const std::vector<CLI::App*> all = app.get_subcommands(nullptr);
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (all[i]->parsed())
+            return actions[i]();
+    return CannotWork;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    KeepStandardDescriptors();
+    // A reader that has gone, and a file that gets too large, are failed writes.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    int status = CannotWork;
+    try {
+        status = Run(argc, argv);
+    } catch (const std::exception& error) {
+        Complain(error.what());
+    }
+    return OutputArrived() ? status : CannotWork;
+}

@@ -27,11 +27,11 @@ std::string Heading(const char* title, Number count) {
     return FormatText("<h2>%s <span class=\"count\">%llu</span></h2>", title, count);
 }
 
-const char* Title(const Run& run) {
+const char* Title(const LoggedRun& run) {
     return run.mode == Mode::Backup ? "Backup" : run.mode == Mode::Restore ? "Restore" : "Run";
 }
 
-std::string Header(const Run& run, std::time_t ended) {
+std::string Header(const LoggedRun& run, std::time_t ended) {
     const char* const status = StatusName(StatusOf(run));
     std::string html = FormatText("<h1>%s <span class=\"pill %s\">%s</span></h1>", Title(run), status, status);
     html += "<p class=\"quiet\">";
@@ -41,18 +41,19 @@ std::string Header(const Run& run, std::time_t ended) {
     return html + ".</p>";
 }
 
-std::string Tiles(const Run& run) {
-    const auto count = [&run](Outcome outcome) { return std::to_string(run.Count(outcome)); };
+std::string Tiles(const LoggedRun& run) {
+    const auto count = [&run](ObjectOutcome outcome) { return std::to_string(run.Count(outcome)); };
     std::string html = "<div class=\"tiles\">";
-    html += Tile(run.mode == Mode::Restore ? "objects restored" : "objects saved", count(Outcome::Saved));
-    html += Tile("objects failed", count(Outcome::Failed), run.Count(Outcome::Failed) > 0 ? "bad" : "");
-    for (const Outcome outcome : {Outcome::SavedInPart, Outcome::NoData, Outcome::NotFound, Outcome::LeftOut})
+    html += Tile(run.mode == Mode::Restore ? "objects restored" : "objects saved", count(ObjectOutcome::Saved));
+    html += Tile("objects failed", count(ObjectOutcome::Failed), run.Count(ObjectOutcome::Failed) > 0 ? "bad" : "");
+    for (const ObjectOutcome outcome :
+         {ObjectOutcome::SavedInPart, ObjectOutcome::NoData, ObjectOutcome::NotFound, ObjectOutcome::LeftOut})
         if (run.Count(outcome) > 0)
             html += Tile(OutcomeName(outcome, run.mode), count(outcome), "warn");
     if (const std::optional<double> bytes = run.Get(Total::Bytes))
         html += Tile(run.mode == Mode::Restore ? "restored" : "backed up", ShowBytes(*bytes));
-    else if (run.has_figures)
-        html += Tile("in the objects told", ShowBytes(run.bytes));
+    else if (run.HasSizes())
+        html += Tile("in these objects", ShowBytes(run.bytes));
     if (const std::optional<double> seconds = run.Get(Total::RunSeconds))
         html += Tile("run time", ShowDuration(*seconds));
     else
@@ -60,18 +61,20 @@ std::string Tiles(const Run& run) {
     return html + "</div>";
 }
 
-std::string MissingSection(const Run& run) {
+std::string MissingSection(const LoggedRun& run) {
     std::string html;
     if (!run.missing.empty()) {
-        html += "<section class=\"bad\" id=\"missing\">" + Heading("Not there, or not wholly", run.Missing());
+        html += "<section class=\"bad\" id=\"missing\">" + Heading("Missing, wholly or in part", run.Missing());
         html += "<table><tr><th>Object</th><th>Outcome</th><th>At</th><th>Why</th></tr>";
         for (const ObjectResult& object : run.missing)
-            html += "<tr><td class=\"name\">" + HtmlText(object.name) + "</td><td class=\"failed\">" +
-                    OutcomeName(object.outcome, run.mode) + "</td><td class=\"number\">" +
-                    ShowTime(run.clock.first + static_cast<int>(object.ended)) + "</td><td>" +
-                    (object.reason.empty() ? "<span class=\"quiet\">the log does not tell</span>"
-                                           : HtmlText(object.reason)) +
-                    "</td></tr>";
+            html +=
+                "<tr><td class=\"name\">" + HtmlText(object.name) +
+                FormatText("</td><td class=\"outcome %s\">", object.outcome == ObjectOutcome::Failed ? "failed" : "") +
+                OutcomeName(object.outcome, run.mode) + "</td><td class=\"number\">" +
+                ShowTime(run.clock.first + static_cast<int>(object.ended)) + "</td><td>" +
+                (object.reason.empty() ? "<span class=\"quiet\">the log does not tell</span>"
+                                       : HtmlText(object.reason)) +
+                "</td></tr>";
         html += "</table></section>";
     }
     if (!run.messages.empty()) {
@@ -83,15 +86,18 @@ std::string MissingSection(const Run& run) {
     return html;
 }
 
+// Long lists are folded.
 std::string NameList(const char* title, const Changes::Names& names) {
+    constexpr std::uint64_t most_unfolded = 20;
     if (names.count == 0)
         return {};
-    std::string html = FormatText("<h3>%s <span class=\"count\">%llu</span></h3>", title, Number{names.count});
+    std::string html = FormatText("<details%s><summary>%s <span class=\"count\">%llu</span></summary>",
+                                  names.count <= most_unfolded ? " open" : "", title, Number{names.count});
     for (const std::string& name : names.names)
         html += "<div class=\"name\">" + HtmlText(name) + "</div>";
     if (names.names.size() < names.count)
         html += FormatText("<p class=\"quiet\">and %llu more</p>", Number{names.count - names.names.size()});
-    return html;
+    return html + "</details>";
 }
 
 std::string ChangesSection(const PastRun& past, const Changes& changes) {
@@ -103,7 +109,7 @@ std::string ChangesSection(const PastRun& past, const Changes& changes) {
            (lists.empty() ? "<p>The same objects, and none of them missing.</p>" : lists) + "</section>";
 }
 
-std::string TimelineSection(const Run& run) {
+std::string TimelineSection(const LoggedRun& run) {
     const std::string svg = TimelineSvg(run);
     if (svg.empty())
         return {};
@@ -118,7 +124,7 @@ std::string TimelineSection(const Run& run) {
                             {"transfer", "transfer", run.has_figures},
                             {"restore", "the server restores", run.has_figures && restore},
                             {"whole", "all phases", !run.has_figures},
-                            {"missing", "not there, or not wholly", run.Missing() > 0}};
+                            {"missing", "missing, wholly or in part", run.Missing() > 0}};
     std::string html = "<section id=\"timeline\"><h2>Workers</h2><p class=\"legend\">";
     for (const Entry& entry : legend)
         if (entry.used)
@@ -130,8 +136,8 @@ std::string Seconds(const std::optional<double>& seconds) {
     return seconds ? ShowDuration(*seconds) : "";
 }
 
-std::string ObjectTable(const Run& run, const char* title, std::vector<ObjectResult> objects) {
-    constexpr std::size_t most = Run::MostLargest;
+std::string ObjectTable(const LoggedRun& run, const char* title, std::vector<ObjectResult> objects) {
+    constexpr std::size_t most = LoggedRun::MostLargest;
     if (objects.empty())
         return {};
     objects.resize(std::min(objects.size(), most));
@@ -159,7 +165,7 @@ std::string ObjectTable(const Run& run, const char* title, std::vector<ObjectRes
     return html + "</table></section>";
 }
 
-std::string TotalsSection(const Run& run) {
+std::string TotalsSection(const LoggedRun& run) {
     std::string rows;
     for (std::size_t i = 0; i < TotalCount; ++i) {
         if (!run.totals[i])
@@ -168,7 +174,7 @@ std::string TotalsSection(const Run& run) {
         std::replace(name.begin(), name.end(), '_', ' ');
         const bool seconds = name.ends_with(" seconds");
         if (seconds)
-            name.resize(name.size() - 8);
+            name.replace(name.size() - 7, 7, "time");
         const std::string value = seconds                   ? ShowDuration(*run.totals[i])
                                   : name.ends_with("bytes") ? ShowBytes(*run.totals[i])
                                                             : FormatText("%.0f", *run.totals[i]);
@@ -178,11 +184,11 @@ std::string TotalsSection(const Run& run) {
         return {};
     return "<section><h2>Totals of the log</h2><p class=\"quiet\">They count the files in a directory that was saved "
            "as one, "
-           "one by one, and add up the seconds of all workers.</p><table>" +
+           "one by one, and add up the seconds of all workers.</p><table class=\"narrow\">" +
            rows + "</table></section>";
 }
 
-std::string OmissionsSection(const Run& run) {
+std::string OmissionsSection(const LoggedRun& run) {
     std::string html = "<section id=\"omissions\"><h2>What the log does not tell</h2><ul>";
     for (const std::string& omission : Omissions(run))
         html += "<li>" + omission + "</li>";
@@ -192,7 +198,7 @@ std::string OmissionsSection(const Run& run) {
 
 } // namespace
 
-std::string HtmlPage(const Run& run, std::time_t ended, const PastRun* past, const Changes* changes) {
+std::string HtmlPage(const LoggedRun& run, std::time_t ended, const PastRun* past, const Changes* changes) {
     std::string html =
         "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
         "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">"

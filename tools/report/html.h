@@ -10,4 +10,4 @@
 #include "run.h"
 
 // `ended` is in seconds since the epoch, 0 when not known; `past` and `changes` are both null or both given.
-std::string HtmlPage(const Run& run, std::time_t ended, const PastRun* past, const Changes* changes);
+std::string HtmlPage(const LoggedRun& run, std::time_t ended, const PastRun* past, const Changes* changes);

@@ -32,7 +32,7 @@ void WriteChanges(std::FILE* stream, const char* change, const Changes::Names& n
         Write(stream, {{"type", "change"}, {"change", change}, {"name", name}});
 }
 
-Record RunRecord(const Run& run, std::time_t ended) {
+Record RunRecord(const LoggedRun& run, std::time_t ended) {
     static constexpr const char* modes[] = {"unknown", "backup", "restore"};
     Record record = {{"type", "run"}, {"run", run.earlier_runs}, {"mode", modes[static_cast<std::size_t>(run.mode)]}};
     record["status"] = StatusName(StatusOf(run));
@@ -46,8 +46,8 @@ Record RunRecord(const Run& run, std::time_t ended) {
     if (ended > 0)
         record["ended"] = static_cast<std::int64_t>(ended);
     for (std::size_t i = 0; i < OutcomeCount; ++i)
-        record["objects"][OutcomeName(static_cast<Outcome>(i), run.mode)] = run.counts[i];
-    if (run.has_figures)
+        record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = run.counts[i];
+    if (run.HasSizes())
         Put(record, "object_bytes", run.bytes);
     record["lines"] = run.lines;
     record["lines_not_understood"] = run.not_understood;
@@ -57,7 +57,7 @@ Record RunRecord(const Run& run, std::time_t ended) {
 
 } // namespace
 
-void WriteObjectRecord(std::FILE* stream, const Run& run, const ObjectResult& object) {
+void WriteObjectRecord(std::FILE* stream, const LoggedRun& run, const ObjectResult& object) {
     Record record = {{"type", IsMissing(object.outcome) ? "failure" : "object"},
                      {"run", run.earlier_runs},
                      {"name", object.name},
@@ -75,7 +75,7 @@ void WriteObjectRecord(std::FILE* stream, const Run& run, const ObjectResult& ob
     Write(stream, record);
 }
 
-void WriteRunRecords(std::FILE* stream, const Run& run, std::time_t ended, const Changes* changes) {
+void WriteRunRecords(std::FILE* stream, const LoggedRun& run, std::time_t ended, const Changes* changes) {
     for (const std::string& message : run.messages)
         Write(stream, {{"type", "message"}, {"text", message}});
     if (changes != nullptr) {

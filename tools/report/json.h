@@ -10,8 +10,8 @@
 #include "run.h"
 
 // {"type":"object"}, and {"type":"failure"} for what is not wholly there; "run" tells apart the runs of one log.
-void WriteObjectRecord(std::FILE* stream, const Run& run, const ObjectResult& object);
+void WriteObjectRecord(std::FILE* stream, const LoggedRun& run, const ObjectResult& object);
 
 // The records that close the stream: a "message" each, the "change"s (`changes` may be null), the "total"s and at last
 // "run". `ended` is in seconds since the epoch, 0 when not known.
-void WriteRunRecords(std::FILE* stream, const Run& run, std::time_t ended, const Changes* changes);
+void WriteRunRecords(std::FILE* stream, const LoggedRun& run, std::time_t ended, const Changes* changes);

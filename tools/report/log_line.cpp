@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <iterator>
 #include <optional>
 
@@ -73,6 +74,7 @@ constexpr Rule Rules[] = {
     {"Save: ", LineKind::SaveTime, Value::Number},
     {"Wait: ", LineKind::WaitTime, Value::Number},
     {"Xfer: ", LineKind::TransferTime, Value::Number},
+    {"usage: ", LineKind::Refused},
     {"Object not found: ", LineKind::NotFound, Value::Text},
     {"Block returned no data", LineKind::NoData},
     {"Building Object Lists", LineKind::Listing},
@@ -101,7 +103,7 @@ constexpr Rule Rules[] = {
     {"** Total Run Time: ", LineKind::Total, Value::Number, Total::RunSeconds},
 };
 
-// "6.864 KB": the letter is a blank for none.
+// "6.864 KB" in whole bytes, as far as the rounding lets them be known: the letter is a blank for none.
 std::optional<double> TakeAmount(std::string_view text, double step) {
     const std::optional<double> number = TakeNumber(text);
     if (!number)
@@ -110,11 +112,11 @@ std::optional<double> TakeAmount(std::string_view text, double step) {
     switch (text.empty() ? 'B' : text.front()) {
     case 'k':
     case 'K':
-        return *number * step;
+        return std::round(*number * step);
     case 'M':
-        return *number * step * step;
+        return std::round(*number * step * step);
     case 'G':
-        return *number * step * step * step;
+        return std::round(*number * step * step * step);
     default:
         return number;
     }
@@ -190,7 +192,8 @@ void ParseCommand(std::string_view text, LogLine& line) {
 
 // What -v4 and -v5 tell of waits and blocks; no failures.
 bool IsChatter(std::string_view text) {
-    return text.starts_with('\'') || text.starts_with("looking for more") || text.starts_with("callback gave us") ||
+    return text.ends_with("looking for completion reply") || text.starts_with("looking for more") ||
+           text.starts_with("callback gave us") ||
            (text.ends_with(" bytes to callback") && text.starts_with("sending ")) ||
            (text.ends_with(" bytes") && (text.starts_with("read(") || text.starts_with("write(")));
 }
@@ -209,11 +212,7 @@ constexpr std::string_view FatalMessages[] = {"login failed",
                                               "bad header checksum",
                                               "bad file size",
                                               "failed to restore authority",
-                                              "you must provide",
-                                              "don't know what to do",
-                                              "unknown argument",
-                                              "Error reading from include",
-                                              "There is no environment"};
+                                              "don't know what to do"};
 
 bool IsFatal(std::string_view text) {
     return std::any_of(std::begin(FatalMessages), std::end(FatalMessages),

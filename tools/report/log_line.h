@@ -36,6 +36,7 @@ enum class LineKind {
     Unknown,      // nothing that is understood, such as raw bytes of -v4 and -v5
     Silent,       // understood, and of no consequence
     Reply,        // a line without a prefix: the second line of a message; text: all of it
+    Refused,      // the options are no good, and there is no run
     Listing,      // the run looks what there is
     Listed,       // and now begins to save
     Saved,        // text: the object

@@ -32,7 +32,7 @@ void Complain(const std::string& what, int error) {
 // Everything between the options and the exit status.
 struct Report {
     Options options;
-    Run run;
+    LoggedRun run;
     std::unique_ptr<PastRun> past;
     Changes changes;
     Stream json_file;
@@ -86,7 +86,7 @@ void PrepareOutputs(Report& report) {
         report.output.descriptor = STDOUT_FILENO;
     if (report.live && !options.quiet && options.every == 0 && ::isatty(STDERR_FILENO) != 0)
         report.line = std::make_unique<ProgressLine>(STDERR_FILENO);
-    report.run.on_object = [&report](const Run& run, const ObjectResult& object) {
+    report.run.on_object = [&report](const LoggedRun& run, const ObjectResult& object) {
         if (report.json != nullptr)
             WriteObjectRecord(report.json, run, object);
         if (report.past != nullptr)

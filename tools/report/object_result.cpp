@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-const char* OutcomeName(Outcome outcome, Mode mode) {
+const char* OutcomeName(ObjectOutcome outcome, Mode mode) {
     static constexpr const char* backup[OutcomeCount] = {"saved",  "saved in part", "no data",
                                                          "failed", "not found",     "left out"};
     static constexpr const char* restore[OutcomeCount] = {"restored", "restored in part", "no data",
@@ -10,8 +10,8 @@ const char* OutcomeName(Outcome outcome, Mode mode) {
     return (mode == Mode::Restore ? restore : backup)[static_cast<std::size_t>(outcome)];
 }
 
-bool IsMissing(Outcome outcome) {
-    return outcome != Outcome::Saved && outcome != Outcome::LeftOut;
+bool IsMissing(ObjectOutcome outcome) {
+    return outcome != ObjectOutcome::Saved && outcome != ObjectOutcome::LeftOut;
 }
 
 std::optional<double> ObjectResult::Measured() const {

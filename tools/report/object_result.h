@@ -12,7 +12,7 @@
 
 enum class Mode { Unknown, Backup, Restore };
 
-enum class Outcome {
+enum class ObjectOutcome {
     Saved, // or restored
     SavedInPart,
     NoData, // the server saved it without data, so that the archive has no entry
@@ -22,14 +22,14 @@ enum class Outcome {
 };
 constexpr std::size_t OutcomeCount = 6;
 
-const char* OutcomeName(Outcome outcome, Mode mode);
+const char* OutcomeName(ObjectOutcome outcome, Mode mode);
 
 // Whether something is missing that was asked for.
-bool IsMissing(Outcome outcome);
+bool IsMissing(ObjectOutcome outcome);
 
 struct ObjectResult {
     std::string name;
-    Outcome outcome{};
+    ObjectOutcome outcome{};
     int thread = 0;
     double begun = 0; // seconds after the log's first line; as early as the log tells
     double ended = 0;

@@ -26,7 +26,7 @@ void AddName(Changes::Names& names, const std::string& name) {
         names.names.push_back(name);
 }
 
-bool ReadRun(const std::string& path, Run& run) {
+bool ReadRun(const std::string& path, LoggedRun& run) {
     const Stream file(std::fopen(path.c_str(), "rbe"));
     if (file == nullptr)
         return false;
@@ -44,15 +44,15 @@ bool ReadRun(const std::string& path, Run& run) {
 
 bool ReadPastRun(const std::string& path, PastRun& past) {
     past.path = path;
-    Run run;
+    LoggedRun run;
     std::uint64_t run_number = 0;
-    run.on_object = [&](const Run& from, const ObjectResult& object) {
+    run.on_object = [&](const LoggedRun& from, const ObjectResult& object) {
         if (from.earlier_runs != run_number) {
             past.there.clear();
             past.missing.clear();
             run_number = from.earlier_runs;
         }
-        if (object.outcome != Outcome::LeftOut)
+        if (object.outcome != ObjectOutcome::LeftOut)
             (IsMissing(object.outcome) ? past.missing : past.there).push_back(HashOf(object.name));
     };
     struct stat status;
@@ -72,14 +72,14 @@ bool ReadPastRun(const std::string& path, PastRun& past) {
     return true;
 }
 
-void NoteChange(Changes& changes, const PastRun& past, const Run& run, const ObjectResult& object) {
+void NoteChange(Changes& changes, const PastRun& past, const LoggedRun& run, const ObjectResult& object) {
     if (run.earlier_runs != changes.run_number) {
         changes = {};
         changes.run_number = run.earlier_runs;
     }
     const std::uint64_t hash = HashOf(object.name);
     changes.seen.push_back(hash);
-    if (object.outcome == Outcome::LeftOut)
+    if (object.outcome == ObjectOutcome::LeftOut)
         return;
     const bool was_missing = Holds(past.missing, hash);
     if (IsMissing(object.outcome))
@@ -88,18 +88,18 @@ void NoteChange(Changes& changes, const PastRun& past, const Run& run, const Obj
         AddName(changes.there_again, object.name);
 }
 
-bool FinishChanges(Changes& changes, const PastRun& past, const Run& present) {
+bool FinishChanges(Changes& changes, const PastRun& past, const LoggedRun& present) {
     if (present.earlier_runs != changes.run_number)
         changes = {};
     std::sort(changes.seen.begin(), changes.seen.end());
-    Run run;
+    LoggedRun run;
     std::uint64_t run_number = 0;
-    run.on_object = [&](const Run& from, const ObjectResult& object) {
+    run.on_object = [&](const LoggedRun& from, const ObjectResult& object) {
         if (from.earlier_runs != run_number) {
             changes.no_longer_named = {};
             run_number = from.earlier_runs;
         }
-        if (object.outcome == Outcome::Saved && !Holds(changes.seen, HashOf(object.name)))
+        if (object.outcome == ObjectOutcome::Saved && !Holds(changes.seen, HashOf(object.name)))
             AddName(changes.no_longer_named, object.name);
     };
     return ReadRun(past.path, run);

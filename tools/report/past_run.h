@@ -37,8 +37,8 @@ struct Changes {
 };
 
 // Takes an object of the new run.
-void NoteChange(Changes& changes, const PastRun& past, const Run& run, const ObjectResult& object);
+void NoteChange(Changes& changes, const PastRun& past, const LoggedRun& run, const ObjectResult& object);
 
 // Requires: every object of the new run has been noted. Reads the old log once more for the names that are no longer
 // there; false, with errno set, when that fails.
-bool FinishChanges(Changes& changes, const PastRun& past, const Run& present);
+bool FinishChanges(Changes& changes, const PastRun& past, const LoggedRun& present);

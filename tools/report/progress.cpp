@@ -8,12 +8,19 @@
 
 namespace {
 
-std::string ObjectsText(const Run& run, const PastRun* past) {
-    const auto done = static_cast<unsigned long long>(run.Objects());
+// The latest of each worker waits for its figures; those of a restore are not done before.
+std::uint64_t Done(const LoggedRun& run) {
+    std::uint64_t done = run.Objects();
+    for (const auto& [thread, worker] : run.workers)
+        done += worker.pending && run.mode != Mode::Restore ? 1 : 0;
+    return done;
+}
+
+std::string ObjectsText(const LoggedRun& run, const PastRun* past) {
     if (past != nullptr && !run.ended && past->objects > 0)
-        return FormatText("%llu of about %llu objects (as last time)", done,
-                          static_cast<unsigned long long>(past->objects));
-    return FormatText("%llu objects", done);
+        return FormatText("%llu of about %s (as last time)", static_cast<unsigned long long>(Done(run)),
+                          ShowCount(past->objects).c_str());
+    return ShowCount(Done(run));
 }
 
 std::string WorkerText(int thread, const Worker& worker) {
@@ -27,11 +34,11 @@ std::string WorkerText(int thread, const Worker& worker) {
 
 } // namespace
 
-std::string ProgressText(const Run& run, const PastRun* past, double seconds) {
+std::string ProgressText(const LoggedRun& run, const PastRun* past, double seconds) {
     std::string text = ObjectsText(run, past);
-    if (run.Count(Outcome::Failed) > 0)
-        text += FormatText(" | %llu failed", static_cast<unsigned long long>(run.Count(Outcome::Failed)));
-    if (run.has_figures) {
+    if (run.Count(ObjectOutcome::Failed) > 0)
+        text += FormatText(" | %llu failed", static_cast<unsigned long long>(run.Count(ObjectOutcome::Failed)));
+    if (run.HasSizes()) {
         text += " | " + ShowBytes(run.bytes);
         if (seconds >= 1)
             text += " | " + ShowBytes(run.bytes / seconds) + "/s";

@@ -10,7 +10,7 @@
 
 // "12 of about 17 objects | 1 failed | 2.892 MB | 1.204 MB/s | 47 s | T02 saving PAYROLL | T03 fetching /home", as much
 // of it as the log tells, in printable ASCII. `seconds` since the run began; `past` may be null.
-std::string ProgressText(const Run& run, const PastRun* past, double seconds);
+std::string ProgressText(const LoggedRun& run, const PastRun* past, double seconds);
 
 // The line on a terminal. Nothing is shown in the middle of a line of the log.
 class ProgressLine {

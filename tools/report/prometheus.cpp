@@ -52,7 +52,7 @@ void AddStatus(std::string& text, Status status) {
 
 } // namespace
 
-bool WritePrometheus(const std::string& path, const Run& run, std::time_t ended) {
+bool WritePrometheus(const std::string& path, const LoggedRun& run, std::time_t ended) {
     const Status status = StatusOf(run);
     const auto moment = ended > 0 ? std::optional(static_cast<double>(ended)) : std::nullopt;
     std::optional<double> last_good;
@@ -70,7 +70,8 @@ bool WritePrometheus(const std::string& path, const Run& run, std::time_t ended)
     AddGauge(text, "vondral_run_files_failed", "Of these, not saved.", run.Get(Total::Failed));
     AddGauge(text, "vondral_run_objects", "Objects that the log of the last run reports.",
              static_cast<double>(run.Objects()));
-    AddGauge(text, "vondral_run_objects_failed", "Of these, failed.", static_cast<double>(run.Count(Outcome::Failed)));
+    AddGauge(text, "vondral_run_objects_failed", "Of these, failed.",
+             static_cast<double>(run.Count(ObjectOutcome::Failed)));
     AddGauge(text, "vondral_run_objects_missing", "Of these, failed, saved in part or without data, or not found.",
              static_cast<double>(run.Missing()));
     AddGauge(text, "vondral_run_bytes", "Bytes of the last run, as the log rounds them.", run.Get(Total::Bytes));

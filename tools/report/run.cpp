@@ -4,12 +4,12 @@
 #include <numeric>
 #include <utility>
 
-std::uint64_t Run::Objects() const {
+std::uint64_t LoggedRun::Objects() const {
     return std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
 }
 
-std::uint64_t Run::Missing() const {
-    return Objects() - Count(Outcome::Saved) - Count(Outcome::LeftOut);
+std::uint64_t LoggedRun::Missing() const {
+    return Objects() - Count(ObjectOutcome::Saved) - Count(ObjectOutcome::LeftOut);
 }
 
 double SpanOf(const ObjectResult& object) {
@@ -37,11 +37,11 @@ void AppendReason(std::string& reason, std::string_view more) {
 // Its end is told to the second; what the phases took is known better. It begins when its worker is free at the
 // earliest.
 void PlaceInTime(Worker& worker, ObjectResult& object) {
-    object.begun = std::min(worker.free_since, object.ended);
-    if (const std::optional<double> seconds = object.Measured()) {
-        object.begun = std::max(worker.free_since, object.ended - *seconds);
+    const std::optional<double> seconds = object.Measured();
+    object.begun = seconds ? std::max(worker.free_since.value_or(0), object.ended - *seconds)
+                           : std::min(worker.free_since.value_or(object.ended), object.ended);
+    if (seconds)
         object.ended = object.begun + *seconds;
-    }
     worker.free_since = object.ended;
 }
 
@@ -49,16 +49,16 @@ void PlaceInTime(Worker& worker, ObjectResult& object) {
 // on standard error as a failed command, after which the entry counts as done.
 void JudgeEntry(Worker& worker, ObjectResult& entry) {
     if (worker.failed)
-        entry.outcome = Outcome::Failed;
+        entry.outcome = ObjectOutcome::Failed;
     else if (!worker.said.empty())
-        entry.outcome = Outcome::SavedInPart;
+        entry.outcome = ObjectOutcome::SavedInPart;
     else if (worker.restored)
-        entry.outcome = Outcome::Saved;
+        entry.outcome = ObjectOutcome::Saved;
     entry.reason = std::move(worker.said);
     worker.said.clear();
 }
 
-void Settle(Run& run, Worker& worker) {
+void Settle(LoggedRun& run, Worker& worker) {
     if (!worker.pending)
         return;
     ObjectResult object = std::move(*worker.pending);
@@ -68,16 +68,16 @@ void Settle(Run& run, Worker& worker) {
     PlaceInTime(worker, object);
     ++run.counts[static_cast<std::size_t>(object.outcome)];
     run.bytes += BytesOf(object);
-    if (IsMissing(object.outcome) && run.missing.size() < Run::MostMissing)
+    if (IsMissing(object.outcome) && run.missing.size() < LoggedRun::MostMissing)
         run.missing.push_back(object);
-    KeepGreatest(run.drawn, Run::MostDrawn, object, SpanOf);
+    KeepGreatest(run.drawn, LoggedRun::MostDrawn, object, SpanOf);
     if (object.bytes)
-        KeepGreatest(run.largest, Run::MostLargest, object, BytesOf);
+        KeepGreatest(run.largest, LoggedRun::MostLargest, object, BytesOf);
     if (run.on_object)
         run.on_object(run, object);
 }
 
-ObjectResult& Report(Run& run, Worker& worker, const LogLine& line, Outcome outcome) {
+ObjectResult& Report(LoggedRun& run, Worker& worker, const LogLine& line, ObjectOutcome outcome) {
     Settle(run, worker);
     ObjectResult object;
     object.name = line.text;
@@ -89,23 +89,23 @@ ObjectResult& Report(Run& run, Worker& worker, const LogLine& line, Outcome outc
     return worker.pending.emplace(std::move(object));
 }
 
-void ReportSave(Run& run, Worker& worker, const LogLine& line) {
+void ReportSave(LoggedRun& run, Worker& worker, const LogLine& line) {
     if (line.kind == LineKind::NotSaved)
-        Report(run, worker, line, Outcome::Failed).reason = worker.said.empty() ? worker.standing : worker.said;
+        Report(run, worker, line, ObjectOutcome::Failed).reason = worker.said.empty() ? worker.standing : worker.said;
     else if (worker.no_data)
-        Report(run, worker, line, Outcome::NoData).reason = "the server saved it without data";
+        Report(run, worker, line, ObjectOutcome::NoData).reason = "the server saved it without data";
     else if (!worker.part.empty())
-        Report(run, worker, line, Outcome::SavedInPart).reason = worker.part;
+        Report(run, worker, line, ObjectOutcome::SavedInPart).reason = worker.part;
     else
-        Report(run, worker, line, Outcome::Saved);
+        Report(run, worker, line, ObjectOutcome::Saved);
     worker.no_data = false;
     worker.part.clear();
     worker.said.clear();
 }
 
-void BeginEntry(Run& run, Worker& worker, const LogLine& line) {
-    worker.free_since = std::max(worker.free_since, run.clock.elapsed);
-    Report(run, worker, line, Outcome::LeftOut);
+void BeginEntry(LoggedRun& run, Worker& worker, const LogLine& line) {
+    worker.free_since = std::max(worker.free_since.value_or(0), run.clock.elapsed);
+    Report(run, worker, line, ObjectOutcome::LeftOut);
     worker.restored = worker.failed = false;
     worker.said.clear();
 }
@@ -120,7 +120,7 @@ constexpr Figure Figures[] = {{LineKind::ObjectBytes, &ObjectResult::bytes},
                               {LineKind::TransferTime, &ObjectResult::transfer},
                               {LineKind::RestoreTime, &ObjectResult::restore}};
 
-bool TakeFigure(Run& run, Worker& worker, const LogLine& line) {
+bool TakeFigure(LoggedRun& run, Worker& worker, const LogLine& line) {
     const auto* const figure =
         std::find_if(std::begin(Figures), std::end(Figures), [&](const Figure& one) { return one.kind == line.kind; });
     if (figure == std::end(Figures))
@@ -133,7 +133,7 @@ bool TakeFigure(Run& run, Worker& worker, const LogLine& line) {
 
 // The run as such
 
-void TakeMessage(Run& run, Worker& worker, const LogLine& line) {
+void TakeMessage(LoggedRun& run, Worker& worker, const LogLine& line) {
     // A hostile server could echo the passphrase in its reply to PASS.
     if ((line.text.ends_with("command failed") || line.text == "list failed") && line.text != "PASS command failed")
         run.reply_to = line.thread;
@@ -143,12 +143,12 @@ void TakeMessage(Run& run, Worker& worker, const LogLine& line) {
     if (line.thread != 0)
         return;
     run.fatal |= line.fatal || (run.mode == Mode::Unknown && line.text == "list failed");
-    if (!worker.pending && run.messages.size() < Run::MostMessages)
+    if (!worker.pending && run.messages.size() < LoggedRun::MostMessages)
         run.messages.emplace_back(line.text.substr(0, LongestReason));
 }
 
 // A line without a prefix: of the message before it, or raw bytes.
-void TakeReply(Run& run, std::string_view text) {
+void TakeReply(LoggedRun& run, std::string_view text) {
     const auto worker = run.workers.find(std::exchange(run.reply_to, -1));
     if (worker == run.workers.end()) {
         ++run.not_understood;
@@ -160,7 +160,7 @@ void TakeReply(Run& run, std::string_view text) {
         AppendReason(run.messages.back(), text);
 }
 
-void TakeTotal(Run& run, const LogLine& line) {
+void TakeTotal(LoggedRun& run, const LogLine& line) {
     if (line.thread != 0) // a worker's share
         return;
     run.totals[static_cast<std::size_t>(line.total)] = line.number;
@@ -168,17 +168,17 @@ void TakeTotal(Run& run, const LogLine& line) {
     run.complete |= run.mode == Mode::Restore && line.total == Total::Bytes;
 }
 
-void TakeCommand(Run& run, Worker& worker, const LogLine& line) {
+void TakeCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
     run.has_commands = true;
     worker.doing = line.detail;
     worker.done = line.detail == "done";
     if (!line.text.empty())
         worker.object = line.text;
     if (line.detail == "saving")
-        worker.free_since = std::max(worker.free_since, run.clock.elapsed);
+        worker.free_since = std::max(worker.free_since.value_or(0), run.clock.elapsed);
 }
 
-bool BeginsRun(const Run& run, const LogLine& line) {
+bool BeginsRun(const LoggedRun& run, const LogLine& line) {
     if (line.thread != 0)
         return false;
     if (line.kind == LineKind::Listing)
@@ -186,27 +186,28 @@ bool BeginsRun(const Run& run, const LogLine& line) {
     return run.ended && (line.kind == LineKind::Entry || line.kind == LineKind::Sent || line.kind == LineKind::Message);
 }
 
-void BeginAnew(Run& run) {
+void BeginAnew(LoggedRun& run) {
     FinishRun(run);
-    Run next;
+    LoggedRun next;
     next.on_object = std::move(run.on_object);
     next.earlier_runs = run.earlier_runs + 1;
     run = std::move(next);
 }
 
-Worker* FindWorker(Run& run, int thread) {
+Worker* FindWorker(LoggedRun& run, int thread) {
     const auto found = run.workers.find(thread);
     if (found != run.workers.end())
         return &found->second;
-    if (run.workers.size() >= Run::MostWorkers)
+    if (run.workers.size() >= LoggedRun::MostWorkers)
         return nullptr;
-    Worker& worker = run.workers[thread];
-    worker.free_since = run.clock.elapsed;
-    return &worker;
+    return &run.workers[thread];
 }
 
-void TakeEvent(Run& run, Worker& worker, const LogLine& line) {
+void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
     switch (line.kind) {
+    case LineKind::Refused:
+        run.fatal = true;
+        break;
     case LineKind::Listing:
         run.mode = Mode::Backup;
         worker.doing = "listing";
@@ -227,7 +228,7 @@ void TakeEvent(Run& run, Worker& worker, const LogLine& line) {
         worker.no_data = true;
         break;
     case LineKind::NotFound:
-        Report(run, worker, line, Outcome::NotFound).reason = "no such path on the server";
+        Report(run, worker, line, ObjectOutcome::NotFound).reason = "no such path on the server";
         Settle(run, worker);
         break;
     case LineKind::Entry:
@@ -271,7 +272,7 @@ void TakeEvent(Run& run, Worker& worker, const LogLine& line) {
 
 } // namespace
 
-void TakeLogLine(Run& run, std::string_view text) {
+void TakeLogLine(LoggedRun& run, std::string_view text) {
     const LogLine line = ParseLogLine(text);
     if (BeginsRun(run, line))
         BeginAnew(run);
@@ -298,7 +299,7 @@ void TakeLogLine(Run& run, std::string_view text) {
     TakeEvent(run, *worker, line);
 }
 
-void FinishRun(Run& run) {
+void FinishRun(LoggedRun& run) {
     for (auto& [thread, worker] : run.workers)
         Settle(run, worker);
 }

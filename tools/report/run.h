@@ -17,15 +17,16 @@
 #include "log_line.h"
 #include "object_result.h"
 
-struct Run;
+struct LoggedRun;
 
 struct Worker {
     std::string_view doing; // a constant; "" when the log does not tell
     std::string object;     // that it is at, or else was at last
     bool done = false;
-    double free_since = 0; // where its next object may begin, seconds after the log's first line
-    std::string said;      // its failure messages since the last object
-    std::string standing;  // why everything of it fails
+    // Where its next object may begin, seconds after the log's first line; nothing before the first one is told.
+    std::optional<double> free_since;
+    std::string said;     // its failure messages since the last object
+    std::string standing; // why everything of it fails
     // Of the object whose result comes next, or the entry under way:
     bool no_data = false, restored = false, failed = false;
     std::string part; // what is missing of it
@@ -33,14 +34,14 @@ struct Worker {
     std::optional<ObjectResult> pending;
 };
 
-struct Run {
+struct LoggedRun {
     static constexpr std::size_t MostWorkers = 64;
     static constexpr std::size_t MostMissing = 2000;
     static constexpr std::size_t MostDrawn = 2000; // the longest
     static constexpr std::size_t MostLargest = 20;
     static constexpr std::size_t MostMessages = 100;
 
-    std::function<void(const Run&, const ObjectResult&)> on_object;
+    std::function<void(const LoggedRun&, const ObjectResult&)> on_object;
 
     Mode mode = Mode::Unknown;
     LogClock clock;
@@ -68,9 +69,10 @@ struct Run {
     std::vector<std::string> messages; // failure messages of the run itself
 
     std::optional<double> Get(Total total) const { return totals[static_cast<std::size_t>(total)]; }
-    std::uint64_t Count(Outcome outcome) const { return counts[static_cast<std::size_t>(outcome)]; }
-    std::uint64_t Objects() const; // reported so far
-    std::uint64_t Missing() const; // of those, not wholly there
+    std::uint64_t Count(ObjectOutcome outcome) const { return counts[static_cast<std::size_t>(outcome)]; }
+    bool HasSizes() const { return !largest.empty(); } // a restore's log has times alone
+    std::uint64_t Objects() const;                     // reported so far
+    std::uint64_t Missing() const;                     // of those, not wholly there
 };
 
 double SpanOf(const ObjectResult& object);
@@ -78,7 +80,7 @@ double BytesOf(const ObjectResult& object); // 0 when not known
 
 // Takes one line of the log, without its line end. A log that several runs were appended to tells of the last one: with
 // its first line all that was before is dropped.
-void TakeLogLine(Run& run, std::string_view line);
+void TakeLogLine(LoggedRun& run, std::string_view line);
 
 // The log is at its end: hands on what was still waiting for figures.
-void FinishRun(Run& run);
+void FinishRun(LoggedRun& run);

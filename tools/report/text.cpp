@@ -80,6 +80,10 @@ std::string TerminalText(std::string_view bytes) {
     return text;
 }
 
+std::string ShowCount(std::uint64_t objects) {
+    return FormatText("%llu object%s", static_cast<unsigned long long>(objects), objects == 1 ? "" : "s");
+}
+
 std::string ShowBytes(double bytes) {
     static constexpr const char* units[] = {"B", "KB", "MB", "GB"};
     const ScaledAmount amount = ScaleDecimal(bytes);

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,7 @@ std::string HtmlText(std::string_view bytes);
 // Printable ASCII alone, "?" for each other character: one column each on every terminal.
 std::string TerminalText(std::string_view bytes);
 
-std::string ShowBytes(double bytes);      // "6.864 KB": by thousands
-std::string ShowDuration(double seconds); // "0.021 s", "47 s", "12:05", "3:00:09"
-std::string ShowTime(int time);           // seconds since midnight: "14:33:50"
+std::string ShowCount(std::uint64_t objects); // "1 object"
+std::string ShowBytes(double bytes);          // "6.864 KB": by thousands
+std::string ShowDuration(double seconds);     // "0.021 s", "47 s", "12:05", "3:00:09"
+std::string ShowTime(int time);               // seconds since midnight: "14:33:50"

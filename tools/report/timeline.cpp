@@ -34,13 +34,13 @@ double TickStep(double seconds) {
     return step;
 }
 
-std::string TickText(const Run& run, double moment, double step) {
+std::string TickText(const LoggedRun& run, double moment, double step) {
     if (step < 1)
         return moment == 0 ? ShowTime(run.clock.first) : FormatText("+%.4g s", moment);
     return ShowTime(run.clock.first + static_cast<int>(moment));
 }
 
-std::string Axis(const Run& run, const Scale& scale, double height) {
+std::string Axis(const LoggedRun& run, const Scale& scale, double height) {
     std::string svg;
     const double step = TickStep(scale.seconds);
     for (int i = 0; i * step <= scale.seconds; ++i) {
@@ -66,7 +66,7 @@ constexpr Phase Phases[] = {{"save", &ObjectResult::save},
                             {"transfer", &ObjectResult::transfer},
                             {"restore", &ObjectResult::restore}};
 
-std::string Tooltip(const Run& run, const ObjectResult& object) {
+std::string Tooltip(const LoggedRun& run, const ObjectResult& object) {
     std::string text = HtmlText(object.name) + "\n" + OutcomeName(object.outcome, run.mode);
     if (object.bytes)
         text += ", " + ShowBytes(*object.bytes);
@@ -76,7 +76,7 @@ std::string Tooltip(const Run& run, const ObjectResult& object) {
     return "<title>" + text + "</title>";
 }
 
-std::string ObjectBars(const Run& run, const ObjectResult& object, const Scale& scale, double y) {
+std::string ObjectBars(const LoggedRun& run, const ObjectResult& object, const Scale& scale, double y) {
     std::string svg = "<g>" + Tooltip(run, object);
     const double from = scale.At(object.begun);
     const double to = std::max(scale.At(object.ended), from + ShortestBar);
@@ -98,7 +98,7 @@ std::string ObjectBars(const Run& run, const ObjectResult& object, const Scale& 
 
 } // namespace
 
-std::string TimelineSvg(const Run& run) {
+std::string TimelineSvg(const LoggedRun& run) {
     std::map<int, int> rows; // of the workers
     Scale scale{run.clock.elapsed};
     for (const ObjectResult& object : run.drawn) {

@@ -3,7 +3,7 @@
 #include "support.h"
 #include "text.h"
 
-Status StatusOf(const Run& run) {
+Status StatusOf(const LoggedRun& run) {
     if (run.terminated)
         return Status::Terminated;
     if (run.fatal)
@@ -12,7 +12,7 @@ Status StatusOf(const Run& run) {
         return Status::Unfinished;
     if (run.mode != Mode::Unknown && !run.complete)
         return Status::Failed;
-    const bool failures = run.Count(Outcome::Failed) > 0 || run.Get(Total::Failed).value_or(0) > 0 ||
+    const bool failures = run.Count(ObjectOutcome::Failed) > 0 || run.Get(Total::Failed).value_or(0) > 0 ||
                           run.Get(Total::ParsingErrors).value_or(0) > 0;
     return failures ? Status::WithFailures : Status::Complete;
 }
@@ -22,7 +22,7 @@ const char* StatusName(Status status) {
     return names[static_cast<std::size_t>(status)];
 }
 
-std::optional<int> ExpectedExitStatus(const Run& run) {
+std::optional<int> ExpectedExitStatus(const LoggedRun& run) {
     constexpr double tolerated = 0.10;
     switch (StatusOf(run)) {
     case Status::Complete:
@@ -48,7 +48,7 @@ std::optional<int> ExpectedExitStatus(const Run& run) {
     return (errors + *failed) / (errors + *attempted) < tolerated ? 1 : 2;
 }
 
-std::vector<std::string> Omissions(const Run& run) {
+std::vector<std::string> Omissions(const LoggedRun& run) {
     std::vector<std::string> omissions;
     const std::uint64_t done = run.Objects();
     if (!run.ended && !run.terminated && !run.fatal)
@@ -60,12 +60,12 @@ std::vector<std::string> Omissions(const Run& run) {
             "timeline begins where the line before ended.");
     if (!run.has_commands && !run.ended)
         omissions.emplace_back("What a worker is doing: the log tells that from -v3 on.");
-    if (run.mode == Mode::Backup && run.Get(Total::Failed).value_or(0) > 0 && run.Count(Outcome::Failed) == 0)
+    if (run.mode == Mode::Backup && run.Get(Total::Failed).value_or(0) > 0 && run.Count(ObjectOutcome::Failed) == 0)
         omissions.emplace_back("The objects that failed: they stand on standard error, which is not in this log.");
-    if (run.Count(Outcome::LeftOut) > 0)
+    if (run.Count(ObjectOutcome::LeftOut) > 0)
         omissions.push_back(FormatText("Whether the %llu entries that were not restored were left out by an include or "
                                        "exclude file, or failed: failures stand on standard error.",
-                                       static_cast<unsigned long long>(run.Count(Outcome::LeftOut))));
+                                       static_cast<unsigned long long>(run.Count(ObjectOutcome::LeftOut))));
     if (run.missing.size() < run.Missing())
         omissions.push_back(FormatText("Only the first %zu objects that are missing are named.", run.missing.size()));
     if (run.drawn.size() < done)
@@ -78,17 +78,17 @@ std::vector<std::string> Omissions(const Run& run) {
     return omissions;
 }
 
-std::string Summary(const Run& run) {
-    const auto count = [&run](Outcome outcome) { return static_cast<unsigned long long>(run.Count(outcome)); };
+std::string Summary(const LoggedRun& run) {
+    const auto count = [&run](ObjectOutcome outcome) { return static_cast<unsigned long long>(run.Count(outcome)); };
     std::string text = StatusName(StatusOf(run));
-    text += FormatText(": %llu objects %s", count(Outcome::Saved), OutcomeName(Outcome::Saved, run.mode));
-    for (const Outcome outcome :
-         {Outcome::Failed, Outcome::SavedInPart, Outcome::NoData, Outcome::NotFound, Outcome::LeftOut})
+    text += ": " + ShowCount(run.Count(ObjectOutcome::Saved)) + " " + OutcomeName(ObjectOutcome::Saved, run.mode);
+    for (const ObjectOutcome outcome : {ObjectOutcome::Failed, ObjectOutcome::SavedInPart, ObjectOutcome::NoData,
+                                        ObjectOutcome::NotFound, ObjectOutcome::LeftOut})
         if (count(outcome) > 0)
             text += FormatText(", %llu %s", count(outcome), OutcomeName(outcome, run.mode));
     if (const std::optional<double> bytes = run.Get(Total::Bytes))
         text += ", " + ShowBytes(*bytes);
-    else if (run.has_figures && run.bytes > 0)
+    else if (run.HasSizes())
         text += ", " + ShowBytes(run.bytes);
     return text + " in " + ShowDuration(run.Get(Total::RunSeconds).value_or(run.clock.elapsed));
 }

@@ -17,14 +17,14 @@ enum class Status {
 };
 constexpr std::size_t StatusCount = 5;
 
-Status StatusOf(const Run& run);
+Status StatusOf(const LoggedRun& run);
 const char* StatusName(Status status); // "complete", "failures", "terminated", "failed", "unfinished"
 
 // What the program's exit status must have been by this log; nothing when that cannot be told.
-std::optional<int> ExpectedExitStatus(const Run& run);
+std::optional<int> ExpectedExitStatus(const LoggedRun& run);
 
 // Sentences on what the log did not tell, for the want of verbosity, of standard error or of an end.
-std::vector<std::string> Omissions(const Run& run);
+std::vector<std::string> Omissions(const LoggedRun& run);
 
 // "complete: 9 objects saved, 2.892 MB in 3 s"
-std::string Summary(const Run& run);
+std::string Summary(const LoggedRun& run);

@@ -68,8 +68,14 @@ struct Tool {
         WriteFile(input, log);
         WriteFile(work / "script", "cd '" + work.path.string() + "' && cat input | 2>err '" + REPORT_UNDER_TEST + "' " +
                                        arguments + " >out\n");
-        const std::string command = "bash -o pipefail '" + (work / "script").string() + "'";
-        const int status = std::system(command.c_str());
+        const std::string script = work / "script";
+        const pid_t process = ::fork();
+        if (process == 0) {
+            ::execlp("bash", "bash", "-o", "pipefail", script.c_str(), nullptr);
+            ::_exit(127);
+        }
+        int status = 0;
+        ::waitpid(process, &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::string Read(const std::string& name) const { return ReadFile(work / name); }

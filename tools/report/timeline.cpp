@@ -91,7 +91,7 @@ std::string ObjectBars(const LoggedRun& run, const ObjectResult& object, const S
                 svg += Bar(phase.style, scale.At(moment), std::max(end, scale.At(moment) + ShortestBar / 2), y);
             moment += seconds;
         }
-        svg += Bar("frame", from, to, y);
+        svg += Bar(*object.Measured() > 0 ? "frame" : "transfer", from, to, y);
     }
     return svg + "</g>";
 }
@@ -100,7 +100,7 @@ std::string ObjectBars(const LoggedRun& run, const ObjectResult& object, const S
 
 std::string TimelineSvg(const LoggedRun& run) {
     std::map<int, int> rows; // of the workers
-    Scale scale{run.clock.elapsed};
+    Scale scale{std::max(run.clock.elapsed, run.Get(Total::RunSeconds).value_or(0))};
     for (const ObjectResult& object : run.drawn) {
         rows[object.thread] = 0;
         scale.seconds = std::max(scale.seconds, object.ended);

@@ -162,6 +162,7 @@ TEST(Report, FiguresAreTheOnesOfTheLogOrNone) {
     EXPECT_EQ(plain.Run(night.Backup({}, status), AllOutputs), 0);
     EXPECT_FALSE(Holds(plain.Read("records"), "\"bytes\":"));
     EXPECT_FALSE(Holds(plain.Read("records"), "save_seconds\":"));
+    EXPECT_TRUE(Holds(plain.Read("page"), "Objects saved in part (-p no): the log has them from -v1 on."));
     EXPECT_TRUE(Holds(plain.Read("page"), "Sizes and times of the objects: the log has them from -v2 on."));
 
     const LoggedRun restored = ReadRun(night.Log({"-v2", "-r", (night.work / "archive").string()}, status));
@@ -171,6 +172,17 @@ TEST(Report, FiguresAreTheOnesOfTheLogOrNone) {
     const LoggedRun partly = ReadRun(night.Log({"-r", (night.work / "archive").string()}, status));
     EXPECT_EQ(partly.Missing(), 1U);
     EXPECT_EQ(partly.missing.at(0).name, "/home");
+    WriteFile(night.work / "exclude", "/Security Data\n/System Configuration\n");
+    const std::vector<std::string> some{"-r", (night.work / "archive").string(), "-e",
+                                        (night.work / "exclude").string()};
+    for (const bool told : {false, true}) {
+        std::vector<std::string> arguments = some;
+        if (told)
+            arguments.emplace_back("-v1");
+        const LoggedRun run = ReadRun(night.Log(arguments, status));
+        EXPECT_EQ(run.Count(ObjectOutcome::LeftOut), 2U);
+        EXPECT_EQ(run.unexplained, told ? 0U : 2U);
+    }
 }
 
 TEST(Report, LinesOfEveryKind) {

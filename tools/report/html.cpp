@@ -159,7 +159,7 @@ std::string ObjectTable(const LoggedRun& run, const char* title, std::vector<Obj
         cell(Seconds(object.transfer));
         if (restore)
             cell(Seconds(object.restore));
-        cell(ShowDuration(object.Span()));
+        cell(ShowDuration(SpanOf(object)));
         html += "</tr>";
     }
     return html + "</table></section>";

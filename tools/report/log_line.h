@@ -33,33 +33,33 @@ constexpr std::array<const char*, TotalCount> TotalNames{
     "save_seconds", "wait_seconds", "transfer_seconds", "files_attempted", "files_failed",   "run_seconds"};
 
 enum class LineKind {
-    Unknown,      // nothing that is understood, such as raw bytes of -v4 and -v5
-    Silent,       // understood, and of no consequence
-    Reply,        // a line without a prefix: the second line of a message; text: all of it
-    Refused,      // the options are no good, and there is no run
-    Listing,      // the run looks what there is
-    Listed,       // and now begins to save
-    Saved,        // text: the object
-    NotSaved,     // text: the object
-    SavedInPart,  // text: the object; detail: how many, or the server's reply
-    NotFound,     // text: the path of the include file
-    NoData,       // the object whose result follows came without data
-    Entry,        // a restore begins an entry of the archive; text: its name
-    Restored,     // text: the object
-    EntryFailed,  // the entry under way
-    LeftOut,      // text: the object that an include or exclude file leaves out
-    ObjectBytes,  // number, of the object just reported on this thread; so are the four that follow
-    SaveTime,     // number: seconds
-    WaitTime,     // for other workers' retrievals
-    TransferTime, //
-    RestoreTime,  // by the server's restore
-    Sent,         // a command; detail: what the worker is now doing, text: with which object, "" when that is known
-    WorkerDone,   //
-    Complete,     // the backup came to its end
-    NothingToDo,  // no object was attempted
-    Total,        // number, of `total`
-    Terminated,   // ended early, on request and orderly
-    Message,      // a failure message of the program; text: without its head
+    Unknown,     // nothing that is understood, such as raw bytes of -v4 and -v5
+    Silent,      // understood, and of no consequence
+    Reply,       // a line without a prefix: the second line of a message; text: all of it
+    Refused,     // the options are no good, and there is no run
+    Listing,     // the run looks what there is
+    Listed,      // and now begins to save
+    Saved,       // text: the object
+    NotSaved,    // text: the object
+    SavedInPart, // text: the object; detail: how many, or the server's reply
+    NotFound,    // text: the path of the include file
+    NoData,      // the object whose result follows came without data
+    Entry,       // a restore begins an entry of the archive; text: its name
+    Restored,    // text: the object
+    EntryFailed, // the entry under way
+    LeftOut,     // text: the object that an include or exclude file leaves out
+    ObjectBytes, // number, of the object just reported on this thread; so are the four that follow
+    SaveTime,    // number: seconds
+    WaitTime,    // for other workers' retrievals
+    TransferTime,
+    RestoreTime, // by the server's restore
+    Sent,        // a command; detail: what the worker is now doing, text: with which object, "" when that is known
+    WorkerDone,
+    Complete,    // the backup came to its end
+    NothingToDo, // no object was attempted
+    Total,       // number, of `total`
+    Terminated,  // ended early, on request and orderly
+    Message,     // a failure message of the program; text: without its head
 };
 
 struct LogLine {

@@ -20,6 +20,14 @@ std::optional<double> ObjectResult::Measured() const {
     return save.value_or(0) + wait.value_or(0) + transfer.value_or(0) + restore.value_or(0);
 }
 
+double SpanOf(const ObjectResult& object) {
+    return object.ended - object.begun;
+}
+
+double BytesOf(const ObjectResult& object) {
+    return object.bytes.value_or(0);
+}
+
 void KeepGreatest(std::vector<ObjectResult>& heap, std::size_t most, const ObjectResult& object, Measure measure) {
     const auto greater = [measure](const ObjectResult& one, const ObjectResult& other) {
         return measure(one) > measure(other);

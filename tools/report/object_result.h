@@ -39,11 +39,14 @@ struct ObjectResult {
 
     // Seconds that the log gives for all phases; nothing when it gives none.
     std::optional<double> Measured() const;
-    double Span() const { return ended - begun; }
 };
 
-// Keeps the `most` objects of the greatest measure in what is a heap, the least of them in front.
+// Measures of an object.
+double SpanOf(const ObjectResult& object);  // seconds
+double BytesOf(const ObjectResult& object); // 0 when not known
 using Measure = double (*)(const ObjectResult&);
+
+// Keeps the `most` objects of the greatest measure in what is a heap, the least of them in front.
 void KeepGreatest(std::vector<ObjectResult>& heap, std::size_t most, const ObjectResult& object, Measure measure);
 
 // The same objects with the greatest in front; equal ones in the order of their begin.

@@ -12,14 +12,6 @@ std::uint64_t LoggedRun::Missing() const {
     return Objects() - Count(ObjectOutcome::Saved) - Count(ObjectOutcome::LeftOut);
 }
 
-double SpanOf(const ObjectResult& object) {
-    return object.Span();
-}
-
-double BytesOf(const ObjectResult& object) {
-    return object.bytes.value_or(0);
-}
-
 namespace {
 
 constexpr std::size_t LongestReason = 400; // bytes
@@ -54,7 +46,8 @@ void JudgeEntry(Worker& worker, ObjectResult& entry) {
         entry.outcome = ObjectOutcome::SavedInPart;
     else if (worker.restored)
         entry.outcome = ObjectOutcome::Saved;
-    entry.reason = std::move(worker.said);
+    if (!worker.said.empty())
+        entry.reason = std::move(worker.said);
     worker.said.clear();
 }
 
@@ -67,6 +60,7 @@ void Settle(LoggedRun& run, Worker& worker) {
         JudgeEntry(worker, object);
     PlaceInTime(worker, object);
     ++run.counts[static_cast<std::size_t>(object.outcome)];
+    run.unexplained += object.outcome == ObjectOutcome::LeftOut && object.reason.empty() ? 1 : 0;
     run.bytes += BytesOf(object);
     if (IsMissing(object.outcome) && run.missing.size() < LoggedRun::MostMissing)
         run.missing.push_back(object);
@@ -194,11 +188,9 @@ void BeginAnew(LoggedRun& run) {
     run = std::move(next);
 }
 
+// The thread's worker; none beyond the most that a run can have.
 Worker* FindWorker(LoggedRun& run, int thread) {
-    const auto found = run.workers.find(thread);
-    if (found != run.workers.end())
-        return &found->second;
-    if (run.workers.size() >= LoggedRun::MostWorkers)
+    if (run.workers.size() >= LoggedRun::MostWorkers && !run.workers.contains(thread))
         return nullptr;
     return &run.workers[thread];
 }
@@ -240,6 +232,10 @@ void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
         break;
     case LineKind::EntryFailed:
         worker.failed = true;
+        break;
+    case LineKind::LeftOut:
+        if (worker.pending && run.mode == Mode::Restore)
+            worker.pending->reason = "an include or exclude file leaves it out, or a part of it";
         break;
     case LineKind::Sent:
         TakeCommand(run, worker, line);

@@ -59,7 +59,8 @@ struct LoggedRun {
 
     std::array<std::optional<double>, TotalCount> totals;
     std::array<std::uint64_t, OutcomeCount> counts{};
-    double bytes = 0; // of the objects so far
+    double bytes = 0;              // of the objects so far
+    std::uint64_t unexplained = 0; // entries not restored of which no line says that they are left out on purpose
     std::map<int, Worker> workers;
     int reply_to = -1; // the thread whose message an unprefixed line would belong to
 
@@ -74,9 +75,6 @@ struct LoggedRun {
     std::uint64_t Objects() const;                     // reported so far
     std::uint64_t Missing() const;                     // of those, not wholly there
 };
-
-double SpanOf(const ObjectResult& object);
-double BytesOf(const ObjectResult& object); // 0 when not known
 
 // Takes one line of the log, without its line end. A log that several runs were appended to tells of the last one: with
 // its first line all that was before is dropped.

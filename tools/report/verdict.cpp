@@ -1,5 +1,8 @@
 #include "verdict.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "support.h"
 #include "text.h"
 
@@ -48,6 +51,15 @@ std::optional<int> ExpectedExitStatus(const LoggedRun& run) {
     return (errors + *failed) / (errors + *attempted) < tolerated ? 1 : 2;
 }
 
+namespace {
+
+// A worker reports its end from -v1 on.
+bool HasReported(const std::pair<const int, Worker>& worker) {
+    return worker.first != 0 && worker.second.done;
+}
+
+} // namespace
+
 std::vector<std::string> Omissions(const LoggedRun& run) {
     std::vector<std::string> omissions;
     const std::uint64_t done = run.Objects();
@@ -58,14 +70,17 @@ std::vector<std::string> Omissions(const LoggedRun& run) {
         omissions.emplace_back(
             "Sizes and times of the objects: the log has them from -v2 on. Without them a bar of the "
             "timeline begins where the line before ended.");
+    if (run.mode == Mode::Backup && done > 0 && std::none_of(run.workers.begin(), run.workers.end(), HasReported))
+        omissions.emplace_back("Objects saved in part (-p no): the log has them from -v1 on.");
     if (!run.has_commands && !run.ended)
         omissions.emplace_back("What a worker is doing: the log tells that from -v3 on.");
     if (run.mode == Mode::Backup && run.Get(Total::Failed).value_or(0) > 0 && run.Count(ObjectOutcome::Failed) == 0)
         omissions.emplace_back("The objects that failed: they stand on standard error, which is not in this log.");
-    if (run.Count(ObjectOutcome::LeftOut) > 0)
-        omissions.push_back(FormatText("Whether the %llu entries that were not restored were left out by an include or "
-                                       "exclude file, or failed: failures stand on standard error.",
-                                       static_cast<unsigned long long>(run.Count(ObjectOutcome::LeftOut))));
+    if (run.unexplained > 0)
+        omissions.push_back(
+            FormatText("Whether %llu entries that were not restored are left out by an include or exclude "
+                       "file (told from -v1 on), or failed: both stand on standard error.",
+                       static_cast<unsigned long long>(run.unexplained)));
     if (run.missing.size() < run.Missing())
         omissions.push_back(FormatText("Only the first %zu objects that are missing are named.", run.missing.size()));
     if (run.drawn.size() < done)
@@ -81,6 +96,8 @@ std::vector<std::string> Omissions(const LoggedRun& run) {
 std::string Summary(const LoggedRun& run) {
     const auto count = [&run](ObjectOutcome outcome) { return static_cast<unsigned long long>(run.Count(outcome)); };
     std::string text = StatusName(StatusOf(run));
+    if (StatusOf(run) == Status::Failed && !run.messages.empty())
+        text += " (" + TerminalText(run.messages.back()) + ")";
     text += ": " + ShowCount(run.Count(ObjectOutcome::Saved)) + " " + OutcomeName(ObjectOutcome::Saved, run.mode);
     for (const ObjectOutcome outcome : {ObjectOutcome::Failed, ObjectOutcome::SavedInPart, ObjectOutcome::NoData,
                                         ObjectOutcome::NotFound, ObjectOutcome::LeftOut})

@@ -26,5 +26,5 @@ std::optional<int> ExpectedExitStatus(const LoggedRun& run);
 // Sentences on what the log did not tell, for the want of verbosity, of standard error or of an end.
 std::vector<std::string> Omissions(const LoggedRun& run);
 
-// "complete: 9 objects saved, 2.892 MB in 3 s"
+// "complete: 9 objects saved, 2.892 MB in 3 s", in printable ASCII.
 std::string Summary(const LoggedRun& run);

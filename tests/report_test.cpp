@@ -248,6 +248,25 @@ TEST(Report, TimeCrossesMidnightAndStandsStillForClocksPutBack) {
     EXPECT_EQ((LogClock{0, 13 * 3600, 0, 0}).LastMoment(known), known - 23 * 3600);
 }
 
+TEST(Report, ObjectsStandWhereTheLogPutsThem) {
+    const auto span = [](const std::string& log) {
+        std::vector<std::pair<double, double>> spans;
+        for (const ObjectResult& object : Ranked(ReadRun(log).drawn, SpanOf))
+            spans.emplace_back(object.begun, object.ended);
+        return spans;
+    };
+    using Spans = std::vector<std::pair<double, double>>;
+    const std::string start = Line("01:00:00", "Building Object Lists");
+    const auto saved = [](const char* time, const char* thread) { return Line(time, "Backup Success: /x", thread); };
+    EXPECT_EQ(span(start + saved("01:00:10", "01") + saved("01:00:50", "01")), (Spans{{10, 50}, {10, 10}}));
+    EXPECT_EQ(span(start + saved("01:00:10", "01") + Line("01:00:10", "Save:   4.000 s 1 B/s", "01") +
+                   Line("01:00:10", "Xfer:   2.500 s 1 B/s", "01") + saved("01:00:12", "02")),
+              (Spans{{3.5, 10}, {12, 12}}));
+    EXPECT_EQ(span(Line("01:00:00", "Archive  : /a") + Line("01:00:30", "Restore Success: /a") +
+                   Line("01:00:30", "Archive  : /b") + Line("01:00:40", "Restore Success: /b")),
+              (Spans{{0, 30}, {30, 40}}));
+}
+
 TEST(Report, ALogWithoutAnEndAndALogOfTwoRuns) {
     Night night;
     int status = -1;

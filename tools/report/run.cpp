@@ -98,8 +98,8 @@ void ReportSave(LoggedRun& run, Worker& worker, const LogLine& line) {
 }
 
 void BeginEntry(LoggedRun& run, Worker& worker, const LogLine& line) {
-    worker.free_since = std::max(worker.free_since.value_or(0), run.clock.elapsed);
     Report(run, worker, line, ObjectOutcome::LeftOut);
+    worker.free_since = std::max(worker.free_since.value_or(0), run.clock.elapsed);
     worker.restored = worker.failed = false;
     worker.said.clear();
 }
@@ -134,10 +134,8 @@ void TakeMessage(LoggedRun& run, Worker& worker, const LogLine& line) {
     AppendReason(worker.said, line.text);
     if (line.text == "login failed")
         worker.standing = line.text;
-    if (line.thread != 0)
-        return;
-    run.fatal |= line.fatal || (run.mode == Mode::Unknown && line.text == "list failed");
-    if (!worker.pending && run.messages.size() < LoggedRun::MostMessages)
+    run.fatal |= line.thread == 0 && (line.fatal || (run.mode == Mode::Unknown && line.text == "list failed"));
+    if (line.thread == 0 && !worker.pending && run.messages.size() < LoggedRun::MostMessages)
         run.messages.emplace_back(line.text.substr(0, LongestReason));
 }
 

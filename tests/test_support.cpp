@@ -86,6 +86,8 @@ pid_t Program::Start() {
     OpenAs(STDIN_FILENO, input, O_RDONLY);
     OpenAs(STDOUT_FILENO, logs_ / "out", to_file);
     OpenAs(STDERR_FILENO, logs_ / "err", to_file);
+    if (merged)
+        ::dup2(STDOUT_FILENO, STDERR_FILENO);
     if (close_standard_streams)
         for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
             ::close(descriptor);

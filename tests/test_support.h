@@ -65,6 +65,7 @@ struct Program {
     std::filesystem::path input = "/dev/null";    // standard input
     std::map<std::string, std::string> environment;
     std::uint64_t file_size_limit = UINT64_MAX; // bytes, as setrlimit has it
+    bool merged = false;                        // standard error goes where standard output goes
     bool close_standard_streams = false;        // descriptors 0 to 2 are not there at all
     std::string executable = {};                // another program than the one under test
 

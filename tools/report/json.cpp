@@ -1,0 +1,94 @@
+#include "json.h"
+
+#include <cmath>
+
+#include <nlohmann/json.hpp>
+
+#include "text.h"
+#include "verdict.h"
+
+namespace {
+
+using Record = nlohmann::ordered_json;
+
+void Write(std::FILE* stream, const Record& record) {
+    const std::string line = record.dump(-1, ' ', true, Record::error_handler_t::replace) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stream);
+    std::fflush(stream);
+}
+
+// Whole numbers without a point.
+void Put(Record& record, const char* name, std::optional<double> value) {
+    if (!value)
+        return;
+    if (*value == std::floor(*value))
+        record[name] = static_cast<std::int64_t>(*value);
+    else
+        record[name] = *value;
+}
+
+void WriteChanges(std::FILE* stream, const char* change, const Changes::Names& names) {
+    for (const std::string& name : names.names)
+        Write(stream, {{"type", "change"}, {"change", change}, {"name", name}});
+}
+
+Record RunRecord(const LoggedRun& run, std::time_t ended) {
+    static constexpr const char* modes[] = {"unknown", "backup", "restore"};
+    Record record = {{"type", "run"}, {"run", run.earlier_runs}, {"mode", modes[static_cast<std::size_t>(run.mode)]}};
+    record["status"] = StatusName(StatusOf(run));
+    if (const std::optional<int> status = ExpectedExitStatus(run))
+        record["exit_status"] = *status;
+    if (run.clock.first >= 0) {
+        record["first_line"] = ShowTime(run.clock.first);
+        record["last_line"] = ShowTime(run.clock.last);
+        Put(record, "log_seconds", run.clock.elapsed);
+    }
+    if (ended > 0)
+        record["ended"] = static_cast<std::int64_t>(ended);
+    for (std::size_t i = 0; i < OutcomeCount; ++i)
+        record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = run.counts[i];
+    if (run.HasSizes())
+        Put(record, "object_bytes", run.bytes);
+    record["lines"] = run.lines;
+    record["lines_not_understood"] = run.not_understood;
+    record["not_told"] = Omissions(run);
+    return record;
+}
+
+} // namespace
+
+void WriteObjectRecord(std::FILE* stream, const LoggedRun& run, const ObjectResult& object) {
+    Record record = {{"type", IsMissing(object.outcome) ? "failure" : "object"},
+                     {"run", run.earlier_runs},
+                     {"name", object.name},
+                     {"outcome", OutcomeName(object.outcome, run.mode)},
+                     {"thread", object.thread}};
+    Put(record, "begun", object.begun);
+    Put(record, "ended", object.ended);
+    Put(record, "bytes", object.bytes);
+    Put(record, "save_seconds", object.save);
+    Put(record, "wait_seconds", object.wait);
+    Put(record, "transfer_seconds", object.transfer);
+    Put(record, "restore_seconds", object.restore);
+    if (!object.reason.empty())
+        record["reason"] = object.reason;
+    Write(stream, record);
+}
+
+void WriteRunRecords(std::FILE* stream, const LoggedRun& run, std::time_t ended, const Changes* changes) {
+    for (const std::string& message : run.messages)
+        Write(stream, {{"type", "message"}, {"text", message}});
+    if (changes != nullptr) {
+        WriteChanges(stream, "newly missing", changes->newly_missing);
+        WriteChanges(stream, "there again", changes->there_again);
+        WriteChanges(stream, "still missing", changes->still_missing);
+        WriteChanges(stream, "no longer named", changes->no_longer_named);
+    }
+    for (std::size_t i = 0; i < TotalCount; ++i)
+        if (run.totals[i]) {
+            Record record = {{"type", "total"}, {"name", TotalNames[i]}};
+            Put(record, "value", run.totals[i]);
+            Write(stream, record);
+        }
+    Write(stream, RunRecord(run, ended));
+}

@@ -1,0 +1,207 @@
+// vondral-report: reads the log of a run, passes it on, and tells on the way and at the end what it says.
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "html.h"
+#include "json.h"
+#include "line_splitter.h"
+#include "options.h"
+#include "output_file.h"
+#include "progress.h"
+#include "prometheus.h"
+#include "pump.h"
+#include "support.h"
+#include "text.h"
+#include "verdict.h"
+
+namespace {
+
+void Complain(const std::string& what, int error) {
+    std::fprintf(stderr, "vondral-report: %s: %s\n", TerminalText(what).c_str(), std::strerror(error));
+}
+
+// Everything between the options and the exit status.
+struct Report {
+    Options options;
+    LoggedRun run;
+    std::unique_ptr<PastRun> past;
+    Changes changes;
+    Stream json_file;
+    std::FILE* json = nullptr;
+    std::unique_ptr<ProgressLine> line; // on a terminal
+    PassThrough output;
+    LineSplitter splitter;
+    bool live = false; // the log comes from a run under way, not from a file
+    double begun = SecondsNow();
+    double last_shown = SecondsNow();
+    bool trouble = false; // something could not be read or written
+
+    void Fail(const std::string& what, int error) {
+        trouble = true;
+        Complain(what, error);
+    }
+};
+
+// A descriptor 0, 1 or 2 that the caller left closed would be the next file opened.
+void ReserveStandardDescriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
+        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) < 0)
+            std::exit(Trouble);
+}
+
+// The run must not die of its report: what ends a job, or is typed at a terminal, is for the run to obey, and the end
+// of its log ends this program.
+void OutliveTheRun() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, SIG_IGN);
+}
+
+void PrepareOutputs(Report& report) {
+    const Options& options = report.options;
+    if (!options.against.empty()) {
+        report.past = std::make_unique<PastRun>();
+        if (!ReadPastRun(options.against, *report.past)) {
+            report.Fail(options.against, errno);
+            report.past.reset();
+        }
+    }
+    if (options.json == "-") {
+        report.json = stdout;
+    } else if (!options.json.empty()) {
+        report.json_file.reset(std::fopen(options.json.c_str(), "we"));
+        report.json = report.json_file.get();
+        if (report.json == nullptr)
+            report.Fail(options.json, errno);
+    }
+    if (!options.no_log && options.json != "-")
+        report.output.descriptor = STDOUT_FILENO;
+    if (report.live && !options.quiet && options.every == 0 && ::isatty(STDERR_FILENO) != 0)
+        report.line = std::make_unique<ProgressLine>(STDERR_FILENO);
+    report.run.on_object = [&report](const LoggedRun& run, const ObjectResult& object) {
+        if (report.json != nullptr)
+            WriteObjectRecord(report.json, run, object);
+        if (report.past != nullptr)
+            NoteChange(report.changes, *report.past, run, object);
+    };
+}
+
+void TakePiece(Report& report, std::string_view piece) {
+    if (report.line != nullptr)
+        report.line->Clear();
+    const bool was_passing = report.output.descriptor >= 0;
+    PassOn(report.output, piece);
+    if (was_passing && report.output.error != 0)
+        report.Fail("standard output", report.output.error);
+    SplitLines(report.splitter, piece, [&report](std::string_view text) { TakeLogLine(report.run, text); });
+}
+
+void ShowProgress(Report& report) {
+    const double interval = report.line != nullptr ? 0.2 : report.options.every; // seconds
+    const double now = SecondsNow();
+    if (interval <= 0 || !report.live || now - report.last_shown < interval ||
+        (report.line != nullptr && report.output.mid_line))
+        return;
+    report.last_shown = now;
+    const std::string text = ProgressText(report.run, report.past.get(), now - report.begun);
+    if (report.line != nullptr)
+        report.line->Show(text);
+    else if (!report.options.quiet)
+        std::fprintf(stderr, "vondral-report: %s\n", text.c_str());
+}
+
+void ReadLog(Report& report, int input) {
+    constexpr int tick_ms = 250;
+    const bool shows = report.live && (report.line != nullptr || report.options.every > 0);
+    const int error = ReadToEnd(
+        input, shows ? tick_ms : -1, [&report](std::string_view piece) { TakePiece(report, piece); },
+        [&report] { ShowProgress(report); });
+    if (error != 0)
+        report.Fail(report.options.log.empty() ? "standard input" : report.options.log, error);
+    EndLines(report.splitter, [&report](std::string_view text) { TakeLogLine(report.run, text); });
+    FinishRun(report.run);
+    report.line.reset();
+}
+
+void WriteReports(Report& report, std::time_t ended) {
+    const Options& options = report.options;
+    if (report.past != nullptr && !FinishChanges(report.changes, *report.past, report.run))
+        report.Fail(options.against, errno);
+    const Changes* const changes = report.past != nullptr ? &report.changes : nullptr;
+    if (!options.html.empty() && !ReplaceFile(options.html, HtmlPage(report.run, ended, report.past.get(), changes)))
+        report.Fail(options.html, errno);
+    if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, report.run, ended))
+        report.Fail(options.prometheus, errno);
+    if (report.json == nullptr)
+        return;
+    WriteRunRecords(report.json, report.run, ended, changes);
+    if (std::ferror(report.json) != 0)
+        report.Fail(options.json, EIO);
+}
+
+void SayNames(const char* what, const Changes::Names& names) {
+    constexpr std::size_t most = 10;
+    for (std::size_t i = 0; i < names.names.size() && i < most; ++i)
+        std::fprintf(stderr, "vondral-report: %s: %s\n", what, TerminalText(names.names[i]).c_str());
+    if (names.count > most)
+        std::fprintf(stderr, "vondral-report: %s: and %llu more\n", what,
+                     static_cast<unsigned long long>(names.count - most));
+}
+
+void SaySummary(const Report& report) {
+    std::fprintf(stderr, "vondral-report: %s\n", Summary(report.run).c_str());
+    SayNames("newly missing", report.changes.newly_missing);
+    SayNames("no longer named", report.changes.no_longer_named);
+    SayNames("there again", report.changes.there_again);
+}
+
+int MakeReport(const Options& options) {
+    Report report;
+    report.options = options;
+    Descriptor file;
+    if (!options.log.empty()) {
+        file.Reset(::open(options.log.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file.IsOpen()) {
+            Complain(options.log, errno);
+            return Trouble;
+        }
+    }
+    const int input = file.IsOpen() ? file.Get() : STDIN_FILENO;
+    struct stat status {};
+    ::fstat(input, &status);
+    report.live = !S_ISREG(status.st_mode);
+    if (report.live)
+        OutliveTheRun();
+    PrepareOutputs(report);
+    ReadLog(report, input);
+    WriteReports(report, report.run.clock.LastMoment(report.live ? std::time(nullptr) : status.st_mtime));
+    if (!options.quiet)
+        SaySummary(report);
+    if (report.trouble)
+        return Trouble;
+    return options.fail && StatusOf(report.run) != Status::Complete ? RunNotGood : Done;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    ReserveStandardDescriptors();
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a file size limit is a failed write, to be reported like a full disk
+    Options options;
+    if (const std::optional<int> status = ParseOptions(argc, argv, options))
+        return *status;
+    if (options.log.empty() && ::isatty(STDIN_FILENO) != 0) {
+        std::fprintf(stderr, "vondral-report: no FILE, and standard input is a terminal\n");
+        return BadUsage;
+    }
+    return MakeReport(options);
+}

@@ -1,0 +1,20 @@
+// What the command line asks for.
+
+#pragma once
+
+#include <optional>
+#include <string>
+
+enum ExitStatus { Done = 0, Trouble = 1, BadUsage = 2, RunNotGood = 3 };
+
+struct Options {
+    std::string log; // "" for standard input
+    std::string html, json, prometheus, against;
+    double every = 0; // seconds, 0 for never
+    bool fail = false;
+    bool no_log = false;
+    bool quiet = false;
+};
+
+// Fills the options. Gives an exit status when the program has nothing more to do: help was printed, or an error.
+std::optional<int> ParseOptions(int argc, char** argv, Options& options);

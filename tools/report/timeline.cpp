@@ -1,0 +1,122 @@
+#include "timeline.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "support.h"
+#include "text.h"
+
+namespace {
+
+// Lengths in the units of the picture.
+constexpr double Left = 56; // the workers' names
+constexpr double Width = 960;
+constexpr double RowHeight = 34;
+constexpr double BarHeight = 20;
+constexpr double ShortestBar = 1.5; // one that can be seen
+
+struct Scale {
+    double seconds = 0; // of the whole width
+    double At(double moment) const { return Left + moment / seconds * Width; }
+};
+
+// A step of 1, 2 or 5 times a power of ten, and from a minute on of what clocks show, with at most eight in `seconds`.
+double TickStep(double seconds) {
+    constexpr double most = 8;
+    for (const double step :
+         {60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0, 7200.0, 14400.0, 21600.0, 43200.0, 86400.0})
+        if (seconds >= most * 30 && seconds / step <= most)
+            return step;
+    double step = std::pow(10, std::floor(std::log10(seconds / most)));
+    for (const double factor : {2.0, 2.5, 2.0})
+        if (seconds / step > most)
+            step *= factor;
+    return step;
+}
+
+std::string TickText(const LoggedRun& run, double moment, double step) {
+    if (step < 1)
+        return moment == 0 ? ShowTime(run.clock.first) : FormatText("+%.4g s", moment);
+    return ShowTime(run.clock.first + static_cast<int>(moment));
+}
+
+std::string Axis(const LoggedRun& run, const Scale& scale, double height) {
+    std::string svg;
+    const double step = TickStep(scale.seconds);
+    for (int i = 0; i * step <= scale.seconds; ++i) {
+        const double x = scale.At(i * step);
+        svg += FormatText("<line class=\"tick\" x1=\"%.1f\" x2=\"%.1f\" y1=\"0\" y2=\"%.0f\"/>"
+                          "<text class=\"axis\" x=\"%.1f\" y=\"%.0f\">%s</text>",
+                          x, x, height, x + 3, height + 12, TickText(run, i * step, step).c_str());
+    }
+    return svg;
+}
+
+std::string Bar(const char* style, double from, double to, double y) {
+    return FormatText("<rect class=\"%s\" x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.0f\"/>", style, from, y,
+                      to - from, BarHeight);
+}
+
+struct Phase {
+    const char* style;
+    std::optional<double> ObjectResult::*seconds;
+};
+constexpr Phase Phases[] = {{"save", &ObjectResult::save},
+                            {"wait", &ObjectResult::wait},
+                            {"transfer", &ObjectResult::transfer},
+                            {"restore", &ObjectResult::restore}};
+
+std::string Tooltip(const LoggedRun& run, const ObjectResult& object) {
+    std::string text = HtmlText(object.name) + "\n" + OutcomeName(object.outcome, run.mode);
+    if (object.bytes)
+        text += ", " + ShowBytes(*object.bytes);
+    for (const Phase& phase : Phases)
+        if (object.*phase.seconds)
+            text += FormatText("\n%s %s", phase.style, ShowDuration(*(object.*phase.seconds)).c_str());
+    return "<title>" + text + "</title>";
+}
+
+std::string ObjectBars(const LoggedRun& run, const ObjectResult& object, const Scale& scale, double y) {
+    std::string svg = "<g>" + Tooltip(run, object);
+    const double from = scale.At(object.begun);
+    const double to = std::max(scale.At(object.ended), from + ShortestBar);
+    if (IsMissing(object.outcome) || !object.Measured()) {
+        svg += Bar(IsMissing(object.outcome) ? "missing" : "whole", from, to, y);
+    } else {
+        double moment = object.begun;
+        for (const Phase& phase : Phases) {
+            const double seconds = (object.*phase.seconds).value_or(0);
+            const double end = scale.At(moment + seconds);
+            if (seconds > 0)
+                svg += Bar(phase.style, scale.At(moment), std::max(end, scale.At(moment) + ShortestBar / 2), y);
+            moment += seconds;
+        }
+        svg += Bar(*object.Measured() > 0 ? "frame" : "transfer", from, to, y);
+    }
+    return svg + "</g>";
+}
+
+} // namespace
+
+std::string TimelineSvg(const LoggedRun& run) {
+    std::map<int, int> rows; // of the workers
+    Scale scale{std::max(run.clock.elapsed, run.Get(Total::RunSeconds).value_or(0))};
+    for (const ObjectResult& object : run.drawn) {
+        rows[object.thread] = 0;
+        scale.seconds = std::max(scale.seconds, object.ended);
+    }
+    if (rows.empty() || scale.seconds <= 0)
+        return {};
+    int count = 0;
+    for (auto& [thread, row] : rows)
+        row = count++;
+    const double height = RowHeight * count + 4;
+    std::string svg = FormatText("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"Workers over time\">",
+                                 Left + Width + 64, height + 18) +
+                      Axis(run, scale, height);
+    for (const auto& [thread, row] : rows)
+        svg += FormatText("<text class=\"worker\" x=\"0\" y=\"%.0f\">T%02d</text>", row * RowHeight + 22, thread);
+    for (const ObjectResult& object : run.drawn)
+        svg += ObjectBars(run, object, scale, rows[object.thread] * RowHeight + 7);
+    return svg + "</svg>";
+}

@@ -336,6 +336,25 @@ TEST(Report, TheLastGoodRunIsKeptUntilThereIsABetterOne) {
     EXPECT_EQ(std::distance(fs::directory_iterator(tool.work.path), {}), 5); // no temporary file is left
 }
 
+TEST(Report, LabelsStandOnEachGaugeAndNamesTheSeriesThatIsKept) {
+    Night night;
+    int status = -1;
+    const std::string good = night.Backup({}, status);
+    Tool tool;
+    const std::string labels = "--prometheus gauges --label server=x --label 'a_1=\"=\\'";
+    const std::string series = "vondral_last_good_run_end_time_seconds{server=\"x\",a_1=\"\\\"=\\\\\"} ";
+    EXPECT_EQ(tool.Run(good, labels), 0);
+    const std::string gauges = tool.Read("gauges");
+    EXPECT_EQ(Lines(gauges, series).size(), 1U) << gauges;
+    EXPECT_EQ(Lines(gauges, "{server=\"x\",a_1=").size(), Lines(gauges, "vondral_").size() - Lines(gauges, "#").size());
+    EXPECT_TRUE(Holds(gauges, ",status=\"complete\"} 1\n"));
+    WriteFile(tool.work / "gauges", series + "1234\nvondral_last_good_run_end_time_seconds 5\n");
+    EXPECT_EQ(tool.Run(Success("/a"), labels), 0);
+    EXPECT_EQ(Lines(tool.Read("gauges"), series), std::vector<std::string>{series + "1234"});
+    for (const char* const label : {"status=x", "__x=1", "1x=1", "=1", "x", "\"x y=1\"", "$'x=1\\n'"})
+        EXPECT_EQ(tool.Run(good, std::string("--label ") + label), 2) << label;
+}
+
 TEST(Report, WhatCannotBeWrittenIsSaidAndTheRestGoesOn) {
     Tool tool;
     const std::string log = Success("/a") + Success("/b");

@@ -138,7 +138,7 @@ void WriteReports(Report& report, std::time_t ended) {
     const Changes* const changes = report.past != nullptr ? &report.changes : nullptr;
     if (!options.html.empty() && !ReplaceFile(options.html, HtmlPage(report.run, ended, report.past.get(), changes)))
         report.Fail(options.html, errno);
-    if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, report.run, ended))
+    if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, options.labels, report.run, ended))
         report.Fail(options.prometheus, errno);
     if (report.json == nullptr)
         return;

@@ -1,8 +1,36 @@
 #include "options.h"
 
+#include <algorithm>
 #include <map>
+#include <vector>
 
 #include <CLI/CLI.hpp>
+
+namespace {
+
+// NAME=VALUE as a label of a gauge. Throws what CLI11 reports when it cannot be one.
+std::string GaugeLabel(const std::string& pair) {
+    const std::size_t equals = pair.find('=');
+    const std::string name = pair.substr(0, equals);
+    const auto is_word = [](char c) { return c == '_' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
+    if (equals == std::string::npos || name.empty() || !is_word(name.front()) ||
+        !std::ranges::all_of(name, [&](char c) { return is_word(c) || is_digit(c); }))
+        throw CLI::ValidationError("--label", "NAME=VALUE, the name of letters, digits and _: " + pair);
+    if (name == "status" || name.starts_with("__"))
+        throw CLI::ValidationError("--label", "the name " + name + " is taken");
+    std::string label = name + "=\"";
+    for (const char c : pair.substr(equals + 1)) {
+        if (c == '\n')
+            throw CLI::ValidationError("--label", "a value is one line");
+        if (c == '"' || c == '\\')
+            label += '\\';
+        label += c;
+    }
+    return label + '"';
+}
+
+} // namespace
 
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     CLI::App app("Reads the log of a vondral run, passes it on, and tells what it says.", "vondral-report");
@@ -12,6 +40,10 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     app.add_option("--json", options.json, "write records, one a line; - is standard output instead of the log")
         ->option_text("FILE");
     app.add_option("--prometheus", options.prometheus, "write gauges for node_exporter")->option_text("FILE");
+    std::vector<std::string> labels;
+    app.add_option("--label", labels, "a label for the gauges: NAME=VALUE; may be repeated")
+        ->option_text("NAME=VALUE")
+        ->allow_extra_args(false);
     app.add_option("--against", options.against, "compare with the log of an earlier run")->option_text("OLDLOG");
     app.add_option("--every", options.every, "a plain line of progress each interval: 60, 60s, 5m, 1h")
         ->option_text("TIME")
@@ -21,6 +53,8 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     app.add_flag("--quiet", options.quiet, "neither progress nor a closing summary");
     try {
         app.parse(argc, argv);
+        for (const std::string& pair : labels)
+            options.labels += (options.labels.empty() ? "" : ",") + GaugeLabel(pair);
         constexpr double longest = 7 * 86400; // seconds
         if (app.count("--every") > 0 && !(options.every >= 1 && options.every <= longest))
             throw CLI::ValidationError("--every", "from one second to a week");

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "ftp.h"
+#include "read_ahead.h"
 
 // Feeds the data of one entry to the upload.
 struct ArchiveReader {
@@ -13,6 +14,7 @@ struct ArchiveReader {
     int calls = 0;
     std::int64_t left = 0; // data bytes not yet delivered; falls below 0 with the padding of the last block
     std::int64_t size = 0; // of the entry
+    ReadAhead ahead{};     // begun for large entries in files
 };
 
 // The DataCallback for STOR. Always takes an entry's padding with its last data, so that the archive's

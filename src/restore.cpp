@@ -41,10 +41,14 @@ bool AwaitInput(int descriptor) {
     return ::poll(&input, 1, -1) > 0;
 }
 
+bool IsReadDirectly(int descriptor) {
+    const int flags = ::fcntl(descriptor, F_GETFL);
+    return flags >= 0 && (flags & O_DIRECT) != 0;
+}
+
 // Goes on without direct input; false when it was off already.
 bool StopDirectInput(int descriptor) {
-    const int flags = ::fcntl(descriptor, F_GETFL);
-    return flags >= 0 && (flags & O_DIRECT) != 0 && ::fcntl(descriptor, F_SETFL, flags & ~O_DIRECT) == 0;
+    return IsReadDirectly(descriptor) && ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_DIRECT) == 0;
 }
 
 // Reads until `length` bytes are in or the archive ends: a pipe that delivers odd pieces must not shift the
@@ -84,7 +88,8 @@ int ArchiveReadCallback(void* argument, char* buffer, int* count) {
         return 0;
     }
     const std::int64_t length = RoundToBlocks(std::min<std::int64_t>(reader->left, *count));
-    const ssize_t got = ReadArchive(reader->descriptor, buffer, static_cast<std::size_t>(length));
+    const bool ahead = reader->ahead.Take(buffer, static_cast<std::size_t>(length));
+    const ssize_t got = ahead ? length : ReadArchive(reader->descriptor, buffer, static_cast<std::size_t>(length));
     if (got < 0) {
         LogMessageTo(stderr, "%sread(%s,, %d): %s\n", FailureHead().c_str(), ArchivePath(), static_cast<int>(length),
                      std::strerror(errno));
@@ -219,6 +224,8 @@ void ReportPhase(const char* name, double seconds, std::int64_t size) {
 int RestoreWanted(RestoreRun& run, RestoreRequest& request, ArchiveReader& reader) {
     const RestoreMember& member = RestoreMemberFor(request.name);
     RestoreTimes times;
+    if (IsReadDirectly(reader.descriptor))
+        reader.ahead.Begin(reader.descriptor, RoundToBlocks(reader.size));
     if (RestoreObject(member, run.session, request, &times, ArchiveReadCallback, &reader) != 0) {
         LogMessageTo(stderr, "%s%s\n", FailureHead().c_str(), member.failure);
         return -1;

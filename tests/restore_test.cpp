@@ -1,5 +1,6 @@
 #include "restore.h"
 
+#include <cstring>
 #include <thread>
 
 #include <fcntl.h>
@@ -9,13 +10,24 @@
 
 namespace {
 
-// Feeds an entry of `size` bytes from an archive that holds `held` of its bytes, padding included.
-std::string Fed(const std::string& archive, std::int64_t size, bool through_pipe, std::int64_t& left) {
+// Bytes of which no two blocks are the same.
+std::string Bytes(std::size_t size) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(i ^ i / 509);
+    return bytes;
+}
+
+enum class From { File, FileAhead, Pipe };
+
+// Feeds an entry of `size` bytes from an archive that begins with its data. The position of a file is behind what was
+// fed, padding included.
+std::string Fed(const std::string& archive, std::int64_t size, From from, std::int64_t& left) {
     const TempDir temp;
     WriteFile(temp / "a", archive);
     Descriptor input(::open((temp / "a").c_str(), O_RDONLY));
     std::thread feeder;
-    if (through_pipe) {
+    if (from == From::Pipe) {
         int ends[2];
         EXPECT_EQ(::pipe(ends), 0);
         input.Reset(ends[0]);
@@ -26,6 +38,8 @@ std::string Fed(const std::string& archive, std::int64_t size, bool through_pipe
         });
     }
     ArchiveReader reader{input.Get(), 0, size, size};
+    if (from == From::FileAhead)
+        reader.ahead.Begin(input.Get(), (size + 511) / 512 * 512);
     std::string fed;
     std::vector<char> buffer(65536);
     for (int count = 65536;; count = 65536) {
@@ -33,6 +47,10 @@ std::string Fed(const std::string& archive, std::int64_t size, bool through_pipe
         if (count <= 0)
             break;
         fed.append(buffer.data(), static_cast<std::size_t>(count));
+        if (from != From::Pipe) {
+            const std::size_t position = std::min((fed.size() + 511) / 512 * 512, archive.size());
+            EXPECT_EQ(::lseek(input.Get(), 0, SEEK_CUR), static_cast<off_t>(position));
+        }
     }
     if (feeder.joinable())
         feeder.join();
@@ -41,18 +59,21 @@ std::string Fed(const std::string& archive, std::int64_t size, bool through_pipe
 }
 
 TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
-    for (const bool through_pipe : {false, true}) {
-        for (const std::int64_t size : {1, 511, 512, 513, 65535, 65536, 65537, 200000}) {
-            std::string data(static_cast<std::size_t>(size), 'd');
-            const std::size_t padded = (data.size() + 511) / 512 * 512;
+    for (const From from : {From::File, From::FileAhead, From::Pipe}) {
+        for (const std::size_t size : {1, 511, 512, 513, 65535, 65536, 65537, 200000, 1 << 20, 1800000}) {
+            const std::string data = Bytes(size);
+            const std::size_t padded = (size + 511) / 512 * 512;
             std::int64_t left = 0;
-            EXPECT_EQ(Fed(data + std::string(padded - data.size(), '\0') + "next", size, through_pipe, left), data);
-            EXPECT_EQ(left, size - static_cast<std::int64_t>(padded));
+            EXPECT_TRUE(Fed(data + std::string(padded - size, '\0') + "next", static_cast<std::int64_t>(size), from,
+                            left) == data);
+            EXPECT_EQ(left, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(padded));
         }
         std::int64_t left = 0;
-        EXPECT_EQ(Fed("cut off", 5000, through_pipe, left), "cut off"); // an archive that ends early
-        EXPECT_EQ(left, 5000 - 7);
-        EXPECT_EQ(Fed("data", 0, through_pipe, left), "");
+        for (const std::size_t cut : {7, 65536, 70000, 1000000}) { // an archive that ends early
+            EXPECT_TRUE(Fed(Bytes(cut), 2000000, from, left) == Bytes(cut));
+            EXPECT_EQ(left, 2000000 - static_cast<std::int64_t>(cut));
+        }
+        EXPECT_EQ(Fed("data", 0, from, left), "");
     }
 }
 
@@ -66,6 +87,28 @@ TEST(ArchiveReader, FailedReadsAreReported) {
     EXPECT_EQ(ArchiveReadCallback(nullptr, nullptr, &count), -1);
     EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Bad file descriptor\n"
                               "vondral[restore.cpp]: bad argument\n");
+}
+
+TEST(ReadAhead, LeavesOddRequestsToTheCaller) {
+    const TempDir temp;
+    const std::string bytes = Bytes(2 << 20);
+    WriteFile(temp / "a", bytes);
+    const Descriptor file(::open((temp / "a").c_str(), O_RDONLY));
+    std::vector<char> buffer(65536);
+    ReadAhead whole;
+    EXPECT_FALSE(whole.Take(buffer.data(), buffer.size()));
+    whole.Begin(file.Get(), 2 << 20);
+    for (int i = 0; i < 20; ++i)
+        ASSERT_TRUE(whole.Take(buffer.data(), buffer.size()));
+    EXPECT_EQ(std::memcmp(buffer.data(), bytes.data() + 19 * 65536, 65536), 0);
+    EXPECT_FALSE(whole.Take(buffer.data(), 512));
+    EXPECT_FALSE(whole.Take(buffer.data(), buffer.size())); // it has ended
+    EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 20 * 65536);
+    ReadAhead left; // its readers wait for room when it goes
+    left.Begin(file.Get(), ReadAhead::Shortest);
+    ReadAhead none;
+    none.Begin(file.Get(), ReadAhead::Shortest - 1);
+    EXPECT_FALSE(none.Take(buffer.data(), buffer.size()));
 }
 
 TEST(Skip, SeeksInFilesAndReadsPipes) {

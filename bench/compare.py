@@ -228,6 +228,14 @@ class Bench:
         print(f"| {title} | {wall:.3f} | {cpu:.3f} | {each} | {memory:.1f} | {weight} |", flush=True)
 
 
+def machine():
+    """One line: what the figures were measured on."""
+    with open("/proc/cpuinfo") as file:
+        model = next(line.split(":")[1].strip() for line in file if line.startswith("model name"))
+    memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / (1 << 30)
+    return f"{os.cpu_count()} processors {model}, {memory:.0f} GiB, Linux {os.uname().release}"
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("build")
@@ -236,6 +244,7 @@ def main():
     words = sys.argv[1:]
     at = words.index("--") if "--" in words else len(words)
     options = parser.parse_args(words[:at])
+    print(machine())
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     memory = "/dev/shm" if shutil.disk_usage("/dev/shm").free > 8 << 30 else None
     with tempfile.TemporaryDirectory(dir=memory) as work:

@@ -1,8 +1,22 @@
-// A whole archive, damaged anywhere, read without a session: every wanted entry fails and is passed over.
+// A whole archive, damaged anywhere, read without a session: every wanted entry fails and is passed over. Then what an
+// upload would be fed of it.
 #include "fuzz_support.h"
 #include "restore.h"
 #include <sys/mman.h>
 #include <unistd.h>
+
+static void Feed(int file, std::string_view rest, std::int64_t size, bool ahead) {
+    ArchiveReader reader{file, 0, size, size};
+    if (ahead)
+        reader.ahead.Begin(file, RoundToBlocks(size));
+    alignas(4096) static std::array<char, 65536> buffer;
+    for (int count = buffer.size(); ArchiveReadCallback(&reader, buffer.data(), &count) == 0 && count > 0;
+         count = buffer.size()) {
+        assert(rest.starts_with(std::string_view(buffer.data(), static_cast<std::size_t>(count))));
+        rest.remove_prefix(static_cast<std::size_t>(count));
+    }
+    assert(rest.empty() || reader.left <= 0);
+}
 
 void Run(FuzzedDataProvider& input) {
     const auto repaired = input.ConsumeIntegral<std::uint32_t>(); // a bit for each block: gets a good checksum
@@ -26,4 +40,11 @@ void Run(FuzzedDataProvider& input) {
     RunSettings.exclude = TextStream(exclude);
     const bool wanted = !RunSettings.include && !RunSettings.exclude; // every entry
     assert(RestoreArchive(nullptr) == -1 || !wanted || IsCtarSentinel(block(0)));
+    if (through_pipe || archive.size() < BlockSize)
+        return;
+    for (const std::int64_t size : {std::int64_t{700}, ReadAhead::Shortest, INT64_MAX - 1025})
+        for (const bool ahead : {false, true}) {
+            ::lseek(file.Get(), BlockSize, SEEK_SET);
+            Feed(file.Get(), std::string_view(archive).substr(BlockSize), size, ahead);
+        }
 }

@@ -88,6 +88,7 @@ public:
     int SessionCount() const; // sessions accepted so far
     int OpenSessions() const; // of those, not yet ended
     int QuitCount() const;    // of those, ended by QUIT
+    int FaultCount() const;   // how often a fault has met its command
 
 private:
     struct State;

@@ -146,6 +146,10 @@ std::uint16_t Server::Port() const {
     return ntohs(name.sin_port);
 }
 
+int Server::FaultCount() const {
+    return state_->shared.met_faults;
+}
+
 std::vector<Exchange> Server::Exchanges() const {
     return state_->shared.Exchanges();
 }

@@ -66,6 +66,7 @@ std::vector<const Fault*> Shared::FaultsOf(const std::string& line) {
         if (match && (++counts_[index] == fault.nth || fault.nth == 0))
             faults.push_back(&fault);
     }
+    met_faults += static_cast<int>(faults.size());
     return faults;
 }
 

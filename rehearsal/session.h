@@ -32,6 +32,7 @@ public:
     const Store store;
     std::atomic<int> quits = 0; // sessions ended by QUIT
     std::atomic<int> open = 0;  // sessions not yet ended
+    std::atomic<int> met_faults = 0;
 
     // Begins the record of an exchange; gives its index, by which replies and data are added.
     std::size_t Record(int session, const std::string& line);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -31,6 +32,25 @@ bool IsZero(std::span<const char> bytes) {
     return bytes[0] == 0 && std::equal(bytes.begin() + 1, bytes.end(), bytes.begin());
 }
 
+// Binds to some port of the address. Ports are taken in turn, also those whose last connection has just ended: the
+// system does not give these away for a minute, and with thousands of transfers it searches ever longer for another
+// one.
+bool BindAnyPort(int socket, sockaddr_in address) {
+    constexpr unsigned first = 49152; // the dynamic ports
+    constexpr unsigned count = 65536 - first;
+    static std::atomic<unsigned> next = static_cast<unsigned>(::getpid());
+    const int on = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    for (unsigned tries = 0; tries < count; tries++) {
+        address.sin_port = htons(static_cast<in_port_t>(first + next++ % count));
+        if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+            return true;
+        if (errno != EADDRINUSE)
+            return false;
+    }
+    return false;
+}
+
 } // namespace
 
 // ---- connection
@@ -40,9 +60,8 @@ void Session::Pasv(const std::string&) {
     socklen_t length = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     ::getsockname(control_.get(), generic, &length);
-    address.sin_port = 0;
     Descriptor passive(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!passive || ::bind(passive.get(), generic, length) != 0 || ::listen(passive.get(), 1) != 0 ||
+    if (!passive || !BindAnyPort(passive.get(), address) || ::listen(passive.get(), 1) != 0 ||
         ::getsockname(passive.get(), generic, &length) != 0)
         return Reply(text::NoDataConnection);
     Install(data_, Descriptor());

@@ -12,7 +12,8 @@ ReadAhead::~ReadAhead() {
 
 void ReadAhead::Begin(int descriptor, std::int64_t length) {
     const off_t position = ::lseek(descriptor, 0, SEEK_CUR);
-    if (length < Shortest || position < 0)
+    constexpr std::int64_t furthest = INT64_MAX - static_cast<std::int64_t>(Depth) * Block; // no offset goes beyond
+    if (length < Shortest || position < 0 || length > furthest - position)
         return;
     for (Slot& slot : slots_)
         if (!slot.block.Map(static_cast<std::size_t>(Block)))

@@ -150,7 +150,7 @@ struct RestoreRun {
     alignas(BlockSize) CtarBlock header{};
     ssize_t header_read = 0;   // what the last read of a header gave
     int header_error = 0;      // its errno
-    std::int64_t offset = 0;   // of the current header
+    std::uint64_t offset = 0;  // of the current header; sizes that add up to more than a file can hold wrap it
     int result = 0;            // of the last entry, or of what ended the run
     int restored_profiles = 0; // user profile entries restored: their authorities follow at the end
 };
@@ -158,7 +158,7 @@ struct RestoreRun {
 // Whether the header just read begins an entry, whose size is then set. Otherwise the run over the archive
 // ends.
 bool BeginsEntry(RestoreRun& run, std::int64_t& size) {
-    const auto offset = Printable(run.offset);
+    const unsigned long long offset = run.offset;
     if (run.header_read >= 0 && run.header_read < static_cast<ssize_t>(BlockSize)) {
         LogMessageTo(stderr, "%sread short header at offset 0x%llX\n", FailureHead().c_str(), offset);
         run.result = -1;
@@ -242,7 +242,8 @@ int RestoreWanted(RestoreRun& run, RestoreRequest& request, ArchiveReader& reade
 // Passes over what a failed entry has left of its data. False when the run over the archive cannot go on.
 bool PassFailedEntry(RestoreRun& run, std::int64_t left) {
     run.result = -1;
-    LogMessageTo(stderr, "%sfailed to restore object at offset 0x%llX\n", FailureHead().c_str(), Printable(run.offset));
+    LogMessageTo(stderr, "%sfailed to restore object at offset 0x%llX\n", FailureHead().c_str(),
+                 static_cast<unsigned long long>(run.offset));
     if (SkipArchiveData(run.archive, left) == 0)
         return true;
     LogMessageTo(stderr, "%scouldn't skip the rest of the failed object's 0x%llX bytes\n", FailureHead().c_str(),
@@ -270,7 +271,7 @@ bool TakeEntry(RestoreRun& run) {
         run.result = 0;
     else if (!PassFailedEntry(run, reader.left))
         return false;
-    run.offset += static_cast<std::int64_t>(BlockSize) + RoundToBlocks(reader.size);
+    run.offset += BlockSize + static_cast<std::uint64_t>(RoundToBlocks(reader.size));
     return true;
 }
 
@@ -318,6 +319,6 @@ int RestoreArchive(FtpSession* session) {
     }
     if (run.result != 0)
         return run.result;
-    ReportRestore(run.offset, SecondsNow() - begun);
+    ReportRestore(static_cast<std::int64_t>(run.offset), SecondsNow() - begun);
     return 0;
 }

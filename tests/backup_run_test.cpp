@@ -467,7 +467,8 @@ TEST(Backup, TerminationKeepsWhatIsComplete) {
         ::usleep(1000);
     // The signal thread alone takes the signal; the entry under way is completed, and no further worker
     // starts.
-    EXPECT_FALSE(Holds(ReadFile("/proc/" + std::to_string(night.process) + "/cmdline"), "secret"));
+    const std::string command_line = ReadFile("/proc/" + std::to_string(night.process) + "/cmdline");
+    EXPECT_TRUE(Holds(command_line, ":here:******") && !Holds(command_line, "secret")) << command_line;
     ASSERT_EQ(::kill(night.process, SIGTERM), 0);
     const Outcome outcome = night.program.Wait();
     EXPECT_EQ(outcome.status, 143);

@@ -341,8 +341,8 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
         bytes[at] = byte;
         return bytes;
     };
-    const auto resized = [&good](const std::string& size) {
-        std::string bytes = good.substr(0, 512);
+    const auto resized = [&good](const std::string& size, std::size_t at = 0) {
+        std::string bytes = good.substr(at, 512);
         bytes.replace(124, 12, size);
         bytes.replace(148, 8, 8, ' ');
         int sum = 0;
@@ -351,7 +351,7 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
         std::array<char, 9> checksum;
         std::snprintf(checksum.data(), checksum.size(), "%07o", static_cast<unsigned>(sum));
         bytes.replace(148, 8, checksum.data(), 8);
-        return bytes + good.substr(512);
+        return good.substr(0, at) + bytes + good.substr(at + 512);
     };
     struct Row {
         std::string archive;
@@ -369,6 +369,9 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
           {resized(std::string("00000000x00\0", 12)), "vondral[restore.cpp]: bad file size at offset 0x0\n"},
           {resized(std::string("77777777777\0", 12)), "vondral[restore.cpp]: read short header at offset "
                                                       "0x200000200\n"},
+          // As large as a size can be, where nothing has that much room left.
+          {resized("#zjzzzzzzzz5", 1024), "vondral[restore.cpp]: couldn't skip the rest of the failed object's "
+                                          "0x7FFFFFFFFFFFF5FF bytes\n"},
           {good.substr(0, 700), "vondral[restore.cpp]: read short header at offset 0x400\n"}}) {
         TempDir work;
         WriteFile(work / "archive", row.archive);

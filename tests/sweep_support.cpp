@@ -40,7 +40,9 @@ std::map<std::string, std::string> FilesBelow(const fs::path& root) {
 }
 
 // Every kind of object twice where a kind can have two, sizes around the block and the transfer buffer.
-void FillStore(const fs::path& root) {
+void FillStore(const fs::path& root, bool large) {
+    if (large)
+        WriteFile(root / "var/large", std::string(1300000, 'l'));
     WriteFile(root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR", std::string(700, 'r'));
     WriteFile(root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", "run");
     WriteFile(root / "QDLS/FOLDER/LETTER", "dear all");
@@ -81,8 +83,12 @@ std::string NextAddress() {
     return FormatText("127.%u.%u.%u", 1 + process, run / 250 % 250, 1 + run % 250);
 }
 
-bool IsOneOf(int status, std::initializer_list<int> statuses) {
-    return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
+// Whether some message says that objects may be missing which no message names.
+bool TellsOfMore(const std::string& err) {
+    for (const char* const text : {"list failed", "parse errors", "Failed to retrieve return structure"})
+        if (Holds(err, text))
+            return true;
+    return false;
 }
 
 } // namespace
@@ -95,19 +101,20 @@ std::string ModeName(Mode mode) {
     return names.at(mode);
 }
 
-Rehearsal::Rehearsal(Mode chosen) : mode(chosen) {
-    FillStore(root_.path);
+Rehearsal::Rehearsal(Mode chosen, bool large) : mode(chosen) {
+    FillStore(root_.path, large);
     if (mode == Mode::List)
         WriteFile(work_ / "include", "/\n/home\n/QSYS.LIB\n");
     if (mode == Mode::Restore) {
-        const Rehearsal backup(Mode::Backup);
-        fs::copy(backup.work_ / "archive", work_ / "saved");
+        const Rehearsal backup(Mode::Backup, large);
+        WriteFile(work_ / "saved", backup.undisturbed_.archive_bytes);
+        for (const ArchiveEntry& entry : backup.undisturbed_.archive.entries)
+            saved_.push_back(ObjectName(entry));
     }
     undisturbed_ = Run({});
-    if (mode != Mode::Restore && mode != Mode::List)
-        fs::copy(work_ / "undisturbed", work_ / "archive");
     EXPECT_EQ(undisturbed_.outcome.status, 0) << undisturbed_.outcome.err;
     EXPECT_EQ(undisturbed_.outcome.err, "");
+    EXPECT_EQ(undisturbed_.quits, undisturbed_.sessions);
 }
 
 Finished Rehearsal::Run(const Disturbance& disturbance) const {
@@ -132,10 +139,10 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
     const rehearsal::Server server(options);
     program.port = server.Port();
     program.minute_ms = disturbance.minute_ms;
-    program.environment = disturbance.environment;
     program.environment["TSAN_OPTIONS"] = "atexit_sleep_ms=20"; // its usual second a run would be an hour in all
-    program.file_size_limit = disturbance.file_size_limit;
-    program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-z", "2"};
+    program.environment["VONDRAL_TEST_DISK"] = disturbance.disk;
+    program.environment["VONDRAL_TEST_MARK"] = files / "mark";
+    program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-z", "2", "-v2"};
     const std::vector<std::string> backup{"-b", (files / "archive").string(), "-C", (files / "catalog").string(), "-n",
                                           "9"};
     const std::map<Mode, std::vector<std::string>> arguments{
@@ -147,6 +154,7 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
     if (mode == Mode::Backup)
         program.arguments.insert(program.arguments.end(), {"-x", "no"});
     program.outputs[9] = files / "output";
+    WriteFile(files / "archive", FormerArchive);
     process = program.Start();
     Finished run;
     run.outcome = program.Wait();
@@ -154,6 +162,10 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
         ::usleep(2500); // the server sees the end of the last one a moment later
     run.sessions_ended = server.OpenSessions() == 0;
     run.exchanges = server.Exchanges();
+    run.sessions = server.SessionCount();
+    run.quits = server.QuitCount();
+    run.struck = server.FaultCount() > 0 || fs::exists(files / "mark") ||
+                 (disturbance.terminate_at >= 0 && disturbance.terminate_at < commands);
     (mode == Mode::List ? run.list : run.missed) = Messages(ReadFile(files / "output"));
     if (mode == Mode::Restore) {
         run.files = FilesBelow(restored.path);
@@ -161,25 +173,25 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
         run.archive_bytes = ReadFile(files / "archive");
         run.archive = ReadArchiveChain(run.archive_bytes);
         run.catalog = Messages(ReadFile(files / "catalog"));
-        if (!fs::exists(work_ / "undisturbed"))
-            fs::copy(files / "archive", work_ / "undisturbed");
     }
     return run;
 }
 
 std::string Rehearsal::Judge(const Finished& run, const Disturbance& disturbance) const {
     const int status = run.outcome.status;
-    const bool killed = disturbance.environment.contains("VONDRAL_TEST_DISK") &&
-                        Holds(disturbance.environment.at("VONDRAL_TEST_DISK"), "kill");
+    const bool backup = mode == Mode::Backup || mode == Mode::ThreadedBackup;
+    const bool described = status == 0 || status == 255 || (backup && (status == 1 || status == 2)) ||
+                           (status == 143 && disturbance.terminate_at >= 0);
     std::string broken;
-    if (killed ? !IsOneOf(status, {0, -1 - SIGKILL}) // 0: there were fewer calls
-               : !IsOneOf(status, {0, 1, 2, 255}) && !(status == 143 && disturbance.terminate_at >= 0))
+    if (run.outcome.hung)
+        broken += "it hung\n";
+    if (disturbance.Kills() && run.struck ? status != -1 - SIGKILL : !described)
         broken += "it ended with " + std::to_string(status) + "\n";
-    if (disturbance.harmless && status != undisturbed_.outcome.status)
+    if (disturbance.harmless && (status != 0 || run.outcome.err != "" || run.quits != run.sessions))
         broken += "a harmless disturbance, and status " + std::to_string(status) + "\n";
     if (HasSanitizerReport(run.outcome.err))
         broken += "a sanitizer reported\n";
-    if (Holds(run.outcome.out + run.outcome.err + run.missed + run.catalog, Passphrase))
+    if (Holds(run.outcome.out + run.outcome.err + run.missed + run.catalog + run.list, Passphrase))
         broken += "the passphrase was shown\n";
     if (!run.sessions_ended)
         broken += "a session was left open\n";
@@ -205,8 +217,15 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
     const ArchiveChain& archive = run.archive;
     // The two cases in which entries stand where a reader does not come: behind the sentinel that a broken retrieval
     // leaves, and behind the header of an entry that the disk did not take.
-    const bool may_stray = Holds(outcome.err, "recovering checkpoint") || Holds(outcome.err, "write(");
+    const bool disk = disturbance.IsOf("write") || disturbance.IsOf("lseek") || disturbance.IsOf("ftruncate") ||
+                      disturbance.IsOf("limit");
+    const bool broken_retrieval = Holds(outcome.err, "recovering checkpoint") && Holds(outcome.err, "Backup Failure: ");
+    const bool may_stray = broken_retrieval || disk;
+    const bool ended_early = outcome.status == 255 || outcome.status == 143 || outcome.status < 0;
+    const bool no_log = disturbance.IsOf("log") && run.struck;
     std::string broken;
+    if (run.archive_bytes == FormerArchive)
+        return ended_early ? "" : "nothing was written\n";
     bool failures = false;
     bool in_order = true;
     for (const ArchiveEntry& whole : undisturbed_.archive.entries) {
@@ -215,7 +234,7 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
         const bool failure = Holds(outcome.err, "Backup Failure: " + object + "\n");
         const ArchiveEntry* const entry = Find(archive.entries, whole.name);
         const ArchiveEntry* const stray = Find(archive.stray, whole.name);
-        const bool listed = Lines(run.missed).contains(object);
+        const bool listed = Lines(run.missed).contains(object) || (disturbance.IsOf("list") && run.struck);
         const bool reached = entry != nullptr && entry->data == whole.data;
         const bool cut = disturbance.server_lies && (entry == nullptr ? Holds(outcome.out, "Block returned no data")
                                                                       : whole.data.starts_with(entry->data));
@@ -228,12 +247,19 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
             broken += object + ": success, and not whole in the archive\n";
         if (failure && !listed)
             broken += object + ": failed, and not in the list of what was not backed up\n";
-        if (!success && !failure && !listed && outcome.status == 0 && !disturbance.server_lies)
-            broken += object + ": neither saved nor told, and status 0\n";
+        if (!success && !failure && !listed && !ended_early && !no_log && !TellsOfMore(outcome.err) &&
+            !disturbance.server_lies)
+            broken += object + ": neither saved nor told\n";
+        if (!success && entry != nullptr && !disk && !whole.data.starts_with(entry->data))
+            broken += object + ": its entry holds what the server does not have\n";
     }
+    std::set<std::string> names;
+    for (const ArchiveEntry& entry : archive.entries)
+        if (FilesOf(ObjectName(entry)).empty() || !names.insert(entry.name).second)
+            broken += entry.name + ": twice in the archive, or not of the server\n";
     const std::set<std::string> catalog = Lines(run.catalog);
     for (const std::string& file : catalog)
-        if (!IsSaved(file, outcome.out))
+        if (!IsSaved(file, outcome.out) && !no_log)
             broken += file + ": in the catalog, and not saved\n";
     if (failures && (outcome.status == 0 || Holds(outcome.out, "** Total Objects Failed   : 0\n")))
         broken += "failures were not counted\n";
@@ -243,14 +269,15 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
     if (outcome.status == 0 && catalog != Lines(undisturbed_.catalog) && !Holds(outcome.err, "list failed") &&
         !disturbance.server_lies)
         broken += "status 0, and the catalog is not whole\n";
-    if (!run.archive_bytes.empty() && !archive.sound && !Holds(outcome.err, "write("))
+    if (!run.archive_bytes.empty() && !archive.sound && !disk)
         broken += "the archive does not read to its sentinel\n";
     if (archive.behind != 0 && !may_stray && outcome.status >= 0)
         broken += "bytes behind the sentinel\n";
     return broken;
 }
 
-// What is there is exactly what was saved; each entry is back, or its failure told; nothing was restored twice.
+// What is there is exactly what was saved; each entry is back, or its failure told, unless the run ended early; nothing
+// was restored twice.
 std::string Rehearsal::JudgeRestore(const Finished& run) const {
     const Outcome& outcome = run.outcome;
     std::string broken;
@@ -259,16 +286,31 @@ std::string Rehearsal::JudgeRestore(const Finished& run) const {
         if (saved == undisturbed_.files.end() || saved->second != bytes)
             broken += path + ": not what was saved\n";
     }
-    const bool told =
-        Holds(outcome.err, "command failed") || Holds(outcome.err, "failed to restore object") || outcome.status == 143;
-    if (outcome.status == 0 && run.files.size() != undisturbed_.files.size() && !told)
-        broken += "status 0, no failure told, and files are missing\n";
+    const bool told = Holds(outcome.err, "failed to restore object") || Holds(outcome.err, "command failed");
+    for (const std::string& object : saved_) {
+        const std::map<std::string, std::string> files = FilesOf(object);
+        const bool back = std::includes(run.files.begin(), run.files.end(), files.begin(), files.end());
+        const std::string told_as = object.substr(0, object.rfind(".LIB")); // a library is told without
+        if (Holds(outcome.out, "Restore Success: " + told_as + "\n") && !back)
+            broken += object + ": restored, and not there\n";
+        if (outcome.status == 0 && !back && !told)
+            broken += object + ": status 0, no failure told, and it is not there\n";
+    }
     std::map<std::string, int> restores;
     for (const rehearsal::Exchange& exchange : run.exchanges)
         if (exchange.command.starts_with("RCMD RST") && !exchange.command.starts_with("RCMD RSTAUT"))
             if (++restores[exchange.command] == 2)
                 broken += "sent twice: " + exchange.command + "\n";
     return broken;
+}
+
+std::map<std::string, std::string> Rehearsal::FilesOf(const std::string& object) const {
+    const std::string below = object.substr(1);
+    std::map<std::string, std::string> files;
+    for (const auto& [path, bytes] : mode == Mode::Restore ? undisturbed_.files : FilesBelow(root_.path))
+        if (path == below || path.starts_with(below + "/"))
+            files[path] = bytes;
+    return files;
 }
 
 std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
@@ -285,16 +327,16 @@ std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
     program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-r", (files / "archive").string()};
     const Outcome outcome = program.Run();
     std::string broken;
+    if (backup.archive_bytes.empty())
+        return outcome.status == 255 && Holds(outcome.err, "read short header") ? ""
+                                                                                : "an empty archive was restored\n";
     if (outcome.status != 0 || outcome.err != "")
         broken += "a restore of what was complete ended with " + std::to_string(outcome.status) + ":\n" + outcome.err;
-    const std::map<std::string, std::string> originals = FilesBelow(root_.path);
-    const std::map<std::string, std::string> back = FilesBelow(restored.path);
-    for (const ArchiveEntry& entry : backup.archive.entries) {
-        const std::string below = ObjectName(entry).substr(1);
-        for (const auto& [path, bytes] : originals)
-            if ((path == below || path.starts_with(below + "/")) && (!back.contains(path) || back.at(path) != bytes))
-                broken += path + ": not brought back\n";
-    }
+    std::map<std::string, std::string> expected;
+    for (const ArchiveEntry& entry : backup.archive.entries)
+        expected.merge(FilesOf(ObjectName(entry)));
+    if (FilesBelow(restored.path) != expected)
+        broken += "a restore brought back something else than the entries\n";
     return broken;
 }
 
@@ -304,18 +346,22 @@ void Sweep(const char* kind, const Rehearsal& rehearsal, const std::vector<Distu
     const std::size_t stride = wish != nullptr && std::strcmp(wish, "full") == 0 ? 1 : SweepStride;
     std::map<int, int> statuses;
     int runs = 0;
+    int struck = 0;
     for (std::size_t index = 0; index < disturbances.size(); index += stride) {
         const Disturbance& disturbance = disturbances[index];
         const Finished run = rehearsal.Run(disturbance);
         EXPECT_EQ(rehearsal.Judge(run, disturbance), "") << disturbance.what << "\n"
                                                          << run.outcome.out << run.outcome.err;
+        // Workers of several sessions may ask for more or less from run to run; one session does the same each time.
+        EXPECT_TRUE(run.struck || disturbance.disk != "" || rehearsal.mode == Mode::ThreadedBackup) << disturbance.what;
         if (further)
             further(run, disturbance);
         ++runs;
+        struck += run.struck ? 1 : 0;
         ++statuses[run.outcome.status];
     }
-    std::printf("sweep %s/%s: %d runs of %zu; ended with", ModeName(rehearsal.mode).c_str(), kind, runs,
-                disturbances.size());
+    std::printf("sweep %s/%s: %d runs of %zu, %d struck; ended with", ModeName(rehearsal.mode).c_str(), kind, runs,
+                disturbances.size(), struck);
     for (const auto& [status, count] : statuses)
         std::printf(" %s%d: %d", status < 0 ? "signal " : "", status < 0 ? -1 - status : status, count);
     std::printf("\n");

@@ -1,7 +1,8 @@
 // Whole runs under disturbance, and what must be true of every one of them, whatever it was that broke.
 //
 // A sweep runs once undisturbed, learns from that what can be disturbed, and then runs once for every disturbance. All
-// of them are done when VONDRAL_SWEEP is "full", else every SweepStride-th.
+// of them are done when VONDRAL_SWEEP is "full", else every SweepStride-th. A disturbance counts when it has struck:
+// its command came, its call was made.
 
 #pragma once
 
@@ -20,16 +21,21 @@ struct Disturbance {
     std::string what; // for the messages
     std::vector<rehearsal::Fault> faults;
     int minute_ms = 60000;
-    std::map<std::string, std::string> environment;
-    std::uint64_t file_size_limit = UINT64_MAX;
+    std::string disk;         // what befalls the program's own outputs, as VONDRAL_TEST_DISK takes it
     int terminate_at = -1;    // SIGTERM when the server receives the command of this index
     bool harmless = false;    // the run must end like an undisturbed one
     bool server_lies = false; // the server calls complete what it has cut
+
+    bool Kills() const { return disk.ends_with(":kill"); }
+    bool IsOf(const char* call) const { return disk.starts_with(std::string(call) + ':'); }
 };
 
 // One finished run and what it left.
 struct Finished {
     Outcome outcome;
+    bool struck = false; // the disturbance took place
+    int sessions = 0;    // on the server; `quits` of them ended by QUIT
+    int quits = 0;
     std::vector<rehearsal::Exchange> exchanges;
     bool sessions_ended = false; // the server has no session left
     std::string archive_bytes;   // of a backup
@@ -43,16 +49,21 @@ struct Finished {
 enum class Mode { List, Backup, ThreadedBackup, Restore };
 std::string ModeName(Mode mode);
 
+// What the file of the archive holds before a backup.
+inline constexpr char FormerArchive[] = "what was there before";
+
 // A sample server and its undisturbed run in one mode.
 class Rehearsal {
 public:
-    explicit Rehearsal(Mode mode);
+    // `large` adds a file that takes many transfer buffers.
+    explicit Rehearsal(Mode mode, bool large = false);
 
     // Runs the program under a disturbance.
     Finished Run(const Disturbance& disturbance) const;
     // What is wrong with a run: one line a broken promise, "" when there is none.
     std::string Judge(const Finished& run, const Disturbance& disturbance) const;
-    // Restores what a backup left onto an empty server; what is wrong with that: as Judge.
+    // Restores what a backup left onto an empty server, which must bring back the entries up to the sentinel and
+    // nothing else; what is wrong with that: as Judge.
     std::string JudgeRestoreOf(const Finished& backup) const;
 
     const Finished& Undisturbed() const { return undisturbed_; }
@@ -62,9 +73,12 @@ private:
     std::string JudgeList(const Finished& run, const Disturbance& disturbance) const;
     std::string JudgeBackup(const Finished& run, const Disturbance& disturbance) const;
     std::string JudgeRestore(const Finished& run) const;
+    // The files of the server below an object.
+    std::map<std::string, std::string> FilesOf(const std::string& object) const;
 
     TempDir root_; // the server's store; a restore has one of its own and takes the archive made of this
     TempDir work_;
+    std::vector<std::string> saved_; // the objects of the archive that a restore takes
     Finished undisturbed_;
 };
 

@@ -111,13 +111,16 @@ Outcome Program::Wait() {
     constexpr int patience = 120000; // milliseconds
     const Descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
     pollfd end{handle.Get(), POLLIN, 0};
-    while (::poll(&end, 1, patience) <= 0 && errno == EINTR)
-        continue;
-    if (end.revents == 0)
+    Outcome outcome;
+    int ended;
+    do
+        ended = ::poll(&end, 1, patience);
+    while (ended < 0 && errno == EINTR);
+    outcome.hung = ended == 0;
+    if (outcome.hung)
         ::kill(process_, SIGKILL);
     int status = 0;
     ::waitpid(process_, &status, 0);
-    Outcome outcome;
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1 - WTERMSIG(status);
     outcome.out = ReadFile(logs_ / "out");
     outcome.err = ReadFile(logs_ / "err");

@@ -53,6 +53,7 @@ struct Outcome {
     int status = -1; // -1 - signal when a signal ended it
     std::string out;
     std::string err;
+    bool hung = false; // it was killed after two minutes
 };
 
 // The program, started as a user starts it, against a rehearsal server. A minute of its waits lasts
@@ -70,7 +71,7 @@ struct Program {
     std::string executable = {};                // another program than the one under test
 
     pid_t Start();
-    // A run that has not ended after two minutes is killed, and its status is that of the kill.
+    // A run that has not ended after two minutes is killed.
     Outcome Wait();
     Outcome Run() {
         Start();

@@ -5,9 +5,12 @@
 //   VONDRAL_TEST_PORT    the port of every service
 //   VONDRAL_TEST_DISK    "CALL:N:WHAT", what happens instead of the Nth call (from 1) of write, ftruncate, lseek or
 //                        fdatasync that the program makes itself, which is always one for the archive, or instead of
-//                        the Nth output ("output") to the stream that it opens for writing, which is the catalog:
+//                        the Nth line that it puts out to the file that it opens for writing ("catalog"), to the
+//                        descriptor that it was given ("list") or to standard output ("log"):
 //                        "kill" ends the program; a number fails the call with that errno; "+number" fails that call
-//                        and all behind it; "/number" lets a write take that many bytes
+//                        and all behind it; "/number" lets a write take that many bytes.
+//                        "limit:N" lets no write go beyond the offset N of the archive
+//   VONDRAL_TEST_MARK    a file that is made when the disk is disturbed
 
 #include <algorithm>
 #include <atomic>
@@ -16,8 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -31,24 +34,38 @@ off_t __real_lseek64(int descriptor, off_t offset, int whence);
 int __real_ftruncate64(int descriptor, off_t length);
 int __real_fdatasync(int descriptor);
 FILE* __real_fopen64(const char* path, const char* mode);
+FILE* __real_fdopen(int descriptor, const char* mode);
 }
 
 namespace {
 
+// The order's text behind the call, when it is about this one.
+const char* OrderFor(const char* call) {
+    static const char* const order = std::getenv("VONDRAL_TEST_DISK");
+    const size_t name = std::strlen(call);
+    return order != nullptr && std::strncmp(order, call, name) == 0 && order[name] == ':' ? order + name + 1 : nullptr;
+}
+
+void Mark() {
+    const char* const mark = std::getenv("VONDRAL_TEST_MARK");
+    if (mark != nullptr)
+        ::close(::open(mark, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+}
+
 // One call that may be disturbed. `short_write` becomes what it is allowed to take when it is to be cut.
 bool Fails(const char* call, size_t* short_write = nullptr) {
-    static const char* const order = std::getenv("VONDRAL_TEST_DISK");
     static std::atomic<long> calls = 0;
-    const size_t name = std::strlen(call);
-    if (order == nullptr || std::strncmp(order, call, name) != 0 || order[name] != ':')
+    const char* const order = OrderFor(call);
+    if (order == nullptr)
         return false;
     char* what;
-    const long nth = std::strtol(order + name + 1, &what, 10);
+    const long nth = std::strtol(order, &what, 10);
     const long count = ++calls;
     ++what; // the colon
     const bool onwards = *what == '+';
     if (count < nth || (count > nth && !onwards))
         return false;
+    Mark();
     if (*what == 'k')
         std::raise(SIGKILL);
     const bool cut = *what == '/';
@@ -59,16 +76,47 @@ bool Fails(const char* call, size_t* short_write = nullptr) {
     return !cut;
 }
 
-// A stream over a descriptor; its outputs may be disturbed.
-ssize_t Output(void* descriptor, const char* bytes, size_t count) {
-    return Fails("output") ? 0 : __real_write(*static_cast<int*>(descriptor), bytes, count);
+// What the disk limit leaves of a write. False when it leaves nothing.
+bool HasRoom(int descriptor, size_t& count) {
+    const char* const limit = OrderFor("limit");
+    if (limit == nullptr)
+        return true;
+    const off_t room = std::strtoll(limit, nullptr, 10) - __real_lseek64(descriptor, 0, SEEK_CUR);
+    if (room < static_cast<off_t>(count))
+        Mark();
+    errno = EFBIG;
+    count = std::min(count, static_cast<size_t>(std::max<off_t>(room, 0)));
+    return room > 0;
 }
 
-FILE* Disturbed(FILE* opened) {
-    static int descriptor = -1; // the program opens one such stream
-    descriptor = ::dup(::fileno(opened));
+// A stream of the program, and the call that its lines go by.
+struct Output {
+    const char* call;
+    int descriptor = -1;
+};
+Output catalog{"catalog"};
+Output list{"list"};
+Output log{"log"};
+
+ssize_t PutOut(void* cookie, const char* bytes, size_t count) {
+    const Output& output = *static_cast<Output*>(cookie);
+    return Fails(output.call) ? 0 : __real_write(output.descriptor, bytes, count);
+}
+
+// The stream, or one in its place whose lines can be disturbed.
+FILE* StandIn(FILE* opened, Output& output) {
+    if (opened == nullptr || OrderFor(output.call) == nullptr)
+        return opened;
+    output.descriptor = ::fcntl(::fileno(opened), F_DUPFD_CLOEXEC, 10);
     std::fclose(opened);
-    return ::fopencookie(&descriptor, "w", {nullptr, Output, nullptr, nullptr});
+    FILE* const stream = ::fopencookie(&output, "w", {nullptr, PutOut, nullptr, nullptr});
+    std::setvbuf(stream, nullptr, _IOLBF, BUFSIZ);
+    return stream;
+}
+
+[[gnu::constructor]] void DisturbTheLog() {
+    if (OrderFor(log.call) != nullptr)
+        stdout = StandIn(__real_fdopen(::dup(STDOUT_FILENO), "w"), log);
 }
 
 } // namespace
@@ -91,7 +139,7 @@ servent* __wrap_getservbyname(const char* name, const char* protocol) {
 }
 
 ssize_t __wrap_write(int descriptor, const void* bytes, size_t count) {
-    return Fails("write", &count) ? -1 : __real_write(descriptor, bytes, count);
+    return Fails("write", &count) || !HasRoom(descriptor, count) ? -1 : __real_write(descriptor, bytes, count);
 }
 
 off_t __wrap_lseek64(int descriptor, off_t offset, int whence) {
@@ -104,8 +152,11 @@ int __wrap_ftruncate64(int descriptor, off_t length) {
 
 FILE* __wrap_fopen64(const char* path, const char* mode) {
     FILE* const opened = __real_fopen64(path, mode);
-    const bool disturb = std::getenv("VONDRAL_TEST_DISK") != nullptr && mode[0] == 'w' && opened != nullptr;
-    return disturb ? Disturbed(opened) : opened;
+    return mode[0] == 'w' ? StandIn(opened, catalog) : opened;
+}
+
+FILE* __wrap_fdopen(int descriptor, const char* mode) {
+    return StandIn(__real_fdopen(descriptor, mode), list);
 }
 
 int __wrap_fdatasync(int descriptor) {

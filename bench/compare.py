@@ -1,6 +1,7 @@
 """Paired runs of the program and of what it is compared with: prints tables of medians and ratios.
 
-Usage: compare.py BUILD [--rounds N] [--scale N] [-- SERVER-PREFIX...]; --scale divides every size, for a quick look.
+Usage: compare.py BUILD [--rounds N] [--scale N] [--only PART] [-- SERVER-PREFIX...]; --scale divides every size, for a
+quick look.
 """
 import argparse
 import os
@@ -116,29 +117,46 @@ class Bench:
         server.stdout.readline()
         return server
 
+    @staticmethod
+    def stop(server):
+        server.terminate()
+        server.wait() # the next one takes its port
+
     def large(self):
-        """One save file, there and back."""
+        """A server with one large save file; its size in MiB, the backup of it, and how lftp is called."""
         size = 1024 // self.scale
         fill(f"{self.root}/home/big", size * MIB)
         include = self.file("big", "/home/big\n")
-        archive = f"{self.work}/archive"
-        url = f"ftp://FRED:secret@{ADDRESS}//home"
-        lftp = ["lftp", "-u", "FRED,secret", f"ftp://{ADDRESS}", "-e"]
+        backup = self.vondral("-b", f"{self.work}/archive", "-i", include, "-e", self.no_system)
         options = "set ftp:use-feat no; set ftp:use-mdtm no; set ftp:use-size no; set xfer:clobber yes;"
-        server = self.serve("raw:/home/big", "raw:/home/up")
-        backup = self.vondral("-b", archive, "-i", include, "-e", self.no_system)
+
+        def lftp(command):
+            return ["lftp", "-u", "FRED,secret", f"ftp://{ADDRESS}", "-e", f"{options} {command}; bye"]
+
+        return self.serve("raw:/home/big", "raw:/home/up"), size, backup, lftp
+
+    url = f"ftp://FRED:secret@{ADDRESS}//home"
+
+    def backup(self):
+        server, size, backup, lftp = self.large()
         compare(f"Backup of one save file of {size} MiB, into memory", {
             "vondral": backup,
-            "curl": ["curl", "-s", "-o", f"{self.work}/copy", f"{url}/big"],
-            "lftp": [*lftp, f"{options} get /home/big -o {self.work}/copy; bye"],
+            "curl": ["curl", "-s", "-o", f"{self.work}/copy", f"{self.url}/big"],
+            "lftp": lftp(f"get /home/big -o {self.work}/copy"),
             "floor": self.floor("get", "/home/big", f"{self.work}/copy"),
         }, self.rounds, mebibytes=size)
+        self.stop(server)
         os.unlink(f"{self.work}/copy")
+        os.unlink(f"{self.root}/home/big")
+
+    def restore(self):
+        server, size, backup, lftp = self.large()
+        Run(backup)
         with tempfile.TemporaryDirectory(dir=os.environ.get("TMPDIR", "/var/tmp")) as disk:
             for place, cold in ((self.work, False), (disk, False), (disk, True)):
                 there = f"{place}/there"
                 plain = f"{place}/plain"
-                shutil.copy(archive, there)
+                shutil.copy(f"{self.work}/archive", there)
                 shutil.copy(f"{self.root}/home/big", plain)
 
                 def forget(paths=(there, plain)):
@@ -150,11 +168,11 @@ class Bench:
                 where = "in memory" if place == self.work else "on disk, not cached" if cold else "on disk, cached"
                 compare(f"Restore of {size} MiB, archive {where}", {
                     "vondral": self.vondral("-r", there, "-e", self.no_system),
-                    "curl -T": ["curl", "-s", "-T", plain, f"{url}/up"],
-                    "lftp put": [*lftp, f"{options} put {plain} -o /home/up; bye"],
+                    "curl -T": ["curl", "-s", "-T", plain, f"{self.url}/up"],
+                    "lftp put": lftp(f"put {plain} -o /home/up"),
                     "floor": self.floor("put", "/home/up", plain),
                 }, self.rounds, before=forget if cold else None, mebibytes=size)
-        server.terminate()
+        self.stop(server)
         os.unlink(f"{self.root}/home/big")
         os.unlink(f"{self.root}/home/up")
 
@@ -184,7 +202,7 @@ class Bench:
             "floor, the same commands": self.floor("save", paths, f"{self.work}/copy"),
             "curl": ["curl", "-s", "-K", config],
         }, self.rounds)
-        server.terminate()
+        self.stop(server)
         for folder in ("root/home/small", "root/QSYS.LIB", "copies"):
             shutil.rmtree(f"{self.work}/{folder}")
         os.makedirs(f"{self.root}/QSYS.LIB")
@@ -210,7 +228,7 @@ class Bench:
             exclude = self.file(f"exclude{lines}", text if lines > 1 else "/Security Data\n")
             self.row(f"{middle} entries, {lines} exclude lines", f"d{middle}", middle, exclude, self.base)
         self.row(f"{middle} entries, --date", f"d{middle}", middle, self.no_system, self.base, "-d", "1")
-        server.terminate()
+        self.stop(server)
 
     base = 0.0
 
@@ -241,6 +259,7 @@ def main():
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--scale", type=int, default=1)
+    parser.add_argument("--only", choices=["backup", "restore", "small", "listing"], help="one part of the tables")
     words = sys.argv[1:]
     at = words.index("--") if "--" in words else len(words)
     options = parser.parse_args(words[:at])
@@ -250,9 +269,9 @@ def main():
     with tempfile.TemporaryDirectory(dir=memory) as work:
         bench = Bench(options.build, work, words[at + 1:], options.rounds, options.scale)
         try:
-            bench.large()
-            bench.small()
-            bench.listing()
+            for part in (bench.backup, bench.restore, bench.small, bench.listing):
+                if options.only in (None, part.__name__):
+                    part()
         finally:
             for server in bench.servers:
                 server.kill()

@@ -6,8 +6,10 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "ctar.h"
@@ -44,6 +46,12 @@ bool AwaitInput(int descriptor) {
 bool IsReadDirectly(int descriptor) {
     const int flags = ::fcntl(descriptor, F_GETFL);
     return flags >= 0 && (flags & O_DIRECT) != 0;
+}
+
+// Whether reads wait for a disk: direct reads do, but for those of files that are in memory anyway.
+bool WaitsForDisk(int descriptor) {
+    struct statfs system;
+    return IsReadDirectly(descriptor) && (::fstatfs(descriptor, &system) != 0 || system.f_type != TMPFS_MAGIC);
 }
 
 // Goes on without direct input; false when it was off already.
@@ -224,7 +232,7 @@ void ReportPhase(const char* name, double seconds, std::int64_t size) {
 int RestoreWanted(RestoreRun& run, RestoreRequest& request, ArchiveReader& reader) {
     const RestoreMember& member = RestoreMemberFor(request.name);
     RestoreTimes times;
-    if (IsReadDirectly(reader.descriptor))
+    if (WaitsForDisk(reader.descriptor))
         reader.ahead.Begin(reader.descriptor, RoundToBlocks(reader.size));
     if (RestoreObject(member, run.session, request, &times, ArchiveReadCallback, &reader) != 0) {
         LogMessageTo(stderr, "%s%s\n", FailureHead().c_str(), member.failure);

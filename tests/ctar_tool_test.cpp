@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "ctar.h"
+#include "support.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;
@@ -176,32 +177,97 @@ TEST_F(CtarTool, ArchivesCutAnywhereAreFoundOutAndSalvaged) {
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-// Every byte of the second header: the checksum finds it out, salvage keeps the entry and mends what can be known.
+// Whether a fault in that byte of a header with a name of `length` characters leaves a doubt: characters of the name
+// but the slash, the mark of a long name, mode, time and the checksum itself.
+bool LeavesDoubt(std::size_t at, std::size_t length) {
+    const auto in = [at](HeaderField field, std::size_t used) {
+        return at >= field.offset && at < field.offset + used;
+    };
+    using namespace HeaderFields;
+    if (in(Mode, Mode.width) || in(Mtime, Mtime.width) || in(Checksum, Checksum.width))
+        return true;
+    if (length < Name1.width) // with the NUL
+        return at > 0 && in(Name1, length + 1);
+    return at > 0 && (in(Name1, Name1.width) || in(Name2, Name2.width) || in(Name3, Name3.width) ||
+                      in(Name4, Name4.width) || in(Name5, length + 1 - 338) || in(LongName, 3));
+}
+
+// The checksum finds it out, salvage keeps the entry and mends what can be known.
 TEST_F(CtarTool, EveryDamagedByteOfAHeaderIsFoundOutAndMended) {
-    const std::string whole = Three();
-    for (std::size_t at = 0; at < BlockSize; at += at < 160 ? 3 : 11) {
-        std::string damaged = whole;
-        damaged[1536 + at] ^= 0x15;
-        const Outcome verified = Ctar({"verify", Write(damaged)});
-        EXPECT_EQ(verified.status, 1) << at;
-        EXPECT_TRUE(Has(verified.out, "0x600 (1536): checksum: ")) << at << verified.out;
-        EXPECT_TRUE(Has(verified.out, ": 1 entry, the first at 0x1000 (4096)")) << at << verified.out;
-        if (at == 0) // no path any more
-            continue;
-        const int status = Salvage(damaged).status;
-        const std::string names = NamesIn(dir / "new");
-        // Characters of the name, mode, time and the checksum itself leave a doubt.
-        const bool doubtful = at < 3 || (at >= 100 && at < 108) || (at >= 136 && at < 156);
-        EXPECT_EQ(status, doubtful ? 1 : 0) << at;
-        EXPECT_TRUE(names.starts_with("/a /") && names.ends_with(" /c ")) << at << names;
-        if (!doubtful) {
-            EXPECT_EQ(ReadFile(dir / "new"), whole) << at;
+    for (const std::size_t length : {6U, 390U})
+        for (const char mask : {'\x15', '\x80'}) {
+            std::string whole, damaged;
+            std::vector<std::string> verify{"verify"};
+            for (std::size_t at = 0; at < BlockSize; ++at) {
+                std::string name = FormatText("/b%zu", 1000 + at);
+                name.resize(length, 'n');
+                const std::string sound = EntryOf(FormatText("/a%zu", at), Pieces[0].data);
+                std::string entry = EntryOf(name, Pieces[1].data);
+                whole += entry + sound;
+                entry[at] ^= mask;
+                damaged += entry + sound;
+                verify.push_back(Write(entry + Sentinel(), FormatText("v%zu", at)));
+            }
+            const std::size_t stride = whole.size() / BlockSize;
+            const std::string found = Ctar(verify).out, told = Salvage(damaged + Sentinel()).out;
+            const std::string mended = ReadFile(dir / "new");
+            ASSERT_EQ(mended.size(), whole.size() + BlockSize) << told;
+            for (std::size_t at = 0; at < BlockSize; ++at) {
+                EXPECT_TRUE(Has(found, FormatText("/v%zu: 0x0 (0): checksum: ", at))) << at;
+                const std::size_t line = told.find(FormatText("(%zu): 2560 bytes: kept as entry /", at * stride));
+                const bool doubtful = LeavesDoubt(at, length);
+                EXPECT_EQ(Has(told.substr(line, told.find('\n', line) - line), "may be wrong"), doubtful) << at;
+                const std::size_t same = doubtful ? BlockSize : 0; // the data come through in any case
+                EXPECT_TRUE(mended.substr(at * stride + same, stride - same) ==
+                            whole.substr(at * stride + same, stride - same))
+                    << at << " " << length;
+            }
+        }
+}
+
+// A header with the checksum that goes with its bytes.
+std::string Rechecked(std::string header) {
+    CtarBlock block;
+    std::copy(header.begin(), header.end(), block.begin());
+    std::snprintf(block.data() + 148, 8, "%07o", static_cast<unsigned>(HeaderChecksum(block)));
+    return Bytes(block);
+}
+
+TEST_F(CtarTool, HeadersThatFailTogetherOrContradictThemselvesAreMended) {
+    constexpr std::size_t a = 0, b = 1536, c = 4096, sentinel = 6144; // where they stand in Three()
+    const std::string lost(BlockSize, '\xff');
+    const auto sized = [](std::uint64_t size) { // and 1584 as the copy
+        const std::string copy = HeaderOf("/b", 1584).substr(265, 12);
+        return Rechecked(HeaderOf("/b", size).replace(265, 12, copy));
+    };
+    struct Row {
+        const char* what;
+        std::vector<std::pair<std::size_t, std::string>> damage;
+        const char* names;
+        const char* told; // by salvage, on standard error; nothing: the archive comes back as it was
+    };
+    for (const Row& row : std::vector<Row>{
+             {"two names in a row", {{b + 1, "x"}, {c + 1, "y"}}, "/a /x /y ", "0 bytes dropped, 2 entries in doubt"},
+             {"a sound header alone", {{a, lost}, {c, lost}}, "/b ", "4096 bytes dropped, 0 entries"},
+             {"the last name and the sentinel", {{c + 1, "x"}, {sentinel + 9, "x"}}, "/a /b /x ", " 1 entry in doubt"},
+             {"a broken header behind a lost one", {{a, lost}, {b + 120, "7"}}, "/b /c ", "1536 bytes dropped, 0 en"},
+             {"a broken name behind a lost one", {{a, lost}, {b + 1, "x"}}, "/x /c ", "1536 bytes dropped, 1 en"},
+             {"digits that changed places", {{b + 124, "00000003006"}}, "/a /b /c ", "0 bytes dropped, 1 entry in"},
+             {"digits that lead astray", {{b + 124, "00000006030"}}, "/a /b /c ", ""},
+             {"a size that leads to the sentinel", {{b, sized(4096)}}, "/a /b /c ", "0 bytes dropped, 1 entry in"},
+             {"a size too small", {{b, sized(528)}}, "/a /b /c ", ""},
+             {"no size, and lost what follows", {{b, sized(0)}, {c, lost}}, "/a /b ", "2560 bytes dropped, 1 entry"}}) {
+        std::string damaged = Three();
+        for (const auto& [at, bytes] : row.damage)
+            damaged.replace(at, bytes.size(), bytes);
+        const Outcome outcome = Salvage(damaged);
+        EXPECT_EQ(NamesIn(dir / "new"), row.names) << row.what << outcome.out;
+        EXPECT_TRUE(Has(outcome.err, row.told)) << row.what << outcome.err;
+        EXPECT_EQ(outcome.status, *row.told == '\0' ? 0 : 1) << row.what << outcome.out;
+        if (outcome.status == 0) {
+            EXPECT_EQ(ReadFile(dir / "new"), Three()) << row.what;
         }
     }
-    std::string damaged = whole;
-    damaged.replace(1536, BlockSize, BlockSize, '\xff');
-    EXPECT_EQ(Salvage(damaged).status, 1);
-    EXPECT_EQ(NamesIn(dir / "new"), "/a /c ");
 }
 
 // A good checksum does not make a header what the writer writes.
@@ -228,12 +294,8 @@ TEST_F(CtarTool, FieldsAndPaddingThatNoBackupWritesAreNamed) {
                            {305, 'x', "writes it: fifth piece of the name"},
                            {368, 'x', "writes it: second piece of the name"},
                            {440, 'x', "writes it: fourth piece of the name"}}) {
-        CtarBlock header;
-        const std::string old = HeaderOf("/b", Record);
-        std::copy(old.begin(), old.end(), header.begin());
-        header[row.offset] = row.byte;
-        std::snprintf(header.data() + 148, 8, "%07o", static_cast<unsigned>(HeaderChecksum(header)));
-        const std::string archive = Bytes(header) + Padded(Data(1, 'b')) + Sentinel();
+        const std::string header = Rechecked(HeaderOf("/b", Record).replace(row.offset, 1, 1, row.byte));
+        const std::string archive = header + Padded(Data(1, 'b')) + Sentinel();
         const Outcome verified = Ctar({"verify", Write(archive)});
         EXPECT_TRUE(Has(verified.out, std::string("0x0 (0): header: /b: not as a backup ") + row.finding + "\n"))
             << row.offset << verified.out;
@@ -341,7 +403,7 @@ TEST_F(CtarTool, HostileArchivesEndCleanly) {
              {std::vector<std::string>{"verify"}, {"list"}, {"sum"}, {"export"}}) {
             const bool passes = bytes.size() == 1024 && bytes[1] == 'z' && command[0] != "verify";
             EXPECT_EQ(Ctar({command[0], archive}).status, passes ? 0 : 1) << command[0] << bytes.size();
-            EXPECT_GE(Ctar({command[0], "-"}, archive).status, passes ? 0 : 1) << command[0] << bytes.size();
+            EXPECT_EQ(Ctar({command[0], "-"}, archive).status == 0, passes) << command[0] << bytes.size();
         }
         Salvage(bytes);
         EXPECT_EQ(NamesIn(dir / "new"), "");

@@ -11,6 +11,8 @@
 #include "ctar.h"
 #include "input.h"
 
+constexpr std::int64_t RecordSize = 528; // a save file is a row of such records
+
 struct Entry {
     std::int64_t offset = 0; // of the header
     std::string name;        // as stored

@@ -19,8 +19,6 @@
 
 namespace {
 
-constexpr std::int64_t RecordSize = 528; // a save file is a row of such records
-
 struct VerifyOptions {
     std::vector<std::string> archives;
     bool json = false;

@@ -302,6 +302,13 @@ TEST_F(CtarTool, FieldsAndPaddingThatNoBackupWritesAreNamed) {
         EXPECT_EQ(verified.status, 1);
         EXPECT_EQ(Salvage(archive).status, 0);
     }
+    // A second of the hour that came twice.
+    const std::string autumn = Rechecked(HeaderOf("/b", Record).replace(136, 11, "12423013130"));
+    Program moscow;
+    moscow.executable = CTAR_UNDER_TEST;
+    moscow.arguments = {"verify", Write(autumn + Padded(Data(1, 'b')) + Sentinel())};
+    moscow.environment["TZ"] = "Europe/Moscow";
+    EXPECT_EQ(moscow.Run().status, 0);
     for (const std::size_t at : {1040U, 1535U}) {
         std::string archive = Three();
         archive[at] = '\x80';

@@ -103,6 +103,13 @@ long long Covered(const std::string& report) {
     return end;
 }
 
+std::string Many(int entries) {
+    std::string archive;
+    for (int i = 0; i < entries; ++i)
+        archive += EntryOf(FormatText("/home/%d", i), Pieces[0].data);
+    return archive + Sentinel();
+}
+
 class CtarTool : public testing::Test {
 protected:
     std::string Write(const std::string& bytes, const std::string& name = "x.ctar") {
@@ -449,15 +456,56 @@ TEST_F(CtarTool, SumsTellWhatChanged) {
     const Outcome none = Ctar({"verify", "--sums", sums, "--sample", "0%", archive});
     EXPECT_TRUE(Has(none.out, "the data of 0 of 3 entries (0.0 %), 0 of 3168 bytes")) << none.out;
     const std::size_t second = sum.out.find('\n') + 1, third = sum.out.find('\n', second) + 1;
-    WriteFile(sums, sum.out.substr(0, second) + std::string(64, '0') + " 700 1 /gone\n" + sum.out.substr(third));
-    const Outcome verified = Ctar({"verify", "--sums", sums, Write(Three())});
-    EXPECT_TRUE(Has(verified.out, "(700): missing: /gone: ")) << verified.out;
-    EXPECT_TRUE(Has(verified.out, "(1536): additional: /b: ")) << verified.out;
+    WriteFile(sums, sum.out.substr(0, second) + std::string(64, '0') + " 2048 1 /g\\xe9\n" + sum.out.substr(third));
+    const Outcome verified = Ctar({"verify", "--json", "--sums", sums, Write(Three())});
+    EXPECT_TRUE(Has(verified.out, R"(2048,"finding":"missing","name":"/g\\xe9","text":"in the sums, but not in the)"))
+        << verified.out;
+    EXPECT_TRUE(Has(verified.out, R"(1536,"finding":"additional","name":"/b",)")) << verified.out;
+    const std::string zeros(64, '0');
     for (const std::string& bad :
-         {sum.out.substr(0, sum.out.size() - 1), sum.out + sum.out, std::string("x\n"), std::string(100000, 'a')}) {
+         {sum.out.substr(0, sum.out.size() - 1), sum.out + sum.out, std::string("x\n"), std::string(100000, 'a'),
+          zeros + " 0 1 /\033\n", zeros + " 0 1 /\xe9\n", zeros + " 0 1 /\\\n", zeros + " 0 1 /\\x4g\n",
+          zeros + " 0 9223372036854775807 /a\n", zeros + " 0 529 /a\n" + zeros + " 1024 1 /b\n"}) {
         WriteFile(sums, bad);
-        EXPECT_EQ(Ctar({"verify", "--sums", sums, archive}).status, 2);
+        const Outcome refused = Ctar({"verify", "--json", "--sums", sums, archive});
+        EXPECT_EQ(refused.status, 2) << bad;
+        EXPECT_TRUE(Has(refused.err, "sums: line ")) << refused.err;
     }
+}
+
+TEST_F(CtarTool, SumsReachBehindAFault) {
+    const std::string sums = dir / "sums";
+    WriteFile(sums, Ctar({"sum", Write(Three())}).out);
+    std::string damaged = Three();
+    damaged[1536 + 120] ^= 1; // in the header of /b
+    damaged[4608 + 9] ^= 1;   // in the data of /c
+    const std::string archive = Write(damaged);
+    for (const char* from : {archive.c_str(), "-"}) {
+        const Outcome verified = Ctar({"verify", "--sums", sums, from}, archive);
+        for (const char* part :
+             {"0x600 (1536): missing: /b: in the sums, but not found: see the fault at 0x600 (1536)\n",
+              "0x1000 (4096): differs: /c: the data are not",
+              "the data of 2 of 3 entries (66.7 %), 1584 of 3168 bytes (50.0 %)\n"})
+            EXPECT_TRUE(Has(verified.out, part)) << part << verified.out;
+    }
+    const Outcome cut = Ctar({"verify", "--sums", sums, Write(damaged.substr(0, 5000))});
+    EXPECT_TRUE(Has(cut.out, "0x1000 (4096): cut-data: /c: ")) << cut.out;
+    EXPECT_TRUE(Has(cut.out, "the data of 1 of 3 entries")) << cut.out;
+}
+
+TEST_F(CtarTool, ShareOfTheDataIsAsAskedFor) {
+    const std::string sums = dir / "sums", archive = Write(Many(200));
+    WriteFile(sums, Ctar({"sum", archive}).out);
+    const Outcome half = Ctar({"verify", "--sums", sums, "--sample", "50", "--seed", "7", archive});
+    const int count = std::stoi(half.out.substr(half.out.find("the data of ") + 12));
+    EXPECT_TRUE(count > 50 && count < 150) << half.out;
+    EXPECT_EQ(Ctar({"verify", "--sums", sums, "--sample", "50%", "--seed", "7", archive}).out, half.out);
+    EXPECT_TRUE(half.out.ends_with(": 200 entries, sound\n")) << half.out;
+    const std::string large = Write(EntryOf("/large", Data(1000, 'l')) + Sentinel());
+    WriteFile(sums, Ctar({"sum", large}).out);
+    const Outcome late = Ctar({"verify", "--sums", sums, "--max-duration", "0.000000001", large});
+    EXPECT_TRUE(Has(late.out, "compared the data of 0 of 1 entry (0.0 %), ")) << late.out;
+    EXPECT_TRUE(late.out.ends_with(": 1 entry, headers sound, no entry's data compared\n")) << late.out;
 }
 
 TEST_F(CtarTool, ExtractWritesAllOrNothing) {

@@ -18,6 +18,8 @@ std::string WithReason(const std::string& what);
 // The bytes with the backslash and all that is no printable ASCII character as \xHH. Different bytes give different
 // texts, and none can steer a terminal or break a line.
 std::string Escape(std::string_view bytes);
+// The bytes that Escape() gives `text` for. Other text gives bytes that it gives something else for.
+std::string Unescape(std::string_view text);
 
 // "1 entry", "2 entries"
 std::string Counted(std::int64_t number, const char* one, const char* more);

@@ -546,8 +546,9 @@ TEST_F(CtarTool, ExtractWritesAllOrNothing) {
 }
 
 TEST_F(CtarTool, ExportIsReadByTar) {
-    const std::string longest = std::string(150, 'l') + "/" + std::string(150, 'm');
+    const std::string longest = std::string(150, 'l') + "/" + std::string(150, 'm'), part(252, 'p');
     const std::string archive = Write(EntryOf("/home", Data(5, 'h'), 0040755) + EntryOf("/home/../../\xe9", "byte") +
+                                      EntryOf("/home", "again") + EntryOf("/q/" + part, "long") +
                                       EntryOf("/" + longest + "/x", "1") + EntryOf("/..", "2") + Sentinel());
     const Outcome exported = Ctar({"export", archive});
     EXPECT_EQ(exported.status, 0) << exported.err;
@@ -560,6 +561,8 @@ TEST_F(CtarTool, ExportIsReadByTar) {
     }
     EXPECT_EQ(ReadFile(dir / "tree" / "home.savf"), Data(5, 'h'));
     EXPECT_EQ(ReadFile(dir / "tree" / "home" / "\xe9.savf"), "byte");
+    EXPECT_EQ(ReadFile(dir / "tree" / "home-4608.savf"), "again");
+    EXPECT_EQ(ReadFile(dir / "tree" / "q" / (part.substr(0, 245) + "-5632.savf")), "long");
     EXPECT_EQ(ReadFile(dir / "tree" / longest / "x.savf"), "1");
     EXPECT_EQ(fs::status(dir / "tree" / "home.savf").permissions(), static_cast<fs::perms>(0755));
     EXPECT_TRUE(fs::exists(dir / "tree" / ("entry-" + std::to_string(ReadFile(archive).size() - 1536) + ".savf")));

@@ -1,9 +1,14 @@
 // The built ctar, run as users run it, on archives made here: sound, damaged in every place, and hostile.
 
+#include <array>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -543,6 +548,59 @@ TEST_F(CtarTool, ExtractWritesAllOrNothing) {
     EXPECT_EQ(ReadFile(output), "dir");
     const auto left = std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator());
     EXPECT_EQ(left, 3) << "file, _rf.savf and link, and no temporary file";
+}
+
+// Standard output is a pipe that nobody empties, so a salvage with much to tell waits in the middle.
+TEST_F(CtarTool, ASignalLeavesNoTemporaryFile) {
+    const std::string archive = Write(Many(2000)), pipe = dir / "pipe";
+    ::mkfifo(pipe.c_str(), 0600);
+    fs::create_directory(dir / "out");
+    for (const int signal : {SIGTERM, SIGQUIT}) {
+        const Descriptor reader(::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        Program salvage;
+        salvage.executable = CTAR_UNDER_TEST;
+        salvage.arguments = {"salvage", archive, "-o", dir / "out" / "new"};
+        salvage.outputs = {{STDOUT_FILENO, pipe}};
+        const pid_t process = salvage.Start();
+        pollfd told{reader.Get(), POLLIN, 0};
+        while (::poll(&told, 1, -1) == 1 && (told.revents & POLLIN) == 0)
+            ::usleep(1000); // it has not opened the pipe yet
+        EXPECT_FALSE(fs::is_empty(dir / "out"));
+        ::kill(process, signal);
+        EXPECT_EQ(salvage.Wait().status, -1 - signal);
+        EXPECT_TRUE(fs::is_empty(dir / "out"));
+    }
+}
+
+TEST_F(CtarTool, TellsOfATerminalALockAndAFullDisk) {
+    const std::string archive = Write(Many(2000));
+    const Descriptor master(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(::grantpt(master.Get()) == 0 && ::unlockpt(master.Get()) == 0);
+    const Descriptor held(::open(::ptsname(master.Get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    Program verify;
+    verify.executable = CTAR_UNDER_TEST;
+    verify.arguments = {"verify", archive};
+    verify.outputs = {{STDERR_FILENO, ::ptsname(master.Get())}};
+    EXPECT_EQ(verify.Run().status, 0);
+    std::array<char, 4096> bar;
+    const ssize_t count = ::read(master.Get(), bar.data(), bar.size());
+    const std::string shown(bar.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    EXPECT_TRUE(shown.starts_with("\r[") && Has(shown, " % ") && shown.ends_with("\r\033[K")) << shown;
+
+    const Descriptor writer(::open(archive.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(::flock(writer.Get(), LOCK_EX), 0);
+    const Outcome locked = Ctar({"list", archive});
+    EXPECT_EQ(locked.status, 0);
+    EXPECT_EQ(locked.err, "ctar: " + archive + ": a backup is being written into it\n");
+    ::flock(writer.Get(), LOCK_UN);
+
+    Program full;
+    full.executable = CTAR_UNDER_TEST;
+    full.arguments = {"sum", archive};
+    full.outputs = {{STDOUT_FILENO, "/dev/full"}};
+    const Outcome outcome = full.Run();
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, "ctar: standard output: No space left on device\n");
 }
 
 TEST_F(CtarTool, ExportIsReadByTar) {

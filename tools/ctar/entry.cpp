@@ -104,6 +104,7 @@ std::optional<ChainStop> StopAt(const CtarBlock& block, std::size_t held) {
 
 ChainEnd WalkEntries(Input& input, const TakeEntry& take) {
     for (;;) {
+        RequireOutput();
         ChainEnd end{ChainStop::Data, input.Offset(), {}};
         const std::size_t held = input.ReadBlock(end.block);
         if (const std::optional<ChainStop> stop = StopAt(end.block, held)) {

@@ -69,6 +69,8 @@ int main(int argc, char** argv) {
     int status = CannotWork;
     try {
         status = Run(argc, argv);
+    } catch (const OutputLost&) {
+        return CannotWork;
     } catch (const std::exception& error) {
         Complain(error.what());
     }

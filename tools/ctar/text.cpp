@@ -64,3 +64,8 @@ bool OutputArrived() {
     Complain(WithReason("standard output"));
     return false;
 }
+
+void RequireOutput() {
+    if (!OutputArrived())
+        throw OutputLost();
+}

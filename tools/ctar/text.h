@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -11,6 +12,9 @@
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// What ends a command whose standard output has failed, so that going on is in vain; OutputArrived() has complained.
+struct OutputLost : std::exception {};
 
 // "what: " and the text of errno.
 std::string WithReason(const std::string& what);
@@ -35,3 +39,4 @@ void Complain(const std::string& text);
 
 // Whether all that was written to standard output has arrived; complains when not.
 bool OutputArrived();
+void RequireOutput(); // throws OutputLost when not

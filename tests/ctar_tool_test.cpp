@@ -603,6 +603,16 @@ TEST_F(CtarTool, TellsOfATerminalALockAndAFullDisk) {
     EXPECT_EQ(outcome.err, "ctar: standard output: No space left on device\n");
 }
 
+TEST_F(CtarTool, OddFileNamesAreNotMisread) {
+    Write("", "-dash");
+    Write(Three(), "a");
+    const fs::path before = fs::current_path();
+    fs::current_path(dir.path);
+    EXPECT_TRUE(Has(Ctar({"verify", "--", "-dash"}).out, "to mend it: ctar salvage ./-dash -o NEW\n"));
+    EXPECT_EQ(Ctar({"verify", "[a]"}).status, 2);
+    fs::current_path(before);
+}
+
 TEST_F(CtarTool, ExportIsReadByTar) {
     const std::string longest = std::string(150, 'l') + "/" + std::string(150, 'm'), part(252, 'p');
     const std::string archive = Write(EntryOf("/home", Data(5, 'h'), 0040755) + EntryOf("/home/../../\xe9", "byte") +

@@ -37,7 +37,8 @@ void Findings::Report(const FindingKind& kind, std::int64_t offset, const std::s
 int Findings::Finish(std::int64_t entries, const Compared& compared) {
     progress_.Clear();
     const std::string archive = Escape(path_);
-    const std::string mend = !mends_ ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : ShellWord(path_)) + " -o NEW";
+    const std::string word = ShellWord((path_.starts_with('-') ? "./" : "") + path_); // no option
+    const std::string mend = !mends_ ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : word) + " -o NEW";
     if (json_) {
         ordered_json line{{"archive", archive}, {"entries", entries}, {"findings", count_}, {"mend", mend}};
         if (compared.active)

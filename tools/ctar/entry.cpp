@@ -1,5 +1,6 @@
 #include "entry.h"
 
+#include <algorithm>
 #include <optional>
 
 #include <sys/stat.h>
@@ -19,14 +20,27 @@ Entry ReadEntry(std::span<const char, BlockSize> block, std::int64_t offset) {
     return entry;
 }
 
+namespace {
+
+// Fills the field with leading zeros. Requires: a value of as many digits at most.
+void PutOctal(CtarBlock& block, HeaderField field, std::uint64_t value) {
+    const std::string digits =
+        FormatText("%0*llo", static_cast<int>(field.width - 1), static_cast<unsigned long long>(value));
+    std::copy_n(digits.c_str(), field.width, block.begin() + field.offset);
+}
+
+} // namespace
+
+// The time is put in as it was stored: as a local time, one of the hour that a zone repeats would not come back.
 CtarBlock EncodeEntry(const Entry& entry) {
     std::string_view path = entry.name;
     if ((entry.mode & S_IFDIR) != 0 && path.ends_with(NameSuffix))
         path.remove_suffix(NameSuffix.size());
-    std::tm time{};
-    ::localtime_r(&entry.mtime, &time);
     bool cut;
-    return EncodeCtarHeader(path, static_cast<std::uint64_t>(entry.size), entry.mode, time, cut);
+    CtarBlock block = EncodeCtarHeader(path, static_cast<std::uint64_t>(entry.size), entry.mode, {}, cut);
+    PutOctal(block, HeaderFields::Mtime, static_cast<std::uint64_t>(entry.mtime));
+    PutOctal(block, HeaderFields::Checksum, static_cast<std::uint64_t>(HeaderChecksum(block)));
+    return block;
 }
 
 bool LooksLikeHeader(std::span<const char, BlockSize> block, std::int64_t offset, Entry& entry) {
@@ -90,6 +104,7 @@ std::optional<ChainStop> StopAt(const CtarBlock& block, std::size_t held) {
 
 ChainEnd WalkEntries(Input& input, const TakeEntry& take) {
     for (;;) {
+        RequireOutput();
         ChainEnd end{ChainStop::Data, input.Offset(), {}};
         const std::size_t held = input.ReadBlock(end.block);
         if (const std::optional<ChainStop> stop = StopAt(end.block, held)) {

@@ -11,6 +11,8 @@
 #include "ctar.h"
 #include "input.h"
 
+constexpr std::int64_t RecordSize = 528; // a save file is a row of such records
+
 struct Entry {
     std::int64_t offset = 0; // of the header
     std::string name;        // as stored
@@ -60,7 +62,7 @@ const ChainStopText& TextOf(ChainStop stop); // Requires: not Sentinel.
 
 // Walks the chain from the input's position. Calls `take` for every good header, the input right behind it; what `take`
 // leaves of the entry is passed over. An entry whose data are cut off is taken only where that is not known before.
-// The input is left behind the last block that was looked at.
+// The input is left behind the last block that was looked at. Throws OutputLost.
 using TakeEntry = std::function<void(const Entry&, const CtarBlock& header)>;
 ChainEnd WalkEntries(Input& input, const TakeEntry& take);
 

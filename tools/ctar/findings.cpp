@@ -37,23 +37,28 @@ void Findings::Report(const FindingKind& kind, std::int64_t offset, const std::s
 int Findings::Finish(std::int64_t entries, const Compared& compared) {
     progress_.Clear();
     const std::string archive = Escape(path_);
-    const std::string mend = !mends_ ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : ShellWord(path_)) + " -o NEW";
+    const std::string word = ShellWord((path_.starts_with('-') ? "./" : "") + path_); // no option
+    const std::string mend = !mends_ ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : word) + " -o NEW";
     if (json_) {
         ordered_json line{{"archive", archive}, {"entries", entries}, {"findings", count_}, {"mend", mend}};
         if (compared.active)
             line.update({{"compared_entries", compared.entries},
                          {"compared_bytes", compared.bytes},
-                         {"data_bytes", compared.all_bytes}});
+                         {"sums_entries", compared.all_entries},
+                         {"sums_bytes", compared.all_bytes}});
         std::printf("%s\n", line.dump().c_str());
         return count_ == 0 ? AllWell : NotSound;
     }
     if (compared.active)
         std::printf("%s: compared the data of %lld of %s (%.1f %%), %lld of %lld bytes (%.1f %%)\n", archive.c_str(),
-                    static_cast<long long>(compared.entries), Counted(entries, "entry", "entries").c_str(),
-                    Percent(compared.entries, entries), static_cast<long long>(compared.bytes),
+                    static_cast<long long>(compared.entries), Counted(compared.all_entries, "entry", "entries").c_str(),
+                    Percent(compared.entries, compared.all_entries), static_cast<long long>(compared.bytes),
                     static_cast<long long>(compared.all_bytes), Percent(compared.bytes, compared.all_bytes));
+    const bool blind = compared.active && compared.entries == 0 && compared.all_entries > 0;
     std::printf("%s: %s, %s\n", archive.c_str(), Counted(entries, "entry", "entries").c_str(),
-                count_ == 0 ? "sound" : Counted(count_, "finding", "findings").c_str());
+                count_ > 0 ? Counted(count_, "finding", "findings").c_str()
+                : blind    ? "headers sound, no entry's data compared"
+                           : "sound");
     if (mends_)
         std::printf("%s: to mend it: %s\n", archive.c_str(), mend.c_str());
     return count_ == 0 ? AllWell : NotSound;

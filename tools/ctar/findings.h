@@ -30,8 +30,9 @@ constexpr FindingKind Differs{"differs", false};       // name, size or data
 // The totals of comparing with sums; nothing was compared while `active` is false.
 struct Compared {
     bool active = false;
-    std::int64_t entries = 0; // that were read to their end
-    std::int64_t bytes = 0;   // of data that were read
+    std::int64_t entries = 0;     // that were read to their end
+    std::int64_t bytes = 0;       // of data that were read
+    std::int64_t all_entries = 0; // of the sums
     std::int64_t all_bytes = 0;
 };
 

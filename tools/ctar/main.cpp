@@ -3,7 +3,9 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <fcntl.h>
@@ -39,12 +41,20 @@ void KeepStandardDescriptors() {
     ::close(descriptor);
 }
 
+// CLI11 takes "[a,b]" for two arguments, and "[a]" for "a".
+void RefuseLists(int argc, char** argv) {
+    for (const std::string_view argument : std::span(argv, static_cast<std::size_t>(argc)))
+        if (argument.starts_with('[') && argument.ends_with(']'))
+            throw Failure(Escape(argument) + ": stands in brackets: put ./ in front of a file, * of a pattern");
+}
+
 int Run(int argc, char** argv) {
     CLI::App app("Looks after CTAR archives without a server. The manual page ctar(1) tells more.", "ctar");
     app.require_subcommand(1);
     std::vector<Action> actions;
     for (const Command& command : Commands)
         actions.push_back(command.declare(*app.add_subcommand(command.name, command.help)));
+    RefuseLists(argc, argv);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
@@ -69,6 +79,8 @@ int main(int argc, char** argv) {
     int status = CannotWork;
     try {
         status = Run(argc, argv);
+    } catch (const OutputLost&) {
+        return CannotWork;
     } catch (const std::exception& error) {
         Complain(error.what());
     }

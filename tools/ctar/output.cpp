@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "text.h"
+#include "write.h"
 
 namespace {
 
@@ -53,10 +54,10 @@ bool GiveName(const char* path, bool force) {
 
 void WriteAll(int descriptor, std::span<const char> bytes, const std::string& name) {
     while (!bytes.empty()) {
-        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR)
+        const ssize_t written = WriteSome(descriptor, bytes.data(), bytes.size());
+        if (written < 0)
             throw Failure(WithReason(Escape(name) + ": write"));
-        bytes = bytes.subspan(static_cast<std::size_t>(written < 0 ? 0 : written));
+        bytes = bytes.subspan(static_cast<std::size_t>(written));
     }
 }
 
@@ -67,7 +68,7 @@ OutputFile::OutputFile(const std::string& path, bool force) : path_(path), force
         throw Failure(Escape(path) + ": path too long");
     sigset_t ends{}, before{};
     sigemptyset(&ends);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         sigaddset(&ends, signal);
         if (std::signal(signal, EndBySignal) == SIG_IGN)
             std::signal(signal, SIG_IGN);

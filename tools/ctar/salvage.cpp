@@ -2,8 +2,9 @@
 //
 // The input is taken in ranges from front to back. While the chain holds, each header leads to the next, and nothing
 // inside an entry is looked at: a save file may hold an archive itself. Where the chain ends before the input does
-// (behind an old sentinel, or at a block that is no header) the blocks are scanned for a header that leads to another
-// header, a sentinel or the end; from there on the chain holds again.
+// (behind an old sentinel, or at a block that is no header and cannot be mended) the blocks are scanned for a header
+// that leads to another header, a sentinel or the end, or has at least no such header in its data; from there on the
+// chain holds again.
 
 #include "commands.h"
 
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include <CLI/CLI.hpp>
 
@@ -31,8 +33,9 @@ struct SalvageOptions {
 struct Salvage {
     Input& input;
     OutputFile& output;
-    std::int64_t dropped = 0;  // bytes
-    std::int64_t doubtful = 0; // entries
+    std::int64_t dropped = 0;     // bytes
+    std::int64_t doubtful = 0;    // entries
+    std::int64_t next_header = 0; // of the last FindHeader()
 };
 
 // Says what became of the range from `begin` to `end`.
@@ -48,9 +51,13 @@ void Drop(Salvage& run, std::int64_t begin, std::int64_t end, const std::string&
 
 // Reading headers
 
-// Whether the data of an entry at that offset lie within the input.
-bool Fits(const Input& input, std::int64_t offset, std::int64_t size) {
-    return size <= input.Size() - offset - Block;
+std::int64_t EndOf(const Entry& entry) {
+    return entry.DataOffset() + RoundToBlocks(entry.size);
+}
+
+// Whether the entry's data lie within the input.
+bool Fits(const Input& input, const Entry& entry) {
+    return entry.size <= input.Size() - entry.DataOffset();
 }
 
 // Whether what should be a header or a sentinel is one, or the input ends before the end of it.
@@ -60,32 +67,97 @@ bool ChainHoldsAt(Input& input, std::int64_t offset) {
 }
 
 bool LeadsOn(Input& input, const Entry& entry) {
-    return Fits(input, entry.offset, entry.size) && ChainHoldsAt(input, entry.DataOffset() + RoundToBlocks(entry.size));
+    return Fits(input, entry) && ChainHoldsAt(input, EndOf(entry));
 }
 
-// An entry whose header is damaged, put together again.
-struct Mended {
+// The offset of the first good header that leads on, from `begin` on; INT64_MAX when there is none.
+// Requires: `begin` never descends. So the input is read once for this, whatever stands in it.
+std::int64_t FindHeader(Salvage& run, std::int64_t begin) {
+    CtarBlock block{};
     Entry entry;
-    bool certain; // it agrees with the checksum as stored
+    std::int64_t& offset = run.next_header;
+    for (offset = std::max(offset, begin); offset <= run.input.Size() - Block; offset += Block) {
+        run.input.ReadBlockAt(offset, block);
+        if (LooksLikeHeader(block, offset, entry) && LeadsOn(run.input, entry))
+            return offset;
+    }
+    return offset = INT64_MAX;
+}
+
+// Whether no entry of its own begins in the entry's data.
+bool IsClear(Salvage& run, const Entry& entry) {
+    return FindHeader(run, entry.DataOffset()) >= EndOf(entry);
+}
+
+// A header read with one of its two sizes.
+struct Reading {
+    Entry entry;
+    bool exact; // a backup would have stored the same checksum for this entry
+    bool leads; // to a header, a sentinel or the end
 };
 
-// A header with one field damaged gives the entry back: one of the two sizes is good. The stored checksum tells whether
-// the result is what was written; if not, the entry must at least lead on.
+// Nothing when the entry would have no data or not all of them. Every name begins with a slash; where the checksum says
+// so, that byte alone is damaged.
+std::optional<Reading> ReadAs(Input& input, CtarBlock block, std::int64_t offset, HeaderField size) {
+    std::int64_t bytes;
+    if (!ReadCtarSize(block, bytes, size) || bytes == 0)
+        return std::nullopt;
+    const bool named = block.front() == '/';
+    block.front() = '/';
+    Entry entry = ReadEntry(block, offset);
+    entry.size = bytes;
+    constexpr HeaderField sum = HeaderFields::Checksum;
+    const CtarBlock whole = EncodeEntry(entry);
+    const bool exact =
+        std::equal(whole.begin() + sum.offset, whole.begin() + sum.offset + sum.width, block.begin() + sum.offset);
+    if (!Fits(input, entry) || !(named || exact))
+        return std::nullopt;
+    return Reading{entry, exact, LeadsOn(input, entry)};
+}
+
+bool HasWholeRecords(const Entry& entry) {
+    return entry.size % RecordSize == 0;
+}
+
+bool IsLikelier(const Reading& one, const Reading& other) {
+    const auto merits = [](const Reading& reading) {
+        return std::tuple(reading.exact, reading.leads, HasWholeRecords(reading.entry));
+    };
+    return merits(one) > merits(other);
+}
+
+// An entry whose header may be damaged, put together again.
+struct Mended {
+    Entry entry;
+    bool certain;
+    bool backed; // by the checksum or by both sizes
+    bool leads;
+};
+
+// A header with one field damaged gives the entry back: one of the two sizes is good. The checksum tells whether the
+// result is what was written. It is a plain sum that also stays right when two digits change places, so sizes that
+// differ under a good one leave the choice to what they lead to.
 std::optional<Mended> Mend(Input& input, const CtarBlock& block, std::int64_t offset) {
-    std::optional<Mended> doubtful;
-    for (const HeaderField field : {HeaderFields::Size, HeaderFields::SizeCopy}) {
-        Entry entry = ReadEntry(block, offset);
-        if (!ReadCtarSize(block, entry.size, field) || entry.size == 0 || !entry.name.starts_with('/') ||
-            !Fits(input, offset, entry.size))
-            continue;
-        constexpr HeaderField sum = HeaderFields::Checksum;
-        const CtarBlock whole = EncodeEntry(entry);
-        if (std::equal(whole.begin() + sum.offset, whole.begin() + sum.offset + sum.width, block.begin() + sum.offset))
-            return Mended{entry, true};
-        if (!doubtful && LeadsOn(input, entry))
-            doubtful = Mended{entry, false};
-    }
-    return doubtful;
+    std::optional<Reading> best = ReadAs(input, block, offset, HeaderFields::Size);
+    std::optional<Reading> other = ReadAs(input, block, offset, HeaderFields::SizeCopy);
+    if (!best || (other && IsLikelier(*other, *best)))
+        best.swap(other);
+    if (!best)
+        return std::nullopt;
+    const bool good = HasGoodChecksum(block);
+    const bool agree = other && other->entry.size == best->entry.size;
+    const bool only = best->leads && !(other && other->leads);
+    const bool certain = agree ? good || best->exact : HasWholeRecords(best->entry) && (good ? only : best->exact);
+    return Mended{best->entry, certain, good || best->exact || agree, best->leads};
+}
+
+// Whether the block that the chain leads to can be mended; a scan, which comes by data too, takes only what is
+// backed.
+bool IsEntry(Salvage& run, const Mended& mended) {
+    return mended.certain || mended.leads || (mended.backed && IsClear(run, mended.entry));
+}
+bool IsFound(Salvage& run, const Mended& mended) {
+    return mended.backed && (mended.leads || IsClear(run, mended.entry));
 }
 
 // Entries
@@ -93,7 +165,7 @@ std::optional<Mended> Mend(Input& input, const CtarBlock& block, std::int64_t of
 // Copies the entry under a header as the writer writes it. Gives the offset behind the entry in the input.
 std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark) {
     const std::int64_t padding = RoundToBlocks(entry.size) - entry.size;
-    const std::int64_t end = std::min(entry.DataOffset() + entry.size + padding, run.input.Size());
+    const std::int64_t end = std::min(EndOf(entry), run.input.Size());
     run.output.Write(EncodeEntry(entry));
     run.input.Seek(entry.DataOffset());
     const Sink copy = [&run](std::span<const char> bytes) {
@@ -108,15 +180,15 @@ std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark) {
     return end;
 }
 
-// Looks for the next header that leads on. Gives its offset, or the input's end, after telling of what lies before.
+// Looks for the next entry. Gives its offset, or the input's end, after telling of what lies before.
 std::int64_t Scan(Salvage& run, std::int64_t begin, const char* why) {
     CtarBlock block;
     run.input.Seek(begin);
     bool zero = true;
     std::int64_t offset = begin;
-    Entry entry;
     while (const std::size_t held = run.input.ReadBlock(block)) {
-        if (held == BlockSize && LooksLikeHeader(block, offset, entry) && LeadsOn(run.input, entry))
+        const std::optional<Mended> found = held < BlockSize ? std::nullopt : Mend(run.input, block, offset);
+        if (found && IsFound(run, *found))
             break;
         zero = zero && std::all_of(block.begin(), block.begin() + held, [](char byte) { return byte == 0; });
         offset = run.input.Offset();
@@ -139,17 +211,21 @@ std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
         return Scan(run, offset + Block, "behind a sentinel, of a broken retrieval or junk");
     }
     Entry entry = ReadEntry(block, offset);
-    const bool sized = good && ReadCtarSize(block, entry.size);
+    std::int64_t copy;
+    const bool sized = good && ReadCtarSize(block, entry.size) && ReadCtarSize(block, copy, HeaderFields::SizeCopy) &&
+                       copy == entry.size;
     if (sized && entry.size == 0) {
         Drop(run, offset, offset + Block, "the header of an entry without data");
         return offset + Block;
     }
-    if (sized && Fits(run.input, offset, entry.size))
+    if (sized && Fits(run.input, entry))
         return Keep(run, entry, "");
-    if (const std::optional<Mended> mended = Mend(run.input, block, offset)) {
+    const std::optional<Mended> mended = Mend(run.input, block, offset);
+    if (mended && IsEntry(run, *mended)) {
         run.doubtful += mended->certain ? 0 : 1;
         return Keep(run, mended->entry,
-                    mended->certain ? ", its header mended" : ", its header mended: name, mode or time may be wrong");
+                    std::string(", its header mended") +
+                        (mended->certain ? "" : ": name, size, mode or time may be wrong"));
     }
     if (sized) {
         Drop(run, offset, run.input.Size(),

@@ -7,27 +7,38 @@
 
 SumCheck::SumCheck(const SumCheckOptions& options, Input& input, Findings& findings, Progress& progress)
     : options_(options), input_(input), findings_(findings), progress_(progress), sums_(options.sums),
-      random_(options.seed), begun_(SecondsNow()), compared_{.active = true} {}
+      random_(options.seed), compared_{.active = true} {}
 
-void SumCheck::ReportMissing() {
-    const SumLine& line = *sums_.Head();
-    findings_.Report(FindingKinds::Missing, line.offset, "", line.name + ": in the sums, but not in the archive");
+void SumCheck::TakeLine() {
+    ++compared_.all_entries;
+    compared_.all_bytes += sums_.Head()->size;
     sums_.Next();
 }
 
-void SumCheck::Take(const Entry& entry) {
-    compared_.all_bytes += entry.size;
-    while (sums_.Head() && sums_.Head()->offset < entry.offset)
+void SumCheck::ReportMissing() {
+    const SumLine& line = *sums_.Head();
+    findings_.Report(FindingKinds::Missing, line.offset, line.name,
+                     line.offset < fault_ ? "in the sums, but not in the archive"
+                                          : "in the sums, but not found: see the fault at " + OffsetText(fault_));
+    TakeLine();
+}
+
+bool SumCheck::Expects(std::int64_t offset) {
+    while (sums_.Head() && sums_.Head()->offset < offset)
         ReportMissing();
-    if (!sums_.Head() || sums_.Head()->offset > entry.offset) {
+    return sums_.Head() && sums_.Head()->offset == offset;
+}
+
+void SumCheck::Take(const Entry& entry) {
+    if (!Expects(entry.offset)) {
         findings_.Report(FindingKinds::Additional, entry.offset, entry.name, "in the archive, but not in the sums");
         return;
     }
     const SumLine line = *sums_.Head();
-    sums_.Next();
-    if (line.name != Escape(entry.name) || line.size != entry.size)
+    TakeLine();
+    if (line.name != entry.name || line.size != entry.size)
         findings_.Report(FindingKinds::Differs, entry.offset, entry.name,
-                         "the sums have " + line.name + " here, " + std::to_string(line.size) + " bytes");
+                         "the sums have " + Escape(line.name) + " here, " + std::to_string(line.size) + " bytes");
     else if (std::uniform_real_distribution<>(0, 100)(random_) >= options_.sample)
         return;
     else if (options_.max_duration > 0)
@@ -60,6 +71,7 @@ Compared SumCheck::Finish() {
     while (sums_.Head())
         ReportMissing();
     std::shuffle(waiting_.begin(), waiting_.end(), random_);
+    begun_ = SecondsNow();
     for (const Waiting& waiting : waiting_) {
         if (IsTimeUp())
             break;

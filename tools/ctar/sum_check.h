@@ -3,9 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "findings.h"
 #include "sums.h"
@@ -25,6 +25,10 @@ public:
 
     // Takes the next entry of the walk, the input standing at its data, and may read some of these.
     void Take(const Entry& entry);
+    // The chain of entries ends here, by a fault: entries from here on that do not come are unreadable, not missing.
+    void PassFault(std::int64_t offset) { fault_ = offset; }
+    // Whether the sums have an entry there. Requires, as Take() does: the offsets ascend.
+    bool Expects(std::int64_t offset);
     // Reports the entries that did not come, and reads the data that wait.
     Compared Finish();
 
@@ -34,6 +38,7 @@ private:
         long line;           // position of its line in the file of sums
     };
 
+    void TakeLine();
     void ReportMissing();
     void CompareData(const Entry& entry, const SumLine& line);
     bool IsTimeUp() const;
@@ -44,7 +49,8 @@ private:
     Progress& progress_;
     SumsFile sums_;
     std::mt19937_64 random_;
-    std::vector<Waiting> waiting_;
-    double begun_;
+    std::deque<Waiting> waiting_; // a vector takes three times the memory while it grows
+    double begun_ = 0;            // when reading data under a limit of time began
+    std::int64_t fault_ = INT64_MAX;
     Compared compared_;
 };

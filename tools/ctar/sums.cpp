@@ -38,8 +38,9 @@ std::optional<SumLine> ParseLine(std::string_view text) {
     text.remove_prefix(DigestLength + 1);
     if (!TakeNumber(text, line.offset) || !TakeNumber(text, line.size))
         return std::nullopt;
-    line.name = text;
-    return line;
+    line.name = Unescape(text);
+    const bool possible = line.size <= LargestSize - line.offset && Escape(line.name) == text;
+    return possible ? std::optional(line) : std::nullopt;
 }
 
 } // namespace
@@ -51,10 +52,10 @@ SumsFile::SumsFile(const std::string& path) : name_(Escape(path)), stream_(std::
 }
 
 void SumsFile::Next() {
-    const std::int64_t before = head_->offset;
+    const std::int64_t end = head_->offset + static_cast<std::int64_t>(BlockSize) + head_->size;
     head_ = ReadLine();
-    if (head_ && head_->offset <= before)
-        throw Failure(name_ + ": line " + std::to_string(number_) + ": offsets must ascend");
+    if (head_ && head_->offset < end)
+        throw Failure(name_ + ": line " + std::to_string(number_) + ": begins inside the entry of the line before");
 }
 
 SumLine SumsFile::LineAt(long position) {

@@ -16,11 +16,12 @@ struct SumLine {
     std::string digest;
     std::int64_t offset = 0;
     std::int64_t size = 0;
-    std::string name;  // escaped
+    std::string name;  // as stored
     long position = 0; // of the line in its file
 };
 
-// Reads such a file. Everything throws Failure, with the number of the line, at the first one that is none.
+// Reads such a file. Everything throws Failure, with the number of the line, at the first one that is none, or whose
+// entry could not stand behind that of the line before.
 class SumsFile {
 public:
     explicit SumsFile(const std::string& path);

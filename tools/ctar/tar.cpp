@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "text.h"
+#include "write.h"
 
 namespace {
 
@@ -28,10 +29,7 @@ void Require(archive* tar, la_ssize_t result) {
 la_ssize_t WriteOut(archive* tar, void* abandoned, const void* bytes, std::size_t count) {
     if (*static_cast<const bool*>(abandoned))
         return ARCHIVE_FATAL;
-    ssize_t written;
-    do
-        written = ::write(STDOUT_FILENO, bytes, count);
-    while (written < 0 && errno == EINTR);
+    const ssize_t written = WriteSome(STDOUT_FILENO, bytes, count);
     if (written < 0)
         archive_set_error(tar, errno, "%s", std::strerror(errno));
     return written;

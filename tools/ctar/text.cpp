@@ -1,6 +1,7 @@
 #include "text.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -18,6 +19,20 @@ std::string Escape(std::string_view bytes) {
         else
             text += FormatText("\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
     return text;
+}
+
+std::string Unescape(std::string_view text) {
+    std::string bytes;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned char byte = static_cast<unsigned char>(text[i]);
+        if (text.substr(i).starts_with("\\x")) {
+            const std::string_view digits = text.substr(i + 2, 2);
+            std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+            i += 3;
+        }
+        bytes += static_cast<char>(byte);
+    }
+    return bytes;
 }
 
 std::string Counted(std::int64_t number, const char* one, const char* more) {
@@ -48,4 +63,9 @@ bool OutputArrived() {
         return true;
     Complain(WithReason("standard output"));
     return false;
+}
+
+void RequireOutput() {
+    if (!OutputArrived())
+        throw OutputLost();
 }

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <optional>
 
+#include <sys/stat.h>
+
 #include "output_file.h"
 #include "support.h"
 #include "verdict.h"
@@ -37,6 +39,9 @@ void AddGauge(Page& page, std::string_view name, const char* help, std::optional
 // The moment that an earlier run has left in the file. False when the file is there and cannot be read.
 bool ReadLastGood(const std::string& path, const std::string& labels, std::optional<double>& moment) {
     errno = 0;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        return true; // a pipe would be waited for
     std::ifstream file(path);
     if (!file)
         return errno == ENOENT;

@@ -370,6 +370,9 @@ TEST(Report, WhatCannotBeWrittenIsSaidAndTheRestGoesOn) {
         many += Success("/" + std::to_string(many.size()));
     EXPECT_EQ(tool.Run(many, "--html page | true"), 0);
     EXPECT_TRUE(Holds(tool.Read("page"), "unfinished"));
+    EXPECT_EQ(tool.Run(many, "--json - | true"), 0);
+    EXPECT_EQ(tool.Run(log, "--json /dev/full --html /dev/full --prometheus /dev/full"), 1);
+    EXPECT_EQ(Lines(tool.Read("err"), "vondral-report: /dev/full: No space left on device").size(), 3U);
     EXPECT_EQ(tool.Run(log, "--json -"), 0);
     EXPECT_EQ(Lines(tool.Read("out"), "{\"type\":").size(), 3U);
 }

@@ -15,6 +15,7 @@
 #include "json.h"
 #include "line_splitter.h"
 #include "options.h"
+#include "output.h"
 #include "output_file.h"
 #include "progress.h"
 #include "prometheus.h"
@@ -35,10 +36,10 @@ struct Report {
     LoggedRun run;
     std::unique_ptr<PastRun> past;
     Changes changes;
-    Stream json_file;
-    std::FILE* json = nullptr;
+    Descriptor json_file;
+    Output log; // passed on
+    Output records;
     std::unique_ptr<ProgressLine> line; // on a terminal
-    PassThrough output;
     LineSplitter splitter;
     bool live = false; // the log comes from a run under way, not from a file
     double begun = SecondsNow();
@@ -75,20 +76,20 @@ void PrepareOutputs(Report& report) {
         }
     }
     if (options.json == "-") {
-        report.json = stdout;
+        report.records.descriptor = STDOUT_FILENO;
     } else if (!options.json.empty()) {
-        report.json_file.reset(std::fopen(options.json.c_str(), "we"));
-        report.json = report.json_file.get();
-        if (report.json == nullptr)
+        report.json_file.Reset(::open(options.json.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+        report.records.descriptor = report.json_file.Get();
+        if (!report.json_file.IsOpen())
             report.Fail(options.json, errno);
     }
     if (!options.no_log && options.json != "-")
-        report.output.descriptor = STDOUT_FILENO;
+        report.log.descriptor = STDOUT_FILENO;
     if (report.live && !options.quiet && options.every == 0 && ::isatty(STDERR_FILENO) != 0)
         report.line = std::make_unique<ProgressLine>(STDERR_FILENO);
     report.run.on_object = [&report](const LoggedRun& run, const ObjectResult& object) {
-        if (report.json != nullptr)
-            WriteObjectRecord(report.json, run, object);
+        if (report.records.descriptor >= 0)
+            WriteObjectRecord(report.records, run, object);
         if (report.past != nullptr)
             NoteChange(report.changes, *report.past, run, object);
     };
@@ -97,10 +98,10 @@ void PrepareOutputs(Report& report) {
 void TakePiece(Report& report, std::string_view piece) {
     if (report.line != nullptr)
         report.line->Clear();
-    const bool was_passing = report.output.descriptor >= 0;
-    PassOn(report.output, piece);
-    if (was_passing && report.output.error != 0)
-        report.Fail("standard output", report.output.error);
+    const bool was_passing = report.log.descriptor >= 0;
+    Write(report.log, piece);
+    if (was_passing && report.log.error != 0)
+        report.Fail("standard output", report.log.error);
     SplitLines(report.splitter, piece, [&report](std::string_view text) { TakeLogLine(report.run, text); });
 }
 
@@ -108,7 +109,7 @@ void ShowProgress(Report& report) {
     const double interval = report.line != nullptr ? 0.2 : report.options.every; // seconds
     const double now = SecondsNow();
     if (interval <= 0 || !report.live || now - report.last_shown < interval ||
-        (report.line != nullptr && report.output.mid_line))
+        (report.line != nullptr && report.log.mid_line))
         return;
     report.last_shown = now;
     const std::string text = ProgressText(report.run, report.past.get(), now - report.begun);
@@ -140,11 +141,12 @@ void WriteReports(Report& report, std::time_t ended) {
         report.Fail(options.html, errno);
     if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, options.labels, report.run, ended))
         report.Fail(options.prometheus, errno);
-    if (report.json == nullptr)
-        return;
-    WriteRunRecords(report.json, report.run, ended, changes);
-    if (std::ferror(report.json) != 0)
-        report.Fail(options.json, EIO);
+    if (report.records.descriptor >= 0)
+        WriteRunRecords(report.records, report.run, ended, changes);
+    if (report.json_file.IsOpen() && report.json_file.Close() != 0 && report.records.error == 0)
+        report.records.error = errno;
+    if (report.records.error != 0)
+        report.Fail(options.json == "-" ? "standard output" : options.json, report.records.error);
 }
 
 void SayNames(const char* what, const Changes::Names& names) {

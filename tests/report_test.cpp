@@ -351,7 +351,8 @@ TEST(Report, LabelsStandOnEachGaugeAndNamesTheSeriesThatIsKept) {
     WriteFile(tool.work / "gauges", series + "1234\nvondral_last_good_run_end_time_seconds 5\n");
     EXPECT_EQ(tool.Run(Success("/a"), labels), 0);
     EXPECT_EQ(Lines(tool.Read("gauges"), series), std::vector<std::string>{series + "1234"});
-    for (const char* const label : {"status=x", "__x=1", "1x=1", "=1", "x", "\"x y=1\"", "$'x=1\\n'"})
+    for (const char* const label :
+         {"status=x", "__x=1", "1x=1", "=1", "x", "\"x y=1\"", "$'x=1\\n'", "$'x=\\xff'", "x=1 --label x=2"})
         EXPECT_EQ(tool.Run(good, std::string("--label ") + label), 2) << label;
 }
 

@@ -202,6 +202,7 @@ TEST(Report, LinesOfEveryKind) {
           {"** Backed up 27.844 kB", LineKind::Total, "", 28512},
           {"Xfer:   1.250 s 1687.424 KB/s", LineKind::TransferTime, "", 1.25},
           {"Size: -1 B", LineKind::Unknown, "", 0},
+          {"Size: 999999999999999999 GB", LineKind::Unknown, "", 0},
           {"Save: nan s", LineKind::Unknown, "", 0},
           {"Save: 1e999 s", LineKind::SaveTime, "", 1}, // a fixed-point number ends before the e
           {"other-name[ftp.cpp,511]: SAV command failed", LineKind::Message, "SAV command failed", 0},
@@ -220,8 +221,9 @@ TEST(Report, LinesOfEveryKind) {
         EXPECT_EQ(line.time, 86398);
         EXPECT_EQ(line.thread, 3);
     }
-    for (const char* const untagged : {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[23:59:58] [T9999999] x",
-                                       "[23:59:58] [T0x] ", "  550 no", "\xFF\xFE"})
+    for (const char* const untagged :
+         {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[24:00:00] [T03] x", "[23:60:00] [T03] x",
+          "[23:59:61] [T03] x", "[23:59:58] [T9999999] x", "[23:59:58] [T0x] ", "  550 no", "\xFF\xFE"})
         EXPECT_EQ(ParseLogLine(untagged).kind, LineKind::Reply) << untagged;
 }
 
@@ -310,6 +312,18 @@ TEST(Report, HostileBytesStayText) {
     EXPECT_EQ(TerminalText("a\x1b[K\xC3\xA9\xFF"), "a?[K??");
     EXPECT_EQ(VisibleText("\xE2\x80\xAE\xC3\xA9\xED\xA0\x80\xF5"),
               "\xEF\xBF\xBD\xC3\xA9\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+TEST(Report, FiguresBeyondAllReasonStayFigures) {
+    std::string log;
+    for (int i = 0; i < 20; ++i)
+        log += Success("/huge") + Line("23:59:51", "Size: 999999999 GB", "01") +
+               Line("23:59:51", "Save: 999999999999999999 s", "01") + Line("23:59:52", "Backup Failure: /late", "01");
+    Tool tool;
+    EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+    EXPECT_TRUE(Holds(tool.Read("records"), "\"bytes\":999999999000000000,"));
+    EXPECT_FALSE(Holds(tool.Read("records"), "\":-")) << tool.Read("records");
+    EXPECT_FALSE(Holds(tool.Read("page"), ">-"));
 }
 
 TEST(Report, TheLastGoodRunIsKeptUntilThereIsABetterOne) {

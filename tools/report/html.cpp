@@ -71,7 +71,7 @@ std::string MissingSection(const LoggedRun& run) {
                 "<tr><td class=\"name\">" + HtmlText(object.name) +
                 FormatText("</td><td class=\"outcome %s\">", object.outcome == ObjectOutcome::Failed ? "failed" : "") +
                 OutcomeName(object.outcome, run.mode) + "</td><td class=\"number\">" +
-                ShowTime(run.clock.first + static_cast<int>(object.ended)) + "</td><td>" +
+                ShowTime(run.clock.first + object.ended) + "</td><td>" +
                 (object.reason.empty() ? "<span class=\"quiet\">the log does not tell</span>"
                                        : HtmlText(object.reason)) +
                 "</td></tr>";
@@ -183,8 +183,7 @@ std::string TotalsSection(const LoggedRun& run) {
     if (rows.empty())
         return {};
     return "<section><h2>Totals of the log</h2><p class=\"quiet\">They count the files in a directory that was saved "
-           "as one, "
-           "one by one, and add up the seconds of all workers.</p><table class=\"narrow\">" +
+           "as one, one by one, and add up the seconds of all workers.</p><table class=\"narrow\">" +
            rows + "</table></section>";
 }
 

@@ -15,11 +15,11 @@ void WriteRecord(Output& output, const Record& record) {
     Write(output, record.dump(-1, ' ', true, Record::error_handler_t::replace) + "\n");
 }
 
-// Whole numbers without a point.
+// Whole numbers without a point, as far as they fit.
 void Put(Record& record, const char* name, std::optional<double> value) {
     if (!value)
         return;
-    if (*value == std::floor(*value))
+    if (*value == std::floor(*value) && *value < 0x1p63)
         record[name] = static_cast<std::int64_t>(*value);
     else
         record[name] = *value;

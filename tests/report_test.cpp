@@ -392,6 +392,32 @@ TEST(Report, WhatCannotBeWrittenIsSaidAndTheRestGoesOn) {
     EXPECT_EQ(Lines(tool.Read("out"), "{\"type\":").size(), 3U);
 }
 
+TEST(Report, OutputsThatAreLinksOrStandardOutputOrTheLog) {
+    Tool tool;
+    const std::string log = Success("/a");
+    WriteFile(tool.work / "there", "old");
+    fs::create_symlink("there", tool.work / "link");
+    fs::create_symlink("not there", tool.work / "dangling");
+    EXPECT_EQ(tool.Run(log, "--html link --prometheus dangling"), 0);
+    EXPECT_TRUE(fs::is_symlink(tool.work / "link") && fs::is_symlink(tool.work / "dangling"));
+    EXPECT_TRUE(Holds(tool.Read("there"), "<!DOCTYPE"));
+    EXPECT_TRUE(Holds(tool.Read("not there"), "vondral_run_status"));
+    fs::create_symlink("/proc/self/fd/1", tool.work / "stdout"); // root could replace /dev/stdout
+    for (const char* const arguments : {"--prometheus stdout", "--prometheus stdout | cat"}) {
+        EXPECT_EQ(tool.Run(log, arguments), 0);
+        EXPECT_TRUE(fs::is_symlink(tool.work / "stdout"));
+        EXPECT_EQ(tool.Read("out").find(log + "# HELP vondral_run_status"), 0U) << arguments;
+    }
+    WriteFile(tool.work / "old", log);
+    fs::create_symlink("input", tool.work / "log");
+    for (const char* const arguments : {"input --html input", "input --json ./input", "input --prometheus log",
+                                        "--json old --against old", "input --no-log --json - 1>>input #"}) {
+        EXPECT_EQ(tool.Run(log, arguments), 2) << arguments;
+        EXPECT_TRUE(Holds(tool.Read("err"), ": is a log that is to be read\n")) << arguments;
+        EXPECT_EQ(tool.Read("input") + tool.Read("old"), log + log) << arguments;
+    }
+}
+
 TEST(Report, WhatChangedSinceAnEarlierRun) {
     const auto failed = [](const std::string& name) { return Line("23:59:50", "Backup Failure: " + name, "01"); };
     Tool tool;

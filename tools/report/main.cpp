@@ -66,6 +66,26 @@ void OutliveTheRun() {
         std::signal(signal, SIG_IGN);
 }
 
+// Whether no output is a log that is read, which it would empty, replace or have grow for ever. Says which is.
+bool SparesTheLogs(const Options& options, const struct stat& log) {
+    struct stat old_log {};
+    ::stat(options.against.c_str(), &old_log);
+    const auto is_log = [&](const struct stat& output) {
+        return S_ISREG(output.st_mode) && (IsSameFile(output, log) || IsSameFile(output, old_log));
+    };
+    const bool to_records = options.json == "-";
+    std::string refused;
+    struct stat status {};
+    for (const std::string& path : {options.html, options.prometheus, to_records ? "" : options.json})
+        if (::stat(path.c_str(), &status) == 0 && is_log(status))
+            refused = path;
+    if ((to_records || !options.no_log) && ::fstat(STDOUT_FILENO, &status) == 0 && is_log(status))
+        refused = "standard output";
+    if (!refused.empty())
+        std::fprintf(stderr, "vondral-report: %s: is a log that is to be read\n", TerminalText(refused).c_str());
+    return refused.empty();
+}
+
 void PrepareOutputs(Report& report) {
     const Options& options = report.options;
     if (!options.against.empty()) {
@@ -179,6 +199,8 @@ int MakeReport(const Options& options) {
     const int input = file.IsOpen() ? file.Get() : STDIN_FILENO;
     struct stat status {};
     ::fstat(input, &status);
+    if (!SparesTheLogs(options, status))
+        return BadUsage;
     report.live = !S_ISREG(status.st_mode);
     if (report.live)
         OutliveTheRun();

@@ -64,10 +64,11 @@ struct Tool {
     TempDir work;
     fs::path input = work / "input";
 
-    int Run(const std::string& log, const std::string& arguments) {
+    // `feed` is the command that the tool reads from.
+    int Run(const std::string& log, const std::string& arguments, const std::string& feed = "cat input") {
         WriteFile(input, log);
-        WriteFile(work / "script", "cd '" + work.path.string() + "' && cat input | 2>err '" + REPORT_UNDER_TEST + "' " +
-                                       arguments + " >out\n");
+        WriteFile(work / "script", "cd '" + work.path.string() + "' && " + feed + " | 2>err '" + REPORT_UNDER_TEST +
+                                       "' " + arguments + " >out\n");
         const std::string script = work / "script";
         const pid_t process = ::fork();
         if (process == 0) {
@@ -436,6 +437,14 @@ TEST(Report, WhatChangedSinceAnEarlierRun) {
                                         R"({"type":"change","change":"no longer named","name":"/gone"})"}));
     EXPECT_TRUE(Holds(tool.Read("err"), "vondral-report: newly missing: /new\n"));
     EXPECT_LT(tool.Read("page").find("id=\"missing\""), tool.Read("page").find("id=\"changes\""));
+}
+
+TEST(Report, PlainLinesOfProgressWhileTheLogIsSilent) {
+    Tool tool;
+    const std::string feed =
+        "{ cat input; for i in {1..300}; do grep -qs '1 object |' err && break; sleep 0.1; done; }";
+    EXPECT_EQ(tool.Run(Success("/a"), "--every 1s", feed), 0);
+    EXPECT_EQ(tool.Read("err").find("vondral-report: 1 object | "), 0U) << tool.Read("err");
 }
 
 // On a terminal the line of progress never mixes with the log, and is gone at the end. Its width is 40 columns.

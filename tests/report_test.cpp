@@ -389,6 +389,9 @@ TEST(Report, WhatCannotBeWrittenIsSaidAndTheRestGoesOn) {
     EXPECT_EQ(tool.Run(many, "--json - | true"), 0);
     EXPECT_EQ(tool.Run(log, "--json /dev/full --html /dev/full --prometheus /dev/full"), 1);
     EXPECT_EQ(Lines(tool.Read("err"), "vondral-report: /dev/full: No space left on device").size(), 3U);
+    EXPECT_EQ(tool.Run(log, "--json pipe --html pipe --prometheus pipe", "mkfifo pipe && cat input"), 1);
+    EXPECT_EQ(Lines(tool.Read("err"), "vondral-report: pipe: No such device or address").size(), 3U);
+    EXPECT_EQ(tool.Read("out"), log);
     EXPECT_EQ(tool.Run(log, "--json -"), 0);
     EXPECT_EQ(Lines(tool.Read("out"), "{\"type\":").size(), 3U);
 }

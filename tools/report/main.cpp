@@ -1,5 +1,6 @@
 // vondral-report: reads the log of a run, passes it on, and tells on the way and at the end what it says.
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -59,12 +60,25 @@ void ReserveStandardDescriptors() {
             std::exit(Trouble);
 }
 
-// The run must not die of its report: what ends a job, or is typed at a terminal, is for the run to obey, and the end
-// of its log ends this program.
-void OutliveTheRun() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(signal, SIG_IGN);
-}
+// The run must not die of its report: while its log is read, what ends a job, or is typed at a terminal, is for the run
+// to obey.
+class SignalsIgnored {
+public:
+    SignalsIgnored() {
+        for (std::size_t i = 0; i < signals_.size(); ++i)
+            before_[i] = std::signal(signals_[i], SIG_IGN);
+    }
+    ~SignalsIgnored() {
+        for (std::size_t i = 0; i < signals_.size(); ++i)
+            std::signal(signals_[i], before_[i]);
+    }
+    SignalsIgnored(const SignalsIgnored&) = delete;
+    SignalsIgnored& operator=(const SignalsIgnored&) = delete;
+
+private:
+    static constexpr std::array signals_{SIGINT, SIGTERM, SIGHUP};
+    std::array<void (*)(int), signals_.size()> before_{};
+};
 
 // Whether no output is a log that is read, which it would empty, replace or have grow for ever. Says which is.
 bool SparesTheLogs(const Options& options, const struct stat& log) {
@@ -98,8 +112,9 @@ void PrepareOutputs(Report& report) {
     if (options.json == "-") {
         report.records.descriptor = STDOUT_FILENO;
     } else if (!options.json.empty()) {
-        report.json_file.Reset(::open(options.json.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-        report.records.descriptor = report.json_file.Get();
+        constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
+        report.json_file.Reset(::open(options.json.c_str(), flags, 0666));
+        report.records = {report.json_file.Get(), PipePatience};
         if (!report.json_file.IsOpen())
             report.Fail(options.json, errno);
     }
@@ -202,10 +217,13 @@ int MakeReport(const Options& options) {
     if (!SparesTheLogs(options, status))
         return BadUsage;
     report.live = !S_ISREG(status.st_mode);
-    if (report.live)
-        OutliveTheRun();
-    PrepareOutputs(report);
-    ReadLog(report, input);
+    {
+        std::optional<SignalsIgnored> ignored;
+        if (report.live)
+            ignored.emplace();
+        PrepareOutputs(report);
+        ReadLog(report, input);
+    }
     WriteReports(report, report.run.clock.LastMoment(report.live ? std::time(nullptr) : status.st_mtime));
     if (!options.quiet)
         SaySummary(report);

@@ -5,11 +5,15 @@
 
 #include <string_view>
 
+// How long a pipe with a name may be full, in milliseconds: a reader that hangs must not hold up the run for ever.
+constexpr int PipePatience = 30000;
+
 struct Output {
     int descriptor = -1; // -1: nothing is written, or no longer
+    int patience = -1;   // milliseconds to wait for room in a descriptor that does not block; -1: as long as it takes
     bool mid_line = false;
     int error = 0; // errno of the write that failed, but for the reader of standard output gone away
 };
 
-// Writes all of the bytes, waiting as long as it takes; after a failure, nothing any more.
+// Writes all of the bytes; after a failure, ETIMEDOUT among them, nothing any more.
 void Write(Output& output, std::string_view bytes);

@@ -17,8 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool WriteAll(int descriptor, std::string_view text) {
-    Output output{descriptor};
+bool WriteAll(Output output, std::string_view text) {
     Write(output, text);
     errno = output.error;
     return output.error == 0;
@@ -46,7 +45,7 @@ mode_t UsualMode() {
 }
 
 bool Publish(Descriptor file, const std::string& temporary, const std::string& path, const std::string& text) {
-    return WriteAll(file.Get(), text) && ::fchmod(file.Get(), UsualMode()) == 0 && ::fsync(file.Get()) == 0 &&
+    return WriteAll({file.Get()}, text) && ::fchmod(file.Get(), UsualMode()) == 0 && ::fsync(file.Get()) == 0 &&
            file.Close() == 0 && std::rename(temporary.c_str(), path.c_str()) == 0;
 }
 
@@ -62,10 +61,10 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
     if (!exists && errno != ENOENT)
         return false;
     if (exists && IsStandardOutput(status))
-        return WriteAll(STDOUT_FILENO, text);
+        return WriteAll({STDOUT_FILENO}, text);
     if (exists && !S_ISREG(status.st_mode)) {
-        Descriptor device(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        return device.IsOpen() && WriteAll(device.Get(), text) && device.Close() == 0;
+        Descriptor device(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        return device.IsOpen() && WriteAll({device.Get(), PipePatience}, text) && device.Close() == 0;
     }
     const std::string target = Resolve(path);
     std::string temporary = target + ".XXXXXX";

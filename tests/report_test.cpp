@@ -186,6 +186,31 @@ TEST(Report, FiguresAreTheOnesOfTheLogOrNone) {
     }
 }
 
+// What failed stands on standard error, and what was saved in part is told from -v1 on.
+TEST(Report, WhatIsNotToldIsNotZero) {
+    const auto without_errors = [](const std::string& log) {
+        return std::regex_replace(log, std::regex("[^\n]*(command failed\n[^\n]*|Backup Failure: [^\n]*)\n"), "");
+    };
+    constexpr char failed[] = "\nvondral_run_objects_failed ", missing[] = "\nvondral_run_objects_missing ";
+    Night night;
+    night.options.locked = {"/home/note"};
+    int status = -1;
+    Tool tool;
+    for (const char* const verbosity : {"-v0", "-v1"}) {
+        const std::string log = night.Backup({verbosity}, status);
+        EXPECT_EQ(tool.Run(without_errors(log), AllOutputs), 0);
+        EXPECT_FALSE(Holds(tool.Read("gauges"), failed) || Holds(tool.Read("gauges"), missing)) << log;
+        EXPECT_FALSE(Holds(tool.Read("records"), "\"failed\":")) << log;
+        EXPECT_FALSE(Holds(tool.Read("page"), "objects failed")) << log;
+        EXPECT_TRUE(std::regex_search(tool.Read("err"), std::regex("failures: .*, [1-9] files? failed"))) << log;
+        EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+        EXPECT_TRUE(Holds(tool.Read("gauges"), failed + std::string("1\n"))) << log;
+        const bool told = std::string_view(verbosity) == "-v1";
+        EXPECT_EQ(Holds(tool.Read("gauges"), missing + std::string("1\n")), told) << log;
+        EXPECT_EQ(Holds(tool.Read("records"), "\"saved in part\":0"), told) << log;
+    }
+}
+
 TEST(Report, LinesOfEveryKind) {
     constexpr std::string_view tag = "[23:59:58] [T03] ";
     struct Row {

@@ -44,7 +44,8 @@ Record RunRecord(const LoggedRun& run, std::time_t ended) {
     if (ended > 0)
         record["ended"] = static_cast<std::int64_t>(ended);
     for (std::size_t i = 0; i < OutcomeCount; ++i)
-        record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = run.counts[i];
+        if (const auto count = CountTold(run, static_cast<ObjectOutcome>(i)))
+            record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = *count;
     if (run.HasSizes())
         Put(record, "object_bytes", run.bytes);
     record["lines"] = run.lines;

@@ -88,10 +88,9 @@ bool WritePrometheus(const std::string& path, const std::string& labels, const L
     AddGauge(page, "vondral_run_files_failed", "Of these, not saved.", run.Get(Total::Failed));
     AddGauge(page, "vondral_run_objects", "Objects that the log of the last run reports.",
              static_cast<double>(run.Objects()));
-    AddGauge(page, "vondral_run_objects_failed", "Of these, failed.",
-             static_cast<double>(run.Count(ObjectOutcome::Failed)));
+    AddGauge(page, "vondral_run_objects_failed", "Of these, failed.", CountTold(run, ObjectOutcome::Failed));
     AddGauge(page, "vondral_run_objects_missing", "Of these, failed, saved in part or without data, or not found.",
-             static_cast<double>(run.Missing()));
+             MissingTold(run));
     AddGauge(page, "vondral_run_bytes", "Bytes of the last run, as the log rounds them.", run.Get(Total::Bytes));
     AddGauge(page, "vondral_run_duration_seconds", "What the last run took.", run.Get(Total::RunSeconds));
     return ReplaceFile(path, page.text);

@@ -51,14 +51,53 @@ std::optional<int> ExpectedExitStatus(const LoggedRun& run) {
     return (errors + *failed) / (errors + *attempted) < tolerated ? 1 : 2;
 }
 
+double UnnamedFailures(const LoggedRun& run) {
+    return run.Count(ObjectOutcome::Failed) == 0 ? run.Get(Total::Failed).value_or(0) : 0;
+}
+
 namespace {
+
+// Failures stand on standard error, which may not be in the log: when it names none, its totals have to say so.
+bool TellsFailures(const LoggedRun& run) {
+    return run.Count(ObjectOutcome::Failed) > 0 ||
+           (run.mode == Mode::Restore && run.Count(ObjectOutcome::SavedInPart) > 0) ||
+           (run.complete && UnnamedFailures(run) == 0 && run.unexplained == 0);
+}
 
 // A worker reports its end from -v1 on.
 bool HasReported(const std::pair<const int, Worker>& worker) {
     return worker.first != 0 && worker.second.done;
 }
 
+// Whether the log is of -v1 or more.
+bool TellsParts(const LoggedRun& run) {
+    return run.has_figures || run.has_commands || run.Count(ObjectOutcome::SavedInPart) > 0 ||
+           std::any_of(run.workers.begin(), run.workers.end(), HasReported);
+}
+
+bool Tells(const LoggedRun& run, ObjectOutcome outcome) {
+    switch (outcome) {
+    case ObjectOutcome::Failed:
+        return TellsFailures(run);
+    case ObjectOutcome::SavedInPart:
+        return run.mode == Mode::Restore ? TellsFailures(run) : TellsParts(run);
+    case ObjectOutcome::LeftOut:
+        return run.mode == Mode::Restore;
+    default:
+        return true;
+    }
+}
+
 } // namespace
+
+std::optional<std::uint64_t> CountTold(const LoggedRun& run, ObjectOutcome outcome) {
+    return Tells(run, outcome) ? std::optional(run.Count(outcome)) : std::nullopt;
+}
+
+std::optional<std::uint64_t> MissingTold(const LoggedRun& run) {
+    const bool told = Tells(run, ObjectOutcome::Failed) && Tells(run, ObjectOutcome::SavedInPart);
+    return told ? std::optional(run.Missing()) : std::nullopt;
+}
 
 std::vector<std::string> Omissions(const LoggedRun& run) {
     std::vector<std::string> omissions;
@@ -70,11 +109,11 @@ std::vector<std::string> Omissions(const LoggedRun& run) {
         omissions.emplace_back(
             "Sizes and times of the objects: the log has them from -v2 on. Without them a bar of the "
             "timeline begins where the line before ended.");
-    if (run.mode == Mode::Backup && done > 0 && std::none_of(run.workers.begin(), run.workers.end(), HasReported))
+    if (run.mode == Mode::Backup && done > 0 && !TellsParts(run))
         omissions.emplace_back("Objects saved in part (-p no): the log has them from -v1 on.");
     if (!run.has_commands && !run.ended)
         omissions.emplace_back("What a worker is doing: the log tells that from -v3 on.");
-    if (run.mode == Mode::Backup && run.Get(Total::Failed).value_or(0) > 0 && run.Count(ObjectOutcome::Failed) == 0)
+    if (UnnamedFailures(run) > 0)
         omissions.emplace_back("The objects that failed: they stand on standard error, which is not in this log.");
     if (run.unexplained > 0)
         omissions.push_back(
@@ -103,6 +142,8 @@ std::string Summary(const LoggedRun& run) {
                                         ObjectOutcome::NotFound, ObjectOutcome::LeftOut})
         if (count(outcome) > 0)
             text += FormatText(", %llu %s", count(outcome), OutcomeName(outcome, run.mode));
+    if (const double files = UnnamedFailures(run); files > 0)
+        text += FormatText(", %.0f file%s failed", files, files == 1 ? "" : "s");
     if (const std::optional<double> bytes = run.Get(Total::Bytes))
         text += ", " + ShowBytes(*bytes);
     else if (run.HasSizes())

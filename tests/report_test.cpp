@@ -371,6 +371,10 @@ TEST(Report, TheLastGoodRunIsKeptUntilThereIsABetterOne) {
     EXPECT_NE(kept, "vondral_last_good_run_end_time_seconds 1234");
     EXPECT_EQ(tool.Run(bad, "--prometheus gauges"), 0);
     EXPECT_EQ(last_good(), kept);
+    EXPECT_EQ(tool.Run(night.Log({"-t"}, status), "--fail --prometheus gauges"), 3);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(Holds(tool.Read("gauges"), "{status=\"unknown\"} 1\n"));
+    EXPECT_EQ(last_good(), kept);
     EXPECT_EQ(fs::status(tool.work / "gauges").permissions() & fs::perms::group_write,
               fs::status(tool.input).permissions() & fs::perms::group_write);
     EXPECT_EQ(std::distance(fs::directory_iterator(tool.work.path), {}), 5); // no temporary file is left

@@ -90,7 +90,7 @@ constexpr Rule Rules[] = {
     {"Restore Success: ", LineKind::Restored, Value::Text},
     {"Transfer : ", LineKind::TransferTime, Value::Number},
     {"Restore  : ", LineKind::RestoreTime, Value::Number},
-    {"Restored ", LineKind::Total, Value::Decimal, Total::Bytes},
+    {"Restored ", LineKind::AllRestored, Value::Decimal, Total::Bytes},
     {"** Thread ", LineKind::WorkerDone},
     {"** Backup Complete", LineKind::Complete},
     {"** No objects attempted", LineKind::NothingToDo},

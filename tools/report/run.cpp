@@ -157,7 +157,6 @@ void TakeTotal(LoggedRun& run, const LogLine& line) {
         return;
     run.totals[static_cast<std::size_t>(line.total)] = line.number;
     run.ended |= line.total == Total::RunSeconds;
-    run.complete |= run.mode == Mode::Restore && line.total == Total::Bytes;
 }
 
 void TakeCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
@@ -242,7 +241,14 @@ void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
         worker.done = true;
         break;
     case LineKind::Complete:
+        run.mode = Mode::Backup;
         run.complete = true;
+        break;
+    case LineKind::AllRestored:
+        Settle(run, worker);
+        run.mode = Mode::Restore;
+        run.complete = true;
+        TakeTotal(run, line);
         break;
     case LineKind::NothingToDo:
         run.idle |= line.thread == 0;

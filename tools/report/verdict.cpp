@@ -13,7 +13,9 @@ Status StatusOf(const LoggedRun& run) {
         return Status::Failed;
     if (!run.ended)
         return Status::Unfinished;
-    if (run.mode != Mode::Unknown && !run.complete)
+    if (run.mode == Mode::Unknown)
+        return Status::Unknown;
+    if (!run.complete)
         return Status::Failed;
     const bool failures = run.Count(ObjectOutcome::Failed) > 0 || run.Get(Total::Failed).value_or(0) > 0 ||
                           run.Get(Total::ParsingErrors).value_or(0) > 0;
@@ -21,7 +23,8 @@ Status StatusOf(const LoggedRun& run) {
 }
 
 const char* StatusName(Status status) {
-    static constexpr const char* names[StatusCount] = {"complete", "failures", "terminated", "failed", "unfinished"};
+    static constexpr const char* names[StatusCount] = {"complete", "failures",   "terminated",
+                                                       "failed",   "unfinished", "unknown"};
     return names[static_cast<std::size_t>(status)];
 }
 
@@ -35,6 +38,7 @@ std::optional<int> ExpectedExitStatus(const LoggedRun& run) {
     case Status::Failed:
         return 255;
     case Status::Unfinished:
+    case Status::Unknown:
         return std::nullopt;
     case Status::WithFailures:
         break;
@@ -105,6 +109,8 @@ std::vector<std::string> Omissions(const LoggedRun& run) {
     if (!run.ended && !run.terminated && !run.fatal)
         omissions.emplace_back("The log has no end: the run died, or is still going. Of what came later nothing is "
                                "known, and there are no totals.");
+    if (StatusOf(run) == Status::Unknown)
+        omissions.emplace_back("What the run did: the log tells of neither a backup nor a restore.");
     if (done > 0 && !run.has_figures)
         omissions.emplace_back(
             "Sizes and times of the objects: the log has them from -v2 on. Without them a bar of the "
@@ -135,6 +141,8 @@ std::vector<std::string> Omissions(const LoggedRun& run) {
 std::string Summary(const LoggedRun& run) {
     const auto count = [&run](ObjectOutcome outcome) { return static_cast<unsigned long long>(run.Count(outcome)); };
     std::string text = StatusName(StatusOf(run));
+    if (StatusOf(run) == Status::Unknown)
+        return text + ": the log tells of neither a backup nor a restore";
     if (StatusOf(run) == Status::Failed && !run.messages.empty())
         text += " (" + TerminalText(run.messages.back()) + ")";
     text += ": " + ShowCount(run.Count(ObjectOutcome::Saved)) + " " + OutcomeName(ObjectOutcome::Saved, run.mode);

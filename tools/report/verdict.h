@@ -14,11 +14,12 @@ enum class Status {
     Terminated,   // ended early, on request and orderly
     Failed,       // the run as such
     Unfinished,   // the log has no end: the run died, or is still going
+    Unknown,      // it came to an end, but the log tells of neither a backup nor a restore
 };
-constexpr std::size_t StatusCount = 5;
+constexpr std::size_t StatusCount = 6;
 
 Status StatusOf(const LoggedRun& run);
-const char* StatusName(Status status); // "complete", "failures", "terminated", "failed", "unfinished"
+const char* StatusName(Status status); // "complete", "failures", "terminated", "failed", "unfinished", "unknown"
 
 // What the program's exit status must have been by this log; nothing when that cannot be told.
 std::optional<int> ExpectedExitStatus(const LoggedRun& run);

@@ -311,6 +311,13 @@ TEST(Report, ALogWithoutAnEndAndALogOfTwoRuns) {
     EXPECT_TRUE(last.missing.empty());
     const LoggedRun again = ReadRun(whole.substr(0, whole.size() / 2) + "\n" + whole);
     EXPECT_EQ(again.Objects(), ReadRun(whole).Objects());
+    // The last line of the first run was cut, and that of the second stands behind it.
+    const std::string restore = night.Log({"-r", (night.work / "archive").string()}, status);
+    for (const std::size_t length : {whole.find("Backup Success: ") + 20, whole.rfind("** Total Run Time: ") + 5}) {
+        const std::string cut = whole.substr(0, length);
+        EXPECT_EQ(ReadRun(cut + whole).Objects(), ReadRun(whole).Objects()) << length;
+        EXPECT_EQ(ReadRun(cut + restore).Objects() + 1, ReadRun(restore).Objects()) << length;
+    }
     EXPECT_EQ(StatusOf(ReadRun(Line("01:00:00", "vondral[backup.cpp,1]: Backup Terminated Cleanly"))),
               Status::Terminated);
 }

@@ -172,9 +172,19 @@ void TakeCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
 bool BeginsRun(const LoggedRun& run, const LogLine& line) {
     if (line.thread != 0)
         return false;
-    if (line.kind == LineKind::Listing)
+    switch (line.kind) {
+    case LineKind::Listing:
         return run.mode != Mode::Unknown || run.ended;
-    return run.ended && (line.kind == LineKind::Entry || line.kind == LineKind::Sent || line.kind == LineKind::Message);
+    case LineKind::Listed:
+        return run.listed || run.ended || run.mode == Mode::Restore;
+    case LineKind::Entry:
+        return run.ended || run.mode == Mode::Backup;
+    case LineKind::Sent:
+    case LineKind::Message:
+        return run.ended;
+    default:
+        return false;
+    }
 }
 
 void BeginAnew(LoggedRun& run) {
@@ -202,6 +212,8 @@ void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
         worker.doing = "listing";
         break;
     case LineKind::Listed:
+        run.mode = Mode::Backup;
+        run.listed = true;
         worker.doing = "directing the workers";
         worker.object.clear();
         break;

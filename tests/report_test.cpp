@@ -102,6 +102,14 @@ LoggedRun ReadRun(const std::string& log) {
     return run;
 }
 
+std::string Line(const char* time, const std::string& text, const char* thread = "00") {
+    return "[" + std::string(time) + "] [T" + thread + "] " + text + "\n";
+}
+
+std::string Success(const std::string& name) {
+    return Line("23:59:50", "Backup Success: " + name, "01");
+}
+
 // Each status as the program itself ends and as its log tells, at every verbosity and with threads on and off; what
 // the log says passes through untouched, and the passphrase goes nowhere else.
 TEST(Report, TellsHowTheProgramEnded) {
@@ -211,6 +219,15 @@ TEST(Report, WhatIsNotToldIsNotZero) {
     }
 }
 
+TEST(Report, AnObjectWithoutDataHasTheServersReason) {
+    const std::string name = "/QSYS.LIB/A.LIB";
+    const LoggedRun run =
+        ReadRun(Line("01:00:00", name + ": 550 No objects saved.", "02") +
+                Line("01:00:00", "Block returned no data", "02") + Line("01:00:00", "Backup Success: " + name, "02"));
+    ASSERT_EQ(run.Count(ObjectOutcome::NoData), 1U);
+    EXPECT_EQ(run.missing[0].reason, "the server saved it without data; 550 No objects saved.");
+}
+
 TEST(Report, LinesOfEveryKind) {
     constexpr std::string_view tag = "[23:59:58] [T03] ";
     struct Row {
@@ -251,14 +268,6 @@ TEST(Report, LinesOfEveryKind) {
          {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[24:00:00] [T03] x", "[23:60:00] [T03] x",
           "[23:59:61] [T03] x", "[23:59:58] [T9999999] x", "[23:59:58] [T0x] ", "  550 no", "\xFF\xFE"})
         EXPECT_EQ(ParseLogLine(untagged).kind, LineKind::Reply) << untagged;
-}
-
-std::string Line(const char* time, const std::string& text, const char* thread = "00") {
-    return "[" + std::string(time) + "] [T" + thread + "] " + text + "\n";
-}
-
-std::string Success(const std::string& name) {
-    return Line("23:59:50", "Backup Success: " + name, "01");
 }
 
 TEST(Report, TimeCrossesMidnightAndStandsStillForClocksPutBack) {

@@ -87,7 +87,8 @@ void ReportSave(LoggedRun& run, Worker& worker, const LogLine& line) {
     if (line.kind == LineKind::NotSaved)
         Report(run, worker, line, ObjectOutcome::Failed).reason = worker.said.empty() ? worker.standing : worker.said;
     else if (worker.no_data)
-        Report(run, worker, line, ObjectOutcome::NoData).reason = "the server saved it without data";
+        Report(run, worker, line, ObjectOutcome::NoData).reason =
+            "the server saved it without data" + (worker.part.empty() ? "" : "; " + worker.part);
     else if (!worker.part.empty())
         Report(run, worker, line, ObjectOutcome::SavedInPart).reason = worker.part;
     else

@@ -177,6 +177,7 @@ TEST(Report, FiguresAreTheOnesOfTheLogOrNone) {
     const LoggedRun restored = ReadRun(night.Log({"-v2", "-r", (night.work / "archive").string()}, status));
     EXPECT_EQ(restored.Count(ObjectOutcome::Saved), entries->size());
     EXPECT_EQ(StatusOf(restored), Status::Complete);
+    EXPECT_EQ(restored.not_understood, 0U);
     night.options.locked = {"/home/note"};
     const LoggedRun partly = ReadRun(night.Log({"-r", (night.work / "archive").string()}, status));
     EXPECT_EQ(partly.Missing(), 1U);
@@ -254,6 +255,9 @@ TEST(Report, LinesOfEveryKind) {
           {"vondral: sent command \"RCMD SAVLIB LIB(PAY) DEV(*SAVF)\"", LineKind::Sent, "PAY", 0},
           {"vondral: sent command \"RCMD SAV DEV('x') OBJ(('\"/home/a b\"')) X\"", LineKind::Sent, "/home/a b", 0},
           {"vondral[ftp.cpp,1]: Backup Terminated Cleanly", LineKind::Terminated, "", 0},
+          {"0.000 B/s", LineKind::Silent, "", 0},
+          {"93.509 MB/s", LineKind::Silent, "", 0},
+          {"93.509 lumps B/s", LineKind::Unknown, "", 0},
           {"220-QTCP at HOST: ready", LineKind::Unknown, "", 0},
           {"", LineKind::Unknown, "", 0}}) {
         const std::string text = std::string(tag) + row.text;
@@ -366,6 +370,15 @@ TEST(Report, FiguresBeyondAllReasonStayFigures) {
     EXPECT_TRUE(Holds(tool.Read("records"), "\"bytes\":999999999000000000,"));
     EXPECT_FALSE(Holds(tool.Read("records"), "\":-")) << tool.Read("records");
     EXPECT_FALSE(Holds(tool.Read("page"), ">-"));
+}
+
+TEST(Report, FiguresHaveTheDecimalsOfTheLog) {
+    const std::string log = Success("/a") + Line("23:59:50", "Save: 0.100 s", "01") +
+                            Line("23:59:50", "Wait: 0.200 s", "01") + Line("23:59:50", "** Total Run Time: 0.026 s");
+    Tool tool;
+    EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+    EXPECT_TRUE(Holds(tool.Read("records"), "\"ended\":0.3,")) << tool.Read("records");
+    EXPECT_TRUE(Holds(tool.Read("gauges"), "vondral_run_duration_seconds 0.026\n"));
 }
 
 TEST(Report, TheLastGoodRunIsKeptUntilThereIsABetterOne) {

@@ -15,14 +15,14 @@ void WriteRecord(Output& output, const Record& record) {
     Write(output, record.dump(-1, ' ', true, Record::error_handler_t::replace) + "\n");
 }
 
-// Whole numbers without a point, as far as they fit.
+// Whole numbers without a point, as far as they fit; others with the log's three decimals.
 void Put(Record& record, const char* name, std::optional<double> value) {
     if (!value)
         return;
     if (*value == std::floor(*value) && *value < 0x1p63)
         record[name] = static_cast<std::int64_t>(*value);
     else
-        record[name] = *value;
+        record[name] = std::round(*value * 1000) / 1000;
 }
 
 void WriteChanges(Output& output, const char* change, const Changes::Names& names) {

@@ -252,6 +252,12 @@ void ParseMessage(std::string_view text, LogLine& line) {
     }
 }
 
+// "93.509 MB/s": how fast the whole restore was.
+bool IsRate(std::string_view text) {
+    constexpr std::size_t longest_unit = 5;
+    return TakeNumber(text) && text.size() <= longest_unit && text.ends_with("B/s");
+}
+
 // "NAME: 3 objects not saved", and of a library its name and the server's reply.
 bool ParsePartialSave(std::string_view text, LogLine& line) {
     std::size_t colon = text.npos;
@@ -281,7 +287,9 @@ LogLine ParseLogLine(std::string_view text) {
             ApplyRule(rule, text.substr(rule.beginning.size()), line);
             return line;
         }
-    if (!ParsePartialSave(text, line) && TakeHead(text))
+    if (IsRate(text))
+        line.kind = LineKind::Silent;
+    else if (!ParsePartialSave(text, line) && TakeHead(text))
         ParseMessage(text, line);
     return line;
 }

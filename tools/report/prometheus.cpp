@@ -33,7 +33,7 @@ void AddGauge(Page& page, std::string_view name, const char* help, std::optional
     if (!value)
         return;
     AddHeader(page, name, help);
-    page.text += Series(name, page.labels) + FormatText("%.17g\n", *value);
+    page.text += Series(name, page.labels) + FormatText("%.15g\n", *value); // all that the log tells
 }
 
 // The moment that an earlier run has left in the file. False when the file is there and cannot be read.

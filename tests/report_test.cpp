@@ -64,10 +64,11 @@ struct Tool {
     TempDir work;
     fs::path input = work / "input";
 
-    int Run(const std::string& log, const std::string& arguments) {
+    // `feed` is the command that the tool reads from.
+    int Run(const std::string& log, const std::string& arguments, const std::string& feed = "cat input") {
         WriteFile(input, log);
-        WriteFile(work / "script", "cd '" + work.path.string() + "' && cat input | 2>err '" + REPORT_UNDER_TEST + "' " +
-                                       arguments + " >out\n");
+        WriteFile(work / "script", "cd '" + work.path.string() + "' && " + feed + " | 2>err '" + REPORT_UNDER_TEST +
+                                       "' " + arguments + " >out\n");
         const std::string script = work / "script";
         const pid_t process = ::fork();
         if (process == 0) {
@@ -99,6 +100,14 @@ LoggedRun ReadRun(const std::string& log) {
         TakeLogLine(run, line);
     FinishRun(run);
     return run;
+}
+
+std::string Line(const char* time, const std::string& text, const char* thread = "00") {
+    return "[" + std::string(time) + "] [T" + thread + "] " + text + "\n";
+}
+
+std::string Success(const std::string& name) {
+    return Line("23:59:50", "Backup Success: " + name, "01");
 }
 
 // Each status as the program itself ends and as its log tells, at every verbosity and with threads on and off; what
@@ -168,6 +177,7 @@ TEST(Report, FiguresAreTheOnesOfTheLogOrNone) {
     const LoggedRun restored = ReadRun(night.Log({"-v2", "-r", (night.work / "archive").string()}, status));
     EXPECT_EQ(restored.Count(ObjectOutcome::Saved), entries->size());
     EXPECT_EQ(StatusOf(restored), Status::Complete);
+    EXPECT_EQ(restored.not_understood, 0U);
     night.options.locked = {"/home/note"};
     const LoggedRun partly = ReadRun(night.Log({"-r", (night.work / "archive").string()}, status));
     EXPECT_EQ(partly.Missing(), 1U);
@@ -183,6 +193,40 @@ TEST(Report, FiguresAreTheOnesOfTheLogOrNone) {
         EXPECT_EQ(run.Count(ObjectOutcome::LeftOut), 2U);
         EXPECT_EQ(run.unexplained, told ? 0U : 2U);
     }
+}
+
+// What failed stands on standard error, and what was saved in part is told from -v1 on.
+TEST(Report, WhatIsNotToldIsNotZero) {
+    const auto without_errors = [](const std::string& log) {
+        return std::regex_replace(log, std::regex("[^\n]*(command failed\n[^\n]*|Backup Failure: [^\n]*)\n"), "");
+    };
+    constexpr char failed[] = "\nvondral_run_objects_failed ", missing[] = "\nvondral_run_objects_missing ";
+    Night night;
+    night.options.locked = {"/home/note"};
+    int status = -1;
+    Tool tool;
+    for (const char* const verbosity : {"-v0", "-v1"}) {
+        const std::string log = night.Backup({verbosity}, status);
+        EXPECT_EQ(tool.Run(without_errors(log), AllOutputs), 0);
+        EXPECT_FALSE(Holds(tool.Read("gauges"), failed) || Holds(tool.Read("gauges"), missing)) << log;
+        EXPECT_FALSE(Holds(tool.Read("records"), "\"failed\":")) << log;
+        EXPECT_FALSE(Holds(tool.Read("page"), "objects failed")) << log;
+        EXPECT_TRUE(std::regex_search(tool.Read("err"), std::regex("failures: .*, [1-9] files? failed"))) << log;
+        EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+        EXPECT_TRUE(Holds(tool.Read("gauges"), failed + std::string("1\n"))) << log;
+        const bool told = std::string_view(verbosity) == "-v1";
+        EXPECT_EQ(Holds(tool.Read("gauges"), missing + std::string("1\n")), told) << log;
+        EXPECT_EQ(Holds(tool.Read("records"), "\"saved in part\":0"), told) << log;
+    }
+}
+
+TEST(Report, AnObjectWithoutDataHasTheServersReason) {
+    const std::string name = "/QSYS.LIB/A.LIB";
+    const LoggedRun run =
+        ReadRun(Line("01:00:00", name + ": 550 No objects saved.", "02") +
+                Line("01:00:00", "Block returned no data", "02") + Line("01:00:00", "Backup Success: " + name, "02"));
+    ASSERT_EQ(run.Count(ObjectOutcome::NoData), 1U);
+    EXPECT_EQ(run.missing[0].reason, "the server saved it without data; 550 No objects saved.");
 }
 
 TEST(Report, LinesOfEveryKind) {
@@ -202,6 +246,7 @@ TEST(Report, LinesOfEveryKind) {
           {"** Backed up 27.844 kB", LineKind::Total, "", 28512},
           {"Xfer:   1.250 s 1687.424 KB/s", LineKind::TransferTime, "", 1.25},
           {"Size: -1 B", LineKind::Unknown, "", 0},
+          {"Size: 999999999999999999 GB", LineKind::Unknown, "", 0},
           {"Save: nan s", LineKind::Unknown, "", 0},
           {"Save: 1e999 s", LineKind::SaveTime, "", 1}, // a fixed-point number ends before the e
           {"other-name[ftp.cpp,511]: SAV command failed", LineKind::Message, "SAV command failed", 0},
@@ -210,6 +255,9 @@ TEST(Report, LinesOfEveryKind) {
           {"vondral: sent command \"RCMD SAVLIB LIB(PAY) DEV(*SAVF)\"", LineKind::Sent, "PAY", 0},
           {"vondral: sent command \"RCMD SAV DEV('x') OBJ(('\"/home/a b\"')) X\"", LineKind::Sent, "/home/a b", 0},
           {"vondral[ftp.cpp,1]: Backup Terminated Cleanly", LineKind::Terminated, "", 0},
+          {"0.000 B/s", LineKind::Silent, "", 0},
+          {"93.509 MB/s", LineKind::Silent, "", 0},
+          {"93.509 lumps B/s", LineKind::Unknown, "", 0},
           {"220-QTCP at HOST: ready", LineKind::Unknown, "", 0},
           {"", LineKind::Unknown, "", 0}}) {
         const std::string text = std::string(tag) + row.text;
@@ -220,17 +268,10 @@ TEST(Report, LinesOfEveryKind) {
         EXPECT_EQ(line.time, 86398);
         EXPECT_EQ(line.thread, 3);
     }
-    for (const char* const untagged : {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[23:59:58] [T9999999] x",
-                                       "[23:59:58] [T0x] ", "  550 no", "\xFF\xFE"})
+    for (const char* const untagged :
+         {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[24:00:00] [T03] x", "[23:60:00] [T03] x",
+          "[23:59:61] [T03] x", "[23:59:58] [T9999999] x", "[23:59:58] [T0x] ", "  550 no", "\xFF\xFE"})
         EXPECT_EQ(ParseLogLine(untagged).kind, LineKind::Reply) << untagged;
-}
-
-std::string Line(const char* time, const std::string& text, const char* thread = "00") {
-    return "[" + std::string(time) + "] [T" + thread + "] " + text + "\n";
-}
-
-std::string Success(const std::string& name) {
-    return Line("23:59:50", "Backup Success: " + name, "01");
 }
 
 TEST(Report, TimeCrossesMidnightAndStandsStillForClocksPutBack) {
@@ -283,6 +324,13 @@ TEST(Report, ALogWithoutAnEndAndALogOfTwoRuns) {
     EXPECT_TRUE(last.missing.empty());
     const LoggedRun again = ReadRun(whole.substr(0, whole.size() / 2) + "\n" + whole);
     EXPECT_EQ(again.Objects(), ReadRun(whole).Objects());
+    // The last line of the first run was cut, and that of the second stands behind it.
+    const std::string restore = night.Log({"-r", (night.work / "archive").string()}, status);
+    for (const std::size_t length : {whole.find("Backup Success: ") + 20, whole.rfind("** Total Run Time: ") + 5}) {
+        const std::string cut = whole.substr(0, length);
+        EXPECT_EQ(ReadRun(cut + whole).Objects(), ReadRun(whole).Objects()) << length;
+        EXPECT_EQ(ReadRun(cut + restore).Objects() + 1, ReadRun(restore).Objects()) << length;
+    }
     EXPECT_EQ(StatusOf(ReadRun(Line("01:00:00", "vondral[backup.cpp,1]: Backup Terminated Cleanly"))),
               Status::Terminated);
 }
@@ -312,6 +360,27 @@ TEST(Report, HostileBytesStayText) {
               "\xEF\xBF\xBD\xC3\xA9\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
+TEST(Report, FiguresBeyondAllReasonStayFigures) {
+    std::string log;
+    for (int i = 0; i < 20; ++i)
+        log += Success("/huge") + Line("23:59:51", "Size: 999999999 GB", "01") +
+               Line("23:59:51", "Save: 999999999999999999 s", "01") + Line("23:59:52", "Backup Failure: /late", "01");
+    Tool tool;
+    EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+    EXPECT_TRUE(Holds(tool.Read("records"), "\"bytes\":999999999000000000,"));
+    EXPECT_FALSE(Holds(tool.Read("records"), "\":-")) << tool.Read("records");
+    EXPECT_FALSE(Holds(tool.Read("page"), ">-"));
+}
+
+TEST(Report, FiguresHaveTheDecimalsOfTheLog) {
+    const std::string log = Success("/a") + Line("23:59:50", "Save: 0.100 s", "01") +
+                            Line("23:59:50", "Wait: 0.200 s", "01") + Line("23:59:50", "** Total Run Time: 0.026 s");
+    Tool tool;
+    EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+    EXPECT_TRUE(Holds(tool.Read("records"), "\"ended\":0.3,")) << tool.Read("records");
+    EXPECT_TRUE(Holds(tool.Read("gauges"), "vondral_run_duration_seconds 0.026\n"));
+}
+
 TEST(Report, TheLastGoodRunIsKeptUntilThereIsABetterOne) {
     Night night;
     int status = -1;
@@ -330,6 +399,10 @@ TEST(Report, TheLastGoodRunIsKeptUntilThereIsABetterOne) {
     const std::string kept = last_good();
     EXPECT_NE(kept, "vondral_last_good_run_end_time_seconds 1234");
     EXPECT_EQ(tool.Run(bad, "--prometheus gauges"), 0);
+    EXPECT_EQ(last_good(), kept);
+    EXPECT_EQ(tool.Run(night.Log({"-t"}, status), "--fail --prometheus gauges"), 3);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(Holds(tool.Read("gauges"), "{status=\"unknown\"} 1\n"));
     EXPECT_EQ(last_good(), kept);
     EXPECT_EQ(fs::status(tool.work / "gauges").permissions() & fs::perms::group_write,
               fs::status(tool.input).permissions() & fs::perms::group_write);
@@ -351,7 +424,8 @@ TEST(Report, LabelsStandOnEachGaugeAndNamesTheSeriesThatIsKept) {
     WriteFile(tool.work / "gauges", series + "1234\nvondral_last_good_run_end_time_seconds 5\n");
     EXPECT_EQ(tool.Run(Success("/a"), labels), 0);
     EXPECT_EQ(Lines(tool.Read("gauges"), series), std::vector<std::string>{series + "1234"});
-    for (const char* const label : {"status=x", "__x=1", "1x=1", "=1", "x", "\"x y=1\"", "$'x=1\\n'"})
+    for (const char* const label :
+         {"status=x", "__x=1", "1x=1", "=1", "x", "\"x y=1\"", "$'x=1\\n'", "$'x=\\xff'", "x=1 --label x=2"})
         EXPECT_EQ(tool.Run(good, std::string("--label ") + label), 2) << label;
 }
 
@@ -370,8 +444,40 @@ TEST(Report, WhatCannotBeWrittenIsSaidAndTheRestGoesOn) {
         many += Success("/" + std::to_string(many.size()));
     EXPECT_EQ(tool.Run(many, "--html page | true"), 0);
     EXPECT_TRUE(Holds(tool.Read("page"), "unfinished"));
+    EXPECT_EQ(tool.Run(many, "--json - | true"), 0);
+    EXPECT_EQ(tool.Run(log, "--json /dev/full --html /dev/full --prometheus /dev/full"), 1);
+    EXPECT_EQ(Lines(tool.Read("err"), "vondral-report: /dev/full: No space left on device").size(), 3U);
+    EXPECT_EQ(tool.Run(log, "--json pipe --html pipe --prometheus pipe", "mkfifo pipe && cat input"), 1);
+    EXPECT_EQ(Lines(tool.Read("err"), "vondral-report: pipe: No such device or address").size(), 3U);
+    EXPECT_EQ(tool.Read("out"), log);
     EXPECT_EQ(tool.Run(log, "--json -"), 0);
     EXPECT_EQ(Lines(tool.Read("out"), "{\"type\":").size(), 3U);
+}
+
+TEST(Report, OutputsThatAreLinksOrStandardOutputOrTheLog) {
+    Tool tool;
+    const std::string log = Success("/a");
+    WriteFile(tool.work / "there", "old");
+    fs::create_symlink("there", tool.work / "link");
+    fs::create_symlink("not there", tool.work / "dangling");
+    EXPECT_EQ(tool.Run(log, "--html link --prometheus dangling"), 0);
+    EXPECT_TRUE(fs::is_symlink(tool.work / "link") && fs::is_symlink(tool.work / "dangling"));
+    EXPECT_TRUE(Holds(tool.Read("there"), "<!DOCTYPE"));
+    EXPECT_TRUE(Holds(tool.Read("not there"), "vondral_run_status"));
+    fs::create_symlink("/proc/self/fd/1", tool.work / "stdout"); // root could replace /dev/stdout
+    for (const char* const arguments : {"--prometheus stdout", "--prometheus stdout | cat"}) {
+        EXPECT_EQ(tool.Run(log, arguments), 0);
+        EXPECT_TRUE(fs::is_symlink(tool.work / "stdout"));
+        EXPECT_EQ(tool.Read("out").find(log + "# HELP vondral_run_status"), 0U) << arguments;
+    }
+    WriteFile(tool.work / "old", log);
+    fs::create_symlink("input", tool.work / "log");
+    for (const char* const arguments : {"input --html input", "input --json ./input", "input --prometheus log",
+                                        "--json old --against old", "input --no-log --json - 1>>input #"}) {
+        EXPECT_EQ(tool.Run(log, arguments), 2) << arguments;
+        EXPECT_TRUE(Holds(tool.Read("err"), ": is a log that is to be read\n")) << arguments;
+        EXPECT_EQ(tool.Read("input") + tool.Read("old"), log + log) << arguments;
+    }
 }
 
 TEST(Report, WhatChangedSinceAnEarlierRun) {
@@ -392,6 +498,14 @@ TEST(Report, WhatChangedSinceAnEarlierRun) {
                                         R"({"type":"change","change":"no longer named","name":"/gone"})"}));
     EXPECT_TRUE(Holds(tool.Read("err"), "vondral-report: newly missing: /new\n"));
     EXPECT_LT(tool.Read("page").find("id=\"missing\""), tool.Read("page").find("id=\"changes\""));
+}
+
+TEST(Report, PlainLinesOfProgressWhileTheLogIsSilent) {
+    Tool tool;
+    const std::string feed =
+        "{ cat input; for i in {1..300}; do grep -qs '1 object |' err && break; sleep 0.1; done; }";
+    EXPECT_EQ(tool.Run(Success("/a"), "--every 1s", feed), 0);
+    EXPECT_EQ(tool.Read("err").find("vondral-report: 1 object | "), 0U) << tool.Read("err");
 }
 
 // On a terminal the line of progress never mixes with the log, and is gone at the end. Its width is 40 columns.

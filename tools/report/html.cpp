@@ -45,7 +45,10 @@ std::string Tiles(const LoggedRun& run) {
     const auto count = [&run](ObjectOutcome outcome) { return std::to_string(run.Count(outcome)); };
     std::string html = "<div class=\"tiles\">";
     html += Tile(run.mode == Mode::Restore ? "objects restored" : "objects saved", count(ObjectOutcome::Saved));
-    html += Tile("objects failed", count(ObjectOutcome::Failed), run.Count(ObjectOutcome::Failed) > 0 ? "bad" : "");
+    if (const auto failed = CountTold(run, ObjectOutcome::Failed))
+        html += Tile("objects failed", std::to_string(*failed), *failed > 0 ? "bad" : "");
+    else if (const double files = UnnamedFailures(run); files > 0)
+        html += Tile("files failed", FormatText("%.0f", files), "bad");
     for (const ObjectOutcome outcome :
          {ObjectOutcome::SavedInPart, ObjectOutcome::NoData, ObjectOutcome::NotFound, ObjectOutcome::LeftOut})
         if (run.Count(outcome) > 0)
@@ -71,7 +74,7 @@ std::string MissingSection(const LoggedRun& run) {
                 "<tr><td class=\"name\">" + HtmlText(object.name) +
                 FormatText("</td><td class=\"outcome %s\">", object.outcome == ObjectOutcome::Failed ? "failed" : "") +
                 OutcomeName(object.outcome, run.mode) + "</td><td class=\"number\">" +
-                ShowTime(run.clock.first + static_cast<int>(object.ended)) + "</td><td>" +
+                ShowTime(run.clock.first + object.ended) + "</td><td>" +
                 (object.reason.empty() ? "<span class=\"quiet\">the log does not tell</span>"
                                        : HtmlText(object.reason)) +
                 "</td></tr>";
@@ -106,7 +109,8 @@ std::string ChangesSection(const PastRun& past, const Changes& changes) {
                               NameList("Still missing", changes.still_missing) +
                               NameList("There again", changes.there_again);
     return "<section id=\"changes\"><h2>Since the run of <span class=\"name\">" + HtmlText(past.path) + "</span></h2>" +
-           (lists.empty() ? "<p>The same objects, and none of them missing.</p>" : lists) + "</section>";
+           (lists.empty() ? "<p>The same objects, and none of them missing as far as the log tells.</p>" : lists) +
+           "</section>";
 }
 
 std::string TimelineSection(const LoggedRun& run) {
@@ -183,8 +187,7 @@ std::string TotalsSection(const LoggedRun& run) {
     if (rows.empty())
         return {};
     return "<section><h2>Totals of the log</h2><p class=\"quiet\">They count the files in a directory that was saved "
-           "as one, "
-           "one by one, and add up the seconds of all workers.</p><table class=\"narrow\">" +
+           "as one, one by one, and add up the seconds of all workers.</p><table class=\"narrow\">" +
            rows + "</table></section>";
 }
 

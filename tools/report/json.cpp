@@ -11,25 +11,23 @@ namespace {
 
 using Record = nlohmann::ordered_json;
 
-void Write(std::FILE* stream, const Record& record) {
-    const std::string line = record.dump(-1, ' ', true, Record::error_handler_t::replace) + "\n";
-    std::fwrite(line.data(), 1, line.size(), stream);
-    std::fflush(stream);
+void WriteRecord(Output& output, const Record& record) {
+    Write(output, record.dump(-1, ' ', true, Record::error_handler_t::replace) + "\n");
 }
 
-// Whole numbers without a point.
+// Whole numbers without a point, as far as they fit; others with the log's three decimals.
 void Put(Record& record, const char* name, std::optional<double> value) {
     if (!value)
         return;
-    if (*value == std::floor(*value))
+    if (*value == std::floor(*value) && *value < 0x1p63)
         record[name] = static_cast<std::int64_t>(*value);
     else
-        record[name] = *value;
+        record[name] = std::round(*value * 1000) / 1000;
 }
 
-void WriteChanges(std::FILE* stream, const char* change, const Changes::Names& names) {
+void WriteChanges(Output& output, const char* change, const Changes::Names& names) {
     for (const std::string& name : names.names)
-        Write(stream, {{"type", "change"}, {"change", change}, {"name", name}});
+        WriteRecord(output, {{"type", "change"}, {"change", change}, {"name", name}});
 }
 
 Record RunRecord(const LoggedRun& run, std::time_t ended) {
@@ -46,7 +44,8 @@ Record RunRecord(const LoggedRun& run, std::time_t ended) {
     if (ended > 0)
         record["ended"] = static_cast<std::int64_t>(ended);
     for (std::size_t i = 0; i < OutcomeCount; ++i)
-        record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = run.counts[i];
+        if (const auto count = CountTold(run, static_cast<ObjectOutcome>(i)))
+            record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = *count;
     if (run.HasSizes())
         Put(record, "object_bytes", run.bytes);
     record["lines"] = run.lines;
@@ -57,7 +56,7 @@ Record RunRecord(const LoggedRun& run, std::time_t ended) {
 
 } // namespace
 
-void WriteObjectRecord(std::FILE* stream, const LoggedRun& run, const ObjectResult& object) {
+void WriteObjectRecord(Output& output, const LoggedRun& run, const ObjectResult& object) {
     Record record = {{"type", IsMissing(object.outcome) ? "failure" : "object"},
                      {"run", run.earlier_runs},
                      {"name", object.name},
@@ -72,23 +71,23 @@ void WriteObjectRecord(std::FILE* stream, const LoggedRun& run, const ObjectResu
     Put(record, "restore_seconds", object.restore);
     if (!object.reason.empty())
         record["reason"] = object.reason;
-    Write(stream, record);
+    WriteRecord(output, record);
 }
 
-void WriteRunRecords(std::FILE* stream, const LoggedRun& run, std::time_t ended, const Changes* changes) {
+void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t ended, const Changes* changes) {
     for (const std::string& message : run.messages)
-        Write(stream, {{"type", "message"}, {"text", message}});
+        WriteRecord(output, {{"type", "message"}, {"text", message}});
     if (changes != nullptr) {
-        WriteChanges(stream, "newly missing", changes->newly_missing);
-        WriteChanges(stream, "there again", changes->there_again);
-        WriteChanges(stream, "still missing", changes->still_missing);
-        WriteChanges(stream, "no longer named", changes->no_longer_named);
+        WriteChanges(output, "newly missing", changes->newly_missing);
+        WriteChanges(output, "there again", changes->there_again);
+        WriteChanges(output, "still missing", changes->still_missing);
+        WriteChanges(output, "no longer named", changes->no_longer_named);
     }
     for (std::size_t i = 0; i < TotalCount; ++i)
         if (run.totals[i]) {
             Record record = {{"type", "total"}, {"name", TotalNames[i]}};
             Put(record, "value", run.totals[i]);
-            Write(stream, record);
+            WriteRecord(output, record);
         }
-    Write(stream, RunRecord(run, ended));
+    WriteRecord(output, RunRecord(run, ended));
 }

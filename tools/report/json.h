@@ -3,15 +3,15 @@
 
 #pragma once
 
-#include <cstdio>
 #include <ctime>
 
+#include "output.h"
 #include "past_run.h"
 #include "run.h"
 
 // {"type":"object"}, and {"type":"failure"} for what is not wholly there; "run" tells apart the runs of one log.
-void WriteObjectRecord(std::FILE* stream, const LoggedRun& run, const ObjectResult& object);
+void WriteObjectRecord(Output& output, const LoggedRun& run, const ObjectResult& object);
 
-// The records that close the stream: a "message" each, the "change"s (`changes` may be null), the "total"s and at last
+// The records that close the output: a "message" each, the "change"s (`changes` may be null), the "total"s and at last
 // "run". `ended` is in seconds since the epoch, 0 when not known.
-void WriteRunRecords(std::FILE* stream, const LoggedRun& run, std::time_t ended, const Changes* changes);
+void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t ended, const Changes* changes);

@@ -23,13 +23,14 @@ void SkipBlanks(std::string_view& text) {
     text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
 }
 
+constexpr double Largest = 1e18; // beyond it no run can mean a number
+
 // A number at the front, without a sign. Nothing when there is none, or one that no run can mean.
 std::optional<double> TakeNumber(std::string_view& text) {
-    constexpr double largest = 1e18;
     SkipBlanks(text);
     double number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-    if (error != std::errc() || !(number >= 0 && number <= largest))
+    if (error != std::errc() || !(number >= 0 && number <= Largest))
         return std::nullopt;
     text.remove_prefix(static_cast<std::size_t>(end - text.data()));
     return number;
@@ -45,6 +46,11 @@ bool TakeTag(std::string_view& text, LogLine& line) {
         if (shape[i] == '0' ? !IsDigit(text[i]) : text[i] != shape[i])
             return false;
     const auto two_digits = [text](std::size_t at) { return (text[at] - '0') * 10 + (text[at + 1] - '0'); };
+    const int hour = two_digits(1);
+    const int minute = two_digits(4);
+    const int second = two_digits(7);
+    if (hour > 23 || minute > 59 || second > 60) // 60 in a leap second
+        return false;
     const std::size_t from = shape.size() - 2;
     const std::size_t to = text.find("] ", from);
     if (to == text.npos || to - from > longest_number)
@@ -52,7 +58,7 @@ bool TakeTag(std::string_view& text, LogLine& line) {
     const auto [end, error] = std::from_chars(text.data() + from, text.data() + to, line.thread);
     if (error != std::errc() || end != text.data() + to)
         return false;
-    line.time = two_digits(1) * 3600 + two_digits(4) * 60 + two_digits(7);
+    line.time = hour * 3600 + minute * 60 + second;
     text.remove_prefix(to + 2);
     return true;
 }
@@ -84,7 +90,7 @@ constexpr Rule Rules[] = {
     {"Restore Success: ", LineKind::Restored, Value::Text},
     {"Transfer : ", LineKind::TransferTime, Value::Number},
     {"Restore  : ", LineKind::RestoreTime, Value::Number},
-    {"Restored ", LineKind::Total, Value::Decimal, Total::Bytes},
+    {"Restored ", LineKind::AllRestored, Value::Decimal, Total::Bytes},
     {"** Thread ", LineKind::WorkerDone},
     {"** Backup Complete", LineKind::Complete},
     {"** No objects attempted", LineKind::NothingToDo},
@@ -109,17 +115,10 @@ std::optional<double> TakeAmount(std::string_view text, double step) {
     if (!number)
         return std::nullopt;
     SkipBlanks(text);
-    switch (text.empty() ? 'B' : text.front()) {
-    case 'k':
-    case 'K':
-        return std::round(*number * step);
-    case 'M':
-        return std::round(*number * step * step);
-    case 'G':
-        return std::round(*number * step * step * step);
-    default:
-        return number;
-    }
+    const char unit = text.empty() ? 'B' : text.front();
+    const int power = unit == 'k' || unit == 'K' ? 1 : unit == 'M' ? 2 : unit == 'G' ? 3 : 0;
+    const double bytes = std::round(*number * std::pow(step, power));
+    return bytes <= Largest ? std::optional(bytes) : std::nullopt;
 }
 
 bool ApplyRule(const Rule& rule, std::string_view rest, LogLine& line) {
@@ -253,6 +252,12 @@ void ParseMessage(std::string_view text, LogLine& line) {
     }
 }
 
+// "93.509 MB/s": how fast the whole restore was.
+bool IsRate(std::string_view text) {
+    constexpr std::size_t longest_unit = 5;
+    return TakeNumber(text) && text.size() <= longest_unit && text.ends_with("B/s");
+}
+
 // "NAME: 3 objects not saved", and of a library its name and the server's reply.
 bool ParsePartialSave(std::string_view text, LogLine& line) {
     std::size_t colon = text.npos;
@@ -282,7 +287,9 @@ LogLine ParseLogLine(std::string_view text) {
             ApplyRule(rule, text.substr(rule.beginning.size()), line);
             return line;
         }
-    if (!ParsePartialSave(text, line) && TakeHead(text))
+    if (IsRate(text))
+        line.kind = LineKind::Silent;
+    else if (!ParsePartialSave(text, line) && TakeHead(text))
         ParseMessage(text, line);
     return line;
 }

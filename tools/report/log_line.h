@@ -56,6 +56,7 @@ enum class LineKind {
     Sent,        // a command; detail: what the worker is now doing, text: with which object, "" when that is known
     WorkerDone,
     Complete,    // the backup came to its end
+    AllRestored, // so did the restore; number: bytes
     NothingToDo, // no object was attempted
     Total,       // number, of `total`
     Terminated,  // ended early, on request and orderly

@@ -1,5 +1,6 @@
 // vondral-report: reads the log of a run, passes it on, and tells on the way and at the end what it says.
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include "json.h"
 #include "line_splitter.h"
 #include "options.h"
+#include "output.h"
 #include "output_file.h"
 #include "progress.h"
 #include "prometheus.h"
@@ -35,10 +37,10 @@ struct Report {
     LoggedRun run;
     std::unique_ptr<PastRun> past;
     Changes changes;
-    Stream json_file;
-    std::FILE* json = nullptr;
+    Descriptor json_file;
+    Output log; // passed on
+    Output records;
     std::unique_ptr<ProgressLine> line; // on a terminal
-    PassThrough output;
     LineSplitter splitter;
     bool live = false; // the log comes from a run under way, not from a file
     double begun = SecondsNow();
@@ -58,11 +60,44 @@ void ReserveStandardDescriptors() {
             std::exit(Trouble);
 }
 
-// The run must not die of its report: what ends a job, or is typed at a terminal, is for the run to obey, and the end
-// of its log ends this program.
-void OutliveTheRun() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(signal, SIG_IGN);
+// The run must not die of its report: while its log is read, what ends a job, or is typed at a terminal, is for the run
+// to obey.
+class SignalsIgnored {
+public:
+    SignalsIgnored() {
+        for (std::size_t i = 0; i < signals_.size(); ++i)
+            before_[i] = std::signal(signals_[i], SIG_IGN);
+    }
+    ~SignalsIgnored() {
+        for (std::size_t i = 0; i < signals_.size(); ++i)
+            std::signal(signals_[i], before_[i]);
+    }
+    SignalsIgnored(const SignalsIgnored&) = delete;
+    SignalsIgnored& operator=(const SignalsIgnored&) = delete;
+
+private:
+    static constexpr std::array signals_{SIGINT, SIGTERM, SIGHUP};
+    std::array<void (*)(int), signals_.size()> before_{};
+};
+
+// Whether no output is a log that is read, which it would empty, replace or have grow for ever. Says which is.
+bool SparesTheLogs(const Options& options, const struct stat& log) {
+    struct stat old_log {};
+    ::stat(options.against.c_str(), &old_log);
+    const auto is_log = [&](const struct stat& output) {
+        return S_ISREG(output.st_mode) && (IsSameFile(output, log) || IsSameFile(output, old_log));
+    };
+    const bool to_records = options.json == "-";
+    std::string refused;
+    struct stat status {};
+    for (const std::string& path : {options.html, options.prometheus, to_records ? "" : options.json})
+        if (::stat(path.c_str(), &status) == 0 && is_log(status))
+            refused = path;
+    if ((to_records || !options.no_log) && ::fstat(STDOUT_FILENO, &status) == 0 && is_log(status))
+        refused = "standard output";
+    if (!refused.empty())
+        std::fprintf(stderr, "vondral-report: %s: is a log that is to be read\n", TerminalText(refused).c_str());
+    return refused.empty();
 }
 
 void PrepareOutputs(Report& report) {
@@ -75,20 +110,21 @@ void PrepareOutputs(Report& report) {
         }
     }
     if (options.json == "-") {
-        report.json = stdout;
+        report.records.descriptor = STDOUT_FILENO;
     } else if (!options.json.empty()) {
-        report.json_file.reset(std::fopen(options.json.c_str(), "we"));
-        report.json = report.json_file.get();
-        if (report.json == nullptr)
+        constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
+        report.json_file.Reset(::open(options.json.c_str(), flags, 0666));
+        report.records = {report.json_file.Get(), PipePatience};
+        if (!report.json_file.IsOpen())
             report.Fail(options.json, errno);
     }
     if (!options.no_log && options.json != "-")
-        report.output.descriptor = STDOUT_FILENO;
+        report.log.descriptor = STDOUT_FILENO;
     if (report.live && !options.quiet && options.every == 0 && ::isatty(STDERR_FILENO) != 0)
         report.line = std::make_unique<ProgressLine>(STDERR_FILENO);
     report.run.on_object = [&report](const LoggedRun& run, const ObjectResult& object) {
-        if (report.json != nullptr)
-            WriteObjectRecord(report.json, run, object);
+        if (report.records.descriptor >= 0)
+            WriteObjectRecord(report.records, run, object);
         if (report.past != nullptr)
             NoteChange(report.changes, *report.past, run, object);
     };
@@ -97,10 +133,10 @@ void PrepareOutputs(Report& report) {
 void TakePiece(Report& report, std::string_view piece) {
     if (report.line != nullptr)
         report.line->Clear();
-    const bool was_passing = report.output.descriptor >= 0;
-    PassOn(report.output, piece);
-    if (was_passing && report.output.error != 0)
-        report.Fail("standard output", report.output.error);
+    const bool was_passing = report.log.descriptor >= 0;
+    Write(report.log, piece);
+    if (was_passing && report.log.error != 0)
+        report.Fail("standard output", report.log.error);
     SplitLines(report.splitter, piece, [&report](std::string_view text) { TakeLogLine(report.run, text); });
 }
 
@@ -108,7 +144,7 @@ void ShowProgress(Report& report) {
     const double interval = report.line != nullptr ? 0.2 : report.options.every; // seconds
     const double now = SecondsNow();
     if (interval <= 0 || !report.live || now - report.last_shown < interval ||
-        (report.line != nullptr && report.output.mid_line))
+        (report.line != nullptr && report.log.mid_line))
         return;
     report.last_shown = now;
     const std::string text = ProgressText(report.run, report.past.get(), now - report.begun);
@@ -140,11 +176,12 @@ void WriteReports(Report& report, std::time_t ended) {
         report.Fail(options.html, errno);
     if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, options.labels, report.run, ended))
         report.Fail(options.prometheus, errno);
-    if (report.json == nullptr)
-        return;
-    WriteRunRecords(report.json, report.run, ended, changes);
-    if (std::ferror(report.json) != 0)
-        report.Fail(options.json, EIO);
+    if (report.records.descriptor >= 0)
+        WriteRunRecords(report.records, report.run, ended, changes);
+    if (report.json_file.IsOpen() && report.json_file.Close() != 0 && report.records.error == 0)
+        report.records.error = errno;
+    if (report.records.error != 0)
+        report.Fail(options.json == "-" ? "standard output" : options.json, report.records.error);
 }
 
 void SayNames(const char* what, const Changes::Names& names) {
@@ -177,11 +214,16 @@ int MakeReport(const Options& options) {
     const int input = file.IsOpen() ? file.Get() : STDIN_FILENO;
     struct stat status {};
     ::fstat(input, &status);
+    if (!SparesTheLogs(options, status))
+        return BadUsage;
     report.live = !S_ISREG(status.st_mode);
-    if (report.live)
-        OutliveTheRun();
-    PrepareOutputs(report);
-    ReadLog(report, input);
+    {
+        std::optional<SignalsIgnored> ignored;
+        if (report.live)
+            ignored.emplace();
+        PrepareOutputs(report);
+        ReadLog(report, input);
+    }
     WriteReports(report, report.run.clock.LastMoment(report.live ? std::time(nullptr) : status.st_mtime));
     if (!options.quiet)
         SaySummary(report);

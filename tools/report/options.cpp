@@ -1,15 +1,19 @@
 #include "options.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
+#include <set>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "text.h"
+
 namespace {
 
-// NAME=VALUE as a label of a gauge. Throws what CLI11 reports when it cannot be one.
-std::string GaugeLabel(const std::string& pair) {
+// NAME=VALUE as a label of a gauge, and its name among those `taken`. Throws what CLI11 reports when it cannot be one.
+std::string GaugeLabel(const std::string& pair, std::set<std::string>& taken) {
     const std::size_t equals = pair.find('=');
     const std::string name = pair.substr(0, equals);
     const auto is_word = [](char c) { return c == '_' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
@@ -17,12 +21,13 @@ std::string GaugeLabel(const std::string& pair) {
     if (equals == std::string::npos || name.empty() || !is_word(name.front()) ||
         !std::ranges::all_of(name, [&](char c) { return is_word(c) || is_digit(c); }))
         throw CLI::ValidationError("--label", "NAME=VALUE, the name of letters, digits and _: " + pair);
-    if (name == "status" || name.starts_with("__"))
+    if (name.starts_with("__") || !taken.insert(name).second)
         throw CLI::ValidationError("--label", "the name " + name + " is taken");
+    const std::string value = pair.substr(equals + 1);
+    if (VisibleText(value) != value)
+        throw CLI::ValidationError("--label", "a value is UTF-8 without control characters: " + pair);
     std::string label = name + "=\"";
-    for (const char c : pair.substr(equals + 1)) {
-        if (c == '\n')
-            throw CLI::ValidationError("--label", "a value is one line");
+    for (const char c : value) {
         if (c == '"' || c == '\\')
             label += '\\';
         label += c;
@@ -53,13 +58,17 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     app.add_flag("--quiet", options.quiet, "neither progress nor a closing summary");
     try {
         app.parse(argc, argv);
+        std::set<std::string> taken{"status"};
         for (const std::string& pair : labels)
-            options.labels += (options.labels.empty() ? "" : ",") + GaugeLabel(pair);
+            options.labels += (options.labels.empty() ? "" : ",") + GaugeLabel(pair, taken);
         constexpr double longest = 7 * 86400; // seconds
         if (app.count("--every") > 0 && !(options.every >= 1 && options.every <= longest))
             throw CLI::ValidationError("--every", "from one second to a week");
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? Done : BadUsage;
+        std::fprintf(stderr, "vondral-report: %s (see --help)\n", TerminalText(error.what()).c_str());
+        return BadUsage;
     }
     return std::nullopt;
 }

@@ -11,7 +11,7 @@ struct Options {
     std::string log; // "" for standard input
     std::string html, json, prometheus, against;
     std::string labels; // of each gauge, as the collector reads them: server="as400",schedule="night"
-    double every = 0; // seconds, 0 for never
+    double every = 0;   // seconds, 0 for never
     bool fail = false;
     bool no_log = false;
     bool quiet = false;

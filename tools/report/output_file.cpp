@@ -3,26 +3,38 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "output.h"
 #include "support.h"
 
 namespace {
 
-bool WriteAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
+namespace fs = std::filesystem;
+
+bool WriteAll(Output output, std::string_view text) {
+    Write(output, text);
+    errno = output.error;
+    return output.error == 0;
+}
+
+bool IsStandardOutput(const struct stat& file) {
+    struct stat status {};
+    return ::fstat(STDOUT_FILENO, &status) == 0 && IsSameFile(file, status);
+}
+
+// Where symbolic links lead, be there a file or not.
+fs::path Resolve(fs::path path) {
+    constexpr int most = 40; // that the system follows
+    std::error_code error;
+    for (int i = 0; i < most && fs::is_symlink(path, error); ++i)
+        path = path.parent_path() / fs::read_symlink(path, error);
+    return path;
 }
 
 // What a new file gets; mkostemp leaves it to its owner alone.
@@ -33,23 +45,33 @@ mode_t UsualMode() {
 }
 
 bool Publish(Descriptor file, const std::string& temporary, const std::string& path, const std::string& text) {
-    return WriteAll(file.Get(), text) && ::fchmod(file.Get(), UsualMode()) == 0 && ::fsync(file.Get()) == 0 &&
+    return WriteAll({file.Get()}, text) && ::fchmod(file.Get(), UsualMode()) == 0 && ::fsync(file.Get()) == 0 &&
            file.Close() == 0 && std::rename(temporary.c_str(), path.c_str()) == 0;
 }
 
 } // namespace
 
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 bool ReplaceFile(const std::string& path, const std::string& text) {
-    struct stat status;
-    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        Descriptor device(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        return device.IsOpen() && WriteAll(device.Get(), text) && device.Close() == 0;
+    struct stat status {};
+    const bool exists = ::stat(path.c_str(), &status) == 0;
+    if (!exists && errno != ENOENT)
+        return false;
+    if (exists && IsStandardOutput(status))
+        return WriteAll({STDOUT_FILENO}, text);
+    if (exists && !S_ISREG(status.st_mode)) {
+        Descriptor device(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        return device.IsOpen() && WriteAll({device.Get(), PipePatience}, text) && device.Close() == 0;
     }
-    std::string temporary = path + ".XXXXXX";
+    const std::string target = Resolve(path);
+    std::string temporary = target + ".XXXXXX";
     Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
     if (!file.IsOpen())
         return false;
-    if (Publish(std::move(file), temporary, path, text))
+    if (Publish(std::move(file), temporary, target, text))
         return true;
     const int error = errno;
     ::unlink(temporary.c_str());

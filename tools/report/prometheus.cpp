@@ -5,6 +5,8 @@
 #include <fstream>
 #include <optional>
 
+#include <sys/stat.h>
+
 #include "output_file.h"
 #include "support.h"
 #include "verdict.h"
@@ -31,12 +33,15 @@ void AddGauge(Page& page, std::string_view name, const char* help, std::optional
     if (!value)
         return;
     AddHeader(page, name, help);
-    page.text += Series(name, page.labels) + FormatText("%.17g\n", *value);
+    page.text += Series(name, page.labels) + FormatText("%.15g\n", *value); // all that the log tells
 }
 
 // The moment that an earlier run has left in the file. False when the file is there and cannot be read.
 bool ReadLastGood(const std::string& path, const std::string& labels, std::optional<double>& moment) {
     errno = 0;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        return true; // a pipe would be waited for
     std::ifstream file(path);
     if (!file)
         return errno == ENOENT;
@@ -83,10 +88,9 @@ bool WritePrometheus(const std::string& path, const std::string& labels, const L
     AddGauge(page, "vondral_run_files_failed", "Of these, not saved.", run.Get(Total::Failed));
     AddGauge(page, "vondral_run_objects", "Objects that the log of the last run reports.",
              static_cast<double>(run.Objects()));
-    AddGauge(page, "vondral_run_objects_failed", "Of these, failed.",
-             static_cast<double>(run.Count(ObjectOutcome::Failed)));
+    AddGauge(page, "vondral_run_objects_failed", "Of these, failed.", CountTold(run, ObjectOutcome::Failed));
     AddGauge(page, "vondral_run_objects_missing", "Of these, failed, saved in part or without data, or not found.",
-             static_cast<double>(run.Missing()));
+             MissingTold(run));
     AddGauge(page, "vondral_run_bytes", "Bytes of the last run, as the log rounds them.", run.Get(Total::Bytes));
     AddGauge(page, "vondral_run_duration_seconds", "What the last run took.", run.Get(Total::RunSeconds));
     return ReplaceFile(path, page.text);

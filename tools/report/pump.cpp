@@ -8,22 +8,6 @@
 
 #include "line_splitter.h"
 
-void PassOn(PassThrough& output, std::string_view bytes) {
-    while (!bytes.empty() && output.descriptor >= 0) {
-        const ssize_t count = ::write(output.descriptor, bytes.data(), bytes.size());
-        if (count >= 0) {
-            output.mid_line = count > 0 ? bytes[static_cast<std::size_t>(count) - 1] != '\n' : output.mid_line;
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN) {
-            pollfd room{output.descriptor, POLLOUT, 0};
-            ::poll(&room, 1, -1);
-        } else if (errno != EINTR) {
-            output.error = errno == EPIPE ? 0 : errno;
-            output.descriptor = -1;
-        }
-    }
-}
-
 int ReadToEnd(int input, int tick_ms, const std::function<void(std::string_view)>& take,
               const std::function<void()>& tick) {
     std::vector<char> buffer(LogChunk);

@@ -87,7 +87,8 @@ void ReportSave(LoggedRun& run, Worker& worker, const LogLine& line) {
     if (line.kind == LineKind::NotSaved)
         Report(run, worker, line, ObjectOutcome::Failed).reason = worker.said.empty() ? worker.standing : worker.said;
     else if (worker.no_data)
-        Report(run, worker, line, ObjectOutcome::NoData).reason = "the server saved it without data";
+        Report(run, worker, line, ObjectOutcome::NoData).reason =
+            "the server saved it without data" + (worker.part.empty() ? "" : "; " + worker.part);
     else if (!worker.part.empty())
         Report(run, worker, line, ObjectOutcome::SavedInPart).reason = worker.part;
     else
@@ -157,7 +158,6 @@ void TakeTotal(LoggedRun& run, const LogLine& line) {
         return;
     run.totals[static_cast<std::size_t>(line.total)] = line.number;
     run.ended |= line.total == Total::RunSeconds;
-    run.complete |= run.mode == Mode::Restore && line.total == Total::Bytes;
 }
 
 void TakeCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
@@ -173,9 +173,19 @@ void TakeCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
 bool BeginsRun(const LoggedRun& run, const LogLine& line) {
     if (line.thread != 0)
         return false;
-    if (line.kind == LineKind::Listing)
+    switch (line.kind) {
+    case LineKind::Listing:
         return run.mode != Mode::Unknown || run.ended;
-    return run.ended && (line.kind == LineKind::Entry || line.kind == LineKind::Sent || line.kind == LineKind::Message);
+    case LineKind::Listed:
+        return run.listed || run.ended || run.mode == Mode::Restore;
+    case LineKind::Entry:
+        return run.ended || run.mode == Mode::Backup;
+    case LineKind::Sent:
+    case LineKind::Message:
+        return run.ended;
+    default:
+        return false;
+    }
 }
 
 void BeginAnew(LoggedRun& run) {
@@ -203,6 +213,8 @@ void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
         worker.doing = "listing";
         break;
     case LineKind::Listed:
+        run.mode = Mode::Backup;
+        run.listed = true;
         worker.doing = "directing the workers";
         worker.object.clear();
         break;
@@ -242,7 +254,14 @@ void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
         worker.done = true;
         break;
     case LineKind::Complete:
+        run.mode = Mode::Backup;
         run.complete = true;
+        break;
+    case LineKind::AllRestored:
+        Settle(run, worker);
+        run.mode = Mode::Restore;
+        run.complete = true;
+        TakeTotal(run, line);
         break;
     case LineKind::NothingToDo:
         run.idle |= line.thread == 0;

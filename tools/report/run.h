@@ -49,6 +49,7 @@ struct LoggedRun {
     std::uint64_t not_understood = 0;
     std::uint64_t earlier_runs = 0; // in the same log; this is the last one
 
+    bool listed = false;     // a backup knows what there is
     bool complete = false;   // "Backup Complete", or a restore's closing line
     bool ended = false;      // the last line of all came
     bool terminated = false; // on request
@@ -77,7 +78,8 @@ struct LoggedRun {
 };
 
 // Takes one line of the log, without its line end. A log that several runs were appended to tells of the last one: with
-// its first line all that was before is dropped.
+// its first line all that was before is dropped. When that stands behind a line that was cut, the next one does it that
+// cannot be of the run before.
 void TakeLogLine(LoggedRun& run, std::string_view line);
 
 // The log is at its end: hands on what was still waiting for figures.

@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <cmath>
+
 #include "support.h"
 
 namespace {
@@ -99,6 +101,8 @@ std::string ShowDuration(double seconds) {
     return FormatText("%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
 }
 
-std::string ShowTime(int time) {
-    return FormatText("%02d:%02d:%02d", time / 3600 % 24, time / 60 % 60, time % 60);
+std::string ShowTime(double time) {
+    constexpr double day = 86400;
+    const int seconds = static_cast<int>(std::fmod(time, day));
+    return FormatText("%02d:%02d:%02d", seconds / 3600, seconds / 60 % 60, seconds % 60);
 }

@@ -19,4 +19,4 @@ std::string TerminalText(std::string_view bytes);
 std::string ShowCount(std::uint64_t objects); // "1 object"
 std::string ShowBytes(double bytes);          // "6.864 KB": by thousands
 std::string ShowDuration(double seconds);     // "0.021 s", "47 s", "12:05", "3:00:09"
-std::string ShowTime(int time);               // seconds since midnight: "14:33:50"
+std::string ShowTime(double time);            // seconds since a midnight: "14:33:50"

@@ -37,7 +37,7 @@ double TickStep(double seconds) {
 std::string TickText(const LoggedRun& run, double moment, double step) {
     if (step < 1)
         return moment == 0 ? ShowTime(run.clock.first) : FormatText("+%.4g s", moment);
-    return ShowTime(run.clock.first + static_cast<int>(moment));
+    return ShowTime(run.clock.first + moment);
 }
 
 std::string Axis(const LoggedRun& run, const Scale& scale, double height) {

@@ -260,7 +260,7 @@ TEST_F(CtarTool, HeadersThatFailTogetherOrContradictThemselvesAreMended) {
     };
     for (const Row& row : std::vector<Row>{
              {"two names in a row", {{b + 1, "x"}, {c + 1, "y"}}, "/a /x /y ", "0 bytes dropped, 2 entries in doubt"},
-             {"a sound header alone", {{a, lost}, {c, lost}}, "/b ", "4096 bytes dropped, 0 entries"},
+             {"a sound header alone", {{a, lost}, {c, lost}}, "/b ", "4096 bytes dropped, 1 entry in"},
              {"the last name and the sentinel", {{c + 1, "x"}, {sentinel + 9, "x"}}, "/a /b /x ", " 1 entry in doubt"},
              {"a broken header behind a lost one", {{a, lost}, {b + 120, "7"}}, "/b /c ", "1536 bytes dropped, 0 en"},
              {"a broken name behind a lost one", {{a, lost}, {b + 1, "x"}}, "/x /c ", "1536 bytes dropped, 1 en"},
@@ -328,7 +328,25 @@ TEST_F(CtarTool, FieldsAndPaddingThatNoBackupWritesAreNamed) {
         EXPECT_EQ(verified.status, 1);
         EXPECT_TRUE(Has(verified.out, R"("offset":1040,"finding":"padding","name":"/a",)")) << verified.out;
         EXPECT_TRUE(Has(verified.out, R"("entries":3,"findings":1,"mend":"ctar salvage )")) << verified.out;
-        EXPECT_EQ(Salvage(archive).status, 0);
+        EXPECT_TRUE(Has(Salvage(archive).out, "entry /a: its data may be wrong"));
+    }
+}
+
+// Bytes lost or too many shift what stands behind them, so that no header stands where the size leads.
+TEST_F(CtarTool, ShiftedDataLeaveADoubt) {
+    constexpr std::size_t b = 1536, data = b + 512; // of /b in Three()
+    struct Row {
+        std::size_t at, lost;
+        const char* more;
+        const char* told; // of /b
+    };
+    for (const Row& row : {Row{data + 500, 512, "", "entry /b: its"}, Row{data + 500, 9, "", "entry /b: its"},
+                           Row{data + 500, 0, "more", "entry /b: its"}, Row{data + 1584, 1, "x", "entry /b: its"},
+                           Row{b + 300, 50, "", "entry /b, its header mended: its"},
+                           Row{b + 300, 0, "more", "entry /b, its header mended: its"}}) {
+        const Outcome outcome = Salvage(Three().replace(row.at, row.lost, row.more));
+        EXPECT_TRUE(Has(outcome.out, std::string(row.told) + " data may be wrong")) << outcome.out;
+        EXPECT_TRUE(Has(outcome.err, " 1 entry in doubt")) << outcome.err;
     }
 }
 

@@ -145,3 +145,18 @@ std::int64_t ReadData(Input& input, const Entry& entry, const Sink& sink) {
     }
     return done;
 }
+
+bool IsZero(std::span<const char> bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
+}
+
+bool ReadsZeroPadding(Input& input, const Entry& entry) {
+    std::int64_t left = RoundToBlocks(entry.size) - entry.size;
+    while (left > 0) {
+        const std::span<const char> bytes = input.Read(left);
+        if (bytes.empty() || !IsZero(bytes))
+            return bytes.empty();
+        left -= static_cast<std::int64_t>(bytes.size());
+    }
+    return true;
+}

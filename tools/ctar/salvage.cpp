@@ -162,8 +162,18 @@ bool IsFound(Salvage& run, const Mended& mended) {
 
 // Entries
 
-// Copies the entry under a header as the writer writes it. Gives the offset behind the entry in the input.
-std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark) {
+// Whether a header or the sentinel stands where the entry's size leads, or a header that can be mended.
+bool IsFollowed(Salvage& run, const Entry& entry) {
+    CtarBlock block;
+    if (run.input.ReadBlockAt(EndOf(entry), block) < BlockSize)
+        return false;
+    const std::optional<Mended> next = Mend(run.input, block, EndOf(entry));
+    return HasGoodChecksum(block) || (next && IsEntry(run, *next));
+}
+
+// Copies the entry under a header as the writer writes it, and tells of a doubt, its own beside `doubt`: data that lost
+// bytes, or have some too many, show it only by what stands behind them. Gives the offset behind the entry in the input.
+std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, std::string doubt) {
     const std::int64_t padding = RoundToBlocks(entry.size) - entry.size;
     const std::int64_t end = std::min(EndOf(entry), run.input.Size());
     run.output.Write(EncodeEntry(entry));
@@ -174,9 +184,12 @@ std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark) {
     };
     if (ReadData(run.input, entry, copy) < entry.size)
         throw Failure(run.input.Name() + ": " + OffsetText(run.input.Offset()) + ": the archive shrank");
+    if (!ReadsZeroPadding(run.input, entry) || !IsFollowed(run, entry))
+        doubt += ": its data may be wrong: no padding of zeros and a header follow them";
     const CtarBlock zeros{};
     run.output.Write(std::span(zeros).first(static_cast<std::size_t>(padding)));
-    Tell(entry.offset, end, "kept as entry " + Escape(entry.name) + remark);
+    run.doubtful += doubt.empty() ? 0 : 1;
+    Tell(entry.offset, end, "kept as entry " + Escape(entry.name) + remark + doubt);
     return end;
 }
 
@@ -190,7 +203,7 @@ std::int64_t Scan(Salvage& run, std::int64_t begin, const char* why) {
         const std::optional<Mended> found = held < BlockSize ? std::nullopt : Mend(run.input, block, offset);
         if (found && IsFound(run, *found))
             break;
-        zero = zero && std::all_of(block.begin(), block.begin() + held, [](char byte) { return byte == 0; });
+        zero = zero && IsZero(std::span(block).first(held));
         offset = run.input.Offset();
     }
     if (offset > begin)
@@ -219,14 +232,11 @@ std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
         return offset + Block;
     }
     if (sized && Fits(run.input, entry))
-        return Keep(run, entry, "");
+        return Keep(run, entry, "", "");
     const std::optional<Mended> mended = Mend(run.input, block, offset);
-    if (mended && IsEntry(run, *mended)) {
-        run.doubtful += mended->certain ? 0 : 1;
-        return Keep(run, mended->entry,
-                    std::string(", its header mended") +
-                        (mended->certain ? "" : ": name, size, mode or time may be wrong"));
-    }
+    if (mended && IsEntry(run, *mended))
+        return Keep(run, mended->entry, ", its header mended",
+                    mended->certain ? "" : ": name, size, mode or time may be wrong");
     if (sized) {
         Drop(run, offset, run.input.Size(),
              Escape(entry.name) + " is cut off: " + std::to_string(run.input.Size() - entry.DataOffset()) + " of " +

@@ -43,10 +43,6 @@ struct Verification {
     }
 };
 
-bool IsZero(std::span<const char> bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
-}
-
 void CheckName(Verification& run, const Entry& entry) {
     if (!entry.name.starts_with('/'))
         run.findings.Report(FindingKinds::Name, entry.offset, entry.name, "the name is not a full path");
@@ -67,16 +63,9 @@ void CheckSize(Verification& run, const Entry& entry) {
 // Passes over what is left of the data, and looks at the zeros behind them.
 void CheckPadding(Verification& run, const Entry& entry) {
     run.input.Skip(entry.size - (run.input.Offset() - entry.DataOffset()));
-    std::int64_t left = RoundToBlocks(entry.size) - entry.size;
-    while (left > 0) {
-        const std::int64_t offset = run.input.Offset();
-        const std::span<const char> bytes = run.input.Read(left);
-        if (!IsZero(bytes))
-            run.findings.Report(FindingKinds::Padding, offset, entry.name, "the padding behind the data is not zero");
-        if (bytes.empty() || !IsZero(bytes))
-            return;
-        left -= static_cast<std::int64_t>(bytes.size());
-    }
+    const std::int64_t offset = run.input.Offset();
+    if (!ReadsZeroPadding(run.input, entry))
+        run.findings.Report(FindingKinds::Padding, offset, entry.name, "the padding behind the data is not zero");
 }
 
 void CheckEntry(Verification& run, const Entry& entry, const CtarBlock& header) {

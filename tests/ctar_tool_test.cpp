@@ -610,6 +610,10 @@ TEST_F(CtarTool, TellsOfATerminalALockAndAFullDisk) {
     const Outcome locked = Ctar({"list", archive});
     EXPECT_EQ(locked.status, 0);
     EXPECT_EQ(locked.err, "ctar: " + archive + ": a backup is being written into it\n");
+    const Outcome refused = Ctar({"salvage", Write(Three(), "damaged"), "-f", "-o", archive});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.err, locked.err);
+    EXPECT_EQ(ReadFile(archive), Many(2000));
     ::flock(writer.Get(), LOCK_UN);
 
     Program full;

@@ -52,6 +52,8 @@ struct ChainEnd {
     ChainStop stop;
     std::int64_t offset; // of the header or sentinel, or what stands in its place
     CtarBlock block{};   // that block as far as it goes
+
+    std::string Name() const; // as stored in a header with a good checksum; else nothing
 };
 
 struct ChainStopText {

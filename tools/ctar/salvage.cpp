@@ -171,8 +171,8 @@ bool IsFollowed(Salvage& run, const Entry& entry) {
     return HasGoodChecksum(block) || (next && IsEntry(run, *next));
 }
 
-// Copies the entry under a header as the writer writes it, and tells of a doubt, its own beside `doubt`: data that lost
-// bytes, or have some too many, show it only by what stands behind them. Gives the offset behind the entry in the input.
+// Copies the entry under a header as the writer writes it. Gives the offset behind it in the input. Data that lost
+// bytes, or have some too many, show it only by what stands behind them: that adds to `doubt`.
 std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, std::string doubt) {
     const std::int64_t padding = RoundToBlocks(entry.size) - entry.size;
     const std::int64_t end = std::min(EndOf(entry), run.input.Size());
@@ -194,7 +194,7 @@ std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, s
 }
 
 // Looks for the next entry. Gives its offset, or the input's end, after telling of what lies before.
-std::int64_t Scan(Salvage& run, std::int64_t begin, const char* why) {
+std::int64_t Scan(Salvage& run, std::int64_t begin, const std::string& why) {
     CtarBlock block;
     run.input.Seek(begin);
     bool zero = true;
@@ -228,7 +228,7 @@ std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
     const bool sized = good && ReadCtarSize(block, entry.size) && ReadCtarSize(block, copy, HeaderFields::SizeCopy) &&
                        copy == entry.size;
     if (sized && entry.size == 0) {
-        Drop(run, offset, offset + Block, "the header of an entry without data");
+        Drop(run, offset, offset + Block, Escape(entry.name) + " is an entry without data");
         return offset + Block;
     }
     if (sized && Fits(run.input, entry))
@@ -243,11 +243,17 @@ std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
                  std::to_string(entry.size) + " bytes are there");
         return run.input.Size();
     }
-    return Scan(run, offset, "neither a header nor the sentinel, or behind such a block");
+    return Scan(run, offset,
+                std::string("neither a header nor the sentinel, or behind such a block") +
+                    (entry.name.starts_with('/') ? "; it reads as " + Escape(entry.name) : ""));
 }
 
 int SalvageArchive(const SalvageOptions& options) {
+    if (options.output == "-")
+        throw Failure("standard output: tells what became of each range: give -o the name of a file");
     Input input(options.damaged, Access::Random);
+    if (input.Size() < Block)
+        throw Failure(input.Name() + ": has not even one block of an archive");
     if (input.IsSameFile(options.output))
         throw Failure(Escape(options.output) + ": is the damaged archive itself");
     OutputFile output(options.output, options.force);

@@ -83,14 +83,15 @@ void ReportStop(Verification& run, ChainStop stop, std::int64_t offset, const st
 }
 
 // Tells what the bytes look like that no chain leads to, from the input's position to its end. Entries that the sums
-// have there are compared; others may be data.
-void CheckRest(Verification& run) {
+// have there are compared; others may be data. Gives whether any block is a header or a sentinel.
+bool CheckRest(Verification& run) {
     const std::int64_t begin = run.input.Offset();
     std::int64_t first = 0, count = 0;
-    bool zero = true;
+    bool zero = true, good = false;
     CtarBlock block;
     while (const std::size_t held = run.input.ReadBlock(block)) {
         zero = zero && IsZero(std::span(block).first(held));
+        good = good || (held == BlockSize && HasGoodChecksum(block));
         run.progress.Show(run.input.Offset());
         Entry entry;
         const std::int64_t offset = run.input.Offset() - static_cast<std::int64_t>(BlockSize);
@@ -106,25 +107,30 @@ void CheckRest(Verification& run) {
             ReportStop(run, ChainStop::Data, offset, entry.name);
     }
     if (run.input.Offset() == begin)
-        return;
+        return good;
     const std::string bytes = std::to_string(run.input.Offset() - begin) + " bytes that no restore reaches: ";
     run.findings.Report(FindingKinds::Unreached, begin, "",
                         bytes + (count > 0 ? Counted(count, "entry", "entries") + ", the first at " + OffsetText(first)
                                  : zero    ? "zeros"
-                                           : "the data of a broken retrieval, or junk"));
+                                 : run.input.IsUnderWay() ? "the data of the backup under way"
+                                                          : "the data of a broken retrieval, or junk"));
+    return good;
 }
 
 // The names of suspects are read again where the input allows it.
 void CheckDuplicates(Verification& run) {
     std::sort(run.names.begin(), run.names.end());
-    for (std::size_t i = 1; i < run.names.size(); ++i) {
-        if (run.names[i].first != run.names[i - 1].first)
-            continue;
+    std::vector<std::pair<std::int64_t, std::int64_t>> duplicates; // offsets of the header and of the one before
+    for (std::size_t i = 1; i < run.names.size(); ++i)
+        if (run.names[i].first == run.names[i - 1].first)
+            duplicates.emplace_back(run.names[i].second, run.names[i - 1].second);
+    std::sort(duplicates.begin(), duplicates.end());
+    for (const auto& [offset, before] : duplicates) {
         CtarBlock block{};
         if (run.input.IsSeekable())
-            run.input.ReadBlockAt(run.names[i].second, block);
-        run.findings.Report(FindingKinds::Duplicate, run.names[i].second, ReadCtarName(block),
-                            "the name stands before already, at " + OffsetText(run.names[i - 1].second));
+            run.input.ReadBlockAt(offset, block);
+        run.findings.Report(FindingKinds::Duplicate, offset, ReadCtarName(block),
+                            "the name stands before already, at " + OffsetText(before));
     }
 }
 
@@ -133,15 +139,17 @@ int VerifyOne(const VerifyOptions& options, const std::string& archive) {
     const ChainEnd end =
         WalkEntries(run.input, [&run](const Entry& entry, const CtarBlock& header) { CheckEntry(run, entry, header); });
     if (end.stop != ChainStop::Sentinel)
-        ReportStop(run, end.stop, end.offset, end.stop == ChainStop::Data ? ReadCtarName(end.block) : "");
+        ReportStop(run, end.stop, end.offset, end.Name());
     else if (end.block != BuildCtarSentinel())
         run.findings.Report(FindingKinds::Header, end.offset, "", "the sentinel is not as a backup writes it");
     if (run.sums && end.stop != ChainStop::Sentinel)
         run.sums->PassFault(end.offset);
-    CheckRest(run);
+    const bool whole = end.stop != ChainStop::PartBlock;
+    const bool good = CheckRest(run) || !run.names.empty() || (whole && HasGoodChecksum(end.block));
     CheckDuplicates(run);
     const Compared compared = run.sums ? run.sums->Finish() : Compared{};
-    return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared);
+    const Cure cure = run.input.IsUnderWay() ? Cure::Wait : good ? Cure::Salvage : Cure::Nothing;
+    return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared, cure);
 }
 
 int Verify(const VerifyOptions& options) {

@@ -166,6 +166,16 @@ int Verify(const VerifyOptions& options) {
     return status;
 }
 
+// As CLI::Range, which lets nan pass and writes out a limit of 300 digits.
+CLI::Validator Within(double least, double most, const std::string& meaning) {
+    const auto check = [=](std::string& text) {
+        double number;
+        const bool within = CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
+        return within ? std::string() : text + " is not " + meaning;
+    };
+    return CLI::Validator(check, "");
+}
+
 } // namespace
 
 Action DeclareVerify(CLI::App& command) {
@@ -179,17 +189,19 @@ Action DeclareVerify(CLI::App& command) {
     command.add_option("--sample", options.sums.sample, "read the data of N% of the entries, chosen at random")
         ->type_name("N%")
         ->transform([](std::string text) { return text.ends_with('%') ? text.substr(0, text.size() - 1) : text; })
-        ->check(CLI::Range(0.0, 100.0))
+        ->check(Within(0, 100, "a number from 0 to 100"))
         ->needs(sums);
     command
         .add_option("--max-duration", options.sums.max_duration,
                     "read data for so long at most, in random order: seconds, or with s, m or h behind the number")
         ->type_name("DURATION")
         ->transform(CLI::AsNumberWithUnit(seconds))
-        ->check(CLI::PositiveNumber)
+        ->check(Within(1e-9, 1e9, "a time from a nanosecond to 30 years"))
         ->needs(sums);
     CLI::Option* const seed =
-        command.add_option("--seed", options.sums.seed, "make the same choice for the same number")->needs(sums);
+        command.add_option("--seed", options.sums.seed, "make the same choice for the same number")
+            ->check(Within(0, 0x1p63, "a number from 0 to 2^63"))
+            ->needs(sums);
     return [seed] {
         if (seed->count() == 0)
             options.sums.seed = std::random_device{}();

@@ -167,8 +167,10 @@ bool IsFollowed(Salvage& run, const Entry& entry) {
     CtarBlock block;
     if (run.input.ReadBlockAt(EndOf(entry), block) < BlockSize)
         return false;
+    if (HasGoodChecksum(block))
+        return true;
     const std::optional<Mended> next = Mend(run.input, block, EndOf(entry));
-    return HasGoodChecksum(block) || (next && IsEntry(run, *next));
+    return next && IsEntry(run, *next);
 }
 
 // Copies the entry under a header as the writer writes it. Gives the offset behind it in the input. Data that lost

@@ -580,7 +580,7 @@ TEST_F(CtarTool, ASignalLeavesNoTemporaryFile) {
     const std::string archive = Write(Many(2000)), pipe = dir / "pipe";
     ::mkfifo(pipe.c_str(), 0600);
     fs::create_directory(dir / "out");
-    for (const int signal : {SIGTERM, SIGQUIT}) {
+    for (const int signal : {SIGTERM, SIGQUIT, SIGALRM, SIGXCPU}) {
         const Descriptor reader(::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         Program salvage;
         salvage.executable = CTAR_UNDER_TEST;

@@ -84,6 +84,10 @@ const ChainStopText& TextOf(ChainStop stop) {
     return texts[static_cast<std::size_t>(stop)];
 }
 
+std::string ChainEnd::Name() const {
+    return stop == ChainStop::Data || stop == ChainStop::Size ? ReadCtarName(block) : "";
+}
+
 namespace {
 
 // Why the chain ends with the block just read, `held` bytes of it; nothing for a good header.
@@ -123,8 +127,8 @@ ChainEnd WalkEntries(Input& input, const TakeEntry& take) {
 int JudgeChainEnd(Input& input, const ChainEnd& end) {
     const std::string where = input.Name() + ": " + OffsetText(end.offset) + ": ";
     if (end.stop != ChainStop::Sentinel) {
-        const std::string name = end.stop == ChainStop::Data ? Escape(ReadCtarName(end.block)) + ": " : "";
-        Complain(where + name + TextOf(end.stop).text);
+        const std::string name = Escape(end.Name());
+        Complain(where + name + (name.empty() ? "" : ": ") + TextOf(end.stop).text);
         return NotSound;
     }
     if (input.Read(1).empty())
@@ -144,4 +148,19 @@ std::int64_t ReadData(Input& input, const Entry& entry, const Sink& sink) {
             break;
     }
     return done;
+}
+
+bool IsZero(std::span<const char> bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
+}
+
+bool ReadsZeroPadding(Input& input, const Entry& entry) {
+    std::int64_t left = RoundToBlocks(entry.size) - entry.size;
+    while (left > 0) {
+        const std::span<const char> bytes = input.Read(left);
+        if (bytes.empty() || !IsZero(bytes))
+            return bytes.empty();
+        left -= static_cast<std::int64_t>(bytes.size());
+    }
+    return true;
 }

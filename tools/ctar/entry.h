@@ -52,6 +52,8 @@ struct ChainEnd {
     ChainStop stop;
     std::int64_t offset; // of the header or sentinel, or what stands in its place
     CtarBlock block{};   // that block as far as it goes
+
+    std::string Name() const; // as stored in a header with a good checksum; else nothing
 };
 
 struct ChainStopText {
@@ -73,3 +75,8 @@ int JudgeChainEnd(Input& input, const ChainEnd& end);
 // bytes handed over: fewer than the entry's size when they are cut off, or the sink had enough.
 using Sink = std::function<bool(std::span<const char>)>;
 std::int64_t ReadData(Input& input, const Entry& entry, const Sink& sink);
+
+bool IsZero(std::span<const char> bytes);
+
+// Whether the padding is zeros as far as it goes. Requires: the input stands right behind the entry's data.
+bool ReadsZeroPadding(Input& input, const Entry& entry);

@@ -48,15 +48,14 @@ std::string TarNameFor(const Entry& entry, TakenNames& taken) {
     }
 }
 
-void Add(TarWriter& tar, TakenNames& taken, Input& input, const Entry& entry) {
+// Whether all of the entry was there: only of a pipe is that not known before.
+bool Add(TarWriter& tar, TakenNames& taken, Input& input, const Entry& entry) {
     tar.Begin(TarNameFor(entry, taken), entry.mode & Permissions, entry.mtime, entry.size);
     const Sink sink = [&tar](std::span<const char> bytes) {
         tar.Add(bytes);
         return true;
     };
-    // Only a pipe comes to this: of a file it is known before.
-    if (ReadData(input, entry, sink) < entry.size)
-        throw Failure(input.Name() + ": " + OffsetText(input.Offset()) + ": ends inside " + Escape(entry.name));
+    return ReadData(input, entry, sink) == entry.size;
 }
 
 int Export(const std::string& archive) {
@@ -65,9 +64,11 @@ int Export(const std::string& archive) {
     Input input(archive, Access::Forward);
     TarWriter tar;
     TakenNames taken;
+    bool whole = true;
     const ChainEnd end =
-        WalkEntries(input, [&](const Entry& entry, const CtarBlock&) { Add(tar, taken, input, entry); });
-    tar.Close();
+        WalkEntries(input, [&](const Entry& entry, const CtarBlock&) { whole = Add(tar, taken, input, entry); });
+    if (whole)
+        tar.Close();
     return JudgeChainEnd(input, end);
 }
 

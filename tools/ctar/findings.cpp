@@ -34,11 +34,12 @@ void Findings::Report(const FindingKind& kind, std::int64_t offset, const std::s
                 name.empty() ? "" : ": ", text.c_str());
 }
 
-int Findings::Finish(std::int64_t entries, const Compared& compared) {
+int Findings::Finish(std::int64_t entries, const Compared& compared, Cure cure) {
     progress_.Clear();
     const std::string archive = Escape(path_);
     const std::string word = ShellWord((path_.starts_with('-') ? "./" : "") + path_); // no option
-    const std::string mend = !mends_ ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : word) + " -o NEW";
+    const bool salvage = mends_ && cure == Cure::Salvage;
+    const std::string mend = !salvage ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : word) + " -o NEW";
     if (json_) {
         ordered_json line{{"archive", archive}, {"entries", entries}, {"findings", count_}, {"mend", mend}};
         if (compared.active)
@@ -59,7 +60,10 @@ int Findings::Finish(std::int64_t entries, const Compared& compared) {
                 count_ > 0 ? Counted(count_, "finding", "findings").c_str()
                 : blind    ? "headers sound, no entry's data compared"
                            : "sound");
-    if (mends_)
+    if (cure == Cure::Nothing)
+        std::printf("%s: not one block of it is a header or a sentinel: it is no archive, or shifted\n",
+                    archive.c_str());
+    if (salvage)
         std::printf("%s: to mend it: %s\n", archive.c_str(), mend.c_str());
     return count_ == 0 ? AllWell : NotSound;
 }

@@ -36,14 +36,20 @@ struct Compared {
     std::int64_t all_bytes = 0;
 };
 
+enum class Cure {
+    Salvage,
+    Wait,    // the faults may be what a backup under way has not done yet
+    Nothing, // not one block is a header or a sentinel
+};
+
 class Findings {
 public:
     // `path` as the user gave it; `progress` makes way for the lines.
     Findings(const std::string& path, bool json, Progress& progress) : path_(path), json_(json), progress_(progress) {}
 
     void Report(const FindingKind& kind, std::int64_t offset, const std::string& name, const std::string& text);
-    // Writes the summary. Gives the exit status.
-    int Finish(std::int64_t entries, const Compared& compared);
+    // Writes the summary, which offers to mend the archive, or says that there is none. Gives the exit status.
+    int Finish(std::int64_t entries, const Compared& compared, Cure cure);
 
 private:
     std::string path_;

@@ -16,6 +16,8 @@ namespace {
 constexpr std::size_t BufferSize = 1 << 20;      // large enough that a disk reads at its full rate
 constexpr std::size_t SmallestWindow = 16 << 10; // small enough that walking headers alone stays cheap
 
+} // namespace
+
 // The writer holds an exclusive lock for the whole of a run. Only the list of locks tells without taking one, which
 // might refuse a backup that begins at this moment.
 bool IsBeingWritten(const struct stat& file) {
@@ -27,8 +29,6 @@ bool IsBeingWritten(const struct stat& file) {
             return true;
     return false;
 }
-
-} // namespace
 
 Input::Input(const std::string& path, Access access)
     : name_(Escape(path)), buffer_(BufferSize), window_(SmallestWindow) {
@@ -45,8 +45,10 @@ Input::Input(const std::string& path, Access access)
     if (is_file && !standard)
         size_ = ::lseek(descriptor_.Get(), 0, SEEK_END);
     if (access == Access::Random && !IsSeekable())
-        throw Failure(name_ + ": is not a regular file, and this command must go back and forth in it");
-    if (IsBeingWritten(status_))
+        throw Failure(name_ + (standard ? ": this command goes back and forth: it needs the name of a file"
+                                        : ": is not a regular file, and this command must go back and forth in it"));
+    under_way_ = IsBeingWritten(status_);
+    if (under_way_)
         Complain(name_ + ": a backup is being written into it");
 }
 

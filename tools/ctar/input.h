@@ -18,6 +18,9 @@ enum class Access {
     Random,  // a file or a block device, for Seek and ReadBlockAt
 };
 
+// Whether a backup is at work on that file.
+bool IsBeingWritten(const struct stat& file);
+
 class Input {
 public:
     // Throws Failure when it cannot be opened, or gives less than `access` asks for. Complains when a backup is
@@ -41,6 +44,7 @@ public:
     // Whether `count` bytes stand from Offset() on, as far as that is known before they are read.
     bool MayHold(std::int64_t count) const { return size_ < 0 || count <= size_ - offset_; }
     const std::string& Name() const { return name_; } // for messages
+    bool IsUnderWay() const { return under_way_; }    // a backup is writing into it
     // Whether `path` leads to this very file, through whatever links.
     bool IsSameFile(const std::string& path) const;
 
@@ -50,6 +54,7 @@ private:
     std::string name_;
     Descriptor descriptor_;
     struct stat status_ {};
+    bool under_way_ = false;
     std::int64_t size_ = -1;
     std::int64_t offset_ = 0; // of the next byte to give out
     std::vector<char> buffer_;

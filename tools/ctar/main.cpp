@@ -50,6 +50,7 @@ void RefuseLists(int argc, char** argv) {
 
 int Run(int argc, char** argv) {
     CLI::App app("Looks after CTAR archives without a server. The manual page ctar(1) tells more.", "ctar");
+    app.set_version_flag("--version", CTAR_VERSION);
     app.require_subcommand(1);
     std::vector<Action> actions;
     for (const Command& command : Commands)

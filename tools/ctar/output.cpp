@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "input.h"
 #include "text.h"
 #include "write.h"
 
@@ -38,6 +39,8 @@ void RefuseExisting(const std::string& path, bool force) {
         throw Failure(Escape(path) + ": exists already; --force replaces it");
     if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
         throw Failure(Escape(path) + ": is not a regular file");
+    if (IsBeingWritten(status))
+        throw Failure(Escape(path) + ": a backup is being written into it");
 }
 
 // Where a file system cannot rename without replacing, a link does it: it fails when the name is in use.
@@ -68,7 +71,7 @@ OutputFile::OutputFile(const std::string& path, bool force) : path_(path), force
         throw Failure(Escape(path) + ": path too long");
     sigset_t ends{}, before{};
     sigemptyset(&ends);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGXCPU}) {
         sigaddset(&ends, signal);
         if (std::signal(signal, EndBySignal) == SIG_IGN)
             std::signal(signal, SIG_IGN);
@@ -99,6 +102,7 @@ void OutputFile::Write(std::span<const char> bytes) {
 void OutputFile::Commit() {
     if (::fsync(file_.Get()) != 0 || file_.Close() != 0)
         throw Failure(WithReason(Escape(path_)));
+    RefuseExisting(path_, force_);
     if (!GiveName(path_.c_str(), force_))
         throw Failure(WithReason(Escape(path_)));
     Temporary.fill('\0');

@@ -9,8 +9,8 @@
 
 class OutputFile {
 public:
-    // Makes the temporary file, mode 0600. Throws Failure, also when `path` exists without `force`, or is no
-    // regular file. One such file can stand at a time.
+    // Makes the temporary file, mode 0600. Throws Failure, also when `path` exists without `force`, is no regular
+    // file, or a backup is writing into it. One such file can stand at a time.
     OutputFile(const std::string& path, bool force);
     // Removes the temporary file unless it was committed. A signal that ends the program removes it too.
     ~OutputFile();
@@ -18,7 +18,8 @@ public:
     OutputFile& operator=(const OutputFile&) = delete;
 
     void Write(std::span<const char> bytes); // throws Failure
-    // Flushes to disk and gives the file its name. Throws Failure, also when the name has come into use since.
+    // Flushes to disk and gives the file its name. Throws Failure, also when `path` has come to be one that
+    // the constructor refuses.
     void Commit();
 
 private:

@@ -162,8 +162,20 @@ bool IsFound(Salvage& run, const Mended& mended) {
 
 // Entries
 
-// Copies the entry under a header as the writer writes it. Gives the offset behind the entry in the input.
-std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark) {
+// Whether a header or the sentinel stands where the entry's size leads, or a header that can be mended.
+bool IsFollowed(Salvage& run, const Entry& entry) {
+    CtarBlock block;
+    if (run.input.ReadBlockAt(EndOf(entry), block) < BlockSize)
+        return false;
+    if (HasGoodChecksum(block))
+        return true;
+    const std::optional<Mended> next = Mend(run.input, block, EndOf(entry));
+    return next && IsEntry(run, *next);
+}
+
+// Copies the entry under a header as the writer writes it. Gives the offset behind it in the input. Data that lost
+// bytes, or have some too many, show it only by what stands behind them: that adds to `doubt`.
+std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, std::string doubt) {
     const std::int64_t padding = RoundToBlocks(entry.size) - entry.size;
     const std::int64_t end = std::min(EndOf(entry), run.input.Size());
     run.output.Write(EncodeEntry(entry));
@@ -174,14 +186,17 @@ std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark) {
     };
     if (ReadData(run.input, entry, copy) < entry.size)
         throw Failure(run.input.Name() + ": " + OffsetText(run.input.Offset()) + ": the archive shrank");
+    if (!ReadsZeroPadding(run.input, entry) || !IsFollowed(run, entry))
+        doubt += ": its data may be wrong: no padding of zeros and a header follow them";
     const CtarBlock zeros{};
     run.output.Write(std::span(zeros).first(static_cast<std::size_t>(padding)));
-    Tell(entry.offset, end, "kept as entry " + Escape(entry.name) + remark);
+    run.doubtful += doubt.empty() ? 0 : 1;
+    Tell(entry.offset, end, "kept as entry " + Escape(entry.name) + remark + doubt);
     return end;
 }
 
 // Looks for the next entry. Gives its offset, or the input's end, after telling of what lies before.
-std::int64_t Scan(Salvage& run, std::int64_t begin, const char* why) {
+std::int64_t Scan(Salvage& run, std::int64_t begin, const std::string& why) {
     CtarBlock block;
     run.input.Seek(begin);
     bool zero = true;
@@ -190,7 +205,7 @@ std::int64_t Scan(Salvage& run, std::int64_t begin, const char* why) {
         const std::optional<Mended> found = held < BlockSize ? std::nullopt : Mend(run.input, block, offset);
         if (found && IsFound(run, *found))
             break;
-        zero = zero && std::all_of(block.begin(), block.begin() + held, [](char byte) { return byte == 0; });
+        zero = zero && IsZero(std::span(block).first(held));
         offset = run.input.Offset();
     }
     if (offset > begin)
@@ -215,29 +230,32 @@ std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
     const bool sized = good && ReadCtarSize(block, entry.size) && ReadCtarSize(block, copy, HeaderFields::SizeCopy) &&
                        copy == entry.size;
     if (sized && entry.size == 0) {
-        Drop(run, offset, offset + Block, "the header of an entry without data");
+        Drop(run, offset, offset + Block, Escape(entry.name) + " is an entry without data");
         return offset + Block;
     }
     if (sized && Fits(run.input, entry))
-        return Keep(run, entry, "");
+        return Keep(run, entry, "", "");
     const std::optional<Mended> mended = Mend(run.input, block, offset);
-    if (mended && IsEntry(run, *mended)) {
-        run.doubtful += mended->certain ? 0 : 1;
-        return Keep(run, mended->entry,
-                    std::string(", its header mended") +
-                        (mended->certain ? "" : ": name, size, mode or time may be wrong"));
-    }
+    if (mended && IsEntry(run, *mended))
+        return Keep(run, mended->entry, ", its header mended",
+                    mended->certain ? "" : ": name, size, mode or time may be wrong");
     if (sized) {
         Drop(run, offset, run.input.Size(),
              Escape(entry.name) + " is cut off: " + std::to_string(run.input.Size() - entry.DataOffset()) + " of " +
                  std::to_string(entry.size) + " bytes are there");
         return run.input.Size();
     }
-    return Scan(run, offset, "neither a header nor the sentinel, or behind such a block");
+    return Scan(run, offset,
+                std::string("neither a header nor the sentinel, or behind such a block") +
+                    (entry.name.starts_with('/') ? "; it reads as " + Escape(entry.name) : ""));
 }
 
 int SalvageArchive(const SalvageOptions& options) {
+    if (options.output == "-")
+        throw Failure("standard output: tells what became of each range: give -o the name of a file");
     Input input(options.damaged, Access::Random);
+    if (input.Size() < Block)
+        throw Failure(input.Name() + ": has not even one block of an archive");
     if (input.IsSameFile(options.output))
         throw Failure(Escape(options.output) + ": is the damaged archive itself");
     OutputFile output(options.output, options.force);

@@ -55,7 +55,8 @@ void SumsFile::Next() {
     const std::int64_t end = head_->offset + static_cast<std::int64_t>(BlockSize) + head_->size;
     head_ = ReadLine();
     if (head_ && head_->offset < end)
-        throw Failure(name_ + ": line " + std::to_string(number_) + ": begins inside the entry of the line before");
+        throw Failure(name_ + ": line " + std::to_string(number_) +
+                      ": does not stand behind the line before, in the order of the archive");
 }
 
 SumLine SumsFile::LineAt(long position) {
@@ -82,7 +83,8 @@ std::optional<SumLine> SumsFile::ReadLine() {
     if (length > 0 && text[length - 1] == '\n')
         line = ParseLine({text.data(), length - 1});
     if (!line)
-        throw Failure(name_ + ": line " + std::to_string(number_) + ": is not a line of sums, or is cut off");
+        throw Failure(name_ + ": line " + std::to_string(number_) +
+                      ": is not a line of sums, is cut off, or ends in CR LF");
     line->position = position;
     return line;
 }

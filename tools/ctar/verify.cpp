@@ -43,10 +43,6 @@ struct Verification {
     }
 };
 
-bool IsZero(std::span<const char> bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
-}
-
 void CheckName(Verification& run, const Entry& entry) {
     if (!entry.name.starts_with('/'))
         run.findings.Report(FindingKinds::Name, entry.offset, entry.name, "the name is not a full path");
@@ -67,16 +63,9 @@ void CheckSize(Verification& run, const Entry& entry) {
 // Passes over what is left of the data, and looks at the zeros behind them.
 void CheckPadding(Verification& run, const Entry& entry) {
     run.input.Skip(entry.size - (run.input.Offset() - entry.DataOffset()));
-    std::int64_t left = RoundToBlocks(entry.size) - entry.size;
-    while (left > 0) {
-        const std::int64_t offset = run.input.Offset();
-        const std::span<const char> bytes = run.input.Read(left);
-        if (!IsZero(bytes))
-            run.findings.Report(FindingKinds::Padding, offset, entry.name, "the padding behind the data is not zero");
-        if (bytes.empty() || !IsZero(bytes))
-            return;
-        left -= static_cast<std::int64_t>(bytes.size());
-    }
+    const std::int64_t offset = run.input.Offset();
+    if (!ReadsZeroPadding(run.input, entry))
+        run.findings.Report(FindingKinds::Padding, offset, entry.name, "the padding behind the data is not zero");
 }
 
 void CheckEntry(Verification& run, const Entry& entry, const CtarBlock& header) {
@@ -94,14 +83,15 @@ void ReportStop(Verification& run, ChainStop stop, std::int64_t offset, const st
 }
 
 // Tells what the bytes look like that no chain leads to, from the input's position to its end. Entries that the sums
-// have there are compared; others may be data.
-void CheckRest(Verification& run) {
+// have there are compared; others may be data. Gives whether any block is a header or a sentinel.
+bool CheckRest(Verification& run) {
     const std::int64_t begin = run.input.Offset();
     std::int64_t first = 0, count = 0;
-    bool zero = true;
+    bool zero = true, good = false;
     CtarBlock block;
     while (const std::size_t held = run.input.ReadBlock(block)) {
         zero = zero && IsZero(std::span(block).first(held));
+        good = good || (held == BlockSize && HasGoodChecksum(block));
         run.progress.Show(run.input.Offset());
         Entry entry;
         const std::int64_t offset = run.input.Offset() - static_cast<std::int64_t>(BlockSize);
@@ -117,25 +107,30 @@ void CheckRest(Verification& run) {
             ReportStop(run, ChainStop::Data, offset, entry.name);
     }
     if (run.input.Offset() == begin)
-        return;
+        return good;
     const std::string bytes = std::to_string(run.input.Offset() - begin) + " bytes that no restore reaches: ";
     run.findings.Report(FindingKinds::Unreached, begin, "",
                         bytes + (count > 0 ? Counted(count, "entry", "entries") + ", the first at " + OffsetText(first)
                                  : zero    ? "zeros"
-                                           : "the data of a broken retrieval, or junk"));
+                                 : run.input.IsUnderWay() ? "the data of the backup under way"
+                                                          : "the data of a broken retrieval, or junk"));
+    return good;
 }
 
 // The names of suspects are read again where the input allows it.
 void CheckDuplicates(Verification& run) {
     std::sort(run.names.begin(), run.names.end());
-    for (std::size_t i = 1; i < run.names.size(); ++i) {
-        if (run.names[i].first != run.names[i - 1].first)
-            continue;
+    std::vector<std::pair<std::int64_t, std::int64_t>> duplicates; // offsets of the header and of the one before
+    for (std::size_t i = 1; i < run.names.size(); ++i)
+        if (run.names[i].first == run.names[i - 1].first)
+            duplicates.emplace_back(run.names[i].second, run.names[i - 1].second);
+    std::sort(duplicates.begin(), duplicates.end());
+    for (const auto& [offset, before] : duplicates) {
         CtarBlock block{};
         if (run.input.IsSeekable())
-            run.input.ReadBlockAt(run.names[i].second, block);
-        run.findings.Report(FindingKinds::Duplicate, run.names[i].second, ReadCtarName(block),
-                            "the name stands before already, at " + OffsetText(run.names[i - 1].second));
+            run.input.ReadBlockAt(offset, block);
+        run.findings.Report(FindingKinds::Duplicate, offset, ReadCtarName(block),
+                            "the name stands before already, at " + OffsetText(before));
     }
 }
 
@@ -144,15 +139,17 @@ int VerifyOne(const VerifyOptions& options, const std::string& archive) {
     const ChainEnd end =
         WalkEntries(run.input, [&run](const Entry& entry, const CtarBlock& header) { CheckEntry(run, entry, header); });
     if (end.stop != ChainStop::Sentinel)
-        ReportStop(run, end.stop, end.offset, end.stop == ChainStop::Data ? ReadCtarName(end.block) : "");
+        ReportStop(run, end.stop, end.offset, end.Name());
     else if (end.block != BuildCtarSentinel())
         run.findings.Report(FindingKinds::Header, end.offset, "", "the sentinel is not as a backup writes it");
     if (run.sums && end.stop != ChainStop::Sentinel)
         run.sums->PassFault(end.offset);
-    CheckRest(run);
+    const bool whole = end.stop != ChainStop::PartBlock;
+    const bool good = CheckRest(run) || !run.names.empty() || (whole && HasGoodChecksum(end.block));
     CheckDuplicates(run);
     const Compared compared = run.sums ? run.sums->Finish() : Compared{};
-    return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared);
+    const Cure cure = run.input.IsUnderWay() ? Cure::Wait : good ? Cure::Salvage : Cure::Nothing;
+    return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared, cure);
 }
 
 int Verify(const VerifyOptions& options) {
@@ -169,6 +166,16 @@ int Verify(const VerifyOptions& options) {
     return status;
 }
 
+// As CLI::Range, which lets nan pass and writes out a limit of 300 digits.
+CLI::Validator Within(double least, double most, const std::string& meaning) {
+    const auto check = [=](std::string& text) {
+        double number;
+        const bool within = CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
+        return within ? std::string() : text + " is not " + meaning;
+    };
+    return CLI::Validator(check, "");
+}
+
 } // namespace
 
 Action DeclareVerify(CLI::App& command) {
@@ -182,17 +189,19 @@ Action DeclareVerify(CLI::App& command) {
     command.add_option("--sample", options.sums.sample, "read the data of N% of the entries, chosen at random")
         ->type_name("N%")
         ->transform([](std::string text) { return text.ends_with('%') ? text.substr(0, text.size() - 1) : text; })
-        ->check(CLI::Range(0.0, 100.0))
+        ->check(Within(0, 100, "a number from 0 to 100"))
         ->needs(sums);
     command
         .add_option("--max-duration", options.sums.max_duration,
                     "read data for so long at most, in random order: seconds, or with s, m or h behind the number")
         ->type_name("DURATION")
         ->transform(CLI::AsNumberWithUnit(seconds))
-        ->check(CLI::PositiveNumber)
+        ->check(Within(1e-9, 1e9, "a time from a nanosecond to 30 years"))
         ->needs(sums);
     CLI::Option* const seed =
-        command.add_option("--seed", options.sums.seed, "make the same choice for the same number")->needs(sums);
+        command.add_option("--seed", options.sums.seed, "make the same choice for the same number")
+            ->check(Within(0, 0x1p63, "a number from 0 to 2^63"))
+            ->needs(sums);
     return [seed] {
         if (seed->count() == 0)
             options.sums.seed = std::random_device{}();

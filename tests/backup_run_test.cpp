@@ -425,19 +425,6 @@ TEST(Backup, AFailedListingIsNoSuccessWhenItCostsObjects) {
     EXPECT_TRUE(Holds(Messages(cut.err), "vondral[backup.cpp]: unfinished line: ")) << cut.err;
 }
 
-TEST(Backup, ABrokenRetrievalLeavesTheArchiveToTheOthers) {
-    Night night;
-    const Outcome outcome = night.Run(night.Backup(), {Make(Fault::Kind::Close, "RETR", 3)});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_TRUE(Holds(Messages(outcome.err), "recovering checkpoint")) << outcome.err;
-    // Which of the three workers it met is open; the other two and the objects behind went on.
-    std::size_t done = 0;
-    for (const std::string& name : Everything)
-        done += Holds(outcome.out, "Backup Success: " + name.substr(0, name.find(".savf"))) ? 1U : 0U;
-    EXPECT_EQ(done, 5U) << outcome.out;
-    EXPECT_NE(night.Archived(), std::vector<std::string>{"no archive"});
-}
-
 TEST(Backup, AMinuteTooLongEndsASilentTransfer) {
     Night night;
     night.program.minute_ms = 20;
@@ -446,15 +433,6 @@ TEST(Backup, AMinuteTooLongEndsASilentTransfer) {
     EXPECT_EQ(outcome.status, 2);
     EXPECT_TRUE(Holds(outcome.err, "Timeout limit reached (2 times).")) << outcome.err;
     EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home")) << outcome.err;
-}
-
-TEST(Backup, ReplyPiecesAreOneReply) {
-    Night night;
-    Fault pieces = Make(Fault::Kind::Pieces, "RCMD SAVDLO");
-    pieces.cuts = {2, 4, 9};
-    pieces.pause_ms = 10;
-    EXPECT_EQ(night.Run(night.Backup(), {pieces}).status, 0);
-    EXPECT_EQ(night.Sorted(), Everything);
 }
 
 TEST(Backup, TerminationKeepsWhatIsComplete) {
@@ -512,15 +490,6 @@ TEST(Backup, OutputsThatCannotBeWrittenAreNoSuccess) {
         EXPECT_TRUE(Holds(outcome.err, "No space left on device") || Holds(outcome.err, "Input/output error"))
             << arguments.back() << outcome.err;
     }
-}
-
-TEST(Backup, ALostLogIsToldAndTheArchiveStands) {
-    Night night;
-    night.program.outputs[1] = "/dev/full";
-    const Outcome outcome = night.Run(night.Backup());
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_TRUE(Holds(Messages(outcome.err), "write(standard output): ")) << outcome.err;
-    EXPECT_EQ(night.Sorted(), Everything);
 }
 
 TEST(Backup, ClosedStandardStreamsNeverMeetTheArchive) {

@@ -86,6 +86,8 @@ bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size, He
 // The mode and the modification time as stored; false when the field holds no number.
 bool ReadCtarMode(std::span<const char, BlockSize> block, std::uint32_t& mode);
 bool ReadCtarMtime(std::span<const char, BlockSize> block, std::time_t& mtime);
+// Stores another modification time in a header, seconds since the epoch, and the checksum that goes with it.
+void PutCtarMtime(CtarBlock& block, std::time_t mtime);
 // The name as stored, put together from its pieces, without cutting the suffix.
 std::string ReadCtarName(std::span<const char, BlockSize> block);
 // The object's path: the name up to the first NameSuffix anywhere in it.

@@ -104,20 +104,31 @@ bool ReadCtarSize(std::span<const char, BlockSize> block, std::int64_t& size, He
 
 // Mode and time
 
-bool ReadCtarMode(std::span<const char, BlockSize> block, std::uint32_t& mode) {
+namespace {
+
+// A number that is not negative; leaves `value` as it is when there is none.
+template <typename Number>
+bool ReadNumber(std::span<const char, BlockSize> block, HeaderField field, Number& value) {
     long long number;
-    if (!GetOctal(block, Mode, number) || number < 0)
+    if (!GetOctal(block, field, number) || number < 0)
         return false;
-    mode = static_cast<std::uint32_t>(number);
+    value = static_cast<Number>(number);
     return true;
 }
 
+} // namespace
+
+bool ReadCtarMode(std::span<const char, BlockSize> block, std::uint32_t& mode) {
+    return ReadNumber(block, Mode, mode);
+}
+
 bool ReadCtarMtime(std::span<const char, BlockSize> block, std::time_t& mtime) {
-    long long number;
-    if (!GetOctal(block, Mtime, number) || number < 0)
-        return false;
-    mtime = static_cast<std::time_t>(number);
-    return true;
+    return ReadNumber(block, Mtime, mtime);
+}
+
+void PutCtarMtime(CtarBlock& block, std::time_t mtime) {
+    PutOctal(block, Mtime, 11, static_cast<std::uint64_t>(mtime));
+    PutOctal(block, Checksum, 7, static_cast<unsigned>(HeaderChecksum(block)));
 }
 
 // Names
@@ -184,7 +195,6 @@ CtarBlock EncodeCtarHeader(std::string_view path, std::uint64_t size, std::uint3
     PutOctal(block, Gid, 8, 0);
     block[TypeFlag.offset] = '0';
     PutOctal(block, Mode, 7, mode);
-    PutOctal(block, Mtime, 11, static_cast<std::uint64_t>(std::mktime(&mtime)));
     name_cut = PutName(block, name);
     PutOctal(block, Fixed1, 3, 0);
     PutOctal(block, Fixed2, 3, 0);
@@ -192,7 +202,7 @@ CtarBlock EncodeCtarHeader(std::string_view path, std::uint64_t size, std::uint3
     PutOctal(block, Fixed4, 3, 0);
     PutSize(block, Size, size);
     PutSize(block, SizeCopy, size);
-    PutOctal(block, Checksum, 7, static_cast<unsigned>(HeaderChecksum(block)));
+    PutCtarMtime(block, std::mktime(&mtime));
     return block;
 }
 

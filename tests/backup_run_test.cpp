@@ -81,10 +81,6 @@ std::vector<std::string> operator+(std::vector<std::string> one, const std::vect
     return one;
 }
 
-bool Holds(const std::string& text, const std::string& part) {
-    return text.find(part) != text.npos;
-}
-
 const std::vector<std::string> Login{"USER FRED", "PASS ****", "CWD /", "SYST", "TIME 86400 86400"};
 const std::vector<std::string> Everything{"/QDLS",          "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",
                                           "/Security Data", "/System Configuration", "/home.savf"};

@@ -22,10 +22,6 @@ using rehearsal::Fault;
 
 constexpr char Passphrase[] = "pass\"phrase<4711>";
 
-bool Holds(const std::string& text, const std::string& part) {
-    return text.find(part) != text.npos;
-}
-
 // A server, and the log that a run against it writes.
 struct Night {
     TempDir root, work;

@@ -11,10 +11,6 @@ namespace {
 namespace fs = std::filesystem;
 using rehearsal::Fault;
 
-bool Holds(const std::string& text, const std::string& part) {
-    return text.find(part) != text.npos;
-}
-
 // One server to save from or restore onto.
 struct Site {
     TempDir root;

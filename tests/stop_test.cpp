@@ -9,10 +9,6 @@
 
 namespace {
 
-bool Holds(const std::string& text, const std::string& part) {
-    return text.find(part) != text.npos;
-}
-
 class Stop : public testing::TestWithParam<Mode> {};
 
 std::string Name(const testing::TestParamInfo<Mode>& info) {

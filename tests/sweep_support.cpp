@@ -17,10 +17,6 @@ namespace {
 
 const std::string Passphrase = "not-to-be-seen";
 
-bool Holds(const std::string& text, const std::string& part) {
-    return text.find(part) != text.npos;
-}
-
 std::set<std::string> Lines(const std::string& text) {
     std::set<std::string> lines;
     for (std::size_t from = 0; from < text.size();) {

@@ -30,6 +30,10 @@ TempDir::~TempDir() {
     fs::remove_all(path, ignored);
 }
 
+bool Holds(const std::string& text, const std::string& part) {
+    return text.find(part) != text.npos;
+}
+
 std::string ReadFile(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream bytes;

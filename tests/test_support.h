@@ -27,6 +27,7 @@ public:
     std::filesystem::path operator/(const std::string& name) const { return path / name; }
 };
 
+bool Holds(const std::string& text, const std::string& part);
 std::string ReadFile(const std::filesystem::path& path);
 void WriteFile(const std::filesystem::path& path, const std::string& bytes);
 

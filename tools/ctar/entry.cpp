@@ -20,17 +20,6 @@ Entry ReadEntry(std::span<const char, BlockSize> block, std::int64_t offset) {
     return entry;
 }
 
-namespace {
-
-// Fills the field with leading zeros. Requires: a value of as many digits at most.
-void PutOctal(CtarBlock& block, HeaderField field, std::uint64_t value) {
-    const std::string digits =
-        FormatText("%0*llo", static_cast<int>(field.width - 1), static_cast<unsigned long long>(value));
-    std::copy_n(digits.c_str(), field.width, block.begin() + field.offset);
-}
-
-} // namespace
-
 // The time is put in as it was stored: as a local time, one of the hour that a zone repeats would not come back.
 CtarBlock EncodeEntry(const Entry& entry) {
     std::string_view path = entry.name;
@@ -38,8 +27,7 @@ CtarBlock EncodeEntry(const Entry& entry) {
         path.remove_suffix(NameSuffix.size());
     bool cut;
     CtarBlock block = EncodeCtarHeader(path, static_cast<std::uint64_t>(entry.size), entry.mode, {}, cut);
-    PutOctal(block, HeaderFields::Mtime, static_cast<std::uint64_t>(entry.mtime));
-    PutOctal(block, HeaderFields::Checksum, static_cast<std::uint64_t>(HeaderChecksum(block)));
+    PutCtarMtime(block, entry.mtime);
     return block;
 }
 

@@ -421,25 +421,33 @@ int CloseEntry(ArchiveWriter& writer, const ObjectFile& object, off_t start) {
 
 ArchiveLockGuard::ArchiveLockGuard() : lock_(ArchiveLock) {}
 
+namespace {
+
+// Appends an entry with what the server sends. Puts `outer` back as soon as the retrieval has its reply.
+int AppendEntry(FtpSession& session, const Checkpoint& outer, const ObjectFile& object, const std::string& save_file,
+                DataCallback callback, ArchiveWriter& writer) {
+    const off_t start = ::lseek(writer.descriptor, 0, SEEK_END);
+    if (start < 0) {
+        session.checkpoint = outer;
+        LogMessageTo(stderr, "%slseek(): %s\n", FailureHead().c_str(), std::strerror(errno));
+        return -1;
+    }
+    ReplyText reply;
+    const int retrieved = SendForReply(session, "RETR " + save_file, reply, {callback, nullptr, &writer});
+    session.checkpoint = outer;
+    const int result = retrieved != 0 ? ReportCommand("RETR", reply) : 0;
+    return CloseEntry(writer, object, start) != 0 ? -1 : result;
+}
+
+} // namespace
+
 int RetrieveToArchive(FtpSession* session, const Checkpoint& outer, const ObjectFile& object,
                       const std::string& save_file, double& started, DataCallback callback, ArchiveWriter& writer) {
-    int result = 0;
+    int result;
     {
         const ArchiveLockGuard lock;
         started = SecondsNow();
-        const off_t start = ::lseek(writer.descriptor, 0, SEEK_END);
-        if (start < 0) {
-            session->checkpoint = outer;
-            LogMessageTo(stderr, "%slseek(): %s\n", FailureHead().c_str(), std::strerror(errno));
-            return -1;
-        }
-        ReplyText reply;
-        const int retrieved = SendForReply(*session, "RETR " + save_file, reply, {callback, nullptr, &writer});
-        session->checkpoint = outer;
-        if (retrieved != 0)
-            result = ReportCommand("RETR", reply);
-        if (CloseEntry(writer, object, start) != 0)
-            result = -1;
+        result = AppendEntry(*session, outer, object, save_file, callback, writer);
     }
     if (TerminationRequested != 0)
         throw WorkerEnd{};

@@ -261,6 +261,8 @@ bool PassFailedEntry(RestoreRun& run, std::int64_t left) {
 
 // Reads one header and deals with its entry. False when the run over the archive ends here.
 bool TakeEntry(RestoreRun& run) {
+    if (TerminationRequested != 0)
+        return false; // a pipe may keep the next header back for ever
     run.header.fill('\0');
     run.header_read = ReadArchive(run.archive, run.header.data(), run.header.size());
     run.header_error = errno;

@@ -779,6 +779,14 @@ bool BeginArchive(int archive) {
     return false;
 }
 
+// Brings the archive to stable storage. A device without any, such as /dev/null, has nothing to flush.
+bool Flush(int archive, const std::string& path) {
+    if (::fdatasync(archive) == 0 || errno == EINVAL)
+        return true;
+    LogMessageTo(stderr, "%sfdatasync(%s): %s\n", FailureHead().c_str(), path.c_str(), std::strerror(errno));
+    return false;
+}
+
 } // namespace
 
 int BackupDriver(FtpSession* session) {
@@ -800,9 +808,7 @@ int BackupDriver(FtpSession* session) {
     const double listed = SecondsNow();
     bool safe = BeginArchive(archive.Get());
     const BackupTotals totals = RunWorkers(trees, archive.Get());
-    const bool flushed = ::fdatasync(archive.Get()) == 0;
-    if (!flushed)
-        LogMessageTo(stderr, "%sfdatasync(%s): %s\n", FailureHead().c_str(), path.c_str(), std::strerror(errno));
+    const bool flushed = Flush(archive.Get(), path);
     safe = IsWritten(RunSettings.catalog.get(), "catalog") && safe;
     safe = IsWritten(RunSettings.not_backed_up.get(), "not backed up") && safe;
     if (TerminationRequested != 0) {

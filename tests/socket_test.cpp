@@ -164,7 +164,7 @@ TEST(Command, RefusesOtherRecords) {
 TEST(Command, WaitsForTheFinalReplyHoweverLong) {
     Peer peer;
     std::thread server([&peer] {
-        ::usleep(30000);
+        ::usleep(300000);
         peer.Send("250 done\r\n");
     });
     Capture capture;

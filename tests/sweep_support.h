@@ -1,8 +1,8 @@
 // Whole runs under disturbance, and what must be true of every one of them, whatever it was that broke.
 //
 // A sweep runs once undisturbed, learns from that what can be disturbed, and then runs once for every disturbance. All
-// of them are done when VONDRAL_SWEEP is "full", else every SweepStride-th. A disturbance counts when it has struck:
-// its command came, its call was made.
+// of them are done when VONDRAL_SWEEP is "full", else every SweepStride-th, of a short sweep more. A disturbance counts
+// when it has struck: its command came, its call was made.
 
 #pragma once
 
@@ -16,14 +16,22 @@
 
 constexpr std::size_t SweepStride = 17; // a prime: no kind of disturbance is left out by rhythm
 
+// What a disturbance may cost.
+enum class Cost {
+    Any,       // what the promises leave open
+    OneObject, // of a backup, at most
+    Nothing,   // the connection is lost, taken up anew, and the run succeeds
+    NotAWord,  // the run is like an undisturbed one
+};
+
 // What is done to one run.
 struct Disturbance {
     std::string what; // for the messages
     std::vector<rehearsal::Fault> faults;
     int minute_ms = 60000;
-    std::string disk;         // what befalls the program's own outputs, as VONDRAL_TEST_DISK takes it
-    int terminate_at = -1;    // SIGTERM when the server receives the command of this index
-    bool harmless = false;    // the run must end like an undisturbed one
+    std::string disk;      // what befalls the program's own outputs, as VONDRAL_TEST_DISK takes it
+    int terminate_at = -1; // SIGTERM when the server receives the command of this index
+    Cost cost = Cost::Any;
     bool server_lies = false; // the server calls complete what it has cut
 
     bool Kills() const { return disk.ends_with(":kill"); }
@@ -33,11 +41,13 @@ struct Disturbance {
 // One finished run and what it left.
 struct Finished {
     Outcome outcome;
-    bool struck = false; // the disturbance took place
-    int sessions = 0;    // on the server; `quits` of them ended by QUIT
+    bool struck = false;                      // the disturbance took place
+    std::map<std::string, std::size_t> calls; // by their kinds, of a run that counts them
+    int sessions = 0;                         // on the server; `quits` of them ended by QUIT
     int quits = 0;
     std::vector<rehearsal::Exchange> exchanges;
     bool sessions_ended = false; // the server has no session left
+    std::string command_line;    // as the process list shows it at the first command
     std::string archive_bytes;   // of a backup
     ArchiveChain archive;
     std::string missed;                       // messages of the not-backed-up list
@@ -49,8 +59,11 @@ struct Finished {
 enum class Mode { List, Backup, ThreadedBackup, Restore };
 std::string ModeName(Mode mode);
 
+// How often the part stands in the text.
+std::size_t Count(const std::string& text, const std::string& part);
+
 // What the file of the archive holds before a backup.
-inline constexpr char FormerArchive[] = "what was there before";
+inline const std::string FormerArchive(2000, 'f');
 
 // A sample server and its undisturbed run in one mode.
 class Rehearsal {

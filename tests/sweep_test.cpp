@@ -22,6 +22,14 @@ std::string CommonPart(const std::string& command) {
     return command.starts_with("PASS") ? "PASS" : command.substr(0, command.find_first_of("0123456789"));
 }
 
+// Whether a connection lost in this command is taken up anew: what comes before the bytes of an object.
+bool IsSetUp(const std::string& command) {
+    for (const char* const start : {"STRU", "MODE", "TYPE", "SITE", "RCMD CLRSAVF", "RCMD CRTSAVF", "RCMD SAV"})
+        if (command.starts_with(start))
+            return true;
+    return false;
+}
+
 // One fault of one command of the undisturbed run, as a disturbance.
 class Collector {
 public:
@@ -31,37 +39,39 @@ public:
 
     std::vector<Disturbance> all;
 
-    // The faults to come befall the `nth` command line that begins so.
-    void Aim(const std::string& command, int nth) {
+    // The faults to come befall the `nth` command line that begins so. `of_worker`: it is not of the first session.
+    void Aim(const std::string& command, int nth, bool of_worker) {
         fault_.command = command;
         fault_.nth = nth;
+        costs_one_ = of_worker && (IsSetUp(command) || command == "PASV" || command.starts_with("RETR"));
     }
     void AddReplyFaults(int reply, const std::string& text, bool transfers) {
         fault_.reply = reply;
-        Add(Kind::Close, 0);
+        AddLoss(Kind::Close, text, 0);
         // A line end that comes in two is not taken for one: the reply is then late or lost. Where it stands in the
-        // reply to PASV depends on the port.
-        const auto is_harmless = [&](std::size_t cut) {
-            const std::size_t known = fault_.command == "PASV" || !same_each_run_ ? text.size() / 2 : text.size();
-            return text[cut] != '\n' && cut < known;
-        };
+        // reply to PASV depends on the port, and another worker's reply may be a short one.
+        const std::size_t known = !same_each_run_            ? ShortestReply
+                                  : fault_.command == "PASV" ? text.size() / 2
+                                                             : text.size();
+        const auto is_harmless = [&](std::size_t cut) { return text[cut] != '\n' && cut < known; };
         Fault pieces = fault_;
         pieces.kind = Kind::Pieces;
         for (const std::size_t cut : AwkwardCuts(text)) {
-            Add(Kind::Close, cut);
+            AddLoss(Kind::Close, text, cut);
             pieces.cuts = {cut};
             pieces.pause_ms = 5;
             const bool harmless = is_harmless(cut);
-            Put(pieces, "in pieces at " + std::to_string(cut), harmless ? 60000 : short_minute).harmless = harmless;
+            Put(pieces, "in pieces at " + std::to_string(cut), harmless ? 60000 : short_minute).cost =
+                harmless ? Cost::NotAWord : Cost::Any;
         }
         pieces.cuts.clear();
         for (std::size_t cut = 1; cut < text.size(); ++cut)
             if (is_harmless(cut))
                 pieces.cuts.push_back(cut);
         pieces.pause_ms = 1;
-        Put(pieces, "in single bytes", 60000).harmless = true;
-        Add(Kind::Reset, 0);
-        Add(Kind::Reset, text.size() / 2);
+        Put(pieces, "in single bytes", 60000).cost = Cost::NotAWord;
+        AddLoss(Kind::Reset, text, 0);
+        AddLoss(Kind::Reset, text, text.size() / 2);
         Add(Kind::CloseAfter, 0);
         Fault silent = fault_;
         silent.kind = Kind::Silent;
@@ -92,8 +102,16 @@ public:
     void Add(Kind kind) { Add(kind, 0); }
 
 private:
-    static constexpr int short_minute = 60; // milliseconds
+    static constexpr int short_minute = 60;         // milliseconds
+    static constexpr std::size_t ShortestReply = 8; // bytes; every reply has more before its line end
 
+    // The control connection ends after that many bytes of the reply.
+    void AddLoss(Kind kind, const std::string& text, std::size_t bytes) {
+        Disturbance& loss = Add(kind, bytes);
+        const std::size_t line = same_each_run_ ? text.find('\n') : ShortestReply;
+        if (IsSetUp(fault_.command) && bytes <= line) // no whole line came
+            loss.cost = Cost::Nothing;
+    }
     Disturbance& Add(Kind kind, std::size_t bytes) {
         static const std::map<Kind, const char*> names{
             {Kind::Close, "closed"},          {Kind::Reset, "reset"},           {Kind::CloseAfter, "closed behind"},
@@ -102,7 +120,12 @@ private:
         Fault fault = fault_;
         fault.kind = kind;
         fault.bytes = bytes;
-        return Put(fault, std::string(names.at(kind)) + " at " + std::to_string(bytes), short_minute);
+        const bool waits = kind == Kind::DataSilent;
+        Disturbance& added =
+            Put(fault, std::string(names.at(kind)) + " at " + std::to_string(bytes), waits ? short_minute : 60000);
+        if (costs_one_ && !waits)
+            added.cost = Cost::OneObject;
+        return added;
     }
     Disturbance& Put(const Fault& fault, const std::string& how, int minute) {
         Disturbance disturbance;
@@ -115,6 +138,7 @@ private:
 
     const bool same_each_run_;
     Fault fault_;
+    bool costs_one_ = false;
 };
 
 std::vector<Disturbance> AllFaults(const std::vector<Exchange>& exchanges, bool same_each_run) {
@@ -126,7 +150,7 @@ std::vector<Disturbance> AllFaults(const std::vector<Exchange>& exchanges, bool 
         for (std::size_t before = 0; before <= index; ++before)
             if (command.empty() ? exchanges[before].command.empty() : exchanges[before].command.starts_with(command))
                 ++nth;
-        collector.Aim(command, nth);
+        collector.Aim(command, nth, exchange.session > 0);
         const bool transfers = exchange.replies.size() > 1;
         for (std::size_t reply = 0; reply < exchange.replies.size(); ++reply)
             collector.AddReplyFaults(static_cast<int>(reply), exchange.replies[reply], transfers);
@@ -153,27 +177,47 @@ TEST_P(FaultSweep, KeepsEveryPromise) {
     Sweep("faults", rehearsal, mine);
 }
 
-// All workers lose their connections in the same run: between their saves, in them, in the retrievals, each once
-// without and once with a request to end.
+// The three workers that run at the same time lose their connections at the same point, each once without and once with
+// a request to end.
 TEST(Workers, RecoverTogether) {
     const Rehearsal rehearsal(Mode::ThreadedBackup);
+    int commands = -1, connections = 0; // before the three: of the listing, without QUIT, and of the worker alone
+    for (const Exchange& exchange : rehearsal.Undisturbed().exchanges)
+        if (exchange.session <= 1) {
+            commands += exchange.command.empty() ? 0 : 1;
+            connections += exchange.command == "PASV" ? 1 : 0;
+        }
+    struct Place {
+        std::vector<std::string> commands; // one of each worker
+        int nth;
+        Cost cost;
+    };
+    const std::string clear = "RCMD CLRSAVF FILE(QTEMP/SAV", retrieve = "RETR /QSYS.LIB/QTEMP.LIB/SAV";
     std::vector<Disturbance> all;
-    for (const char* const place : {"RCMD CRTSAVF", "RCMD SAV", "PASV", "RETR"})
+    for (const Place& place : {Place{{clear + "2", clear + "3", clear + "4"}, 1, Cost::Nothing},
+                               Place{{"RCMD SAVDLO", "RCMD SAVLIB", "RCMD SAV DEV"}, 1, Cost::Nothing},
+                               Place{{"PASV", "PASV", "PASV"}, connections + 1, Cost::Any},
+                               Place{{retrieve + "2", retrieve + "3", retrieve + "4"}, 1, Cost::Any}})
         for (const Kind kind : {Kind::Close, Kind::Reset})
-            for (const int terminate_at : {-1, 35, 50, 65}) {
+            for (const int terminate_at : {-1, commands + 5, commands + 20, commands + 30}) {
                 Disturbance disturbance;
-                disturbance.what = std::string("every worker at ") + place;
+                disturbance.what = "every worker at " + place.commands[0];
                 disturbance.terminate_at = terminate_at;
-                for (int nth = 1; nth <= 6; ++nth) {
+                disturbance.cost = terminate_at < 0 ? place.cost : Cost::Any;
+                for (std::size_t worker = 0; worker < place.commands.size(); ++worker) {
                     Fault fault;
                     fault.kind = kind;
-                    fault.command = place;
-                    fault.nth = nth;
+                    fault.command = place.commands[worker];
+                    fault.nth = place.nth + (place.nth > 1 ? static_cast<int>(worker) : 0);
                     disturbance.faults.push_back(fault);
                 }
                 all.push_back(disturbance);
             }
-    Sweep("together", rehearsal, all);
+    Sweep("together", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {
+        EXPECT_EQ(Count(run.outcome.err, "recovering checkpoint"), disturbance.faults.size())
+            << disturbance.what << "\n"
+            << run.outcome.err;
+    });
 }
 
 std::string ShardName(const testing::TestParamInfo<Shard>& shard) {

@@ -10,6 +10,7 @@
 //                        "kill" ends the program; a number fails the call with that errno; "+number" fails that call
 //                        and all behind it; "/number" lets a write take that many bytes.
 //                        "limit:N" lets no write go beyond the offset N of the archive
+//                        "count" disturbs nothing, and leaves the number of all these calls in the mark
 //   VONDRAL_TEST_MARK    a file that is made when the disk is disturbed
 
 #include <algorithm>
@@ -52,15 +53,36 @@ void Mark() {
         ::close(::open(mark, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
 }
 
-// One call that may be disturbed. `short_write` becomes what it is allowed to take when it is to be cut.
-bool Fails(const char* call, size_t* short_write = nullptr) {
-    static std::atomic<long> calls = 0;
-    const char* const order = OrderFor(call);
+// A kind of call that can be disturbed, and how many were made.
+struct Call {
+    const char* name;
+    std::atomic<long> made = 0;
+};
+Call writes{"write"}, seeks{"lseek"}, cuts{"ftruncate"}, flushes{"fdatasync"};
+Call catalog_lines{"catalog"}, list_lines{"list"}, log_lines{"log"};
+
+bool Counts() {
+    static const char* const order = std::getenv("VONDRAL_TEST_DISK");
+    return order != nullptr && std::strcmp(order, "count") == 0;
+}
+
+[[gnu::destructor]] void LeaveCounts() {
+    if (!Counts())
+        return;
+    FILE* const mark = __real_fopen64(std::getenv("VONDRAL_TEST_MARK"), "w");
+    for (const Call* const call : {&writes, &seeks, &cuts, &flushes, &catalog_lines, &list_lines, &log_lines})
+        std::fprintf(mark, "%s %ld\n", call->name, call->made.load());
+    std::fclose(mark);
+}
+
+// Whether this call is to fail. `short_write` becomes what it is allowed to take when it is to be cut.
+bool Fails(Call& call, size_t* short_write = nullptr) {
+    const long count = ++call.made;
+    const char* const order = OrderFor(call.name);
     if (order == nullptr)
         return false;
     char* what;
     const long nth = std::strtol(order, &what, 10);
-    const long count = ++calls;
     ++what; // the colon
     const bool onwards = *what == '+';
     if (count < nth || (count > nth && !onwards))
@@ -89,23 +111,21 @@ bool HasRoom(int descriptor, size_t& count) {
     return room > 0;
 }
 
-// A stream of the program, and the call that its lines go by.
+// A stream of the program, whose lines are calls.
 struct Output {
-    const char* call;
+    Call& lines;
     int descriptor = -1;
 };
-Output catalog{"catalog"};
-Output list{"list"};
-Output log{"log"};
+Output catalog{catalog_lines}, list{list_lines}, log{log_lines};
 
 ssize_t PutOut(void* cookie, const char* bytes, size_t count) {
     const Output& output = *static_cast<Output*>(cookie);
-    return Fails(output.call) ? 0 : __real_write(output.descriptor, bytes, count);
+    return Fails(output.lines) ? 0 : __real_write(output.descriptor, bytes, count);
 }
 
 // The stream, or one in its place whose lines can be disturbed.
 FILE* StandIn(FILE* opened, Output& output) {
-    if (opened == nullptr || OrderFor(output.call) == nullptr)
+    if (opened == nullptr || (!Counts() && OrderFor(output.lines.name) == nullptr))
         return opened;
     output.descriptor = ::fcntl(::fileno(opened), F_DUPFD_CLOEXEC, 10);
     std::fclose(opened);
@@ -115,7 +135,7 @@ FILE* StandIn(FILE* opened, Output& output) {
 }
 
 [[gnu::constructor]] void DisturbTheLog() {
-    if (OrderFor(log.call) != nullptr)
+    if (Counts() || OrderFor(log_lines.name) != nullptr)
         stdout = StandIn(__real_fdopen(::dup(STDOUT_FILENO), "w"), log);
 }
 
@@ -139,15 +159,15 @@ servent* __wrap_getservbyname(const char* name, const char* protocol) {
 }
 
 ssize_t __wrap_write(int descriptor, const void* bytes, size_t count) {
-    return Fails("write", &count) || !HasRoom(descriptor, count) ? -1 : __real_write(descriptor, bytes, count);
+    return Fails(writes, &count) || !HasRoom(descriptor, count) ? -1 : __real_write(descriptor, bytes, count);
 }
 
 off_t __wrap_lseek64(int descriptor, off_t offset, int whence) {
-    return Fails("lseek") ? -1 : __real_lseek64(descriptor, offset, whence);
+    return Fails(seeks) ? -1 : __real_lseek64(descriptor, offset, whence);
 }
 
 int __wrap_ftruncate64(int descriptor, off_t length) {
-    return Fails("ftruncate") ? -1 : __real_ftruncate64(descriptor, length);
+    return Fails(cuts) ? -1 : __real_ftruncate64(descriptor, length);
 }
 
 FILE* __wrap_fopen64(const char* path, const char* mode) {
@@ -160,6 +180,6 @@ FILE* __wrap_fdopen(int descriptor, const char* mode) {
 }
 
 int __wrap_fdatasync(int descriptor) {
-    return Fails("fdatasync") ? -1 : __real_fdatasync(descriptor);
+    return Fails(flushes) ? -1 : __real_fdatasync(descriptor);
 }
 }

@@ -39,8 +39,8 @@ void ComesBack(const Rehearsal& rehearsal, const Finished& run) {
 }
 
 // Each object that the server was told to save or restore is done with, and no session began more than one when the
-// signal had come. Restored profiles get their authorities.
-void CompletesWhatWasBegun(const Finished& run, int signal_at) {
+// signal had come; of workers that run one by one none logged in after it. Restored profiles get their authorities.
+void CompletesWhatWasBegun(const Finished& run, int signal_at, Mode mode) {
     std::size_t begun = 0;
     int index = 0, authorities = 0;
     std::map<int, int> late; // by session
@@ -51,6 +51,9 @@ void CompletesWhatWasBegun(const Finished& run, int signal_at) {
         } else if (exchange.command.starts_with("RCMD SAV") || exchange.command.starts_with("RCMD RST")) {
             ++begun;
             late[exchange.session] += index > signal_at ? 1 : 0;
+        }
+        if (mode != Mode::ThreadedBackup && exchange.command.starts_with("USER")) {
+            EXPECT_LE(index, signal_at);
         }
         index += exchange.command.empty() ? 0 : 1;
     }
@@ -77,7 +80,7 @@ TEST_P(Stop, TerminatedAtEveryCommand) {
             EXPECT_EQ(run.outcome.status, 143) << disturbance.what;
             EXPECT_TRUE(Holds(run.outcome.err, "Terminated Cleanly\n")) << run.outcome.err;
         }
-        CompletesWhatWasBegun(run, disturbance.terminate_at);
+        CompletesWhatWasBegun(run, disturbance.terminate_at, GetParam());
         if (GetParam() != Mode::Restore)
             ComesBack(rehearsal, run);
     });
@@ -104,9 +107,10 @@ TEST_P(Disk, FailsAtEveryCallThatChangesTheArchive) {
     std::vector<Disturbance> all;
     const std::string full = std::to_string(ENOSPC);
     const std::string broken = std::to_string(EIO);
-    Disturb(all, rehearsal, "write", {full, "+" + full, broken, "+" + broken, "/0", "/1", "/511", "/512", "/1000"});
-    for (const char* call : {"lseek", "ftruncate", "fdatasync"})
+    for (const char* call : {"fdatasync", "ftruncate", "lseek"}) // the flush stands in every sample
         Disturb(all, rehearsal, call, {broken});
+    EXPECT_EQ(all[0].what, "fdatasync:1:" + broken);
+    Disturb(all, rehearsal, "write", {full, "+" + full, broken, "+" + broken, "/0", "/1", "/511", "/512", "/1000"});
     Sweep("failing_disk", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {
         // A write that takes less than it is given is no failure while the next one goes on.
         const bool cut = disturbance.disk.find('/') != disturbance.disk.npos;

@@ -650,15 +650,16 @@ std::unique_ptr<BackupTotals> BackupWorker(const ObjectNode& kind_tree, int arch
     return totals;
 }
 
-// One worker of the driver: its thread and, when that has been joined, what it returned.
+// One worker of the driver: its thread and, when that has been joined, what it returned. The thread goes first, and is
+// joined then at the latest.
 struct Worker {
-    std::thread thread;
     std::unique_ptr<BackupTotals> totals;
+    std::jthread thread;
 };
 
 void StartWorker(Worker& worker, const ObjectNode& kind_tree, int archive) {
     try {
-        worker.thread = std::thread([&worker, &kind_tree, archive] {
+        worker.thread = std::jthread([&worker, &kind_tree, archive] {
             try {
                 worker.totals = BackupWorker(kind_tree, archive);
             } catch (const WorkerEnd&) {

@@ -57,7 +57,10 @@ struct Night {
             received += command + "|";
         return received;
     }
-    std::vector<std::string> Backup() const { return {"-b", archive.string()}; }
+    Outcome RunBackup(std::vector<std::string> more = {}, const std::vector<Fault>& faults = {}) {
+        more.insert(more.begin(), {"-b", archive.string()});
+        return Run(more, faults);
+    }
     // The names in the archive, in its order; "no archive" when it breaks the format.
     std::vector<std::string> Archived() const {
         const auto entries = ReadArchiveFile(archive);
@@ -75,11 +78,6 @@ struct Night {
     }
     fs::path archive = work / "archive";
 };
-
-std::vector<std::string> operator+(std::vector<std::string> one, const std::vector<std::string>& other) {
-    one.insert(one.end(), other.begin(), other.end());
-    return one;
-}
 
 const std::string Login = "USER FRED|PASS ****|CWD /|SYST|TIME 86400 86400|";
 const std::vector<std::string> Everything{"/QDLS",          "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",
@@ -155,7 +153,7 @@ TEST(Modes, WithoutOneTheUsageIsShown) {
 
 TEST(Backup, TheWholeConversation) {
     Night night;
-    const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-x", "no"});
+    const Outcome outcome = night.RunBackup({"-x", "no"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.err, "");
     // Every session logs in, does this, and leaves.
@@ -187,8 +185,7 @@ TEST(Backup, TheWholeConversation) {
 TEST(Backup, ReportsCatalogAndTotals) {
     Night night;
     night.program.outputs[5] = night.work / "missed";
-    const Outcome outcome = night.Run(night.Backup() + std::vector<std::string>{"-C", (night.work / "catalog").string(),
-                                                                                "-n", "5", "-v2", "-x", "no"});
+    const Outcome outcome = night.RunBackup({"-C", (night.work / "catalog").string(), "-n", "5", "-v2", "-x", "no"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(Messages(ReadFile(night.work / "catalog")),
               "/Security Data\n/System Configuration\n/QDLS\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n"
@@ -209,7 +206,7 @@ TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
     Night night;
     night.options.locked = {"/home/note", "/QSYS.LIB/TOOLS.LIB/RUN.PGM"};
     night.program.outputs[5] = night.work / "missed";
-    const Outcome partial = night.Run(night.Backup() + not_checked);
+    const Outcome partial = night.RunBackup(not_checked);
     EXPECT_EQ(partial.status, 0);
     EXPECT_TRUE(Holds(Messages(partial.out), "/home: 1 objects not saved\nBackup Success: /home\n")) << partial.out;
     EXPECT_TRUE(Holds(Messages(ReadFile(night.work / "missed")), "/home: 1 objects not saved\n"));
@@ -219,7 +216,7 @@ TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
     Night checked;
     checked.options.locked = night.options.locked;
     checked.program.outputs[5] = checked.work / "missed";
-    const Outcome failed = checked.Run(checked.Backup() + std::vector<std::string>{"-n", "5"});
+    const Outcome failed = checked.RunBackup({"-n", "5"});
     EXPECT_EQ(failed.status, 2); // 3 of 7
     EXPECT_TRUE(Holds(Messages(failed.err), "SAV command failed\n  550 ")) << failed.err;
     EXPECT_TRUE(Holds(Messages(failed.err), "SAVLIB command failed\n  550 ")) << failed.err;
@@ -233,7 +230,7 @@ TEST(Backup, AFailureNeverEndsWithZero) {
     Night night;
     fs::create_directory(night.root / "tmp");
     Fault refused = Make(Fault::Kind::Replace, "RCMD SAV DEV", 0, 0, "550 no");
-    const Outcome outcome = night.Run(night.Backup(), {refused});
+    const Outcome outcome = night.RunBackup({}, {refused});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /home\n")) << outcome.err;
     EXPECT_TRUE(Holds(outcome.err, "Backup Failure: /tmp\n")) << outcome.err;
@@ -247,7 +244,7 @@ TEST(Backup, AShareOfFailuresMakesTheStatus) {
             WriteFile(night.root / ("QSYS.LIB/L" + std::to_string(library) + ".LIB/X.PGM"), "x");
         for (int library = 0; library < failing; ++library)
             night.options.locked.insert("/QSYS.LIB/L" + std::to_string(library) + ".LIB/X.PGM");
-        const Outcome outcome = night.Run(night.Backup());
+        const Outcome outcome = night.RunBackup();
         EXPECT_EQ(outcome.status, status) << outcome.out;
         EXPECT_TRUE(Holds(outcome.out, "** Total Objects Failed   : " + std::to_string(failing) + "\n")) << outcome.out;
     }
@@ -260,8 +257,7 @@ TEST(Backup, IncludesExcludesAndDates) {
     night.program.outputs[5] = night.work / "missed";
     WriteFile(night.root / "home/it's/b", "b");
     const Outcome outcome =
-        night.Run(night.Backup() + std::vector<std::string>{"-i", (night.work / "include").string(), "-e",
-                                                            (night.work / "exclude").string(), "-n", "5"});
+        night.RunBackup({"-i", (night.work / "include").string(), "-e", (night.work / "exclude").string(), "-n", "5"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(night.Sorted(),
               (std::vector<std::string>{"/QSYS.LIB/PAYROLL.LIB", "/System Configuration", "/home/it's/b"}));
@@ -274,7 +270,7 @@ TEST(Backup, IncludesExcludesAndDates) {
     fs::last_write_time(dated.root / "home/note", old);
     fs::last_write_time(dated.root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", old);
     const std::string yesterday = std::to_string(std::time(nullptr) - 86400);
-    const Outcome recent = dated.Run(dated.Backup() + std::vector<std::string>{"-d", yesterday});
+    const Outcome recent = dated.RunBackup({"-d", yesterday});
     EXPECT_EQ(recent.status, 0) << recent.err;
     EXPECT_EQ(dated.Sorted(), (std::vector<std::string>{"/QDLS", "/QSYS.LIB/PAYROLL.LIB", "/Security Data",
                                                         "/System Configuration", "/home.savf"}));
@@ -289,12 +285,12 @@ TEST(Backup, FailuresOfTheSetUpEndTheMode) {
          {missing.work / "none", fs::path(::geteuid() == 0 ? "/proc" : missing.work / "closed")}) {
         Night night;
         night.archive = place / "archive";
-        const Outcome no_archive = night.Run(night.Backup());
+        const Outcome no_archive = night.RunBackup();
         EXPECT_EQ(no_archive.status, 255);
         EXPECT_TRUE(Holds(Messages(no_archive.err), "vondral[backup.cpp]: open(")) << no_archive.err;
     }
     Night refused;
-    const Outcome no_list = refused.Run(refused.Backup(), {Make(Fault::Kind::Replace, "LIST", 1, 0, "550 no")});
+    const Outcome no_list = refused.RunBackup({}, {Make(Fault::Kind::Replace, "LIST", 1, 0, "550 no")});
     EXPECT_EQ(no_list.status, 255);
     EXPECT_EQ(Messages(no_list.err),
               "vondral[ftp.cpp]: LIST command failed\n  550 no\nvondral[backup.cpp]: list failed\n"
@@ -304,8 +300,7 @@ TEST(Backup, FailuresOfTheSetUpEndTheMode) {
     WriteFile(nothing.work / "include", "/none\n");
     WriteFile(nothing.work / "exclude", "/Security Data\n/System Configuration\n");
     const Outcome idle =
-        nothing.Run(nothing.Backup() + std::vector<std::string>{"-i", (nothing.work / "include").string(), "-e",
-                                                                (nothing.work / "exclude").string()});
+        nothing.RunBackup({"-i", (nothing.work / "include").string(), "-e", (nothing.work / "exclude").string()});
     EXPECT_EQ(idle.status, 0);
     EXPECT_TRUE(Holds(Messages(idle.out), "Object not found: /none\n")) << idle.out;
     EXPECT_TRUE(Holds(Messages(idle.out), "** No objects attempted\n")) << idle.out;
@@ -314,9 +309,8 @@ TEST(Backup, FailuresOfTheSetUpEndTheMode) {
 
 TEST(Backup, ARefusedRecoveryCostsOneObject) {
     Night night;
-    const Outcome outcome =
-        night.Run(night.Backup() + std::vector<std::string>{"-x", "no"},
-                  {Make(Fault::Kind::Close, "RCMD SAVSECDTA"), Make(Fault::Kind::Replace, "PASS", 3, 0, "530 no")});
+    const Outcome outcome = night.RunBackup(
+        {"-x", "no"}, {Make(Fault::Kind::Close, "RCMD SAVSECDTA"), Make(Fault::Kind::Replace, "PASS", 3, 0, "530 no")});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_TRUE(Holds(Messages(outcome.err), "can't recover checkpoint\n")) << outcome.err;
     EXPECT_EQ(night.Archived().front(), "/System Configuration");
@@ -325,11 +319,11 @@ TEST(Backup, ARefusedRecoveryCostsOneObject) {
 
 TEST(Backup, AFailedListingIsNoSuccessWhenItCostsObjects) {
     Night libraries;
-    const Outcome broken = libraries.Run(libraries.Backup(), {Make(Fault::Kind::Close, "LIST /QSYS.LIB")});
+    const Outcome broken = libraries.RunBackup({}, {Make(Fault::Kind::Close, "LIST /QSYS.LIB")});
     EXPECT_EQ(broken.status, 2);
     EXPECT_TRUE(Holds(broken.out, "** Parsing Errors : 1\n")) << broken.out;
     Night below; // it is saved with the directory above it
-    const Outcome told = below.Run(below.Backup(), {Make(Fault::Kind::Close, "LIST /home", 2)});
+    const Outcome told = below.RunBackup({}, {Make(Fault::Kind::Close, "LIST /home", 2)});
     EXPECT_EQ(told.status, 0);
     EXPECT_TRUE(Holds(Messages(told.err), "vondral[backup.cpp]: list failed\n/home/it's\n")) << told.err;
     EXPECT_EQ(below.Sorted(), Everything);
@@ -338,13 +332,12 @@ TEST(Backup, AFailedListingIsNoSuccessWhenItCostsObjects) {
     WriteFile(alone.work / "exclude", "/Security Data\n/System Configuration\n");
     alone.program.outputs[5] = alone.work / "missed";
     const Outcome unknown =
-        alone.Run(alone.Backup() + std::vector<std::string>{"-i", (alone.work / "include").string(), "-e",
-                                                            (alone.work / "exclude").string(), "-n", "5"},
-                  {Make(Fault::Kind::Replace, "LIST /home", 1, 0, "550 no")});
+        alone.RunBackup({"-i", (alone.work / "include").string(), "-e", (alone.work / "exclude").string(), "-n", "5"},
+                        {Make(Fault::Kind::Replace, "LIST /home", 1, 0, "550 no")});
     EXPECT_EQ(unknown.status, 2);
     EXPECT_EQ(Messages(ReadFile(alone.work / "missed")), "/home\n");
     Night unfinished; // "home" stands in the last line of the root's listing
-    const Outcome cut = unfinished.Run(unfinished.Backup(), {Make(Fault::Kind::DataClose, "LIST /", 1, 130)});
+    const Outcome cut = unfinished.RunBackup({}, {Make(Fault::Kind::DataClose, "LIST /", 1, 130)});
     EXPECT_EQ(cut.status, 2);
     EXPECT_TRUE(Holds(Messages(cut.err), "vondral[backup.cpp]: unfinished line: ")) << cut.err;
 }
@@ -354,14 +347,14 @@ TEST(Backup, OneRunAtATimeWritesAnArchive) {
     const Descriptor other(::open(night.archive.c_str(), O_WRONLY | O_CREAT, 0600));
     ASSERT_EQ(::flock(other.Get(), LOCK_EX), 0);
     WriteFile(night.archive, "another run's");
-    EXPECT_EQ(night.Run(night.Backup()).status, 255);
+    EXPECT_EQ(night.RunBackup().status, 255);
     EXPECT_EQ(ReadFile(night.archive), "another run's");
 }
 
 TEST(Backup, FullDisksAreNoSuccess) {
     Night limited; // room for the special objects, but not for /home with its 70000 bytes
     limited.program.file_size_limit = 40000;
-    const Outcome cut = limited.Run(limited.Backup() + std::vector<std::string>{"-x", "no"});
+    const Outcome cut = limited.RunBackup({"-x", "no"});
     EXPECT_EQ(cut.status, 2);
     EXPECT_TRUE(Holds(cut.err, "CTAR sentinel failed write(): File too large")) << cut.err;
     for (const char* const output : {"-C", "-n"}) {
@@ -369,8 +362,7 @@ TEST(Backup, FullDisksAreNoSuccess) {
         night.program.outputs[9] = "/dev/full";
         WriteFile(night.work / "include", "/none\n/home\n");
         const Outcome outcome =
-            night.Run(night.Backup() + std::vector<std::string>{"-i", (night.work / "include").string(), output,
-                                                                output[1] == 'n' ? "9" : "/dev/full"});
+            night.RunBackup({"-i", (night.work / "include").string(), output, output[1] == 'n' ? "9" : "/dev/full"});
         EXPECT_EQ(outcome.status, 255) << output;
         EXPECT_TRUE(Holds(outcome.err, "]: write(")) << outcome.err;
     }
@@ -381,7 +373,7 @@ TEST(Backup, FullDisksAreNoSuccess) {
 TEST(Backup, ClosedStandardStreamsNeverMeetTheArchive) {
     Night night;
     night.program.close_standard_streams = true;
-    EXPECT_EQ(night.Run(night.Backup()).status, 0);
+    EXPECT_EQ(night.RunBackup().status, 0);
     EXPECT_EQ(night.Sorted(), Everything);
 }
 

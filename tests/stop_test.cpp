@@ -40,7 +40,7 @@ void ComesBack(const Rehearsal& rehearsal, const Finished& run) {
 
 // Each object that the server was told to save or restore is done with, and no session began more than one when the
 // signal had come; of workers that run one by one none logged in after it. Restored profiles get their authorities.
-void CompletesWhatWasBegun(const Finished& run, int signal_at, Mode mode) {
+void CompletesWhatWasBegun(const Finished& run, Mode mode) {
     std::size_t begun = 0;
     int index = 0, authorities = 0;
     std::map<int, int> late; // by session
@@ -50,10 +50,10 @@ void CompletesWhatWasBegun(const Finished& run, int signal_at, Mode mode) {
             ++authorities;
         } else if (exchange.command.starts_with("RCMD SAV") || exchange.command.starts_with("RCMD RST")) {
             ++begun;
-            late[exchange.session] += index > signal_at ? 1 : 0;
+            late[exchange.session] += index >= run.signalled ? 1 : 0;
         }
         if (mode != Mode::ThreadedBackup && exchange.command.starts_with("USER")) {
-            EXPECT_LE(index, signal_at);
+            EXPECT_LT(index, run.signalled);
         }
         index += exchange.command.empty() ? 0 : 1;
     }
@@ -80,7 +80,7 @@ TEST_P(Stop, TerminatedAtEveryCommand) {
             EXPECT_EQ(run.outcome.status, 143) << disturbance.what;
             EXPECT_TRUE(Holds(run.outcome.err, "Terminated Cleanly\n")) << run.outcome.err;
         }
-        CompletesWhatWasBegun(run, disturbance.terminate_at, GetParam());
+        CompletesWhatWasBegun(run, GetParam());
         if (GetParam() != Mode::Restore)
             ComesBack(rehearsal, run);
     });

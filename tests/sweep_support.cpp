@@ -148,6 +148,7 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
             while (Holds(ReadFile(status), "ShdPnd:\t0000000000004000")) // until its signal thread has taken it
                 ::usleep(1000);
             ::usleep(5000);
+            run.signalled = commands;
         }
     };
     const rehearsal::Server server(options);

@@ -42,6 +42,7 @@ struct Disturbance {
 struct Finished {
     Outcome outcome;
     bool struck = false;                      // the disturbance took place
+    int signalled = 0;                        // how many commands had come when the program had taken its SIGTERM
     std::map<std::string, std::size_t> calls; // by their kinds, of a run that counts them
     int sessions = 0;                         // on the server; `quits` of them ended by QUIT
     int quits = 0;

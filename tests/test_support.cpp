@@ -67,47 +67,68 @@ std::string Capture::Take() {
 
 namespace {
 
-void OpenAs(int descriptor, const fs::path& path, int flags) {
-    const int opened = ::open(path.c_str(), flags, 0600);
+// A descriptor of a program that is started.
+struct Opening {
+    int descriptor;
+    std::string path;
+    int flags;
+};
+
+void Open(const Opening& opening) {
+    const int opened = ::open(opening.path.c_str(), opening.flags, 0600);
     if (opened < 0)
         ::_exit(126);
-    if (opened != descriptor) {
-        ::dup2(opened, descriptor);
+    if (opened != opening.descriptor) {
+        ::dup2(opened, opening.descriptor);
         ::close(opened);
     }
 }
 
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 } // namespace
 
+// All of it is made ready before the fork: behind it nothing may be allocated, for a thread that is not there any more
+// could hold the allocator's lock.
 pid_t Program::Start() {
     arguments.insert(arguments.begin(), executable.empty() ? VONDRAL_UNDER_TEST : executable);
     environment["VONDRAL_TEST_PORT"] = std::to_string(port);
     environment["VONDRAL_TEST_MINUTE"] = std::to_string(minute_ms);
+    constexpr int to_file = O_WRONLY | O_CREAT | O_TRUNC;
+    std::vector<Opening> openings{{STDIN_FILENO, input, O_RDONLY},
+                                  {STDOUT_FILENO, logs_ / "out", to_file},
+                                  {STDERR_FILENO, logs_ / "err", to_file}};
+    for (const auto& [descriptor, path] : outputs)
+        openings.push_back({descriptor, path, to_file});
+    std::vector<std::string> variables;
+    for (const auto& [name, value] : environment)
+        variables.push_back(name + "=" + value);
+    for (char** variable = ::environ; *variable != nullptr; ++variable)
+        if (const std::string text = *variable; !environment.contains(text.substr(0, text.find('='))))
+            variables.push_back(text);
+    const std::vector<char*> argument_vector = Pointers(arguments);
+    const std::vector<char*> environment_vector = Pointers(variables);
     process_ = ::fork();
     if (process_ != 0)
         return process_;
-    constexpr int to_file = O_WRONLY | O_CREAT | O_TRUNC;
-    OpenAs(STDIN_FILENO, input, O_RDONLY);
-    OpenAs(STDOUT_FILENO, logs_ / "out", to_file);
-    OpenAs(STDERR_FILENO, logs_ / "err", to_file);
+    for (const Opening& opening : openings)
+        Open(opening);
     if (merged)
         ::dup2(STDOUT_FILENO, STDERR_FILENO);
     if (close_standard_streams)
         for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
             ::close(descriptor);
-    for (const auto& [descriptor, path] : outputs)
-        OpenAs(descriptor, path, to_file);
-    for (const auto& [name, value] : environment)
-        ::setenv(name.c_str(), value.c_str(), 1);
     if (file_size_limit != UINT64_MAX) {
         const rlimit limit{file_size_limit, file_size_limit};
         ::setrlimit(RLIMIT_FSIZE, &limit);
     }
-    std::vector<char*> vector;
-    for (std::string& argument : arguments)
-        vector.push_back(argument.data());
-    vector.push_back(nullptr);
-    ::execv(vector[0], vector.data());
+    ::execve(argument_vector[0], argument_vector.data(), environment_vector.data());
     ::_exit(127);
 }
 
@@ -230,16 +251,11 @@ std::string MakeArchive(const std::vector<ArchiveEntry>& entries) {
 }
 
 std::string DiffTrees(const fs::path& one, const fs::path& other) {
-    const TempDir scratch;
-    const fs::path report = scratch / "report";
-    const pid_t process = ::fork();
-    if (process == 0) {
-        OpenAs(STDOUT_FILENO, report, O_WRONLY | O_CREAT);
-        ::execlp("diff", "diff", "-r", "--no-dereference", one.c_str(), other.c_str(), nullptr);
-        ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(process, &status, 0);
-    const std::string text = ReadFile(report);
+    const std::string command = "diff -r --no-dereference '" + one.string() + "' '" + other.string() + "' 2>&1";
+    std::FILE* const report = ::popen(command.c_str(), "r");
+    std::string text;
+    for (int byte = std::fgetc(report); byte != EOF; byte = std::fgetc(report))
+        text += static_cast<char>(byte);
+    const int status = ::pclose(report);
     return status == 0 ? text : text + "diff ended with " + std::to_string(status);
 }

@@ -128,9 +128,10 @@ void Server::State::Start(Descriptor control) {
 
 void Server::State::ForgetEnded() {
     sessions.remove_if([](Running& running) {
-        if (running.ended)
+        const bool ended = running.ended; // asked once: it may end meanwhile, and must be joined before it goes
+        if (ended)
             running.thread.join();
-        return running.ended.load();
+        return ended;
     });
 }
 

@@ -319,7 +319,7 @@ TEST(BackupList, SortsByKindAndDecidesWhatIsOneUnit) {
     ObjectNode& dated = AppendDirectory(libraries, "/B.LIB", 0100755, 0, {});
     AppendDirectory(libraries, "/C.LIB", 0100755, 0, {});
     AppendFile(dated, "/X.FILE", 0100755, 0, {});
-    EXPECT_NE(Placed(BuildBackupList(*root)).find("| /QSYS.LIB/A.LIB /QSYS.LIB/B.LIB | "), std::string::npos);
+    EXPECT_TRUE(Holds(Placed(BuildBackupList(*root)), "| /QSYS.LIB/A.LIB /QSYS.LIB/B.LIB | "));
 }
 
 // Writing the archive

@@ -134,10 +134,6 @@ protected:
     TempDir dir;
 };
 
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != text.npos;
-}
-
 TEST_F(CtarTool, ListsEveryKindAndKeepsHostileNamesHarmless) {
     const std::string archive =
         Write(EntryOf("/Security Data", "1") + EntryOf("/System Configuration", "1") + EntryOf("/QDLS", "1") +
@@ -149,12 +145,12 @@ TEST_F(CtarTool, ListsEveryKindAndKeepsHostileNamesHarmless) {
                              "documents      /QDLS\n", "library        /QSYS.LIB/PAY.LIB\n",
                              "4096            2  2026-01-02 00:00:00  directory      /home [.savf]\n",
                              "file           /e\\x1b[2J\\x0a\\xff\\x5c\n"})
-        EXPECT_TRUE(Has(text.out, part)) << part << text.out;
+        EXPECT_TRUE(Holds(text.out, part)) << part << text.out;
     EXPECT_EQ(Ctar({"list", "-"}, archive).out, text.out);
     const Outcome json = Ctar({"list", "--json", archive, "/ho*", "*\xff*"});
     EXPECT_TRUE(json.out.starts_with(R"({"offset":4096,"size":2,"mtime":)")) << json.out;
-    EXPECT_TRUE(Has(json.out, R"("mode":16877,"kind":"directory","path":"/home","name":"/home.savf"})"
-                              "\n{\"offset\":5120,\"size\":3,"))
+    EXPECT_TRUE(Holds(json.out, R"("mode":16877,"kind":"directory","path":"/home","name":"/home.savf"})"
+                                "\n{\"offset\":5120,\"size\":3,"))
         << json.out;
     EXPECT_TRUE(json.out.ends_with(R"("name":"/e\\x1b[2J\\x0a\\xff\\x5c"})"
                                    "\n"))
@@ -174,11 +170,11 @@ TEST_F(CtarTool, ArchivesCutAnywhereAreFoundOutAndSalvaged) {
         const Outcome piped = Ctar({"verify", "-"}, dir / "x.ctar");
         EXPECT_EQ(piped.status, 1) << cut;
         if (cut < BlockSize) {
-            EXPECT_TRUE(Has(verified.out, ": it is no archive, or shifted\n")) << verified.out;
+            EXPECT_TRUE(Holds(verified.out, ": it is no archive, or shifted\n")) << verified.out;
             EXPECT_EQ(Ctar({"salvage", dir / "x.ctar", "-o", dir / "never"}).status, 2);
             continue;
         }
-        EXPECT_TRUE(Has(verified.out, "to mend it: ctar salvage " + (dir / "x.ctar").string())) << verified.out;
+        EXPECT_TRUE(Holds(verified.out, "to mend it: ctar salvage " + (dir / "x.ctar").string())) << verified.out;
         std::string names;
         for (std::size_t i = 0; i < Pieces.size(); ++i)
             names += cut >= ends[i] ? Pieces[i].path + " " : "";
@@ -229,10 +225,10 @@ TEST_F(CtarTool, EveryDamagedByteOfAHeaderIsFoundOutAndMended) {
             const std::string mended = ReadFile(dir / "new");
             ASSERT_EQ(mended.size(), whole.size() + BlockSize) << told;
             for (std::size_t at = 0; at < BlockSize; ++at) {
-                EXPECT_TRUE(Has(found, FormatText("/v%zu: 0x0 (0): checksum: ", at))) << at;
+                EXPECT_TRUE(Holds(found, FormatText("/v%zu: 0x0 (0): checksum: ", at))) << at;
                 const std::size_t line = told.find(FormatText("(%zu): 2560 bytes: kept as entry /", at * stride));
                 const bool doubtful = LeavesDoubt(at, length);
-                EXPECT_EQ(Has(told.substr(line, told.find('\n', line) - line), "may be wrong"), doubtful) << at;
+                EXPECT_EQ(Holds(told.substr(line, told.find('\n', line) - line), "may be wrong"), doubtful) << at;
                 const std::size_t same = doubtful ? BlockSize : 0; // the data come through in any case
                 EXPECT_TRUE(mended.substr(at * stride + same, stride - same) ==
                             whole.substr(at * stride + same, stride - same))
@@ -278,7 +274,7 @@ TEST_F(CtarTool, HeadersThatFailTogetherOrContradictThemselvesAreMended) {
             damaged.replace(at, bytes.size(), bytes);
         const Outcome outcome = Salvage(damaged);
         EXPECT_EQ(NamesIn(dir / "new"), row.names) << row.what << outcome.out;
-        EXPECT_TRUE(Has(outcome.err, row.told)) << row.what << outcome.err;
+        EXPECT_TRUE(Holds(outcome.err, row.told)) << row.what << outcome.err;
         EXPECT_EQ(outcome.status, *row.told == '\0' ? 0 : 1) << row.what << outcome.out;
         if (outcome.status == 0) {
             EXPECT_EQ(ReadFile(dir / "new"), Three()) << row.what;
@@ -313,7 +309,7 @@ TEST_F(CtarTool, FieldsAndPaddingThatNoBackupWritesAreNamed) {
         const std::string header = Rechecked(HeaderOf("/b", Record).replace(row.offset, 1, 1, row.byte));
         const std::string archive = header + Padded(Data(1, 'b')) + Sentinel();
         const Outcome verified = Ctar({"verify", Write(archive)});
-        EXPECT_TRUE(Has(verified.out, std::string("0x0 (0): header: /b: not as a backup ") + row.finding + "\n"))
+        EXPECT_TRUE(Holds(verified.out, std::string("0x0 (0): header: /b: not as a backup ") + row.finding + "\n"))
             << row.offset << verified.out;
         EXPECT_EQ(verified.status, 1);
         EXPECT_EQ(Salvage(archive).status, 0);
@@ -330,9 +326,9 @@ TEST_F(CtarTool, FieldsAndPaddingThatNoBackupWritesAreNamed) {
         archive[at] = '\x80';
         const Outcome verified = Ctar({"verify", "--json", Write(archive)});
         EXPECT_EQ(verified.status, 1);
-        EXPECT_TRUE(Has(verified.out, R"("offset":1040,"finding":"padding","name":"/a",)")) << verified.out;
-        EXPECT_TRUE(Has(verified.out, R"("entries":3,"findings":1,"mend":"ctar salvage )")) << verified.out;
-        EXPECT_TRUE(Has(Salvage(archive).out, "entry /a: its data may be wrong"));
+        EXPECT_TRUE(Holds(verified.out, R"("offset":1040,"finding":"padding","name":"/a",)")) << verified.out;
+        EXPECT_TRUE(Holds(verified.out, R"("entries":3,"findings":1,"mend":"ctar salvage )")) << verified.out;
+        EXPECT_TRUE(Holds(Salvage(archive).out, "entry /a: its data may be wrong"));
     }
 }
 
@@ -349,8 +345,8 @@ TEST_F(CtarTool, ShiftedDataLeaveADoubt) {
                            Row{b + 300, 50, "", "entry /b, its header mended: its"},
                            Row{b + 300, 0, "more", "entry /b, its header mended: its"}}) {
         const Outcome outcome = Salvage(Three().replace(row.at, row.lost, row.more));
-        EXPECT_TRUE(Has(outcome.out, std::string(row.told) + " data may be wrong")) << outcome.out;
-        EXPECT_TRUE(Has(outcome.err, " 1 entry in doubt")) << outcome.err;
+        EXPECT_TRUE(Holds(outcome.out, std::string(row.told) + " data may be wrong")) << outcome.out;
+        EXPECT_TRUE(Holds(outcome.err, " 1 entry in doubt")) << outcome.err;
     }
 }
 
@@ -363,8 +359,8 @@ TEST_F(CtarTool, FaultsOfTheEntriesThemselvesNameNoMender) {
     for (const char* part : {"0x0 (0): name-cut: /nn", "0xc00 (3072): records: /cut: 529 bytes",
                              "0x1200 (4608): duplicate: /d.savf: the name stands before already, at 0x600 (1536)\n",
                              "name: relative: the name is not a full path\n", "x.ctar: 5 entries, 4 findings\n"})
-        EXPECT_TRUE(Has(verified.out, part)) << verified.out;
-    EXPECT_FALSE(Has(verified.out, "salvage")) << verified.out;
+        EXPECT_TRUE(Holds(verified.out, part)) << verified.out;
+    EXPECT_FALSE(Holds(verified.out, "salvage")) << verified.out;
 }
 
 // The data that had come stay behind the old sentinel; the next entry's header stands in the last block of them.
@@ -375,8 +371,8 @@ TEST_F(CtarTool, EntriesBehindBrokenRetrievalsComeBack) {
         const std::string junk = Data(9, 'j').substr(0, blocks * BlockSize);
         const std::string archive = a + Sentinel() + junk + b + Sentinel() + junk + c + Sentinel();
         const Outcome verified = Ctar({"verify", Write(archive)});
-        EXPECT_TRUE(Has(verified.out, "unreached: " + std::to_string(archive.size() - a.size() - BlockSize) +
-                                          " bytes that no restore reaches: "))
+        EXPECT_TRUE(Holds(verified.out, "unreached: " + std::to_string(archive.size() - a.size() - BlockSize) +
+                                            " bytes that no restore reaches: "))
             << verified.out;
         EXPECT_EQ(Ctar({"list", dir / "x.ctar"}).status, 1);
         EXPECT_EQ(Salvage(archive).status, blocks == 0 ? 0 : 1);
@@ -388,7 +384,7 @@ TEST_F(CtarTool, EntriesBehindBrokenRetrievalsComeBack) {
     // A run that died before it wrote the header, and trailing junk.
     for (const std::string& tail : {Data(4, 'j').substr(0, 2048) + Sentinel(), std::string("junk")}) {
         const Outcome verified = Ctar({"verify", Write(a + Sentinel() + tail)});
-        EXPECT_TRUE(Has(verified.out, "a broken retrieval, or junk")) << verified.out;
+        EXPECT_TRUE(Holds(verified.out, "a broken retrieval, or junk")) << verified.out;
         EXPECT_EQ(Salvage(a + Sentinel() + tail).status, 1);
         EXPECT_EQ(NamesIn(dir / "new"), "/a ");
     }
@@ -413,7 +409,7 @@ TEST_F(CtarTool, ABackupWithABrokenRetrievalIsMended) {
     backup.arguments = {"-s", "127.0.0.1", "-c", "FRED:here:secret", "-x", "no", "-b", dir / "night"};
     EXPECT_EQ(backup.Run().status, 2);
     EXPECT_EQ(NamesIn(dir / "night"), "/Security Data /System Configuration ");
-    EXPECT_TRUE(Has(Ctar({"verify", dir / "night"}).out, ": unreached: "));
+    EXPECT_TRUE(Holds(Ctar({"verify", dir / "night"}).out, ": unreached: "));
     EXPECT_EQ(Salvage(ReadFile(dir / "night")).status, 1);
     EXPECT_EQ(NamesIn(dir / "new"), "/Security Data /System Configuration /QSYS.LIB/PAY.LIB /e.savf ");
 }
@@ -466,7 +462,7 @@ TEST_F(CtarTool, SumsTellWhatChanged) {
     const std::string archive = Write(Three()), sums = dir / "sums";
     const Outcome sum = Ctar({"sum", archive});
     EXPECT_EQ(sum.status, 0);
-    EXPECT_TRUE(Has(sum.out, " 1536 1584 /b\n")) << sum.out;
+    EXPECT_TRUE(Holds(sum.out, " 1536 1584 /b\n")) << sum.out;
     WriteFile(sums, sum.out);
     EXPECT_EQ(Ctar({"verify", "--sums", sums, "-"}, archive).status, 0);
     std::string changed = Three();
@@ -479,17 +475,17 @@ TEST_F(CtarTool, SumsTellWhatChanged) {
         arguments.insert(arguments.end(), more.begin(), more.end());
         const Outcome verified = Ctar(arguments);
         EXPECT_EQ(verified.status, 1);
-        EXPECT_TRUE(Has(verified.out, "0x600 (1536): differs: /b: the data are not")) << verified.out;
-        EXPECT_TRUE(Has(verified.out, "the data of 3 of 3 entries (100.0 %), 3168 of 3168 bytes (100.0 %)\n"));
+        EXPECT_TRUE(Holds(verified.out, "0x600 (1536): differs: /b: the data are not")) << verified.out;
+        EXPECT_TRUE(Holds(verified.out, "the data of 3 of 3 entries (100.0 %), 3168 of 3168 bytes (100.0 %)\n"));
     }
     const Outcome none = Ctar({"verify", "--sums", sums, "--sample", "0%", archive});
-    EXPECT_TRUE(Has(none.out, "the data of 0 of 3 entries (0.0 %), 0 of 3168 bytes")) << none.out;
+    EXPECT_TRUE(Holds(none.out, "the data of 0 of 3 entries (0.0 %), 0 of 3168 bytes")) << none.out;
     const std::size_t second = sum.out.find('\n') + 1, third = sum.out.find('\n', second) + 1;
     WriteFile(sums, sum.out.substr(0, second) + std::string(64, '0') + " 2048 1 /g\\xe9\n" + sum.out.substr(third));
     const Outcome verified = Ctar({"verify", "--json", "--sums", sums, Write(Three())});
-    EXPECT_TRUE(Has(verified.out, R"(2048,"finding":"missing","name":"/g\\xe9","text":"in the sums, but not in the)"))
+    EXPECT_TRUE(Holds(verified.out, R"(2048,"finding":"missing","name":"/g\\xe9","text":"in the sums, but not in the)"))
         << verified.out;
-    EXPECT_TRUE(Has(verified.out, R"(1536,"finding":"additional","name":"/b",)")) << verified.out;
+    EXPECT_TRUE(Holds(verified.out, R"(1536,"finding":"additional","name":"/b",)")) << verified.out;
     const std::string zeros(64, '0');
     for (const std::string& bad :
          {sum.out.substr(0, sum.out.size() - 1), sum.out + sum.out, std::string("x\n"), std::string(100000, 'a'),
@@ -498,7 +494,7 @@ TEST_F(CtarTool, SumsTellWhatChanged) {
         WriteFile(sums, bad);
         const Outcome refused = Ctar({"verify", "--json", "--sums", sums, archive});
         EXPECT_EQ(refused.status, 2) << bad;
-        EXPECT_TRUE(Has(refused.err, "sums: line ")) << refused.err;
+        EXPECT_TRUE(Holds(refused.err, "sums: line ")) << refused.err;
     }
 }
 
@@ -515,11 +511,11 @@ TEST_F(CtarTool, SumsReachBehindAFault) {
              {"0x600 (1536): missing: /b: in the sums, but not found: see the fault at 0x600 (1536)\n",
               "0x1000 (4096): differs: /c: the data are not",
               "the data of 2 of 3 entries (66.7 %), 1584 of 3168 bytes (50.0 %)\n"})
-            EXPECT_TRUE(Has(verified.out, part)) << part << verified.out;
+            EXPECT_TRUE(Holds(verified.out, part)) << part << verified.out;
     }
     const Outcome cut = Ctar({"verify", "--sums", sums, Write(damaged.substr(0, 5000))});
-    EXPECT_TRUE(Has(cut.out, "0x1000 (4096): cut-data: /c: ")) << cut.out;
-    EXPECT_TRUE(Has(cut.out, "the data of 1 of 3 entries")) << cut.out;
+    EXPECT_TRUE(Holds(cut.out, "0x1000 (4096): cut-data: /c: ")) << cut.out;
+    EXPECT_TRUE(Holds(cut.out, "the data of 1 of 3 entries")) << cut.out;
 }
 
 TEST_F(CtarTool, ShareOfTheDataIsAsAskedFor) {
@@ -533,7 +529,7 @@ TEST_F(CtarTool, ShareOfTheDataIsAsAskedFor) {
     const std::string large = Write(EntryOf("/large", Data(1000, 'l')) + Sentinel());
     WriteFile(sums, Ctar({"sum", large}).out);
     const Outcome late = Ctar({"verify", "--sums", sums, "--max-duration", "0.000000001", large});
-    EXPECT_TRUE(Has(late.out, "compared the data of 0 of 1 entry (0.0 %), ")) << late.out;
+    EXPECT_TRUE(Holds(late.out, "compared the data of 0 of 1 entry (0.0 %), ")) << late.out;
     EXPECT_TRUE(late.out.ends_with(": 1 entry, headers sound, no entry's data compared\n")) << late.out;
 }
 
@@ -544,7 +540,7 @@ TEST_F(CtarTool, ExtractWritesAllOrNothing) {
     fs::create_directory(dir / "out");
     const Outcome last = Ctar({"extract", archive, "/x/-rf", "-o", output});
     EXPECT_EQ(last.status, 0) << last.err;
-    EXPECT_TRUE(Has(last.err, "holds /x/-rf 2 times; took the last, at 0x400 (1024)")) << last.err;
+    EXPECT_TRUE(Holds(last.err, "holds /x/-rf 2 times; took the last, at 0x400 (1024)")) << last.err;
     EXPECT_EQ(ReadFile(output), Data(2, 'r'));
     EXPECT_EQ(Ctar({"extract", archive, "/d\xe9", "-o", output}).status, 2);
     EXPECT_EQ(ReadFile(output), Data(2, 'r'));
@@ -610,7 +606,7 @@ TEST_F(CtarTool, TellsOfATerminalALockAndAFullDisk) {
     pollfd drawn{master.Get(), POLLIN, 0};
     for (char byte; !shown.ends_with("\r\033[K") && ::poll(&drawn, 1, 10000) == 1; shown += byte)
         ASSERT_EQ(::read(master.Get(), &byte, 1), 1) << shown;
-    EXPECT_TRUE(shown.starts_with("\r[") && Has(shown, " % ") && shown.ends_with("\r\033[K")) << shown;
+    EXPECT_TRUE(shown.starts_with("\r[") && Holds(shown, " % ") && shown.ends_with("\r\033[K")) << shown;
 
     const Descriptor writer(::open(archive.c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(::flock(writer.Get(), LOCK_EX), 0);
@@ -637,7 +633,7 @@ TEST_F(CtarTool, OddFileNamesAreNotMisread) {
     Write(Three(), "a");
     const fs::path before = fs::current_path();
     fs::current_path(dir.path);
-    EXPECT_TRUE(Has(Ctar({"verify", "--", "-dash"}).out, "to mend it: ctar salvage ./-dash -o NEW\n"));
+    EXPECT_TRUE(Holds(Ctar({"verify", "--", "-dash"}).out, "to mend it: ctar salvage ./-dash -o NEW\n"));
     EXPECT_EQ(Ctar({"verify", "[a]"}).status, 2);
     fs::current_path(before);
 }

@@ -192,10 +192,9 @@ TEST(Login, ABrokenConnectionHasNoRecoveryHere) {
     EXPECT_EQ(session.LogIn(), -1);
     EXPECT_EQ(Quit(std::move(session.session)), -1);
     const std::string messages = capture.Take();
-    EXPECT_NE(messages.find("vondral[ftp.cpp]: jump buffer invalid\nvondral[ftp.cpp]: CWD / command failed\n"),
-              messages.npos)
+    EXPECT_TRUE(Holds(messages, "vondral[ftp.cpp]: jump buffer invalid\nvondral[ftp.cpp]: CWD / command failed\n"))
         << messages;
-    EXPECT_NE(messages.find("vondral[ftp.cpp]: QUIT command failed\n"), messages.npos) << messages;
+    EXPECT_TRUE(Holds(messages, "vondral[ftp.cpp]: QUIT command failed\n")) << messages;
 }
 
 TEST(Parents, EveryDirectoryAboveAndNothingElse) {

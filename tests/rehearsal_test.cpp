@@ -60,7 +60,7 @@ TEST(Rehearsal, RefusesWhatARealServerWould) {
           {"RCMD RSTLIB SAVLIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S)", "Save file S in QTEMP contains no data."},
           {"MKD /../out", "550"}}) {
         const std::string reply = talk.Ask(row.command);
-        EXPECT_NE(reply.find(row.refusal), reply.npos) << row.command << ": " << reply;
+        EXPECT_TRUE(Holds(reply, row.refusal)) << row.command << ": " << reply;
     }
     const std::string too_long = "RCMD SAVLIB LIB(" + std::string(1000, 'X') + ")";
     EXPECT_EQ(talk.Ask(too_long).substr(0, 3), "501");
@@ -87,7 +87,7 @@ TEST(Rehearsal, CapitalsAreUnderstood) {
     const std::string reply =
         talk.Ask("RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('\"/home\"')) SUBTREE(*ALL) PRECHK(*NO)");
     EXPECT_EQ(CountNotSaved(reply.c_str()), "1") << reply;
-    EXPECT_NE(reply.find("OBJECTS SAVED"), reply.npos) << reply;
+    EXPECT_TRUE(Holds(reply, "OBJECTS SAVED")) << reply;
 }
 
 } // namespace

@@ -262,7 +262,7 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
         const bool failure = Holds(outcome.err, "Backup Failure: " + object + "\n");
         const ArchiveEntry* const entry = Find(archive.entries, whole.name);
         const ArchiveEntry* const stray = Find(archive.stray, whole.name);
-        const bool listed = Lines(run.missed).contains(object) || (disturbance.IsOf("list") && run.struck);
+        const bool listed = Lines(run.missed).contains(object);
         const bool reached = entry != nullptr && entry->data == whole.data;
         const bool cut = disturbance.server_lies && (entry == nullptr ? Holds(outcome.out, "Block returned no data")
                                                                       : whole.data.starts_with(entry->data));

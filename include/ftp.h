@@ -17,7 +17,7 @@
 #include <string>
 #include <string_view>
 
-#include "archive.h"
+#include "archive_writer.h"
 #include "commands.h"
 #include "socket.h"
 #include "tree.h"

@@ -1,17 +1,15 @@
-// Support library: log lines with thread tags, the head of failure messages, and the owner types of system
-// resources that every module uses. Any thread may call the functions here at any time.
+// Support library: log lines with thread tags, and the head of failure messages. Any thread may call the functions here
+// at any time.
 
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <memory>
-#include <new>
 #include <string>
-#include <string_view>
-#include <utility>
+
+#include "resources.h"
+#include "text.h"
 
 // The last part of argv[0]; the first word of every message. Written once at start-up.
 extern const char* ProgramName;
@@ -47,9 +45,6 @@ std::string FailureHead(SourcePlace place = SourcePlace::Here());
 // "program[module.cpp:line] : ", the head of the one message that is written this way.
 std::string ColonFailureHead(SourcePlace place = SourcePlace::Here());
 
-// The text that printf would write.
-std::string FormatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
 // Seconds on a clock that never jumps, for measuring durations.
 double SecondsNow();
 
@@ -60,68 +55,6 @@ struct ScaledAmount {
 };
 ScaledAmount ScaleDecimal(double amount); // divides by 1000 while above 2000: objects and restored amounts
 ScaledAmount ScaleBinary(double amount);  // divides by 1024 while above 2048: totals of a run or a thread
-
-// A new zeroed record, or nothing when memory is short: for records whose absence a caller reports.
-template <class Record>
-std::unique_ptr<Record> NewRecord() {
-    try {
-        return std::make_unique<Record>();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-// The one owner of a file descriptor; -1 while there is none.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int value) : value_(value) {}
-    Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        if (this != &other)
-            Reset(std::exchange(other.value_, -1));
-        return *this;
-    }
-    ~Descriptor() { Reset(); }
-
-    int Get() const { return value_; }
-    bool IsOpen() const { return value_ >= 0; }
-    // Closes and gives the result of close(), -1 also when nothing was open. The descriptor is gone either
-    // way.
-    int Close();
-    void Reset(int value = -1);
-
-private:
-    int value_ = -1;
-};
-
-// The one owner of anonymous private pages, readable and writable, zeroed when made.
-class Mapping {
-public:
-    Mapping() = default;
-    Mapping(Mapping&& other) noexcept
-        : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
-    Mapping& operator=(Mapping&& other) noexcept {
-        std::swap(data_, other.data_);
-        std::swap(size_, other.size_);
-        return *this;
-    }
-    ~Mapping();
-
-    // Maps `size` bytes; false, with errno set, when the system refuses.
-    bool Map(std::size_t size);
-    char* Data() const { return data_; }
-    explicit operator bool() const { return data_ != nullptr; }
-
-private:
-    char* data_ = nullptr;
-    std::size_t size_ = 0;
-};
-
-struct StreamCloser {
-    void operator()(std::FILE* stream) const { std::fclose(stream); }
-};
-using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
 // Whether all that was written to the stream has reached its file; reports it under the caller's place when not.
 // No stream lacks nothing.

@@ -126,8 +126,3 @@ std::string FilePath(const ObjectFile& file);
 // subdirectories first.
 void PrintFilePath(std::FILE* stream, const ObjectFile& file);
 void DumpTree(std::FILE* stream, const ObjectNode& dir);
-
-// Reads a tree text into `dir`: ">name" opens a directory, "+name" is a file, "<" closes; all entries have
-// size 1. Lines have 248 characters at most. Gives 0 at the closing "<" of `dir`, -1 when the text ends
-// before or a line starts otherwise. A directory left open inside is passed over.
-int ReadTree(std::FILE* stream, ObjectNode& dir);

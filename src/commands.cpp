@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
@@ -166,22 +165,10 @@ constexpr std::array<RestoreMember, 5> RestoreMembers{{
     {"RST", "IFS object restore failed", true, false, true, false, true, BuildRst},
 }};
 
-bool StartsWith(const char* text, std::string_view phrase) {
-    return ::strncasecmp(text, phrase.data(), phrase.size()) == 0;
-}
-
 // `text` from its first `letter` (given in both cases) on, when the phrase begins there.
 const char* FindPhrase(const char* text, const char* letter, std::string_view phrase) {
     const char* const from = std::strpbrk(text, letter);
-    return from != nullptr && StartsWith(from, phrase) ? from : nullptr;
-}
-
-bool IsSpace(char character) {
-    return std::isspace(static_cast<unsigned char>(character)) != 0;
-}
-
-bool IsDigit(char character) {
-    return std::isdigit(static_cast<unsigned char>(character)) != 0;
+    return from != nullptr && StartsWithIgnoringCase(from, phrase) ? from : nullptr;
 }
 
 // The number before the phrase at `position`. Never looks at the reply code, the first three digits.

@@ -8,7 +8,6 @@
 #include <string>
 
 #include <fcntl.h>
-#include <strings.h>
 #include <unistd.h>
 
 #include "settings.h"
@@ -48,10 +47,10 @@ std::optional<std::string> ReadFirstLine(int descriptor) {
 
 // The descriptor stays open: it is the caller's.
 std::optional<std::string> FromDescriptor(const char* key) {
-    char* end;
-    const long number = std::strtol(key, &end, 0);
+    long number;
+    const bool whole = ParseAnyBase(key, std::strtol, number);
     const int descriptor = static_cast<int>(number);
-    if (end == key || *end != '\0' || descriptor != number) {
+    if (!whole || descriptor != number) {
         LogMessageTo(stderr, "%s: Bad file descriptor '%s'\n", ProgramName, key);
         return std::nullopt;
     }
@@ -81,10 +80,6 @@ constexpr Where HereKeyword{"here:", FromArgument};
 constexpr std::array<Where, 4> Wheres{
     {HereKeyword, {"env:", FromEnvironment}, {"fd:", FromDescriptor}, {"file:", FromFile}}};
 
-bool StartsWithKeyword(const char* text, const char* keyword) {
-    return ::strncasecmp(text, keyword, std::strlen(keyword)) == 0;
-}
-
 } // namespace
 
 int ReadCredentials(const char* argument) {
@@ -96,7 +91,7 @@ int ReadCredentials(const char* argument) {
         return -1;
     }
     for (const Where& where : Wheres) {
-        if (!StartsWithKeyword(colon + 1, where.keyword))
+        if (!StartsWithIgnoringCase(colon + 1, where.keyword))
             continue;
         RunSettings.password = where.source(colon + 1 + std::strlen(where.keyword));
         if (!RunSettings.password)
@@ -110,7 +105,7 @@ int ReadCredentials(const char* argument) {
 
 void HidePassphrase(char* argument) {
     char* const colon = std::strchr(argument, ':');
-    if (colon == nullptr || !StartsWithKeyword(colon + 1, HereKeyword.keyword))
+    if (colon == nullptr || !StartsWithIgnoringCase(colon + 1, HereKeyword.keyword))
         return;
     char* const passphrase = colon + 1 + std::strlen(HereKeyword.keyword);
     std::memset(passphrase, '*', std::strlen(passphrase));

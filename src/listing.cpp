@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 
-#include <strings.h>
 #include <sys/stat.h>
+
+#include "text.h"
 
 namespace {
 
@@ -21,11 +21,11 @@ constexpr std::array<PermissionLetter, 12> PermissionLetters{{
     {1, 'r', 0400},
     {2, 'w', 0200},
     {3, 'x', 0100},
-    {3, 's', 04100}, //
+    {3, 's', 04100},
     {4, 'r', 0020},
     {5, 'w', 0020},
     {6, 'x', 0010},
-    {6, 's', 02010}, //
+    {6, 's', 02010},
     {7, 'r', 0002},
     {8, 'w', 0002},
     {9, 'x', 0001},
@@ -38,29 +38,6 @@ constexpr std::array<std::string_view, 12> MonthNames{"January",   "February", "
                                                       "September", "October",  "November", "December"};
 constexpr std::size_t MonthAbbreviation = 3;
 
-bool IsSpace(char character) {
-    return std::isspace(static_cast<unsigned char>(character)) != 0;
-}
-
-bool IsDigit(char character) {
-    return character >= '0' && character <= '9';
-}
-
-void SkipSpace(std::string_view& text) {
-    while (!text.empty() && IsSpace(text.front()))
-        text.remove_prefix(1);
-}
-
-std::string_view TakeField(std::string_view& text) {
-    SkipSpace(text);
-    std::size_t length = 0;
-    while (length < text.size() && !IsSpace(text[length]))
-        ++length;
-    const std::string_view field = text.substr(0, length);
-    text.remove_prefix(length);
-    return field;
-}
-
 std::uint32_t ParseMode(std::string_view field) {
     std::uint32_t mode = field.starts_with('d') ? S_IFDIR : S_IFREG;
     for (const PermissionLetter& row : PermissionLetters)
@@ -71,17 +48,13 @@ std::uint32_t ParseMode(std::string_view field) {
 
 // The digits at the field's start; 0 without any, all ones when they do not fit.
 std::uint64_t ParseSize(std::string_view field) {
-    std::uint64_t size = 0;
-    for (std::size_t i = 0; i < field.size() && IsDigit(field[i]); ++i)
-        if (__builtin_mul_overflow(size, 10, &size) ||
-            __builtin_add_overflow(size, static_cast<std::uint64_t>(field[i] - '0'), &size))
-            return UINT64_MAX;
-    return size;
+    const bool is_number = !field.empty() && IsDigit(field.front());
+    return ConsumeNumber<std::uint64_t>(field).value_or(is_number ? UINT64_MAX : 0);
 }
 
 // A number as strptime reads one: blanks, then at most `digits` digits, stopping early when another one would
 // leave the range; -1 when there is none in the range.
-int TakeNumber(std::string_view& text, int from, int to, int digits) {
+int ConsumeNumberInRange(std::string_view& text, int from, int to, int digits) {
     SkipSpace(text);
     int value = 0;
     int taken = 0;
@@ -93,53 +66,47 @@ int TakeNumber(std::string_view& text, int from, int to, int digits) {
     return taken > 0 && value >= from && value <= to ? value : -1;
 }
 
-bool TakeWord(std::string_view& text, std::string_view word) {
-    if (text.size() < word.size() || ::strncasecmp(text.data(), word.data(), word.size()) != 0)
-        return false;
-    text.remove_prefix(word.size());
-    return true;
-}
-
 // "Mar 5" or "March 5", in any case of letters.
-bool TakeDate(std::string_view& text, CalendarTime& time) {
+bool ConsumeDate(std::string_view& text, CalendarTime& time) {
     SkipSpace(text);
     for (std::size_t month = 0; month < MonthNames.size(); ++month) {
         const std::string_view name = MonthNames[month];
-        if (!TakeWord(text, name) && !TakeWord(text, name.substr(0, MonthAbbreviation)))
+        if (!ConsumePrefixIgnoringCase(text, name) &&
+            !ConsumePrefixIgnoringCase(text, name.substr(0, MonthAbbreviation)))
             continue;
         time.month = static_cast<std::int8_t>(month);
-        time.day = static_cast<std::int8_t>(TakeNumber(text, 1, 31, 2));
+        time.day = static_cast<std::int8_t>(ConsumeNumberInRange(text, 1, 31, 2));
         return time.day > 0;
     }
     return false;
 }
 
 // "14:07": a date without a year is not in the future, by its month.
-bool TakeClock(std::string_view& text, const std::tm& now, CalendarTime& time) {
-    const int hour = TakeNumber(text, 0, 23, 2);
-    if (hour < 0 || !TakeWord(text, ":"))
+bool ConsumeClock(std::string_view& text, const std::tm& now, CalendarTime& time) {
+    const int hour = ConsumeNumberInRange(text, 0, 23, 2);
+    if (hour < 0 || !ConsumePrefixIgnoringCase(text, ":"))
         return false;
-    const int minute = TakeNumber(text, 0, 59, 2);
+    const int minute = ConsumeNumberInRange(text, 0, 59, 2);
     time.hour = static_cast<std::int8_t>(hour);
     time.minute = static_cast<std::int8_t>(minute);
     time.year = static_cast<std::int16_t>(now.tm_year - (time.month > now.tm_mon ? 1 : 0));
     return minute >= 0;
 }
 
-bool TakeYear(std::string_view& text, CalendarTime& time) {
-    const int year = TakeNumber(text, 0, 9999, 4);
+bool ConsumeYear(std::string_view& text, CalendarTime& time) {
+    const int year = ConsumeNumberInRange(text, 0, 9999, 4);
     time.year = static_cast<std::int16_t>(year - 1900);
     return year >= 0;
 }
 
 // Takes the name: up to " -> ", else up to the line's last character, which is the carriage return.
-void TakeName(std::string_view text, ListingEntry& entry) {
+void ConsumeName(std::string_view text, ListingEntry& entry) {
     constexpr std::string_view arrow = " -> ";
     const std::size_t link = text.find(arrow);
     if (link != text.npos) {
         entry.name = text.substr(0, link);
         text.remove_prefix(link + arrow.size());
-        TakeField(text);
+        ConsumeField(text);
     } else {
         entry.name = text.substr(0, text.empty() ? 0 : text.size() - 1);
         text.remove_prefix(entry.name.size());
@@ -155,19 +122,19 @@ std::optional<ListingFailure> ParseListingLine(std::string_view line, const std:
     rest.remove_prefix(std::min(ModeWidth, rest.size()));
     entry.mode = ParseMode(line.substr(0, ModeWidth));
     for (int skipped = 0; skipped < 3; ++skipped) // links, owner, group
-        TakeField(rest);
-    entry.size = ParseSize(TakeField(rest));
-    if (!TakeDate(rest, entry.mtime))
+        ConsumeField(rest);
+    entry.size = ParseSize(ConsumeField(rest));
+    if (!ConsumeDate(rest, entry.mtime))
         return ListingFailure{"can't parse date", line};
     SkipSpace(rest);
     if (rest.size() > 2 && rest[2] == ':') {
-        if (!TakeClock(rest, now, entry.mtime))
+        if (!ConsumeClock(rest, now, entry.mtime))
             return ListingFailure{"can't parse time", line};
-    } else if (!TakeYear(rest, entry.mtime)) {
+    } else if (!ConsumeYear(rest, entry.mtime)) {
         return ListingFailure{"can't parse year", line};
     }
     SkipSpace(rest);
-    TakeName(rest, entry);
+    ConsumeName(rest, entry);
     if (entry.name.empty()) // would name its own directory again
         return ListingFailure{"can't parse name", line};
     if (entry.name.size() + 1 >= PathCapacity)

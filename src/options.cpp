@@ -22,14 +22,6 @@ constexpr int HelpWanted = 1;
 
 // What the handlers of the options have in common
 
-// One number in base 0 (decimal, 0x, leading 0), by strtol and its kin; false when it is not all of the text.
-template <class Number>
-bool ParseWhole(const char* text, Number (*convert)(const char*, char**, int), Number& number) {
-    char* end;
-    number = convert(text, &end, 0);
-    return end != text && *end == '\0';
-}
-
 // Numbers from 0 or 1 up to this are taken by --wait and --timeout.
 constexpr int LargestTime = 99999;
 
@@ -56,7 +48,7 @@ int OpenPathFile(Stream& stream, const char* path) {
 int OpenDescriptor(Stream& stream, const char* text) {
     stream.reset();
     long number;
-    const bool whole = ParseWhole(text, std::strtol, number);
+    const bool whole = ParseAnyBase(text, std::strtol, number);
     const int descriptor = static_cast<int>(number);
     if (!whole || descriptor != number) {
         LogMessageTo(stderr, "%s: '%s': can't parse file descriptor\n", ProgramName, text);
@@ -95,7 +87,7 @@ int SetCatalog(char* argument) {
 // The texts are those that CHGPERIOD wants.
 int SetDate(char* argument) {
     long long epoch;
-    bool good = ParseWhole(argument, std::strtoll, epoch);
+    bool good = ParseAnyBase(argument, std::strtoll, epoch);
     RunSettings.cutoff = true;
     RunSettings.cutoff_time = epoch;
     const std::time_t instant = epoch;
@@ -130,7 +122,7 @@ int SetList(char* argument) {
 
 int SetMaxBlockSize(char* argument) {
     unsigned long long size;
-    const bool whole = ParseWhole(argument, std::strtoull, size);
+    const bool whole = ParseAnyBase(argument, std::strtoull, size);
     RunSettings.max_block_size = size;
     if (!whole)
         LogMessageTo(stderr, "%s: '%s': can't parse block size\n", ProgramName, argument);
@@ -167,7 +159,7 @@ int SetVerbose(char* argument) {
         return 0;
     }
     long level;
-    const bool whole = ParseWhole(argument, std::strtol, level);
+    const bool whole = ParseAnyBase(argument, std::strtol, level);
     RunSettings.verbosity = static_cast<int>(level);
     if (!whole)
         LogMessageTo(stderr, "%s: verbose value must be a number\n", ProgramName);
@@ -212,52 +204,40 @@ constexpr std::array<OptionRow, 18> OptionRows{{
     {"backup", 'b', required_argument, SetBackup,
      "Create a TAR backup archive.  Follow with a path to contain the output."},
     {"credentials", 'c', required_argument, SetCredentials,
-     "Follow with the credentials to login to the server in the form \"username:where:key\" .  where "
-     "explains "
-     "where the passphrase may be found as follows.  If where is here, then key is the actual passphrase as "
-     "in "
-     "\"fred:here:passphrase\".  If where is env, then key is the name of an environment variable which "
-     "contains "
-     "the passphrase as in \"fred:env:PASSPHRASE\".  If where is fd, then key is the number of a file "
-     "descriptor "
-     "from which the first line read is the passphrase as in \"fred:fd:4\".  If where is file, then key is "
-     "the "
-     "name of a file from which the first line read is the passphrase as in \"fred:file:keyFilename\"."},
+     "Follow with the credentials to login to the server in the form \"username:where:key\" .  where explains where "
+     "the passphrase may be found as follows.  If where is here, then key is the actual passphrase as in "
+     "\"fred:here:passphrase\".  If where is env, then key is the name of an environment variable which contains the "
+     "passphrase as in \"fred:env:PASSPHRASE\".  If where is fd, then key is the number of a file descriptor from "
+     "which the first line read is the passphrase as in \"fred:fd:4\".  If where is file, then key is the name of a "
+     "file from which the first line read is the passphrase as in \"fred:file:keyFilename\"."},
     {"Catalog", 'C', required_argument, SetCatalog,
-     "Create a catalog file containing a list of backed up files.  Follow with a path to contain the "
-     "output."},
+     "Create a catalog file containing a list of backed up files.  Follow with a path to contain the output."},
     {"date", 'd', required_argument, SetDate,
-     "Follow with an epoch.  During backup, any objects that have a timestamp before the given epoch will "
-     "not be "
+     "Follow with an epoch.  During backup, any objects that have a timestamp before the given epoch will not be "
      "included in the backup."},
     {"exclude", 'e', required_argument, SetExclude,
-     "Follow with a path to a file which contains full paths which should be excluded from the backup or "
-     "restore, "
-     "one full path per line."},
+     "Follow with a path to a file which contains full paths which should be excluded from the backup or restore, one "
+     "full path per line."},
     {"help", 'h', no_argument, WantHelp, "This help."},
     {"include", 'i', required_argument, SetInclude,
-     "Follow with a path to a file which contains full paths which should be included in the backup or "
-     "restore, "
-     "one full path per line."},
+     "Follow with a path to a file which contains full paths which should be included in the backup or restore, one "
+     "full path per line."},
     {"list", 'l', required_argument, SetList,
      "Create a list of the objects on server under the path given by the include option.  Follow with a file "
      "descriptor to which to write the list of full paths -- one per line."},
     {"maxblocksize", 'm', required_argument, SetMaxBlockSize, "Debugging option."},
     {"notbackedup", 'n', required_argument, SetNotBackedUp,
-     "Follow with a file descriptor to which to write the list of full paths -- one per line -- of objects "
-     "not "
-     "backed up by backup command."},
+     "Follow with a file descriptor to which to write the list of full paths -- one per line -- of objects not backed "
+     "up by backup command."},
     {"precheck", 'p', required_argument, SetPrecheck, "Sets the precheck option to either yes or no"},
     {"restore", 'r', required_argument, SetRestore,
-     "Restore a TAR archive.  Follow with a path from which to read the archive to restore or \"-\" to read "
-     "the "
+     "Restore a TAR archive.  Follow with a path from which to read the archive to restore or \"-\" to read the "
      "archive from stdin."},
     {"server", 's', required_argument, SetServer, "Follow with the host name or IP address of the server."},
     {"test", 't', no_argument, CountTest, "Test the connection with the given server."},
     {"verbose", 'v', optional_argument, SetVerbose, "Produce verbose output."},
     {"wait", 'w', required_argument, SetWait,
-     "Follow with a number of seconds (0-99999) to wait to establish a checkpoint or enter -1 to wait "
-     "indefinately"},
+     "Follow with a number of seconds (0-99999) to wait to establish a checkpoint or enter -1 to wait indefinately"},
     {"threading", 'x', required_argument, SetThreading, "Follow with 0 to disable threading"},
     {"timeout", 'z', required_argument, SetTimeout, "Timeout to wait for response in minutes"},
 }};

@@ -59,9 +59,8 @@ struct PathFile {
         lines.clear();
         if (::fstat(::fileno(asked), &status) != 0)
             read_at = 0;
-        std::array<char, PathLineCapacity> buffer;
-        while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), asked) != nullptr)
-            lines.push_back({SplitLine(buffer.data()), 0, {}});
+        for (std::string line; ReadLine(asked, PathLineCapacity, line);)
+            lines.push_back({SplitLine(line), 0, {}});
         for (PathLine& line : lines) {
             line.levels = CountLevels(line.pair.first);
             line.prefix = std::string_view(line.pair.first).substr(0, line.pair.first.find_first_of("*?[\\"));
@@ -94,10 +93,8 @@ bool Matches(const PathLine& line, const std::string& path, std::ptrdiff_t level
 // Questions
 
 bool ReadPathLine(std::string& line, std::FILE* stream) {
-    std::array<char, PathLineCapacity> buffer;
-    if (std::fgets(buffer.data(), static_cast<int>(buffer.size()), stream) == nullptr)
+    if (!ReadLine(stream, PathLineCapacity, line))
         return false;
-    line = buffer.data();
     while (line.size() > 1 && line.back() == '\n')
         line.pop_back();
     return true;

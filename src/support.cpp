@@ -1,6 +1,5 @@
 #include "support.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -10,8 +9,6 @@
 #include <vector>
 
 #include <pthread.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 const char* ProgramName = "vondral";
 std::atomic<int> TerminationRequested{0};
@@ -129,19 +126,6 @@ std::string ColonFailureHead(SourcePlace place) {
     return Head(place, ":", "] : ");
 }
 
-std::string FormatText(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    va_end(arguments);
-    std::string text(static_cast<std::size_t>(std::max(length, 0)), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
-}
-
 double SecondsNow() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
@@ -169,38 +153,10 @@ ScaledAmount ScaleBinary(double amount) {
     return Scale(amount, 2048, 1024);
 }
 
-// Owners of system resources
-
-int Descriptor::Close() {
-    return ::close(std::exchange(value_, -1));
-}
-
-void Descriptor::Reset(int value) {
-    if (value_ >= 0)
-        ::close(value_);
-    value_ = value;
-}
-
-bool Mapping::Map(std::size_t size) {
-    void* pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (pages == MAP_FAILED)
-        return false;
-    Mapping fresh;
-    fresh.data_ = static_cast<char*>(pages);
-    fresh.size_ = size;
-    *this = std::move(fresh);
-    return true;
-}
-
 bool IsWritten(std::FILE* stream, const char* name, SourcePlace place) {
     errno = EIO; // a failure further back has left no other reason
     if (stream == nullptr || (std::fflush(stream) == 0 && std::ferror(stream) == 0))
         return true;
     LogMessageTo(stderr, "%swrite(%s): %s\n", FailureHead(place).c_str(), name, std::strerror(errno));
     return false;
-}
-
-Mapping::~Mapping() {
-    if (data_ != nullptr)
-        ::munmap(data_, size_);
 }

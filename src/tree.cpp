@@ -190,26 +190,3 @@ void DumpTree(std::FILE* stream, const ObjectNode& dir) {
     std::string path = DirectoryPath(dir);
     DumpBelow(stream, dir, path);
 }
-
-// The tree text
-
-int ReadTree(std::FILE* stream, ObjectNode& dir) {
-    ObjectNode* current = &dir;
-    std::array<char, 250> line;
-    while (std::fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr) {
-        const std::size_t length = std::strlen(line.data());
-        const std::string_view text(line.data(), length > 0 ? length - 1 : 0); // without its newline
-        const char kind = text.empty() ? '\0' : text.front();
-        const std::string_view name = text.substr(text.empty() ? 0 : 1);
-        if (kind == '>') {
-            current = &AppendDirectory(*current, name, 0, 1, CalendarTime{});
-        } else if (kind == '+') {
-            AppendFile(*current, name, 0, 1, CalendarTime{});
-        } else {
-            if (current == &dir)
-                return kind == '<' ? 0 : -1;
-            current = current->parent; // its own result is not looked at
-        }
-    }
-    return -1;
-}

@@ -1,7 +1,6 @@
 #include "vondral.h"
 
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -11,7 +10,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <strings.h>
 #include <unistd.h>
 
 #include "backup.h"
@@ -26,41 +24,21 @@ namespace {
 
 constexpr std::size_t LineLimit = 4095; // characters; of a pending line, and of a path as formatted
 
-bool IsSpace(char character) {
-    return std::isspace(static_cast<unsigned char>(character)) != 0;
-}
-
-bool StartsWithIgnoringCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && ::strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
-std::string_view SkipSpace(std::string_view text) {
-    while (!text.empty() && IsSpace(text.front()))
-        text.remove_prefix(1);
-    return text;
-}
-
-std::string_view SkipWord(std::string_view text) {
-    while (!text.empty() && !IsSpace(text.front()))
-        text.remove_prefix(1);
-    return text;
-}
-
 // The ninth field of a line in the long form (mode, links, owner, group, size, month, day, time or year,
 // name), up to its first blank; empty when the line ends before.
 std::string_view NinthField(std::string_view line) {
-    std::string_view rest = SkipWord(line);
-    rest.remove_prefix(std::min<std::size_t>(1, rest.size()));
+    if (line.empty() || !IsSpace(line.front())) // a line that begins with white space has an empty first field
+        ConsumeField(line);
     for (int field = 0; field < 7; ++field)
-        rest = SkipWord(SkipSpace(rest));
-    rest = SkipSpace(rest);
-    return rest.substr(0, rest.size() - SkipWord(rest).size());
+        ConsumeField(line);
+    return ConsumeField(line);
 }
 
 // Prints one object; false when its path is too long.
 bool PrintListed(const std::string& include_path, std::string_view line) {
-    const bool is_directory = SkipSpace(line).starts_with('d');
     const std::string_view name = NinthField(line);
+    SkipSpace(line);
+    const bool is_directory = line.starts_with('d');
     const char* const separator = include_path.ends_with('/') ? "" : "/";
     std::string path =
         FormatText("%s%s%.*s", include_path.c_str(), separator, static_cast<int>(name.size()), name.data());
@@ -99,7 +77,7 @@ int ListPrinter(void* argument, char* data, int* count) {
         std::fwrite(rest.data(), 1, rest.size(), stdout);
     for (;;) {
         if (context->between_lines)
-            rest = SkipSpace(rest);
+            SkipSpace(rest);
         if (rest.empty())
             return 0;
         const std::size_t length = std::min(rest.find('\r'), rest.size());

@@ -64,27 +64,6 @@ TEST(Tree, RollsUpAdoptsAndDumps) {
     EXPECT_TRUE(d.partial && source->partial && !kind->partial);
 }
 
-TEST(Tree, ReadsItsText) {
-    struct Row {
-        const char* text;
-        int result;
-        std::uint64_t size;
-        std::uint64_t count;
-    };
-    for (const Row& row : {Row{">A\n+x\n<\n<\n", 0, 2, 1},
-                           {">A\n+x\n", -1, 2, 1},
-                           {">A\n?\n+y\n<\n", 0, 2, 1},
-                           {"\n", -1, 0, 0},
-                           {"<\n", 0, 0, 0}}) {
-        std::FILE* const stream = ::fmemopen(const_cast<char*>(row.text), std::strlen(row.text), "r");
-        const Stream owner(stream);
-        const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
-        EXPECT_EQ(ReadTree(stream, *root), row.result) << row.text;
-        EXPECT_EQ(root->size, row.size) << row.text;
-        EXPECT_EQ(root->count, row.count) << row.text;
-    }
-}
-
 TEST(Tree, AMillionSiblingsNeitherOverflowNorWeighMuch) {
     EXPECT_LE(sizeof(ObjectNode), 136U); // with the allocator's share below 160 bytes
     EXPECT_LE(sizeof(ObjectFile), 136U);

@@ -4,7 +4,7 @@
 
 #include <sys/stat.h>
 
-#include "archive.h"
+#include "archive_writer.h"
 #include "test_support.h"
 
 namespace {

@@ -9,10 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "display.h"
 #include "log_line.h"
 #include "past_run.h"
 #include "test_support.h"
-#include "text.h"
 #include "verdict.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The commands of ctar. Each declares its options and gives what runs once they are parsed; that gives an exit status,
-// or throws Failure (text.h).
+// or throws Failure (messages.h).
 
 #pragma once
 

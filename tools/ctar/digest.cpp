@@ -5,8 +5,8 @@
 
 #include <openssl/evp.h>
 
+#include "messages.h"
 #include "support.h"
-#include "text.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 
 #include "commands.h"
-#include "text.h"
+#include "messages.h"
 #include "tree.h"
 
 Entry ReadEntry(std::span<const char, BlockSize> block, std::int64_t offset) {

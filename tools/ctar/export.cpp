@@ -11,8 +11,8 @@
 
 #include "digest.h"
 #include "entry.h"
+#include "messages.h"
 #include "tar.h"
-#include "text.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "text.h"
+#include "messages.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include "text.h"
+#include "messages.h"
 
 namespace {
 

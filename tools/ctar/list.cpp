@@ -14,7 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "entry.h"
-#include "text.h"
+#include "messages.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
-#include "text.h"
+#include "messages.h"
 
 namespace {
 

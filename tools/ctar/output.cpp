@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 #include "input.h"
-#include "text.h"
-#include "write.h"
+#include "messages.h"
+#include "resources.h"
 
 namespace {
 

@@ -17,8 +17,8 @@
 #include <CLI/CLI.hpp>
 
 #include "entry.h"
+#include "messages.h"
 #include "output.h"
-#include "text.h"
 
 namespace {
 

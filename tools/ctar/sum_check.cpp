@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "digest.h"
-#include "text.h"
+#include "messages.h"
 
 SumCheck::SumCheck(const SumCheckOptions& options, Input& input, Findings& findings, Progress& progress)
     : options_(options), input_(input), findings_(findings), progress_(progress), sums_(options.sums),

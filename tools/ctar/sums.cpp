@@ -11,7 +11,7 @@
 
 #include "commands.h"
 #include "digest.h"
-#include "text.h"
+#include "messages.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-// Stands in a library of its own, because a header of the program has the name of libarchive's.
-
 #include "tar.h"
 
 #include <cerrno>
@@ -9,8 +7,8 @@
 #include <archive_entry.h>
 #include <unistd.h>
 
-#include "text.h"
-#include "write.h"
+#include "messages.h"
+#include "resources.h"
 
 namespace {
 

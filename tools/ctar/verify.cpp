@@ -15,8 +15,8 @@
 
 #include "digest.h"
 #include "findings.h"
+#include "messages.h"
 #include "sum_check.h"
-#include "text.h"
 
 namespace {
 

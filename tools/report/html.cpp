@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "display.h"
 #include "page_style.h"
 #include "support.h"
-#include "text.h"
 #include "timeline.h"
 #include "verdict.h"
 

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "text.h"
+#include "display.h"
 #include "verdict.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "display.h"
 #include "html.h"
 #include "json.h"
 #include "line_splitter.h"
@@ -22,7 +23,6 @@
 #include "prometheus.h"
 #include "pump.h"
 #include "support.h"
-#include "text.h"
 #include "verdict.h"
 
 namespace {

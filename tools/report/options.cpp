@@ -8,7 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "text.h"
+#include "display.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "display.h"
 #include "support.h"
-#include "text.h"
 
 namespace {
 

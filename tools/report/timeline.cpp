@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "display.h"
 #include "support.h"
-#include "text.h"
 
 namespace {
 

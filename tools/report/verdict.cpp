@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "display.h"
 #include "support.h"
-#include "text.h"
 
 Status StatusOf(const LoggedRun& run) {
     if (run.terminated)

@@ -1,4 +1,4 @@
-#include "text.h"
+#include "messages.h"
 
 #include <cerrno>
 #include <charconv>

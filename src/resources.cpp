@@ -1,0 +1,75 @@
+#include "resources.h"
+
+#include <cerrno>
+
+#include <poll.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+int Descriptor::Close() {
+    return ::close(std::exchange(value_, -1));
+}
+
+void Descriptor::Reset(int value) {
+    if (value_ >= 0) {
+        const int error = errno;
+        ::close(value_);
+        errno = error;
+    }
+    value_ = value;
+}
+
+bool Mapping::Map(std::size_t size) {
+    void* pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED)
+        return false;
+    Mapping fresh;
+    fresh.data_ = static_cast<char*>(pages);
+    fresh.size_ = size;
+    *this = std::move(fresh);
+    return true;
+}
+
+Mapping::~Mapping() {
+    if (data_ != nullptr)
+        ::munmap(data_, size_);
+}
+
+namespace {
+
+// Whether the call that failed with errno is worth another try; waits until it is.
+bool MayTryAgain(int descriptor, short events) {
+    pollfd entry{descriptor, events, 0};
+    return errno == EINTR || (errno == EAGAIN && (::poll(&entry, 1, -1) >= 0 || errno == EINTR));
+}
+
+} // namespace
+
+ssize_t ReadSome(int descriptor, void* bytes, std::size_t count) {
+    for (;;) {
+        const ssize_t result = ::read(descriptor, bytes, count);
+        if (result >= 0 || !MayTryAgain(descriptor, POLLIN))
+            return result;
+    }
+}
+
+ssize_t WriteSome(int descriptor, const void* bytes, std::size_t count) {
+    for (;;) {
+        const ssize_t result = ::write(descriptor, bytes, count);
+        if (result >= 0 || !MayTryAgain(descriptor, POLLOUT))
+            return result;
+    }
+}
+
+bool WriteAll(int descriptor, const void* bytes, std::size_t count) {
+    const char* rest = static_cast<const char*>(bytes);
+    while (count > 0) {
+        errno = 0;
+        const ssize_t written = WriteSome(descriptor, rest, count);
+        if (written <= 0)
+            return false;
+        rest += written;
+        count -= static_cast<std::size_t>(written);
+    }
+    return true;
+}

@@ -37,11 +37,12 @@ Stream MakePathFile(int lines) {
 // Lines parsed and placed into a tree of one directory, in blocks as a transfer hands them over.
 void ParseAndPlace(benchmark::State& state) {
     const std::string listing = MakeListing(100000);
-    RunSettings.exclude = state.range(0) > 0 ? MakePathFile(static_cast<int>(state.range(0))) : nullptr;
+    Settings settings;
+    settings.exclude = state.range(0) > 0 ? MakePathFile(static_cast<int>(state.range(0))) : nullptr;
     for (auto _ : state) {
         const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
         ObjectNode& dir = AppendDirectory(*root, "/home", 0040755, 0, {});
-        ListingContext context;
+        ListingContext context{settings};
         context.path = "/home";
         BeginListing(context, dir);
         for (std::size_t at = 0; at < listing.size(); at += TransferCapacity) {
@@ -51,7 +52,6 @@ void ParseAndPlace(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(root->count);
     }
-    RunSettings.exclude.reset();
     state.SetItemsProcessed(state.iterations() * 100000);
 }
 BENCHMARK(ParseAndPlace)->Arg(0)->Arg(1)->Arg(10)->Arg(100)->Unit(benchmark::kMillisecond);
@@ -69,7 +69,8 @@ BENCHMARK(ParseLine);
 void AskPathFile(benchmark::State& state) {
     const Stream file = MakePathFile(static_cast<int>(state.range(0)));
     for (auto _ : state)
-        benchmark::DoNotOptimize(MatchPathFile("/home/user/documents/letter.txt", nullptr, file.get()));
+        benchmark::DoNotOptimize(
+            MatchPathFile("/home/user/documents/letter.txt", nullptr, file.get(), WildCards::Match));
 }
 BENCHMARK(AskPathFile)->Arg(1)->Arg(10)->Arg(100);
 

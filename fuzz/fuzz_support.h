@@ -6,14 +6,17 @@
 #include <cstring>
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include "settings.h"
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "resources.h"
 
 void Run(FuzzedDataProvider& input); // what each target defines
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     FuzzedDataProvider input(bytes, size);
     Run(input);
-    RunSettings = Settings{};
     return 0;
 }
 

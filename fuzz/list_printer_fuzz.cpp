@@ -4,16 +4,16 @@
 
 static std::string Print(const std::vector<std::string>& pieces, const std::string& include_path) {
     std::string text(65536, '\0');
-    RunSettings.list.reset(::fmemopen(text.data(), text.size(), "w"));
-    ListPrinterContext context;
-    context.include_path = include_path;
+    Settings settings;
+    settings.list.reset(::fmemopen(text.data(), text.size(), "w"));
+    ListPrinterContext context{settings, include_path};
     int result = 0;
     for (std::string piece : pieces) {
         int count = static_cast<int>(piece.size());
         result = result == 0 ? ListPrinter(&context, piece.data(), &count) : result;
     }
-    RunSettings.list.reset();
-    return std::to_string(result) + text.c_str() + "|" + (result == 0 ? context.pending : "");
+    settings.list.reset();
+    return std::to_string(result) + text.c_str() + "|" + (result == 0 ? context.lines.pending : "");
 }
 
 void Run(FuzzedDataProvider& input) {

@@ -3,10 +3,11 @@
 #include "fuzz_support.h"
 
 // What became of a listing, in one text.
-static std::string List(const std::vector<std::string>& pieces, const std::string& path, bool as_root) {
+static std::string List(const std::vector<std::string>& pieces, const std::string& path, bool as_root,
+                        const Settings& settings) {
     const ObjectTree root = NewDirectoryNode(nullptr, as_root ? path : "", 0, 0, {});
     ObjectNode& dir = as_root ? *root : AppendDirectory(*root, path, 0, 0, {});
-    ListingContext context;
+    ListingContext context{settings};
     context.path = path;
     BeginListing(context, dir);
     context.now = UnpackTime({120, 5, 15});
@@ -21,12 +22,13 @@ static std::string List(const std::vector<std::string>& pieces, const std::strin
 }
 
 void Run(FuzzedDataProvider& input) {
-    RunSettings.cutoff = input.ConsumeBool();
-    RunSettings.cutoff_time = 1400000000;
+    Settings settings;
+    if (input.ConsumeBool())
+        settings.cutoff = 1400000000;
     const bool as_root = input.ConsumeBool();
     const std::string path = input.PickValueInArray({"/", "/home", "/QSYS.LIB", "/QSYS.LIB/A*.LIB"});
     std::string excluded = input.ConsumeRandomLengthString(100);
-    RunSettings.exclude = TextStream(excluded);
+    settings.exclude = TextStream(excluded);
     std::string whole;
     const auto pieces = TakePieces(input, 2000, whole); // two make no line that ends the program
     bool lost = false, carried = false;                 // of a line in three pieces the first is lost
@@ -34,6 +36,6 @@ void Run(FuzzedDataProvider& input) {
         lost = lost || (carried && !piece.empty() && piece.find('\n') == piece.npos);
         carried = piece.empty() ? carried : piece.back() != '\n';
     }
-    const std::string listed = List(pieces, path, as_root);
-    assert(lost || whole.size() > 4000 || listed == List({whole}, path, as_root));
+    const std::string listed = List(pieces, path, as_root, settings);
+    assert(lost || whole.size() > 4000 || listed == List({whole}, path, as_root, settings));
 }

@@ -20,7 +20,8 @@ void Run(FuzzedDataProvider& input) {
     }
     std::vector<char*> pointers(words.size() + 1);
     std::transform(words.begin(), words.end(), pointers.begin(), [](std::string& word) { return word.data(); });
-    const int result = ParseCommandLine(static_cast<int>(words.size()), pointers.data());
-    assert(result == -1 || (result == 0 && RunSettings.server && RunSettings.user && RunSettings.password));
-    assert(RunSettings.timeout >= 1 && RunSettings.timeout <= 99999);
+    Settings settings;
+    const int result = ParseCommandLine(static_cast<int>(words.size()), pointers.data(), settings);
+    assert(result == -1 || (result == 0 && settings.server && settings.user && settings.password));
+    assert(settings.transport.timeout >= 1 && settings.transport.timeout <= 99999);
 }

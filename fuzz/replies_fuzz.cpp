@@ -38,8 +38,8 @@ void Run(FuzzedDataProvider& input) {
         result = *command == '\0' ? ReadReply(&control, line) : SendCommand(&control, command, reply, transfer);
         assert(line.back() == '\0' && std::strstr(line.data(), "\r\n") == nullptr);
         assert(*command != '\0' || result != 0 || line[0] == '2' || line[0] == '3');
-        const std::string_view held(control.reply_buffer.data(), control.reply_held);
-        assert(control.lines_held == 0 || held.find("\r\n") != held.npos);
+        const std::size_t held = ReplyCapacity - control.replies.Room().size();
+        assert(control.replies.Lines() == 0 || control.replies.FirstLine().size() + 2 <= held);
     }
     assert(received.empty() || received == data);
 }

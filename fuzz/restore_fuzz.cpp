@@ -6,16 +6,17 @@
 #include <unistd.h>
 
 static void Feed(int file, std::string_view rest, std::int64_t size, bool ahead) {
-    ArchiveReader reader{file, 0, size, size};
+    RestoredEntry entry{{}, "archive"};
+    BeginEntryData(entry.data, file, size);
     if (ahead)
-        reader.ahead.Begin(file, RoundToBlocks(size));
+        entry.data.ahead.Begin(file, RoundToBlocks(size));
     alignas(4096) static std::array<char, 65536> buffer;
-    for (int count = buffer.size(); ArchiveReadCallback(&reader, buffer.data(), &count) == 0 && count > 0;
+    for (int count = buffer.size(); ArchiveReadCallback(&entry, buffer.data(), &count) == 0 && count > 0;
          count = buffer.size()) {
         assert(rest.starts_with(std::string_view(buffer.data(), static_cast<std::size_t>(count))));
         rest.remove_prefix(static_cast<std::size_t>(count));
     }
-    assert(rest.empty() || reader.left <= 0);
+    assert(rest.empty() || entry.data.left <= 0);
 }
 
 void Run(FuzzedDataProvider& input) {
@@ -35,11 +36,12 @@ void Run(FuzzedDataProvider& input) {
     Descriptor writer(ends[1]);
     assert(::write((through_pipe ? writer : file).Get(), archive.data(), archive.size()) >= 0);
     writer.Reset();
-    RunSettings.restore_path = "/proc/self/fd/" + std::to_string((through_pipe ? reader : file).Get());
-    RunSettings.include = TextStream(include);
-    RunSettings.exclude = TextStream(exclude);
-    const bool wanted = !RunSettings.include && !RunSettings.exclude; // every entry
-    assert(RestoreArchive(nullptr) == -1 || !wanted || IsCtarSentinel(block(0)));
+    Settings settings;
+    settings.restore_path = "/proc/self/fd/" + std::to_string((through_pipe ? reader : file).Get());
+    settings.include = TextStream(include);
+    settings.exclude = TextStream(exclude);
+    const bool wanted = !settings.include && !settings.exclude; // every entry
+    assert(RestoreArchive(nullptr, settings) == -1 || !wanted || IsCtarSentinel(block(0)));
     if (through_pipe || archive.size() < BlockSize)
         return;
     for (const std::int64_t size : {std::int64_t{700}, ReadAhead::Shortest, INT64_MAX - 1025})

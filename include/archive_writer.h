@@ -1,41 +1,88 @@
-// Writing the archive: what the retrieval in the session layer needs of the backup module, which defines it.
+// Writing a CTAR archive (its format is in ctar.h): open, append data, close an entry, cut back, flush. A silent part:
+// it returns what failed, and the module that drives it logs that.
 //
-// Workers share one archive descriptor and append to it one at a time (see ArchiveLockGuard in ftp.h); each
-// has a writer of its own, so nothing here locks.
+// Between entries the file is always a valid archive: entries, then one sentinel. An entry's data is appended behind
+// that sentinel, in whole blocks; closing the entry pads the last block, writes a new sentinel behind the data, and
+// only then the entry's header over the old sentinel. A program that dies before that last write leaves an archive that
+// ends at the old sentinel.
+//
+// Several workers share one ArchiveFile and append to it one at a time: whoever appends holds `appending`. Each has an
+// ArchiveWriter of its own.
 
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include <sys/types.h>
 
 #include "ctar.h"
-#include "support.h"
-#include "tree.h"
+#include "resources.h"
 
-// One worker's writer. The dispatcher clears pending, calls and bytes before each object.
-struct ArchiveWriter {
-    int descriptor = -1;       // the archive's, opened once by the driver
-    CtarBlock block{};         // the block being gathered
-    int pending = 0;           // bytes waiting in it
-    std::uint64_t objects = 0; // handed to the dispatcher
-    std::uint64_t failures = 0;
-    std::uint64_t calls = 0; // of ArchiveWriteCallback, for the current object
-    std::int64_t bytes = 0;  // written for the current object; once its entry is closed, the entry's size
+struct ArchiveFile {
+    Descriptor descriptor;
+    std::mutex appending; // guards the position and the end of the file; held from before an entry's data to its close
 };
 
-// A DataCallback for RETR: appends `*count` bytes at the archive's position in whole blocks, at most 511
-// bytes waiting for the next call. Leaves in `*count` what was not consumed; gives 1 when that is anything,
-// so that the transfer ends, -1 without a writer, else 0. A gathered block that could not be written stays
-// pending.
-int ArchiveWriteCallback(void* writer, char* buffer, int* count);
+// The entry being appended. Cleared by BeginEntry.
+struct ArchiveWriter {
+    ArchiveFile& file;
+    CtarBlock block{};      // the block being gathered
+    int pending = 0;        // bytes waiting in it, 512 after it could not be written
+    std::int64_t bytes = 0; // data bytes written, in whole blocks; once the entry is closed, its size
+};
 
-// Writes one block at the archive's position; reports anything else than a whole block under the caller's
-// name and then leaves the position where it was, so that a retry writes the same place.
-bool WriteArchiveBlock(int descriptor, const CtarBlock& block, SourcePlace place = SourcePlace::Here());
+enum class ArchiveStep {
+    Write,      // a gathered block
+    ShortWrite, // a write took part of a block, which has been cut off again
+    BulkWrite,  // whole blocks straight from the caller's buffer
+    Seek,
+    Cut,
+    Sentinel,
+    Header,
+};
 
-// Cuts the archive at `offset` and leaves the position there. Gives 0, or -1 after a message.
-int TruncateArchive(int descriptor, off_t offset);
+struct ArchiveFailure {
+    ArchiveStep step{};
+    int error = 0;              // errno of the step
+    int wanted = 0;             // bytes, of a short write
+    int written = 0;            // bytes, or the result of a bulk write
+    const char* from = nullptr; // the buffer of a bulk write
+};
+// In the order in which they happened; empty when all went well.
+using ArchiveFailures = std::vector<ArchiveFailure>;
 
-// The header of an object's entry; reports a name too long for it, which is then stored cut.
-CtarBlock BuildCtarHeader(const ObjectFile& object, std::uint64_t size);
+// What a log line says of the failure, such as "ftruncate64(): Read-only file system".
+std::string DescribeFailure(const ArchiveFailure& failure);
+
+// Whether a failure of these steps loses the entry: any but those of a cut, which can only follow another one.
+bool LosesEntry(const ArchiveFailures& failures);
+
+// Opens the archive for this run alone and cuts it to zero. The descriptor stays closed, with errno set, when that
+// fails, and also while another run writes the same file.
+void OpenArchive(ArchiveFile& file, const std::string& path);
+
+// Writes the first sentinel. After a failure the archive is empty; appending entries to it would fail too.
+ArchiveFailures BeginArchive(ArchiveFile& file);
+
+void BeginEntry(ArchiveWriter& writer);
+
+// Appends at the file's position, in whole blocks; at most 511 bytes wait in the writer for the next call. `count`
+// comes back as the number of bytes that were not consumed, 0 unless a bulk write failed. A gathered block that could
+// not be written stays pending.
+ArchiveFailures AppendData(ArchiveWriter& writer, const char* data, int& count);
+
+// Closes the entry whose data begins at `start`, under the header that `build_header` makes for its size. An entry
+// without data is cut off, and no header is built: `writer.bytes` is then 0 or less. A failed step cuts the archive
+// back to `start`; the steps after it are still taken.
+ArchiveFailures CloseEntry(ArchiveWriter& writer, off_t start,
+                           const std::function<CtarBlock(std::int64_t size)>& build_header);
+
+// Cuts the archive at `offset` and leaves the position there.
+ArchiveFailures CutBack(ArchiveFile& file, off_t offset);
+
+// Brings the archive to stable storage. Returns 0, or errno. A device that keeps nothing (EINVAL) has nothing to flush.
+int FlushArchive(const ArchiveFile& file);

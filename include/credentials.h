@@ -2,9 +2,17 @@
 
 #pragma once
 
-// Sets the run's user and password from the argument. Gives 0, or -1 after a message with neither of them
-// set. Of a descriptor or a file only one read of at most 4095 bytes is made, and its first line counts.
-int ReadCredentials(const char* argument);
+#include <optional>
+#include <string>
 
-// Overwrites a passphrase that stands in the argument itself, so that process listings do not show it.
+struct Credentials {
+    std::string user;
+    std::string password;
+};
+
+// Reads the argument. Returns nothing after logging why. A descriptor or a file is read once, at most 4095 bytes, and
+// the first line counts.
+std::optional<Credentials> ReadCredentials(const char* argument);
+
+// Overwrites a passphrase given in the argument itself, so that process listings do not show it.
 void HidePassphrase(char* argument);

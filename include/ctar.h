@@ -1,13 +1,11 @@
-// The CTAR archive format: pure reading and writing of its 512-byte blocks, without any input or output.
+// The CTAR archive format: reading and writing its 512-byte blocks in memory, without any input or output.
 //
-// An archive is a row of entries and one sentinel block. An entry is a header block and the bytes of one save
-// file, padded with zeros to whole blocks. Appending an entry overwrites the sentinel with the entry's header
-// and puts a new sentinel behind the data; so between entries the file is always a valid archive. Nothing
-// stores an offset: the next header stands 512 + (size rounded up to 512) bytes behind this one. There is no
-// tar magic, the checksum is not tar's, and a block of zeros is not an end.
+// An archive is a sequence of entries and one sentinel block. An entry is a header block and the bytes of one save
+// file, padded with zeros to whole blocks. Nothing stores an offset: the next header follows 512 + (size rounded up to
+// 512) bytes after this one. There is no tar magic, the checksum is not tar's, and a block of zeros is not an end.
 //
-// The layout of a header is the table HeaderFields below; every byte outside a field is zero. Numbers are
-// octal digits with leading zeros and a NUL. The size and its copy take a base-64 form above 2147483647.
+// The layout of a header is the table HeaderFields below; every byte outside a field is zero. Numbers are octal digits
+// with leading zeros and a NUL. The size and its copy use a base-64 form above 2147483647.
 
 #pragma once
 
@@ -51,12 +49,12 @@ constexpr HeaderField Name4{440, 70};   // characters 268 to 337, in a long name
 constexpr unsigned LongNameFlag = 64;            // set when name pieces 3 to 5 are in use, and for just 100 characters
 constexpr std::size_t LongestName = 400;         // characters that the five pieces hold
 constexpr int SentinelChecksum = 256;            // that of a block of zeros
-constexpr std::string_view NameSuffix = ".savf"; // behind the name of an object saved as a whole directory
+constexpr std::string_view NameSuffix = ".savf"; // ends the name of an object saved as a whole directory
 constexpr std::uint64_t LargestOctalSize = 0x7FFFFFFF;
-// A larger size is bad: with header and padding it would not fit a file offset.
+// A larger size is refused: with header and padding it would not fit a file offset.
 constexpr std::int64_t LargestSize = INT64_MAX - 2 * static_cast<std::int64_t>(BlockSize);
 
-// `size` rounded up to whole blocks; from -511 on a negative one gives 0.
+// `size` rounded up to whole blocks. Sizes from -511 to 0 become 0.
 constexpr std::int64_t RoundToBlocks(std::int64_t size) {
     constexpr std::int64_t block = BlockSize;
     return (size + block - 1) / block * block;
@@ -65,14 +63,14 @@ constexpr std::int64_t RoundToBlocks(std::int64_t size) {
 // The sum of the bytes as signed numbers, the checksum field counted as eight blanks, modulo 65536.
 int HeaderChecksum(std::span<const char, BlockSize> block);
 
-// The base-64 form of a size: '#', ten 6-bit groups from the lowest, and the remaining four bits.
-// Decoding gives -1 when the field does not start with '#'; it stops at the first character outside the
-// alphabet, keeps what it has and gives 0.
+// The base-64 form of a size: '#', ten 6-bit groups from the lowest, and the remaining four bits. Decoding returns -1
+// when the field does not begin with '#', else 0; it stops at the first character outside the alphabet and keeps what
+// it has.
 void EncodeSize64(std::uint64_t value, std::span<char, HeaderFields::Size.width> field);
 int DecodeSize64(std::uint64_t& value, std::span<const char, HeaderFields::Size.width> field);
 
-// The header of an entry. `path` is the object's full path without suffix, `mtime` a local time. A name of
-// more than LongestName characters is stored cut; `name_cut` tells it.
+// The header of an entry. `path` is the object's full path without suffix, `mtime` a local time. A name of more than
+// LongestName characters is stored cut, and `name_cut` set.
 CtarBlock EncodeCtarHeader(std::string_view path, std::uint64_t size, std::uint32_t mode, std::tm mtime,
                            bool& name_cut);
 
@@ -88,7 +86,7 @@ bool ReadCtarMode(std::span<const char, BlockSize> block, std::uint32_t& mode);
 bool ReadCtarMtime(std::span<const char, BlockSize> block, std::time_t& mtime);
 // Stores another modification time in a header, seconds since the epoch, and the checksum that goes with it.
 void PutCtarMtime(CtarBlock& block, std::time_t mtime);
-// The name as stored, put together from its pieces, without cutting the suffix.
+// The name as stored, assembled from its pieces, with its suffix.
 std::string ReadCtarName(std::span<const char, BlockSize> block);
 // The object's path: the name up to the first NameSuffix anywhere in it.
 std::string_view CutNameSuffix(std::string_view name);

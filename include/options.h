@@ -2,11 +2,13 @@
 
 #pragma once
 
-// Reads the options into RunSettings, reporting everything that is wrong with them at once. Gives 0 when a
-// run may start; else -1 after messages and the usage text. Overwrites a passphrase in `argv`.
-int ParseCommandLine(int argc, char** argv);
+#include "settings.h"
 
-// Handles one result of getopt_long with its argument, if any. Gives 0, or the error state it leads to.
-int HandleOption(int result, char* argument);
+// Reads the options into the settings and logs everything that is wrong with them at once. Returns 0 when a run may
+// start, else -1 after the usage text. Overwrites a passphrase in `argv`.
+int ParseCommandLine(int argc, char** argv, Settings& settings);
+
+// Handles one result of getopt_long with its argument, if any. Returns 0, or the error state that follows from it.
+int HandleOption(int result, char* argument, Settings& settings);
 
 void Usage();

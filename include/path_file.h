@@ -11,17 +11,20 @@
 
 constexpr std::size_t PathLineCapacity = 4096; // a line and its terminator; longer lines count in pieces
 
-// Reads the next line without the newlines at its end; a line that is nothing else keeps its first. False at
-// the end of the file.
+// Reads the next line without the newlines at its end; a line of newlines alone keeps its first. Returns false at the
+// end of the file.
 bool ReadPathLine(std::string& line, std::FILE* stream);
 
-// Asks a path file about a path. The file is read anew from its start each time.
+// Whether lines that contain "*" or "?" count: in a backup they do, in a restore they are ignored.
+enum class WildCards { Match, Ignore };
+
+// Asks a path file about a path. The file is read again from its start each time.
 //
-// A line matches the path when its pattern, under fnmatch with wild cards that do not cross "/", matches the
-// path or a leading part of it that ends before a "/"; a pattern that names more levels than the path never
-// does. The first such line ends the search. With a list, the path is then appended to it with the line's
-// second path, and before that every line found that begins with the path and "/", with its own.
+// A line matches the path when its pattern, under fnmatch with wild cards that do not cross "/", matches the path or a
+// leading part of it that ends before a "/"; a pattern with more levels than the path never does. The first such line
+// ends the search. With a list, the path is then appended to it with the line's second path, and before that every line
+// found that begins with the path and "/", with its own.
 //
-// Gives 0 when a line matched or something was appended, 1 when not or without a file, -1 after a message
-// when the file could not be rewound. In a restore run lines that hold "*" or "?" do not count.
-int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream);
+// Returns 0 when a line matched or something was appended, 1 when not or without a file, -1 after logging that the file
+// cannot be rewound.
+int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream, WildCards wild_cards);

@@ -1,4 +1,4 @@
-// Reading ahead in a file: the silent part of a restore that keeps the disk at work.
+// Reading ahead in a file, so that a restore keeps the disk busy.
 
 #pragma once
 
@@ -8,13 +8,13 @@
 #include <mutex>
 #include <thread>
 
-#include "support.h"
+#include "resources.h"
 
-// Direct input has no read-ahead of its own: each read waits for the disk, and the disk for the next read. This keeps
-// several reads of a file under way at once, from threads of their own, and gives their data in order.
+// Direct I/O has no read-ahead of its own: each read waits for the disk, and the disk for the next read. This keeps
+// several reads of a file under way at once, in threads of their own, and delivers their data in order.
 //
-// The file's position moves only with Take(), as with read(). Whatever is not a whole block of data, the end of the
-// file or an error, is left to the caller's own read to find out and tell.
+// The file's position moves only with Deliver(), as with read(). Anything but a whole block of data (the end of the
+// file, an error) is left to the caller's own read to find and report.
 class ReadAhead {
 public:
     // Shorter stretches are not worth the threads.
@@ -23,13 +23,13 @@ public:
     ReadAhead() = default;
     ~ReadAhead();
 
-    // Begins, once, at the file's position, for `length` bytes from there. Without threads or memory, for a short
-    // stretch and where there is no position, nothing is begun, and Take() gives nothing.
+    // Begins, once, at the file's position, for `length` bytes from there. Does nothing, so that Deliver() delivers
+    // nothing, without threads or memory, for a short stretch, and where there is no position.
     void Begin(int descriptor, std::int64_t length);
 
-    // Gives the next block, when it is `length` bytes long, and moves the file's position behind it. False when that
+    // Delivers the next block, when it is `length` bytes long, and moves the file's position past it. False when that
     // is for read() to do, from then on.
-    bool Take(char* buffer, std::size_t length);
+    bool Deliver(char* buffer, std::size_t length);
 
 private:
     enum class State { Empty, Full, Failed };
@@ -50,7 +50,7 @@ private:
     int descriptor_ = -1;
     std::int64_t from_ = 0; // offsets in the file
     std::int64_t to_ = 0;
-    std::size_t taken_ = 0; // blocks
+    std::size_t delivered_ = 0; // blocks
     std::array<Slot, Depth> slots_;
     std::mutex mutex_; // guards the states and ended_
     bool ended_ = true;

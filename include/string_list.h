@@ -9,8 +9,8 @@
 
 struct StringPair {
     std::string first;
-    std::optional<std::string> second; // what stood after " :: " in a path file; absent, not empty, without one
+    std::optional<std::string> second; // the text after " :: " in a path file; absent, not empty, without one
 };
 
-// Pairs in the order of their appending. Users walk and remove them directly.
+// Pairs in the order in which they were appended. Users walk and remove them directly.
 using StringList = std::list<StringPair>;

@@ -16,6 +16,7 @@ extern const char* ProgramName;
 
 // Raised (bit 0) by the signal thread on SIGTERM and never lowered. Drivers look at it at safe points.
 extern std::atomic<int> TerminationRequested;
+constexpr int TerminatedStatus = 143; // exit status of a run that honoured it: 128 + SIGTERM, as a shell reports it
 
 // Writes one log line, "[hh:mm:ss] [Tnn] " and the formatted text, to standard output or to `stream`. Adds no
 // newline and does not flush. The whole call is one unit: lines of different threads never mix.
@@ -31,31 +32,26 @@ std::uint32_t RegisterThread(int number);
 void ClearThreadRegistry();
 
 // The place of a call. Stands in for std::source_location, which clang 14 lacks.
-struct SourcePlace {
+struct SourceLocation {
     const char* file;
     int line;
-    static constexpr SourcePlace Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    static constexpr SourceLocation Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
         return {file, line};
     }
+    const char* Module() const; // the file's name without its directories
 };
 
-// "program[module.cpp,line]: ", the head of every internal failure message, with the caller's own place.
-std::string FailureHead(SourcePlace place = SourcePlace::Here());
+// Logs an internal failure on standard error: "program[module.cpp,line]: " and the text. LogFailure names the place of
+// its own call; a helper that reports for several callers takes their location and passes it to LogFailureAt.
+#define LogFailure(...) LogFailureAt(SourceLocation::Here(), __VA_ARGS__)
+void LogFailureAt(SourceLocation place, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// "program[module.cpp:line] : ", the head of the one message that is written this way.
-std::string ColonFailureHead(SourcePlace place = SourcePlace::Here());
+// Logs what the user has to know on standard error: "program: " and the text.
+void LogError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Seconds on a clock that never jumps, for measuring durations.
 double SecondsNow();
 
-// An amount brought into a readable range, and the index of its unit: 0 none, 1 kilo, 2 mega, 3 giga.
-struct ScaledAmount {
-    double value;
-    int unit;
-};
-ScaledAmount ScaleDecimal(double amount); // divides by 1000 while above 2000: objects and restored amounts
-ScaledAmount ScaleBinary(double amount);  // divides by 1024 while above 2048: totals of a run or a thread
-
-// Whether all that was written to the stream has reached its file; reports it under the caller's place when not.
-// No stream lacks nothing.
-bool IsWritten(std::FILE* stream, const char* name, SourcePlace place = SourcePlace::Here());
+// Returns whether everything written to the stream has reached its file, and logs the reason in the caller's name when
+// it has not. A missing stream has lost nothing.
+bool IsWritten(std::FILE* stream, const char* name, SourceLocation place = SourceLocation::Here());

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <charconv>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -58,6 +59,7 @@ bool ParseAnyBase(const char* text, Number (*convert)(const char*, char**, int),
 
 // The text that printf would write.
 std::string FormatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string FormatArguments(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
 // Reads the next line, including its newline, as fgets does with a buffer of `capacity` bytes: a longer line comes in
 // pieces of capacity - 1 bytes, and a NUL ends the line early. Returns false at the end of the stream and after a read

@@ -1,13 +1,12 @@
-// The object tree: the picture of the server objects that a backup will save.
+// The object tree: the server objects that a backup will save.
 //
-// A directory is an ObjectNode; everything saved as one piece (files, libraries, the document library, the
-// two special objects) is an ObjectFile. Under a listing a name is "/" and the entry's name, so that a path
-// is the plain concatenation of the names from the root down; a root's name is a path, a wild-card pattern or
-// empty. Children stand in two chains per directory, in the order of appending, each owned by its
-// predecessor.
+// A directory is an ObjectNode; everything saved as one piece (files, libraries, the document library, the two special
+// objects) is an ObjectFile. In a listed tree a name is "/" and the entry's name, so that a path is the concatenation
+// of the names from the root down; a root's name is a path, a wild-card pattern or empty. Each directory has two chains
+// of children, in the order of appending, each child owned by its predecessor.
 //
-// One thread builds the trees; afterwards they are only read, by any thread. A server object costs at most
-// 160 bytes and its name. Chains of millions are walked and freed by loops.
+// One thread builds the trees; afterwards they are only read, by any thread. A server object costs at most 160 bytes
+// and its name. Chains of millions are walked and freed by loops.
 
 #pragma once
 
@@ -18,7 +17,9 @@
 #include <string>
 #include <string_view>
 
-// A calendar time in 8 bytes where std::tm takes 56: what a listing tells, in local time.
+#include "object_kind.h"
+
+// The local time of a listing line, in 8 bytes where std::tm takes 56.
 struct CalendarTime {
     std::int16_t year = 0; // since 1900
     std::int8_t month = 0; // 0 to 11
@@ -53,7 +54,7 @@ struct ObjectNode {
     CalendarTime mtime;
     bool partial = false;    // something below was left out or failed to parse: never saved as one unit
     bool unlisted = false;   // the server's listing of it failed
-    bool released = false;   // the name was given up: neither walked nor placed
+    bool released = false;   // its name was released: neither walked nor planned
     std::uint64_t size = 0;  // its own and that of everything appended below
     std::uint64_t count = 0; // files appended anywhere below; directories do not count
     const ObjectNode* borrowed_from = nullptr; // an adopted copy shows the children of this node
@@ -68,28 +69,6 @@ struct ObjectNode {
 
 // A root and everything below it.
 using ObjectTree = std::unique_ptr<ObjectNode>;
-
-enum class ObjectKind {
-    System,  // OBJECT_KIND_SYSTEM: security data and system configuration
-    Qdls,    // the document library as a whole
-    Library, // one library
-    Ifs,     // anything else
-};
-constexpr int ObjectKindCount = 4; // also the largest number of backup workers
-
-// Paths with a meaning of their own.
-constexpr std::string_view SecurityDataPath = "/Security Data";
-constexpr std::string_view ConfigurationPath = "/System Configuration";
-constexpr std::string_view DocumentsPath = "/QDLS";
-constexpr std::string_view LibrariesPath = "/QSYS.LIB";
-constexpr std::string_view LibraryPrefix = "/QSYS.LIB/";
-constexpr std::string_view LibrarySuffix = ".LIB";
-
-// The kind of a full path, compared byte by byte: /QDLS/X is Ifs, and so is /QSYS.LIB itself.
-ObjectKind ClassifyPath(std::string_view path);
-
-// Whether the text from the last '.' is exactly ".LIB".
-bool HasLibrarySuffix(std::string_view name);
 
 // Makes a node that is not linked anywhere and rolls nothing up.
 ObjectTree NewDirectoryNode(ObjectNode* parent, std::string_view name, std::uint32_t mode, std::uint64_t size,
@@ -108,11 +87,11 @@ void RollUp(ObjectNode& dir, std::uint64_t size, std::uint64_t count);
 // Sets the partial flag on `dir` and each of its ancestors.
 void MarkPartial(ObjectNode& dir);
 
-// Gives the name up; walk and placing then pass over the directory.
+// Releases the name; the walk and the plan then skip the directory.
 void ReleaseName(ObjectNode& dir);
 
-// Append a copy of a node of another tree to `root`, under its full path as its name, and roll it up. A
-// directory shows its source's children, so the source's tree must outlive the copy.
+// Append a copy of another tree's node to `root`, under its full path as its name, and roll it up. A directory shows
+// its source's children, so the source's tree must outlive the copy.
 void AdoptDirectory(ObjectNode& root, const ObjectNode& dir);
 void AdoptFile(ObjectNode& root, const ObjectFile& file);
 

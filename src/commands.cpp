@@ -7,8 +7,8 @@
 
 #include <strings.h>
 
-#include "ftp.h"
-#include "settings.h"
+#include "object_kind.h"
+#include "text.h"
 
 std::string QuoteForCL(std::string_view text) {
     constexpr std::size_t longest = 4093; // a doubled character may go one beyond
@@ -31,8 +31,8 @@ bool IsTooLong(std::string_view command) {
 
 namespace {
 
-const char* Precheck() {
-    return RunSettings.precheck ? "*YES" : "*NO";
+const char* Precheck(const SaveOptions& options) {
+    return options.precheck ? "*YES" : "*NO";
 }
 
 // The last part of a library's path without ".LIB"; nothing when it has another end.
@@ -44,40 +44,39 @@ std::optional<std::string> LibraryName(std::string_view path) {
     return std::string(path);
 }
 
-std::optional<std::string> BuildSav(ObjectFile& object, std::uint32_t number) {
+std::optional<std::string> BuildSav(ObjectFile& object, std::uint32_t number, const SaveOptions& options) {
     if (object.name.size() > 1 && object.name.ends_with('/')) // the root is nothing without it
         object.name.pop_back();
     std::string command = FormatText("RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV%u.FILE') OBJ(('\"%s\"')) "
                                      "SUBTREE(*ALL) PRECHK(%s) UPDHST(*NO) SAVACT(*YES)",
-                                     number, QuoteForCL(object.name).c_str(), Precheck());
-    if (RunSettings.cutoff)
-        command +=
-            FormatText(" CHGPERIOD('%s' '%s')", RunSettings.cutoff_date.c_str(), RunSettings.cutoff_clock.c_str());
+                                     number, QuoteForCL(object.name).c_str(), Precheck(options));
+    if (!options.changed_date.empty())
+        command += FormatText(" CHGPERIOD('%s' '%s')", options.changed_date.c_str(), options.changed_clock.c_str());
     return command;
 }
 
-std::optional<std::string> BuildSavlib(ObjectFile& object, std::uint32_t number) {
+std::optional<std::string> BuildSavlib(ObjectFile& object, std::uint32_t number, const SaveOptions& options) {
     const std::optional<std::string> library = LibraryName(object.name);
     if (!library)
         return std::nullopt;
     return FormatText("RCMD SAVLIB LIB(%s) DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s) UPDHST(*NO) "
                       "SAVACT(*SYNCLIB) SAVACTWAIT(%s) ACCPTH(*YES)",
-                      library->c_str(), number, Precheck(), RunSettings.wait.value_or("120").c_str());
+                      library->c_str(), number, Precheck(options), options.wait.c_str());
 }
 
-std::optional<std::string> BuildSavdlo(ObjectFile&, std::uint32_t number) {
+std::optional<std::string> BuildSavdlo(ObjectFile&, std::uint32_t number, const SaveOptions&) {
     return FormatText("RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV%u) SAVACT(*YES)", number);
 }
 
-std::optional<std::string> BuildSavsecdta(ObjectFile&, std::uint32_t number) {
-    return FormatText("RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s)", number, Precheck());
+std::optional<std::string> BuildSavsecdta(ObjectFile&, std::uint32_t number, const SaveOptions& options) {
+    return FormatText("RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s)", number, Precheck(options));
 }
 
-std::optional<std::string> BuildSavcfg(ObjectFile&, std::uint32_t number) {
-    return FormatText("RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s)", number, Precheck());
+std::optional<std::string> BuildSavcfg(ObjectFile&, std::uint32_t number, const SaveOptions& options) {
+    return FormatText("RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV%u) PRECHK(%s)", number, Precheck(options));
 }
 
-// Names of the members, and their places in the tables below.
+// The members, and their rows in the tables below.
 enum Member { Documents, Configuration, Security, Library, Ifs };
 
 constexpr std::array<SaveMember, 5> SaveMembers{{
@@ -122,7 +121,7 @@ std::optional<std::string> CountNotSaved(const char* reply) {
 
 namespace {
 
-std::string BuildRst(const StringPair& object, const StringList& omissions) {
+std::string BuildRst(const StringPair& object, const StringList& omissions, Release release) {
     std::string command =
         FormatText("RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"%s\"'", QuoteForCL(object.first).c_str());
     if (object.second)
@@ -132,28 +131,28 @@ std::string BuildRst(const StringPair& object, const StringList& omissions) {
     for (const StringPair& omission : omissions)
         command += FormatText(" ('\"%s\"' *OMIT)", QuoteForCL(omission.first).c_str());
     command += ") SUBTREE(*ALL) ALWOBJDIF(*ALL)";
-    if (ServerRelease > 1)
+    if (release == Release::V5R4M0)
         command += " CRTPRNDIR(*Yes)";
     return command;
 }
 
-// Both texts have lost their ".LIB" and still begin with "/QSYS.LIB/".
-std::string BuildRstlib(const StringPair& object, const StringList&) {
+// Requires: both paths begin with "/QSYS.LIB/" and their ".LIB" is removed.
+std::string BuildRstlib(const StringPair& object, const StringList&, Release) {
     const auto name = [](const std::string& path) { return path.substr(std::min(path.size(), LibraryPrefix.size())); };
     return FormatText("RCMD RSTLIB SAVLIB(%s) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(%s) MBROPT(*ALL) "
                       "ALWOBJDIF(*ALL)",
                       name(object.first).c_str(), object.second ? name(*object.second).c_str() : "*SAVLIB");
 }
 
-std::string BuildRstdlo(const StringPair&, const StringList&) {
+std::string BuildRstdlo(const StringPair&, const StringList&, Release) {
     return "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)";
 }
 
-std::string BuildRstusrprf(const StringPair&, const StringList&) {
+std::string BuildRstusrprf(const StringPair&, const StringList&, Release) {
     return "RCMD RSTUSRPRF DEV(*SAVF) SAVF(QTEMP/SAVTEMP) USRPRF(*NEW) ALWOBJDIF(*ALL)";
 }
 
-std::string BuildRstcfg(const StringPair&, const StringList&) {
+std::string BuildRstcfg(const StringPair&, const StringList&, Release) {
     return "RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)";
 }
 
@@ -165,7 +164,7 @@ constexpr std::array<RestoreMember, 5> RestoreMembers{{
     {"RST", "IFS object restore failed", true, false, true, false, true, BuildRst},
 }};
 
-// `text` from its first `letter` (given in both cases) on, when the phrase begins there.
+// Where `text` first contains `letter` (given in both cases), when the phrase begins there.
 const char* FindPhrase(const char* text, const char* letter, std::string_view phrase) {
     const char* const from = std::strpbrk(text, letter);
     return from != nullptr && StartsWithIgnoringCase(from, phrase) ? from : nullptr;

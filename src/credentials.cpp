@@ -4,13 +4,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
-#include <string>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "settings.h"
+#include "support.h"
 
 namespace {
 
@@ -25,7 +24,7 @@ std::optional<std::string> FromArgument(const char* key) {
 std::optional<std::string> FromEnvironment(const char* key) {
     const char* const value = std::getenv(key);
     if (value == nullptr) {
-        LogMessageTo(stderr, "%s: There is no environment variable named '%s'\n", ProgramName, key);
+        LogError("There is no environment variable named '%s'\n", key);
         return std::nullopt;
     }
     return value;
@@ -41,7 +40,7 @@ std::optional<std::string> ReadFirstLine(int descriptor) {
     if (newline != nullptr)
         *static_cast<char*>(newline) = '\0';
     else
-        LogMessageTo(stderr, "%s: Passphrase truncated to %d bytes\n", ProgramName, static_cast<int>(count));
+        LogError("Passphrase truncated to %d bytes\n", static_cast<int>(count));
     return buffer.data();
 }
 
@@ -51,24 +50,24 @@ std::optional<std::string> FromDescriptor(const char* key) {
     const bool whole = ParseAnyBase(key, std::strtol, number);
     const int descriptor = static_cast<int>(number);
     if (!whole || descriptor != number) {
-        LogMessageTo(stderr, "%s: Bad file descriptor '%s'\n", ProgramName, key);
+        LogError("Bad file descriptor '%s'\n", key);
         return std::nullopt;
     }
     std::optional<std::string> line = ReadFirstLine(descriptor);
     if (!line)
-        LogMessageTo(stderr, "%s: read(%d): %s\n", ProgramName, descriptor, std::strerror(errno));
+        LogError("read(%d): %s\n", descriptor, std::strerror(errno));
     return line;
 }
 
 std::optional<std::string> FromFile(const char* key) {
     const Descriptor file(::open(key, O_RDONLY | O_CLOEXEC));
     if (file.Get() <= 0) {
-        LogMessageTo(stderr, "%s: open(%s): %s\n", ProgramName, key, std::strerror(errno));
+        LogError("open(%s): %s\n", key, std::strerror(errno));
         return std::nullopt;
     }
     std::optional<std::string> line = ReadFirstLine(file.Get());
     if (!line)
-        LogMessageTo(stderr, "%s: read(%s): %s\n", ProgramName, key, std::strerror(errno));
+        LogError("read(%s): %s\n", key, std::strerror(errno));
     return line;
 }
 
@@ -82,25 +81,22 @@ constexpr std::array<Where, 4> Wheres{
 
 } // namespace
 
-int ReadCredentials(const char* argument) {
-    RunSettings.user.reset();
-    RunSettings.password.reset();
+std::optional<Credentials> ReadCredentials(const char* argument) {
     const char* const colon = std::strchr(argument, ':');
     if (colon == nullptr) {
-        LogMessageTo(stderr, "%s: Missing password in credentials\n", ProgramName);
-        return -1;
+        LogError("Missing password in credentials\n");
+        return std::nullopt;
     }
     for (const Where& where : Wheres) {
         if (!StartsWithIgnoringCase(colon + 1, where.keyword))
             continue;
-        RunSettings.password = where.source(colon + 1 + std::strlen(where.keyword));
-        if (!RunSettings.password)
-            return -1;
-        RunSettings.user = std::string(argument, colon);
-        return 0;
+        std::optional<std::string> password = where.source(colon + 1 + std::strlen(where.keyword));
+        if (!password)
+            return std::nullopt;
+        return Credentials{std::string(argument, colon), std::move(*password)};
     }
-    LogMessageTo(stderr, "%s: bad where following user name\n", ProgramName);
-    return -1;
+    LogError("bad where following user name\n");
+    return std::nullopt;
 }
 
 void HidePassphrase(char* argument) {

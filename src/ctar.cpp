@@ -142,7 +142,7 @@ void PutPiece(CtarBlock& block, HeaderField field, std::string_view& rest) {
     rest.remove_prefix(length);
 }
 
-// Distributes the name over its pieces; gives whether some of it was left over. Names of just 100 characters
+// Distributes the name over its pieces; returns whether some of it was left over. Names of exactly 100 characters
 // and of 170 and more carry the flag, because their last plain piece ends without a terminator.
 bool PutName(CtarBlock& block, std::string_view name) {
     const bool is_long = name.size() == Name1.width || name.size() >= Name1.width + Name2.width;

@@ -4,14 +4,11 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <mutex>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "path_file.h"
-#include "settings.h"
-
-std::atomic<int> ServerRelease{0};
 
 namespace {
 
@@ -26,7 +23,7 @@ int Send(FtpSession& session, const std::string& command) {
     return SendCommand(session.control.get(), command.c_str());
 }
 
-// Sends with a reply buffer, which is emptied first and ends in a terminator whatever comes.
+// Sends with a reply buffer, which is cleared first and ends in a terminator whatever the reply.
 int SendForReply(FtpSession& session, const std::string& command, ReplyText& reply, const Transfer& transfer = {}) {
     reply.fill('\0');
     const int result = SendCommand(session.control.get(), command.c_str(), reply, transfer);
@@ -34,25 +31,25 @@ int SendForReply(FtpSession& session, const std::string& command, ReplyText& rep
     return result;
 }
 
-// "%s command failed\n", after the caller's own head.
-int ReportCommand(const char* verb, SourcePlace place = SourcePlace::Here()) {
-    LogMessageTo(stderr, "%s%s command failed\n", FailureHead(place).c_str(), verb);
+// Logs in the caller's name that a command failed, and returns -1.
+int ReportCommand(const char* verb, SourceLocation place = SourceLocation::Here()) {
+    LogFailureAt(place, "%s command failed\n", verb);
     return -1;
 }
 
 // The same with the server's reply on a second line.
-int ReportCommand(const char* verb, const ReplyText& reply, SourcePlace place = SourcePlace::Here()) {
-    LogMessageTo(stderr, "%s%s command failed\n  %s\n", FailureHead(place).c_str(), verb, reply.data());
+int ReportCommand(const char* verb, const ReplyText& reply, SourceLocation place = SourceLocation::Here()) {
+    LogFailureAt(place, "%s command failed\n  %s\n", verb, reply.data());
     return -1;
 }
 
-int ReportTooLong(const char* what, SourcePlace place = SourcePlace::Here()) {
-    LogMessageTo(stderr, "%s%s too long\n", FailureHead(place).c_str(), what);
+int ReportTooLong(const char* what, SourceLocation place = SourceLocation::Here()) {
+    LogFailureAt(place, "%s too long\n", what);
     return -1;
 }
 
-// Commands with a limit of their own: longer ones are refused, one of just `limit` characters goes out
-// without its last.
+// Some commands have a limit of their own: a longer one is refused, one of exactly `limit` characters is sent without
+// its last.
 bool FitCommand(std::string& command, std::size_t limit) {
     if (command.size() > limit)
         return false;
@@ -61,17 +58,36 @@ bool FitCommand(std::string& command, std::size_t limit) {
     return true;
 }
 
+// Takes control from a broken connection back to the protected operation that marked the checkpoint.
+struct ConnectionBroken {
+    const void* operation;
+};
+
+// Takes control to the session's checkpoint, or returns -1 after logging that none is armed.
+int AbortToCheckpoint(const FtpSession& session) {
+    if (!IsSession(&session)) {
+        LogFailure("not a session\n");
+        return -1;
+    }
+    if ((session.checkpoint.flags & CHECKPOINT_ARMED) == 0) {
+        LogFailure("jump buffer invalid\n");
+        return -1;
+    }
+    throw ConnectionBroken{session.checkpoint.operation};
+}
+
 } // namespace
 
 // Opening, login, closing
 
-std::unique_ptr<FtpSession> NewSession(const char* host, const char* service) {
+std::unique_ptr<FtpSession> NewSession(const char* host, const char* service, const TransportOptions& options) {
     auto session = NewRecord<FtpSession>();
     if (session == nullptr) {
-        LogMessageTo(stderr, "%smalloc(%d) failed\n", FailureHead().c_str(), static_cast<int>(sizeof(FtpSession)));
+        LogFailure("malloc(%d) failed\n", static_cast<int>(sizeof(FtpSession)));
         return nullptr;
     }
-    session->control = OpenConnections(session.get(), host, service);
+    session->control =
+        OpenConnections(host, service, options, [broken = session.get()] { return AbortToCheckpoint(*broken); });
     if (session->control == nullptr)
         return nullptr;
     session->tag = SessionTag;
@@ -102,25 +118,25 @@ int SendLogin(FtpSession& session, const LoginStep& step, const std::string& val
 
 // The value to log in with: the caller's, else the stored one.
 std::optional<std::string> ChooseLogin(const char* given, const std::optional<std::string>& stored,
-                                       const char* article_and_name, SourcePlace place = SourcePlace::Here()) {
+                                       const char* article_and_name, SourceLocation place = SourceLocation::Here()) {
     if (given != nullptr)
         return given;
     if (!stored)
-        LogMessageTo(stderr, "%swe don't have a %s\n", FailureHead(place).c_str(), article_and_name);
+        LogFailureAt(place, "we don't have a %s\n", article_and_name);
     return stored;
 }
 
-// Takes the release from a reply such as: 215  OS/400 is the remote operating system. The TCP/IP version is
-// "V5R4M0". Without a text in quotes what is known of the release stays.
-void NoteRelease(std::string_view reply) {
+// Reads the release from a reply such as: 215  OS/400 is the remote operating system. The TCP/IP version is "V5R4M0".
+// Without a text in quotes the release known so far stays.
+void NoteRelease(FtpSession& session, std::string_view reply) {
     const std::size_t from = reply.find('"');
     const std::size_t to = from == reply.npos ? reply.npos : reply.find('"', from + 1);
     if (to == reply.npos) {
-        LogMessageTo(stderr, "%sinvalid SYST reply\n", FailureHead().c_str());
+        LogFailure("invalid SYST reply\n");
         return;
     }
     const std::string_view release = reply.substr(from + 1, to - from - 1);
-    ServerRelease = release == "V5R3M0" ? 1 : release == "V5R4M0" ? 2 : 0;
+    session.release = release == "V5R3M0" ? Release::V5R3M0 : release == "V5R4M0" ? Release::V5R4M0 : Release::Other;
 }
 
 } // namespace
@@ -142,7 +158,7 @@ int Login(FtpSession* session, const char* user, const char* password) {
     if (SendForReply(*session, "SYST", reply) != 0)
         ReportCommand("SYST");
     else
-        NoteRelease(reply.data());
+        NoteRelease(*session, reply.data());
     if (Send(*session, "TIME 86400 86400") != 0)
         ReportCommand("TIME");
     return 0;
@@ -160,17 +176,30 @@ int Quit(std::unique_ptr<FtpSession> session) {
 
 namespace {
 
-// Takes control from a broken connection back to the protected operation that marked the checkpoint.
-struct ConnectionBroken {
-    const void* operation;
-};
+// Connects and logs in again after a failure, with nothing armed meanwhile, and forgets the transfer parameters.
+int RecoverCheckpoint(FtpSession& session) {
+    LogFailure("recovering checkpoint\n");
+    session.checkpoint = {};
+    session.control->data->socket.Reset();
+    if (ConnectControl(session.control.get()) != 0) {
+        LogFailure("can't reopen control connection\n");
+        return -1;
+    }
+    if (Login(&session, nullptr, nullptr) != 0) {
+        LogFailure("login failed\n");
+        session.control->socket.Reset(); // the next operation finds it gone, and tries again
+        return -1;
+    }
+    session.mode = session.structure = session.type = session.name_format = session.list_format = 0;
+    return 0;
+}
 
 using ProtectedOperation = std::function<int(const Checkpoint& outer)>;
 
-// Runs an operation of several commands under a checkpoint of its own, once more after each recovery as long
-// as CHECKPOINT_RETRY stands. The checkpoint found on entry is handed to the operation, which may put it back
-// early, and is back in any case when this returns, except after a failed recovery: then nothing is armed.
-int Protect(FtpSession& session, const ProtectedOperation& operation) {
+// Runs an operation of several commands under a checkpoint of its own, and again after each recovery while
+// CHECKPOINT_RETRY is set. The operation receives the checkpoint found on entry and may put it back early. It is back
+// in any case when this returns, except after a failed recovery: then nothing is armed.
+int WithRecovery(FtpSession& session, const ProtectedOperation& operation) {
     const Checkpoint outer = session.checkpoint;
     for (;;) {
         session.checkpoint = {&outer, CHECKPOINT_ARMED | CHECKPOINT_RETRY};
@@ -183,8 +212,8 @@ int Protect(FtpSession& session, const ProtectedOperation& operation) {
                 throw;
         }
         const bool retry = (session.checkpoint.flags & CHECKPOINT_RETRY) != 0;
-        if (RecoverCheckpoint(&session) != 0) {
-            LogMessageTo(stderr, "%scan't recover checkpoint\n", FailureHead().c_str());
+        if (RecoverCheckpoint(session) != 0) {
+            LogFailure("can't recover checkpoint\n");
             return -1;
         }
         if (!retry) {
@@ -200,37 +229,6 @@ void PassPointOfNoReturn(FtpSession& session) {
 }
 
 } // namespace
-
-int AbortToCheckpoint(FtpSession* session) {
-    if (!IsSession(session)) {
-        LogMessageTo(stderr, "%snot a session\n", FailureHead().c_str());
-        return -1;
-    }
-    if ((session->checkpoint.flags & CHECKPOINT_ARMED) == 0) {
-        LogMessageTo(stderr, "%sjump buffer invalid\n", FailureHead().c_str());
-        return -1;
-    }
-    throw ConnectionBroken{session->checkpoint.operation};
-}
-
-int RecoverCheckpoint(FtpSession* session) {
-    if (!IsSession(session))
-        return -1;
-    LogMessageTo(stderr, "%srecovering checkpoint\n", FailureHead().c_str());
-    session->checkpoint = {};
-    session->control->data->socket.Reset();
-    if (ConnectControl(session->control.get()) != 0) {
-        LogMessageTo(stderr, "%scan't reopen control connection\n", FailureHead().c_str());
-        return -1;
-    }
-    if (Login(session, nullptr, nullptr) != 0) {
-        LogMessageTo(stderr, "%slogin failed\n", FailureHead().c_str());
-        session->control->socket.Reset(); // the next operation finds it gone, and tries anew
-        return -1;
-    }
-    session->mode = session->structure = session->type = session->name_format = session->list_format = 0;
-    return 0;
-}
 
 // Transfer parameters
 
@@ -295,7 +293,7 @@ int MakeParentDirectories(FtpSession* session, const std::string& path) {
 namespace {
 
 int ReportList(const char* reply) {
-    LogMessageTo(stderr, "%sLIST command failed\n  %s\n", FailureHead().c_str(), reply);
+    LogFailure("LIST command failed\n  %s\n", reply);
     return -1;
 }
 
@@ -326,11 +324,11 @@ int ListFailed(const char* reply, ObjectNode* directory) {
     constexpr int missing_input = -22;
     constexpr std::array<std::string_view, 2> exempt{"", LibrariesPath};
     if (reply == nullptr || directory == nullptr) {
-        LogMessageTo(stderr, "%sNULL input\n", FailureHead().c_str());
+        LogFailure("NULL input\n");
         return missing_input;
     }
     if (std::find(exempt.begin(), exempt.end(), directory->name) != exempt.end()) {
-        LogMessageTo(stderr, "%s%s is exempt\n", FailureHead().c_str(), directory->name.c_str());
+        LogFailure("%s is exempt\n", directory->name.c_str());
         return ReportList(reply);
     }
     if (std::strstr(reply, "CPF3CAA") == nullptr)
@@ -344,7 +342,7 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
         return -1;
     ReplyText reply{};
     int listed = 0;
-    const int result = Protect(*session, [&](const Checkpoint& outer) {
+    const int result = WithRecovery(*session, [&](const Checkpoint& outer) {
         if (SetParameters(*session, ListingParameters) != 0)
             return -1;
         constexpr std::size_t longest = 4095;
@@ -365,124 +363,87 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
 
 namespace {
 
-std::mutex ArchiveLock; // held for the whole of one retrieval
-
-// Reports a block of the format that could not be written and cuts the entry off.
-int CutEntryAfter(const char* failure, const ArchiveWriter& writer, off_t start,
-                  SourcePlace place = SourcePlace::Here()) {
-    LogMessageTo(stderr, "%s%s: %s\n", FailureHead(place).c_str(), failure, std::strerror(errno));
-    TruncateArchive(writer.descriptor, start);
-    return -1;
-}
-
-// Fills the last block of the data, if one is begun, and counts its data bytes.
-int PadEntry(ArchiveWriter& writer, off_t start) {
-    if (writer.pending == 0)
-        return 0;
-    std::fill(writer.block.begin() + writer.pending, writer.block.end(), '\0');
-    const bool written = WriteArchiveBlock(writer.descriptor, writer.block);
-    if (!written)
-        TruncateArchive(writer.descriptor, start);
-    writer.bytes += writer.pending;
-    return written ? 0 : -1;
-}
-
-// Writes one block of the format itself. A write cut short is taken up again: it ends well, or tells why not.
-bool PutBlock(int descriptor, const CtarBlock& block) {
-    std::size_t done = 0;
-    while (done < block.size()) {
-        const ssize_t written = ::write(descriptor, block.data() + done, block.size() - done);
-        if (written <= 0)
-            return false;
-        done += static_cast<std::size_t>(written);
+// Closes the entry and logs what failed: a cut in the archive's name, the entry's own blocks in this module's.
+int CloseRetrieved(const EntryTarget& target, const ObjectFile& object, off_t start) {
+    const ArchiveFailures failures = CloseEntry(target.writer, start, [&](std::int64_t size) {
+        return target.build_header(object, static_cast<std::uint64_t>(size));
+    });
+    for (const ArchiveFailure& failure : failures) {
+        if (failure.step == ArchiveStep::Seek || failure.step == ArchiveStep::Cut)
+            target.report(failure);
+        else
+            LogFailure("%s\n", DescribeFailure(failure).c_str());
     }
-    return true;
-}
-
-// Closes the entry whose data stand from `start` on: a new sentinel behind them, then the header over the old
-// sentinel. All three steps are taken even after a failed one, in this order.
-int CloseEntry(ArchiveWriter& writer, const ObjectFile& object, off_t start) {
-    int result = PadEntry(writer, start);
-    if (writer.bytes <= 0) {
-        TruncateArchive(writer.descriptor, start);
+    if (target.writer.bytes <= 0)
         LogMessage("Block returned no data\n");
-        return result;
-    }
-    if (!PutBlock(writer.descriptor, BuildCtarSentinel()))
-        result = CutEntryAfter("CTAR sentinel failed write()", writer, start);
-    const CtarBlock header = BuildCtarHeader(object, static_cast<std::uint64_t>(writer.bytes));
-    const off_t sentinel = start - static_cast<off_t>(BlockSize); // below 0 in an archive without its first one
-    if (::lseek(writer.descriptor, sentinel, SEEK_SET) < 0 || !PutBlock(writer.descriptor, header))
-        result = CutEntryAfter("CTAR header failed to update", writer, start);
-    return result;
+    return LosesEntry(failures) ? -1 : 0;
 }
 
-} // namespace
-
-ArchiveLockGuard::ArchiveLockGuard() : lock_(ArchiveLock) {}
-
-namespace {
-
-// Appends an entry with what the server sends. Puts `outer` back as soon as the retrieval has its reply.
+// Appends one save file of the server as the object's entry. Puts `outer` back as soon as the retrieval has its reply.
+// Requires: the archive is this thread's.
 int AppendEntry(FtpSession& session, const Checkpoint& outer, const ObjectFile& object, const std::string& save_file,
-                DataCallback callback, ArchiveWriter& writer) {
-    const off_t start = ::lseek(writer.descriptor, 0, SEEK_END);
+                const EntryTarget& target) {
+    const off_t start = ::lseek(target.writer.file.descriptor.Get(), 0, SEEK_END);
     if (start < 0) {
         session.checkpoint = outer;
-        LogMessageTo(stderr, "%slseek(): %s\n", FailureHead().c_str(), std::strerror(errno));
+        LogFailure("lseek(): %s\n", std::strerror(errno));
         return -1;
     }
     ReplyText reply;
-    const int retrieved = SendForReply(session, "RETR " + save_file, reply, {callback, nullptr, &writer});
+    const int retrieved =
+        SendForReply(session, "RETR " + save_file, reply, {.receive = target.append, .argument = &target.writer});
     session.checkpoint = outer;
     const int result = retrieved != 0 ? ReportCommand("RETR", reply) : 0;
-    return CloseEntry(writer, object, start) != 0 ? -1 : result;
+    return CloseRetrieved(target, object, start) != 0 ? -1 : result;
 }
 
-} // namespace
-
-int RetrieveToArchive(FtpSession* session, const Checkpoint& outer, const ObjectFile& object,
-                      const std::string& save_file, double& started, DataCallback callback, ArchiveWriter& writer) {
+// Waits for the archive and appends the save file to it; `started` receives the time at which the archive was this
+// thread's. Returns 0 or -1; after -1 the data that arrived has been closed as an entry, or cut off. A broken
+// connection releases the archive on its way to the checkpoint, so it never keeps the other workers out.
+int RetrieveToArchive(FtpSession& session, const Checkpoint& outer, const ObjectFile& object,
+                      const std::string& save_file, double& started, const EntryTarget& target) {
     int result;
     {
-        const ArchiveLockGuard lock;
+        const std::lock_guard<std::mutex> appending(target.writer.file.appending);
         started = SecondsNow();
-        result = AppendEntry(*session, outer, object, save_file, callback, writer);
+        result = AppendEntry(session, outer, object, save_file, target);
     }
     if (TerminationRequested != 0)
         throw WorkerEnd{};
     return result;
 }
 
+} // namespace
+
 // Saving
 
 namespace {
 
 // Reports a save that the server calls partial; false when it is none.
-bool ReportPartialSave(const SaveMember& member, const ObjectFile& object, const ReplyText& reply) {
-    if (RunSettings.precheck || member.partial == PartialRule::None)
+bool ReportPartialSave(const SaveMember& member, const SaveRequest& request, const ReplyText& reply, int verbosity) {
+    if (request.options.precheck || member.partial == PartialRule::None)
         return false;
-    std::string line;
+    std::string line = request.object.name + ": ";
     if (member.partial == PartialRule::AnyReply) {
-        line = object.name + ": " + reply.data();
+        line += reply.data();
     } else {
         const std::optional<std::string> count = CountNotSaved(reply.data());
         if (!count)
             return false;
-        line = object.name + ": " + *count + " objects not saved";
+        line += *count + " objects not saved";
     }
-    if (RunSettings.verbosity >= 1)
-        LogMessageTo(stdout, "%s\n", line.c_str());
-    if (RunSettings.not_backed_up)
-        LogMessageTo(RunSettings.not_backed_up.get(), "%s\n", line.c_str());
+    if (verbosity >= 1)
+        LogMessage("%s\n", line.c_str());
+    if (request.not_saved != nullptr)
+        LogMessageTo(request.not_saved, "%s\n", line.c_str());
     return true;
 }
 
-// Builds the save command; empty after a message.
-std::string BuildSaveCommand(const SaveMember& member, ObjectFile& object, std::uint32_t number) {
-    std::optional<std::string> command = member.build(object, number);
+// Builds the save command; empty after logging why it cannot be sent.
+std::string BuildSaveCommand(const SaveMember& member, const SaveRequest& request) {
+    std::optional<std::string> command = member.build(request.object, request.number, request.options);
     if (!command) {
-        LogMessageTo(stderr, "%sbad library name\n", FailureHead().c_str());
+        LogFailure("bad library name\n");
         return {};
     }
     if (IsTooLong(*command)) {
@@ -494,29 +455,29 @@ std::string BuildSaveCommand(const SaveMember& member, ObjectFile& object, std::
 
 } // namespace
 
-int SaveObject(const SaveMember& member, FtpSession* session, ObjectFile& object, std::uint32_t number,
-               TransferStats* stats, DataCallback callback, ArchiveWriter& writer) {
+int SaveObject(const SaveMember& member, FtpSession* session, const SaveRequest& request, SaveTimes& times,
+               const EntryTarget& target) {
     if (!IsSession(session))
         return -1;
-    const std::string save_file = "SAV" + std::to_string(number);
-    return Protect(*session, [&](const Checkpoint& outer) {
+    const std::string save_file = "SAV" + std::to_string(request.number);
+    return WithRecovery(*session, [&](const Checkpoint& outer) {
         if (SetSaveFileParameters(*session, member.names_path) != 0 || PrepareSaveFile(*session, save_file) != 0)
             return -1;
-        const std::string command = BuildSaveCommand(member, object, number);
+        const std::string command = BuildSaveCommand(member, request);
         if (command.empty())
             return -1;
         const double begun = SecondsNow();
         ReplyText reply;
         const int saved = SendForReply(*session, command, reply);
-        if (saved < 0 || (saved > 0 && !ReportPartialSave(member, object, reply)))
+        const int verbosity = session->control->options.verbosity;
+        if (saved < 0 || (saved > 0 && !ReportPartialSave(member, request, reply, verbosity)))
             return ReportCommand(member.verb, reply);
         const double ended = SecondsNow();
         PassPointOfNoReturn(*session);
         double started = ended;
-        const int result = RetrieveToArchive(session, outer, object, "/QSYS.LIB/QTEMP.LIB/" + save_file + ".SAVF",
-                                             started, callback, writer);
-        if (stats != nullptr)
-            *stats = {ended - begun, started - ended, SecondsNow() - started};
+        const int result = RetrieveToArchive(*session, outer, request.object,
+                                             "/QSYS.LIB/QTEMP.LIB/" + save_file + ".SAVF", started, target);
+        times = {ended - begun, started - ended, SecondsNow() - started};
         return result;
     });
 }
@@ -525,7 +486,7 @@ int SaveObject(const SaveMember& member, FtpSession* session, ObjectFile& object
 
 namespace {
 
-// Cuts ".LIB" off a library's path; false when it ends otherwise.
+// Removes ".LIB" from the end of a library's path; false when it ends differently.
 bool CutLibrarySuffix(std::string& path) {
     if (!HasLibrarySuffix(path))
         return false;
@@ -533,24 +494,24 @@ bool CutLibrarySuffix(std::string& path) {
     return true;
 }
 
-// Checks and cuts the names of a library and its destination.
+// Checks the names of a library and its destination, and removes their suffixes.
 int PrepareLibraryNames(StringPair& library) {
     constexpr std::size_t longest = 24; // "/QSYS.LIB/", ten characters and ".LIB"
     if (!CutLibrarySuffix(library.first)) {
-        LogMessageTo(stderr, "%sbad library name\n", FailureHead().c_str());
+        LogFailure("bad library name\n");
         return -1;
     }
     if (!library.second)
         return 0;
     std::string& destination = *library.second;
     if (!destination.starts_with(LibraryPrefix) || destination.size() > longest || !CutLibrarySuffix(destination)) {
-        LogMessageTo(stderr, "%sbad library destination\n", FailureHead().c_str());
+        LogFailure("bad library destination\n");
         return -1;
     }
     return 0;
 }
 
-// What the member's command or commands name: every pair, the library, or the entry itself.
+// What the member's commands name: every pair, the library, or the entry itself.
 StringList Subjects(const RestoreMember& member, const RestoreRequest& request) {
     if (member.each_path)
         return request.objects;
@@ -579,18 +540,18 @@ int RestoreSubject(const RestoreMember& member, FtpSession& session, const Check
 
 // Restores every subject from the uploaded save file. The last one's result counts.
 int RestoreSubjects(const RestoreMember& member, FtpSession& session, const Checkpoint& outer,
-                    const StringList& subjects) {
+                    const RestoreRequest& request) {
     int result = 0;
-    for (const StringPair& subject : subjects) {
+    for (const StringPair& subject : Subjects(member, request)) {
         StringList omissions;
         if (member.each_path) {
-            if (RunSettings.verbosity >= 1)
+            if (session.control->options.verbosity >= 1)
                 LogMessage("Object   : %s\n", subject.first.c_str());
-            MatchPathFile(subject.first, &omissions, RunSettings.exclude.get());
-            if (ServerRelease < 2)
+            MatchPathFile(subject.first, &omissions, request.exclude, WildCards::Ignore);
+            if (session.release != Release::V5R4M0)
                 MakeParentDirectories(&session, subject.second.value_or(subject.first));
         }
-        const std::string command = member.build(subject, omissions);
+        const std::string command = member.build(subject, omissions, session.release);
         if (IsTooLong(command))
             return ReportTooLong((std::string(member.verb) + " command").c_str());
         result = RestoreSubject(member, session, outer, subject, command);
@@ -600,24 +561,23 @@ int RestoreSubjects(const RestoreMember& member, FtpSession& session, const Chec
 
 } // namespace
 
-int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes* times,
+int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes& times,
                   DataCallback callback, void* argument) {
     if (!IsSession(session))
         return -1;
     if (member.library && PrepareLibraryNames(request.objects.front()) != 0)
         return -1;
-    return Protect(*session, [&](const Checkpoint& outer) {
+    return WithRecovery(*session, [&](const Checkpoint& outer) {
         if (SetSaveFileParameters(*session, member.names_path) != 0 || PrepareSaveFile(*session, "SAVTEMP") != 0)
             return -1;
         const double begun = SecondsNow();
         PassPointOfNoReturn(*session);
         if (SendCommand(session->control.get(), "STOR /QSYS.LIB/QTEMP.LIB/SAVTEMP.SAVF", {},
-                        {nullptr, callback, argument}) != 0)
+                        {.send = callback, .argument = argument}) != 0)
             return ReportCommand("STOR");
         const double uploaded = SecondsNow();
-        const int result = RestoreSubjects(member, *session, outer, Subjects(member, request));
-        if (times != nullptr)
-            *times = {SecondsNow() - uploaded, uploaded - begun};
+        const int result = RestoreSubjects(member, *session, outer, request);
+        times = {SecondsNow() - uploaded, uploaded - begun};
         return result;
     });
 }
@@ -625,7 +585,7 @@ int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreReque
 int RestoreAuthority(FtpSession* session) {
     if (!IsSession(session))
         return -1;
-    return Protect(*session, [&](const Checkpoint&) {
+    return WithRecovery(*session, [&](const Checkpoint&) {
         return Send(*session, RestoreAuthorityCommand) == 0 ? 0 : ReportCommand("RSTAUT");
     });
 }

@@ -13,7 +13,7 @@
 #include <getopt.h>
 
 #include "credentials.h"
-#include "settings.h"
+#include "support.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ int OpenPathFile(Stream& stream, const char* path) {
     stream.reset();
     stream.reset(std::fopen(path, "r"));
     if (!stream) {
-        LogMessageTo(stderr, "%s: fopen(%s): %s\n", ProgramName, path, std::strerror(errno));
+        LogError("fopen(%s): %s\n", path, std::strerror(errno));
         return OptionError;
     }
     ::setlinebuf(stream.get());
@@ -51,12 +51,12 @@ int OpenDescriptor(Stream& stream, const char* text) {
     const bool whole = ParseAnyBase(text, std::strtol, number);
     const int descriptor = static_cast<int>(number);
     if (!whole || descriptor != number) {
-        LogMessageTo(stderr, "%s: '%s': can't parse file descriptor\n", ProgramName, text);
+        LogError("'%s': can't parse file descriptor\n", text);
         return OptionError;
     }
     stream.reset(::fdopen(descriptor, "w"));
     if (!stream) {
-        LogMessageTo(stderr, "%s: fdopen(%d): %s\n", ProgramName, descriptor, std::strerror(errno));
+        LogError("fdopen(%d): %s\n", descriptor, std::strerror(errno));
         return OptionError;
     }
     ::setlinebuf(stream.get());
@@ -65,129 +65,130 @@ int OpenDescriptor(Stream& stream, const char* text) {
 
 // The options
 
-int SetBackup(char* argument) {
-    RunSettings.backup_path = argument;
+int SetBackup(Settings& settings, char* argument) {
+    settings.backup_path = argument;
     return 0;
 }
 
-int SetCredentials(char* argument) {
-    const int result = ReadCredentials(argument);
+int SetCredentials(Settings& settings, char* argument) {
+    std::optional<Credentials> credentials = ReadCredentials(argument);
     HidePassphrase(argument);
-    return result;
+    settings.user = credentials ? std::optional(std::move(credentials->user)) : std::nullopt;
+    settings.password = credentials ? std::optional(std::move(credentials->password)) : std::nullopt;
+    return credentials ? 0 : OptionError;
 }
 
-int SetCatalog(char* argument) {
-    RunSettings.catalog.reset(std::fopen(argument, "w"));
-    if (RunSettings.catalog)
+int SetCatalog(Settings& settings, char* argument) {
+    settings.catalog.reset(std::fopen(argument, "w"));
+    if (settings.catalog)
         return 0;
-    LogMessageTo(stderr, "%s: Failed to open catalog file %s\n", ProgramName, argument);
+    LogError("Failed to open catalog file %s\n", argument);
     return OptionError;
 }
 
 // The texts are those that CHGPERIOD wants.
-int SetDate(char* argument) {
+int SetDate(Settings& settings, char* argument) {
     long long epoch;
     bool good = ParseAnyBase(argument, std::strtoll, epoch);
-    RunSettings.cutoff = true;
-    RunSettings.cutoff_time = epoch;
+    settings.cutoff = epoch;
     const std::time_t instant = epoch;
     std::tm local;
     if (::localtime_r(&instant, &local) != nullptr) {
         const int year = (local.tm_year % 100 + 100) % 100;
-        RunSettings.cutoff_date = FormatText("%02d/%02d/%02d", local.tm_mon + 1, local.tm_mday, year);
-        RunSettings.cutoff_clock = FormatText("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
+        settings.save.changed_date = FormatText("%02d/%02d/%02d", local.tm_mon + 1, local.tm_mday, year);
+        settings.save.changed_clock = FormatText("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
     } else {
         good = false; // a year that no calendar holds
     }
     if (!good)
-        LogMessageTo(stderr, "%s: '%s': can't parse timestamp\n", ProgramName, argument);
+        LogError("'%s': can't parse timestamp\n", argument);
     return good ? 0 : OptionError;
 }
 
-int SetExclude(char* argument) {
-    return OpenPathFile(RunSettings.exclude, argument);
+int SetExclude(Settings& settings, char* argument) {
+    return OpenPathFile(settings.exclude, argument);
 }
 
-int WantHelp(char*) {
+int WantHelp(Settings&, char*) {
     return HelpWanted;
 }
 
-int SetInclude(char* argument) {
-    return OpenPathFile(RunSettings.include, argument);
+int SetInclude(Settings& settings, char* argument) {
+    return OpenPathFile(settings.include, argument);
 }
 
-int SetList(char* argument) {
-    return OpenDescriptor(RunSettings.list, argument);
+int SetList(Settings& settings, char* argument) {
+    return OpenDescriptor(settings.list, argument);
 }
 
-int SetMaxBlockSize(char* argument) {
+int SetMaxBlockSize(Settings& settings, char* argument) {
     unsigned long long size;
     const bool whole = ParseAnyBase(argument, std::strtoull, size);
-    RunSettings.max_block_size = size;
+    settings.max_block_size = size;
     if (!whole)
-        LogMessageTo(stderr, "%s: '%s': can't parse block size\n", ProgramName, argument);
+        LogError("'%s': can't parse block size\n", argument);
     return whole ? 0 : OptionError;
 }
 
-int SetNotBackedUp(char* argument) {
-    return OpenDescriptor(RunSettings.not_backed_up, argument);
+int SetNotBackedUp(Settings& settings, char* argument) {
+    return OpenDescriptor(settings.not_backed_up, argument);
 }
 
-int SetPrecheck(char* argument) {
-    RunSettings.precheck = ParseSwitch(argument);
+int SetPrecheck(Settings& settings, char* argument) {
+    settings.save.precheck = ParseSwitch(argument);
     return 0;
 }
 
-int SetRestore(char* argument) {
-    RunSettings.restore_path = argument;
+int SetRestore(Settings& settings, char* argument) {
+    settings.restore_path = argument;
     return 0;
 }
 
-int SetServer(char* argument) {
-    RunSettings.server = argument;
+int SetServer(Settings& settings, char* argument) {
+    settings.server = argument;
     return 0;
 }
 
-int CountTest(char*) {
-    ++RunSettings.test_count;
+int CountTest(Settings& settings, char*) {
+    ++settings.test_count;
     return 0;
 }
 
-int SetVerbose(char* argument) {
+int SetVerbose(Settings& settings, char* argument) {
     if (argument == nullptr) {
-        ++RunSettings.verbosity;
+        ++settings.transport.verbosity;
         return 0;
     }
     long level;
     const bool whole = ParseAnyBase(argument, std::strtol, level);
-    RunSettings.verbosity = static_cast<int>(level);
+    settings.transport.verbosity = static_cast<int>(level);
     if (!whole)
-        LogMessageTo(stderr, "%s: verbose value must be a number\n", ProgramName);
+        LogError("verbose value must be a number\n");
     return whole ? 0 : OptionError;
 }
 
-int SetWait(char* argument) {
+int SetWait(Settings& settings, char* argument) {
     const int seconds = ParseLeadingInt(argument);
     if (seconds < -1 || seconds > LargestTime) {
         LogMessageTo(stderr, "invalid argument: --wait %s\n", argument);
         return OptionError;
     }
-    RunSettings.wait = seconds == -1 ? "*NOMAX" : argument;
+    settings.save.wait = seconds == -1 ? "*NOMAX" : argument;
     return 0;
 }
 
-int SetThreading(char* argument) {
-    RunSettings.threading = ParseSwitch(argument);
+int SetThreading(Settings& settings, char* argument) {
+    settings.threading = ParseSwitch(argument);
     return 0;
 }
 
-int SetTimeout(char* argument) {
+int SetTimeout(Settings& settings, char* argument) {
     const int minutes = ParseLeadingInt(argument);
     if (minutes < 1 || minutes > LargestTime) {
         LogMessageTo(stderr, "invalid argument: --timeout %s\n", argument);
         return OptionError;
     }
-    RunSettings.timeout = minutes;
+    settings.transport.timeout = minutes;
     return 0;
 }
 
@@ -195,7 +196,7 @@ struct OptionRow {
     const char* name;
     char letter;
     int has_argument; // as in struct option
-    int (*handle)(char* argument);
+    int (*handle)(Settings& settings, char* argument);
     const char* help;
 };
 
@@ -258,37 +259,37 @@ std::array<option, OptionRows.size() + 1> LongOptions() {
     return options;
 }
 
-// Gives the error state after all options: 0 when they are good.
-int ParseOptions(int argc, char** argv) {
+// Returns the error state after all options: 0 when they are good.
+int ParseOptions(int argc, char** argv, Settings& settings) {
     const std::string letters = ShortOptions();
     const auto options = LongOptions();
     int state = 0;
     ::optind = 0; // start afresh, whoever parsed before
-    // With this variable set getopt_long would take every option behind a stray word for another one, and a
+    // With this variable set getopt_long would take every option after a stray word for another word, and a
     // passphrase there would be shown as an unknown argument.
     ::unsetenv("POSIXLY_CORRECT");
     for (;;) {
         const int result = ::getopt_long(argc, argv, letters.c_str(), options.data(), nullptr);
         if (result == -1)
             return state;
-        const int error = HandleOption(result, ::optarg);
+        const int error = HandleOption(result, ::optarg, settings);
         if (error != 0)
             state = error;
     }
 }
 
-// Reports what is missing or too much once the options are parsed; gives whether a run may start.
-bool CheckCommandLine(int state, std::span<char* const> operands) {
+// Logs what is missing or too much once the options are parsed. Returns whether a run may start.
+bool CheckCommandLine(int state, std::span<char* const> operands, const Settings& settings) {
     for (const char* operand : operands)
-        LogMessageTo(stderr, "%s: unknown argument: %s\n", ProgramName, operand);
+        LogError("unknown argument: %s\n", operand);
     if (!operands.empty() || state != 0)
         return false;
-    if (!RunSettings.server) {
-        LogMessageTo(stderr, "%s: you must provide a server name\n", ProgramName);
+    if (!settings.server) {
+        LogError("you must provide a server name\n");
         return false;
     }
-    if (!RunSettings.user || !RunSettings.password) {
-        LogMessageTo(stderr, "%s: you must provide login credentials\n", ProgramName);
+    if (!settings.user || !settings.password) {
+        LogError("you must provide login credentials\n");
         return false;
     }
     return true;
@@ -296,12 +297,12 @@ bool CheckCommandLine(int state, std::span<char* const> operands) {
 
 } // namespace
 
-int HandleOption(int result, char* argument) {
+int HandleOption(int result, char* argument, Settings& settings) {
     for (const OptionRow& row : OptionRows)
         if (row.letter == result)
-            return row.handle(argument);
+            return row.handle(settings, argument);
     if (result != '?') { // getopt_long has reported that itself
-        LogMessageTo(stderr, "%s: getopt(): ", ProgramName);
+        LogError("getopt(): ");
         if (result >= 0 && result <= UCHAR_MAX && std::isprint(result) != 0)
             LogMessageTo(stderr, "%c\n", result);
         else
@@ -310,11 +311,11 @@ int HandleOption(int result, char* argument) {
     return OptionError;
 }
 
-int ParseCommandLine(int argc, char** argv) {
-    const int state = ParseOptions(argc, argv);
+int ParseCommandLine(int argc, char** argv, Settings& settings) {
+    const int state = ParseOptions(argc, argv, settings);
     const auto first = static_cast<std::size_t>(::optind);
     const std::span<char* const> operands = std::span(argv, static_cast<std::size_t>(argc)).subspan(first);
-    if (CheckCommandLine(state, operands))
+    if (CheckCommandLine(state, operands, settings))
         return 0;
     Usage();
     return -1;
@@ -326,7 +327,7 @@ namespace {
 
 constexpr std::size_t UsageMargin = 70; // characters of a line
 
-// Where the help texts start: behind "  -b, --backup :  " with the longest name.
+// Where the help texts start: after "  -b, --backup :  " with the longest name.
 std::size_t UsageColumn() {
     std::size_t longest = 0;
     for (const OptionRow& row : OptionRows)

@@ -10,7 +10,7 @@
 #include <fnmatch.h>
 #include <sys/stat.h>
 
-#include "settings.h"
+#include "support.h"
 
 // The lines of a path file
 
@@ -52,7 +52,7 @@ struct PathFile {
                now.st_mtim.tv_sec == status.st_mtim.tv_sec && now.st_mtim.tv_nsec == status.st_mtim.tv_nsec &&
                now.st_mtim.tv_sec + clock_grain < read_at;
     }
-    // Requires: the stream stands at its start.
+    // Requires: the stream is at its start.
     void Read(std::FILE* asked) {
         stream = asked;
         read_at = std::time(nullptr);
@@ -100,13 +100,13 @@ bool ReadPathLine(std::string& line, std::FILE* stream) {
     return true;
 }
 
-int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream) {
+int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream, WildCards wild_cards) {
     if (stream == nullptr)
         return 1;
     PathFile& file = Remembered(stream);
     if (!file.IsCurrent(stream)) {
         if (std::fseek(stream, 0, SEEK_SET) != 0) {
-            LogMessageTo(stderr, "%s: fseek(stream, 0, SEEK_SET): %s\n", ProgramName, std::strerror(errno));
+            LogError("fseek(stream, 0, SEEK_SET): %s\n", std::strerror(errno));
             return -1;
         }
         file.Read(stream);
@@ -117,7 +117,7 @@ int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream) {
     int result = 1;
     for (const PathLine& line : file.lines) {
         const std::string& pattern = line.pair.first;
-        if (RunSettings.restore_path && pattern.find_first_of("*?") != std::string::npos)
+        if (wild_cards == WildCards::Ignore && pattern.find_first_of("*?") != std::string::npos)
             continue;
         if (Matches(line, whole, levels)) {
             if (list != nullptr)

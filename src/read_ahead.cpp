@@ -33,7 +33,7 @@ void ReadAhead::Begin(int descriptor, std::int64_t length) {
     }
 }
 
-// Reads every Depth-th block, one when the one before it has been taken.
+// Reads every Depth-th block, each once the one before it has been delivered.
 void ReadAhead::Fill(Slot& slot, std::int64_t first) noexcept {
     for (std::int64_t at = first; at < to_; at += static_cast<std::int64_t>(Depth) * Block) {
         const auto length = static_cast<std::size_t>(std::min(Block, to_ - at));
@@ -49,18 +49,18 @@ void ReadAhead::Fill(Slot& slot, std::int64_t first) noexcept {
     }
 }
 
-bool ReadAhead::Take(char* buffer, std::size_t length) {
+bool ReadAhead::Deliver(char* buffer, std::size_t length) {
     if (ended_)
         return false;
-    Slot& slot = slots_[taken_ % Depth];
-    const std::int64_t left = to_ - from_ - static_cast<std::int64_t>(taken_) * Block;
+    Slot& slot = slots_[delivered_ % Depth];
+    const std::int64_t left = to_ - from_ - static_cast<std::int64_t>(delivered_) * Block;
     if (static_cast<std::int64_t>(length) != std::min(Block, left) || AwaitBlock(slot) != State::Full ||
         ::lseek(descriptor_, static_cast<off_t>(length), SEEK_CUR) < 0) {
         End();
         return false;
     }
     std::memcpy(buffer, slot.block.Data(), length); // no reader touches a full block
-    ++taken_;
+    ++delivered_;
     const std::lock_guard lock(mutex_);
     slot.state = State::Empty;
     slot.changed.notify_one();

@@ -2,19 +2,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include <arpa/inet.h>
-#include <netdb.h>
 #include <netinet/ip.h>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 
-#include "settings.h"
+#include "name_lookup.h"
+#include "tcp.h"
 
 namespace {
 
@@ -28,102 +24,48 @@ bool HasDataRecord(const FtpConnection* control) {
     return control->data != nullptr && control->data->tag == DataTag;
 }
 
+const char* Host(const FtpConnection& connection) {
+    return connection.peer.text.data();
+}
+
 int Port(const FtpConnection& connection) {
-    return ntohs(connection.address.sin_port);
+    return ntohs(connection.peer.address.sin_port);
 }
 
-// poll() for PollMilliseconds, taken up again after a signal.
-int Poll(std::span<pollfd> set) {
-    int events;
-    do {
-        events = ::poll(set.data(), set.size(), PollMilliseconds);
-    } while (events < 0 && errno == EINTR);
-    return events;
+// Offers the session its way out of a connection that has failed.
+int CallBroken(FtpConnection& control) {
+    return control.on_broken ? control.on_broken() : -1;
 }
 
-int PollOne(const Descriptor& socket, short events) {
-    pollfd entry{socket.Get(), events, 0};
-    return Poll({&entry, 1});
-}
-
-// An urgent byte would wake every poll() without ever being read; in line it is data like any other.
-void KeepUrgentDataInline(const Descriptor& socket) {
-    const int on = 1;
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
-}
-
-int ConnectTo(const Descriptor& socket, const sockaddr_in& address) {
-    return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-}
-
-// Closes a control connection that failed and offers the session its way out.
 int FailControl(FtpConnection& control) {
     control.socket.Reset();
-    return AbortToCheckpoint(control.owner);
+    return CallBroken(control);
 }
 
 // Opening a session's connections
 
-// The name services answer from static storage: one look-up at a time, results copied before the next.
-std::mutex LookupLock;
-
-// Requires: LookupLock is held.
-bool ResolveHost(FtpConnection& control, const char* host) {
-    const hostent* entry = ::gethostbyname(host);
-    const int error = h_errno;
-    ::endhostent();
-    if (entry == nullptr) {
-        LogMessageTo(stderr, "%sgethostbyname(%s): %s\n", FailureHead().c_str(), host, hstrerror(error));
-        return false;
-    }
-    const int address_length = sizeof control.address.sin_addr;
-    if (entry->h_length != address_length) {
-        LogMessageTo(stderr, "%sgethostbyname(%s) address length (%d) != %d\n", FailureHead().c_str(), host,
-                     entry->h_length, address_length);
-        return false;
-    }
-    std::memcpy(&control.address.sin_addr, entry->h_addr_list[0], sizeof control.address.sin_addr);
-    return true;
+// Returns whether the look-up went well, and logs what did not.
+bool IsFound(const std::string& failure) {
+    if (!failure.empty())
+        LogFailure("%s\n", failure.c_str());
+    return failure.empty();
 }
 
-// Gives the protocol's number, or -1 after a message. Requires: LookupLock is held.
-int LookUpProtocol(const char* name) {
-    const protoent* entry = ::getprotobyname(name);
-    const int number = entry != nullptr ? entry->p_proto : -1;
-    if (entry == nullptr)
-        LogMessageTo(stderr, "%sgetprotobyname(%s)\n", FailureHead().c_str(), name);
-    ::endprotoent();
-    return number;
-}
-
-// Requires: LookupLock is held.
-bool ResolveService(FtpConnection& control, const char* service) {
-    const servent* entry = ::getservbyname(service, "tcp");
-    if (entry == nullptr) {
-        LogMessageTo(stderr, "%sgetservbyname(%s)\n", FailureHead().c_str(), service);
-        return false;
-    }
-    control.address.sin_port = static_cast<in_port_t>(entry->s_port);
-    control.protocol = LookUpProtocol(entry->s_proto);
-    ::endservent();
-    return control.protocol >= 0;
-}
-
-std::unique_ptr<FtpConnection> NewConnection(SourcePlace place = SourcePlace::Here()) {
+std::unique_ptr<FtpConnection> NewConnection(const TransportOptions& options,
+                                             SourceLocation place = SourceLocation::Here()) {
     auto connection = NewRecord<FtpConnection>();
-    if (connection == nullptr)
-        LogMessageTo(stderr, "%smalloc(%d) failed\n", FailureHead(place).c_str(),
-                     static_cast<int>(sizeof(FtpConnection)));
+    if (connection != nullptr)
+        connection->options = options;
+    else
+        LogFailureAt(place, "malloc(%d) failed\n", static_cast<int>(sizeof(FtpConnection)));
     return connection;
 }
 
-std::unique_ptr<FtpConnection> NewDataRecord() {
-    auto data = NewConnection();
+std::unique_ptr<FtpConnection> NewDataRecord(const TransportOptions& options) {
+    auto data = NewConnection(options);
     if (data == nullptr)
         return nullptr;
-    const std::lock_guard<std::mutex> lock(LookupLock);
-    data->protocol = LookUpProtocol("tcp");
-    if (data->protocol < 0)
+    if (!IsFound(LookUpProtocol("tcp", data->protocol)))
         return nullptr;
     data->tag = DataTag;
     return data;
@@ -131,26 +73,23 @@ std::unique_ptr<FtpConnection> NewDataRecord() {
 
 } // namespace
 
-std::unique_ptr<FtpConnection> OpenConnections(FtpSession* session, const char* host, const char* service) {
-    auto control = NewConnection();
+std::unique_ptr<FtpConnection> OpenConnections(const char* host, const char* service, const TransportOptions& options,
+                                               BrokenHandler on_broken) {
+    auto control = NewConnection(options);
     if (control == nullptr)
         return nullptr;
-    control->owner = session;
-    control->address.sin_family = AF_INET;
-    {
-        const std::lock_guard<std::mutex> lock(LookupLock);
-        if (!ResolveHost(*control, host) || !ResolveService(*control, service))
-            return nullptr;
-    }
+    control->on_broken = std::move(on_broken);
+    if (!IsFound(LookUpServer(host, service, control->peer.address, control->protocol)))
+        return nullptr;
     control->tag = ControlTag;
     if (ConnectControl(control.get()) != 0) {
-        LogMessageTo(stderr, "%scouldn't open control connection\n", FailureHead().c_str());
+        LogFailure("couldn't open control connection\n");
         CloseConnection(std::move(control));
         return nullptr;
     }
-    control->data = NewDataRecord();
+    control->data = NewDataRecord(control->options);
     if (control->data == nullptr) {
-        LogMessageTo(stderr, "%scouldn't create data port\n", FailureHead().c_str());
+        LogFailure("couldn't create data port\n");
         CloseConnection(std::move(control));
         return nullptr;
     }
@@ -159,26 +98,28 @@ std::unique_ptr<FtpConnection> OpenConnections(FtpSession* session, const char* 
 
 namespace {
 
-// Connects the socket and notes the peer; false after a message.
-bool ConnectSocket(FtpConnection& control) {
-    std::array<char, INET_ADDRSTRLEN + 1>& text = control.address_text;
-    ::inet_ntop(AF_INET, &control.address.sin_addr, text.data(), INET_ADDRSTRLEN);
-    control.socket.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, control.protocol));
+void FormatPeer(FtpConnection& control) {
+    ::inet_ntop(AF_INET, &control.peer.address.sin_addr, control.peer.text.data(), INET_ADDRSTRLEN);
+}
+
+// Connects the socket and notes the peer. Returns false after logging the reason.
+bool ConnectToServer(FtpConnection& control) {
+    FormatPeer(control);
+    control.socket = OpenSocket(control.protocol);
     if (!control.socket.IsOpen()) {
-        LogMessageTo(stderr, "%ssocket(): %s\n", FailureHead().c_str(), std::strerror(errno));
+        LogFailure("socket(): %s\n", std::strerror(errno));
         return false;
     }
-    if (ConnectTo(control.socket, control.address) != 0) {
-        LogMessageTo(stderr, "%sconnect(, %s:%d): %s\n", FailureHead().c_str(), text.data(), Port(control),
-                     std::strerror(errno));
+    if (ConnectSocket(control.socket, control.peer.address) != 0) {
+        LogFailure("connect(, %s:%d): %s\n", Host(control), Port(control), std::strerror(errno));
         return false;
     }
-    socklen_t length = sizeof control.address;
-    if (::getpeername(control.socket.Get(), reinterpret_cast<sockaddr*>(&control.address), &length) != 0) {
-        LogMessageTo(stderr, "%sgetpeername(): %s\n", FailureHead().c_str(), std::strerror(errno));
+    socklen_t length = sizeof control.peer.address;
+    if (::getpeername(control.socket.Get(), reinterpret_cast<sockaddr*>(&control.peer.address), &length) != 0) {
+        LogFailure("getpeername(): %s\n", std::strerror(errno));
         return false;
     }
-    ::inet_ntop(AF_INET, &control.address.sin_addr, text.data(), INET_ADDRSTRLEN);
+    FormatPeer(control);
     KeepUrgentDataInline(control.socket);
     return true;
 }
@@ -189,24 +130,23 @@ int ConnectControl(FtpConnection* control) {
     if (!IsControl(control))
         return -1;
     if (control->socket.IsOpen()) {
-        LogMessageTo(stderr, "%sreopening open control connection\n", FailureHead().c_str());
+        LogFailure("reopening open control connection\n");
         return -1;
     }
-    if (!ConnectSocket(*control)) {
+    if (!ConnectToServer(*control)) {
         control->socket.Reset();
         return -1;
     }
-    if (RunSettings.verbosity >= 4)
-        LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, control->address_text.data(), Port(*control));
-    control->reply_held = 0;
-    control->lines_held = 0;
+    if (control->options.verbosity >= 4)
+        LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, Host(*control), Port(*control));
+    control->replies.Clear();
     std::array<char, ReplyCapacity> line;
     do {
         if (ReadReply(control, line) != 0) {
             control->socket.Reset();
             return -1;
         }
-    } while (control->lines_held > 0);
+    } while (control->replies.Lines() > 0);
     return 0;
 }
 
@@ -214,80 +154,36 @@ int ConnectControl(FtpConnection* control) {
 
 namespace {
 
-constexpr std::string_view LineEnd = "\r\n";
-
-// The length of the first line held, without its end; npos when none is complete.
-std::size_t FirstLineLength(const FtpConnection& control) {
-    return std::string_view(control.reply_buffer.data(), control.reply_held).find(LineEnd);
-}
-
-// Requires: the buffer begins with a line of `length` bytes and its end.
-void DropFirstLine(FtpConnection& control, std::size_t length) {
-    const std::size_t dropped = length + LineEnd.size();
-    std::copy(control.reply_buffer.data() + dropped, control.reply_buffer.data() + control.reply_held,
-              control.reply_buffer.data());
-    control.reply_held -= dropped;
-    --control.lines_held;
-}
-
-bool StartsWithIntermediateLine(const FtpConnection& control) {
-    return control.reply_held >= 4 && control.reply_buffer[3] == '-';
-}
-
 int FailReplies(FtpConnection& control) {
-    control.socket.Reset();
-    control.reply_held = 0;
-    control.lines_held = 0;
-    AbortToCheckpoint(control.owner);
+    control.replies.Clear();
+    FailControl(control);
     return -1;
 }
 
-// One wait and one read. The line ends are counted within the bytes of this read alone, and only in reads of
-// two bytes and more: a CR LF that the network has split is not an end, the text runs on to the next one.
+// One wait and one read.
 int FillReplyBuffer(FtpConnection& control) {
-    const int events = PollOne(control.socket, POLLIN | POLLPRI);
+    const int events = PollSocket(control.socket, POLLIN | POLLPRI);
     if (events < 0) {
-        LogMessageTo(stderr, "%spoll(): %s\n", FailureHead().c_str(), std::strerror(errno));
+        LogFailure("poll(): %s\n", std::strerror(errno));
         return FailReplies(control);
     }
     if (events == 0) {
-        LogMessageTo(stderr, "%spoll(): timedout on control read after %.2fs\n", FailureHead().c_str(), PollSeconds);
+        LogFailure("poll(): timedout on control read after %.2fs\n", PollSeconds);
         return -1;
     }
-    char* const position = control.reply_buffer.data() + control.reply_held;
-    const ssize_t count = ::read(control.socket.Get(), position, ReplyCapacity - control.reply_held);
+    const std::span<char> room = control.replies.Room();
+    const ssize_t count = ::read(control.socket.Get(), room.data(), room.size());
     if (count < 0) {
-        LogMessageTo(stderr, "%sread(%s:%d): %s\n", FailureHead().c_str(), control.address_text.data(), Port(control),
-                     std::strerror(errno));
+        LogFailure("read(%s:%d): %s\n", Host(control), Port(control), std::strerror(errno));
         return FailReplies(control);
     }
     if (count == 0) {
-        LogMessageTo(stderr, "%s%s:%d: control connection closed\n", FailureHead().c_str(), control.address_text.data(),
-                     Port(control));
+        LogFailure("%s:%d: control connection closed\n", Host(control), Port(control));
         return FailReplies(control);
     }
-    const std::string_view chunk(position, static_cast<std::size_t>(count));
-    if (RunSettings.verbosity >= 4)
-        LogMessage("%.*s", static_cast<int>(chunk.size()), chunk.data());
-    control.reply_held += chunk.size();
-    for (std::size_t end = chunk.find(LineEnd); end != chunk.npos; end = chunk.find(LineEnd, end + LineEnd.size()))
-        ++control.lines_held;
-    return 0;
-}
-
-int ReportBufferedReply(SourcePlace place = SourcePlace::Here()) {
-    LogMessageTo(stderr, "%sbuffered reply screw up\n", FailureHead(place).c_str());
-    return -1;
-}
-
-// Passes over "nnn-text" lines until a final line begins the buffer or no line is left.
-int DropIntermediateLines(FtpConnection& control) {
-    while (control.lines_held > 0 && StartsWithIntermediateLine(control)) {
-        const std::size_t length = FirstLineLength(control);
-        if (length == std::string_view::npos)
-            return ReportBufferedReply();
-        DropFirstLine(control, length);
-    }
+    if (control.options.verbosity >= 4)
+        LogMessage("%.*s", static_cast<int>(count), room.data());
+    control.replies.Append(static_cast<std::size_t>(count));
     return 0;
 }
 
@@ -296,21 +192,15 @@ int DropIntermediateLines(FtpConnection& control) {
 int ReadReply(FtpConnection* control, std::span<char, ReplyCapacity> line) {
     if (!IsControl(control))
         return -1;
-    while (control->lines_held < 1) {
-        if (control->reply_held >= ReplyCapacity)
+    ReplyBuffer& replies = control->replies;
+    while (replies.Lines() < 1) {
+        if (replies.Room().empty() || FillReplyBuffer(*control) != 0)
             return -1;
-        if (FillReplyBuffer(*control) != 0 || DropIntermediateLines(*control) != 0)
-            return -1;
+        replies.DropIntermediateLines();
     }
-    const std::size_t length = FirstLineLength(*control);
-    if (length == std::string_view::npos)
-        return ReportBufferedReply();
-    if (length >= line.size()) {
-        LogMessageTo(stderr, "%scommand reply too long\n", FailureHead().c_str());
-        return -1;
-    }
-    *std::copy_n(control->reply_buffer.data(), length, line.data()) = '\0';
-    DropFirstLine(*control, length);
+    const std::string_view first = replies.FirstLine();
+    *std::copy(first.begin(), first.end(), line.begin()) = '\0';
+    replies.DropFirstLine();
     return line[0] == '2' || line[0] == '3' ? 0 : 1;
 }
 
@@ -318,46 +208,38 @@ int ReadReply(FtpConnection* control, std::span<char, ReplyCapacity> line) {
 
 namespace {
 
-int ReportPoll(SourcePlace place = SourcePlace::Here()) {
-    LogMessageTo(stderr, "%spoll(): %s\n", FailureHead(place).c_str(), std::strerror(errno));
+int ReportPoll(SourceLocation place = SourceLocation::Here()) {
+    LogFailureAt(place, "poll(): %s\n", std::strerror(errno));
     return -1;
 }
 
-// Data is moved without asking first; poll() comes in only when there is nothing to move.
-bool WouldBlock() {
-    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-}
-
-// Fills the transfer buffer from the data socket: to its end, to the end of the data or to a minute's
-// silence. `timeouts` counts silent minutes in a row and becomes 0 with every read. Gives the bytes filled,
-// or -1.
+// Fills the transfer buffer from the data socket: to its end, to the end of the data or to a minute's silence.
+// `timeouts` counts silent minutes in a row and becomes 0 with every read. Returns the bytes filled, or -1. Data is
+// moved without asking first; poll() is needed only when there is nothing to move.
 int FillTransferBuffer(FtpConnection& data, int& timeouts) {
     std::size_t filled = 0;
     while (filled < TransferCapacity) {
         char* const position = data.transfer_buffer.Data() + filled;
         const ssize_t count = ::recv(data.socket.Get(), position, TransferCapacity - filled, MSG_DONTWAIT);
         if (count > 0) {
-            if (RunSettings.verbosity >= 5)
-                LogMessageTo(stderr, "%sread(%s:%d) %d bytes\n", FailureHead().c_str(), data.address_text.data(),
-                             Port(data), static_cast<int>(count));
+            if (data.options.verbosity >= 5)
+                LogFailure("read(%s:%d) %d bytes\n", Host(data), Port(data), static_cast<int>(count));
             timeouts = 0;
             filled += static_cast<std::size_t>(count);
         } else if (count == 0) {
             timeouts = 0;
             break;
         } else if (WouldBlock()) {
-            const int events = PollOne(data.socket, POLLIN | POLLPRI);
+            const int events = PollSocket(data.socket, POLLIN | POLLPRI);
             if (events < 0)
                 return ReportPoll();
             if (events == 0) {
                 ++timeouts;
-                LogMessageTo(stderr, "%spoll(): timedout on data read after %.2fs (%d times)\n", FailureHead().c_str(),
-                             PollSeconds, timeouts);
+                LogFailure("poll(): timedout on data read after %.2fs (%d times)\n", PollSeconds, timeouts);
                 break;
             }
         } else {
-            LogMessageTo(stderr, "%sread(%s:%d): %s\n", FailureHead().c_str(), data.address_text.data(), Port(data),
-                         std::strerror(errno));
+            LogFailure("read(%s:%d): %s\n", Host(data), Port(data), std::strerror(errno));
             return -1;
         }
     }
@@ -366,42 +248,42 @@ int FillTransferBuffer(FtpConnection& data, int& timeouts) {
 
 // Receives to the end of the data. The socket stays open after a failure.
 int ReceiveData(FtpConnection& data, const Transfer& transfer) {
-    if (RunSettings.verbosity >= 4)
-        LogMessage("reading from %s:%d\n", data.address_text.data(), Port(data));
+    if (data.options.verbosity >= 4)
+        LogMessage("reading from %s:%d\n", Host(data), Port(data));
     int timeouts = 0;
     for (;;) {
         int count = FillTransferBuffer(data, timeouts);
         if (count < 0)
             return -1;
         if (count > 0) {
-            if (RunSettings.verbosity >= 5)
-                LogMessageTo(stderr, "%ssending %d bytes to callback\n", FailureHead().c_str(), count);
+            if (data.options.verbosity >= 5)
+                LogFailure("sending %d bytes to callback\n", count);
             if (transfer.receive(transfer.argument, data.transfer_buffer.Data(), &count) != 0)
                 return -1;
-        } else if (timeouts >= RunSettings.timeout) {
-            LogMessageTo(stderr, "%sTimeout limit reached (%d times).\n", FailureHead().c_str(), timeouts);
+        } else if (timeouts >= data.options.timeout) {
+            LogFailure("Timeout limit reached (%d times).\n", timeouts);
             return -1;
         } else if (timeouts == 0) {
             return 0;
-        } else if (RunSettings.verbosity >= 4) {
-            LogMessageTo(stderr, "%sNo data read for callback\n", FailureHead().c_str());
+        } else if (data.options.verbosity >= 4) {
+            LogFailure("No data read for callback\n");
         }
     }
 }
 
 int AwaitRoom(const FtpConnection& data) {
-    const int events = PollOne(data.socket, POLLOUT);
+    const int events = PollSocket(data.socket, POLLOUT);
     if (events < 0)
         return ReportPoll();
     if (events > 0)
         return 0;
-    LogMessageTo(stderr, "%spoll(): timedout on data write after %.2fs\n", FailureHead().c_str(), PollSeconds);
+    LogFailure("poll(): timedout on data write after %.2fs\n", PollSeconds);
     return -1;
 }
 
-// Writes all of `bytes`. Never blocks in the write itself: a peer that stops reading must end in the time-out. With
-// TCP_NODELAY alone the end of every block would leave in a small segment of its own; MSG_MORE joins it to the next
-// block, and the closing of the socket sends the last.
+// Writes all of `bytes`. Never blocks in the write itself: a peer that stops reading must end in the timeout. With
+// TCP_NODELAY alone the end of every block would be sent in a small segment of its own; MSG_MORE joins it to the next
+// block, and closing the socket sends the last one.
 int WriteData(const FtpConnection& data, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t count =
@@ -412,13 +294,11 @@ int WriteData(const FtpConnection& data, std::string_view bytes) {
             continue;
         }
         if (count < 0)
-            LogMessageTo(stderr, "%swrite(%s:%d): %s\n", FailureHead().c_str(), data.address_text.data(), Port(data),
-                         std::strerror(errno));
+            LogFailure("write(%s:%d): %s\n", Host(data), Port(data), std::strerror(errno));
         if (count <= 0)
             return -1;
-        if (RunSettings.verbosity >= 5)
-            LogMessageTo(stderr, "%swrite(%s:%d) %d bytes\n", FailureHead().c_str(), data.address_text.data(),
-                         Port(data), static_cast<int>(count));
+        if (data.options.verbosity >= 5)
+            LogFailure("write(%s:%d) %d bytes\n", Host(data), Port(data), static_cast<int>(count));
         bytes.remove_prefix(static_cast<std::size_t>(count));
     }
     return 0;
@@ -426,30 +306,30 @@ int WriteData(const FtpConnection& data, std::string_view bytes) {
 
 // Sends what the callback supplies. The socket stays open after a failure.
 int SendData(FtpConnection& data, const Transfer& transfer) {
-    if (RunSettings.verbosity >= 4)
-        LogMessage("writing to %s:%d\n", data.address_text.data(), Port(data));
+    if (data.options.verbosity >= 4)
+        LogMessage("writing to %s:%d\n", Host(data), Port(data));
     for (;;) {
         int count = TransferCapacity;
         if (transfer.send(transfer.argument, data.transfer_buffer.Data(), &count) != 0)
             return -1;
         if (count <= 0)
             return 0;
-        if (RunSettings.verbosity >= 5)
-            LogMessageTo(stderr, "%scallback gave us %d bytes\n", FailureHead().c_str(), count);
+        if (data.options.verbosity >= 5)
+            LogFailure("callback gave us %d bytes\n", count);
         if (WriteData(data, {data.transfer_buffer.Data(), static_cast<std::size_t>(count)}) != 0) {
-            LogMessageTo(stderr, "%swe didn't send everything\n", FailureHead().c_str());
+            LogFailure("we didn't send everything\n");
             return -1;
         }
     }
 }
 
-// Runs the whole transfer. Closing the socket is the end of file for a server that receives.
+// Runs the whole transfer. Closing the socket tells a receiving server that the file has ended.
 int RunTransfer(FtpConnection& control, const Transfer& transfer) {
     if (!IsControl(&control) || !HasDataRecord(&control))
         return -1;
     FtpConnection& data = *control.data;
     if (!data.socket.IsOpen()) {
-        LogMessageTo(stderr, "%sno client descriptor\n", FailureHead().c_str());
+        LogFailure("no client descriptor\n");
         return -1;
     }
     const int result = transfer.receive != nullptr ? ReceiveData(data, transfer) : SendData(data, transfer);
@@ -457,79 +337,24 @@ int RunTransfer(FtpConnection& control, const Transfer& transfer) {
     return result;
 }
 
-// Reads "h1,h2,h3,h4,p1,p2" of a 227 reply, as in "227 Entering Passive Mode (10,20,144,151,62,141).", into
-// the data record's address. The address text starts at the first digit that is not 0.
-int ParsePassiveReply(FtpConnection& data, const char* reply) {
-    data.address = {};
-    data.address.sin_family = AF_INET;
-    if (std::strncmp(reply, "227 ", 4) != 0) {
-        LogMessageTo(stderr, "%sbad PASV response\n", FailureHead().c_str());
-        return -1;
-    }
-    const char* from = std::strpbrk(reply + 4, "123456789");
-    if (from == nullptr) {
-        LogMessageTo(stderr, "%sPASV response without address\n", FailureHead().c_str());
-        return -1;
-    }
-    std::array<char, INET_ADDRSTRLEN + 1>& text = data.address_text;
-    std::size_t length = 0;
-    for (int commas = 0; *from != '\0' && length < INET_ADDRSTRLEN; ++from) {
-        if (*from == ',' && ++commas == 4)
-            break;
-        text[length++] = *from == ',' ? '.' : *from;
-    }
-    text[length] = '\0';
-    const int converted = ::inet_pton(AF_INET, text.data(), &data.address.sin_addr);
-    if (converted < 0) {
-        LogMessageTo(stderr, "%sPASV response address: %s\n", FailureHead().c_str(), std::strerror(errno));
-        return -1;
-    }
-    if (converted == 0 || *from != ',') {
-        LogMessageTo(stderr, "%sPASV response address invalid\n", FailureHead().c_str());
-        return -1;
-    }
-    const char* const first = from + 1;
-    char* end;
-    const unsigned long high = std::strtoul(first, &end, 10);
-    const bool first_read = end != first && *end == ',';
-    const char* const second = first_read ? end + 1 : end;
-    const unsigned long low = std::strtoul(second, &end, 10);
-    if (!first_read || end == second) {
-        LogMessageTo(stderr, "%sPASV response port invalid\n", FailureHead().c_str());
-        return -1;
-    }
-    data.address.sin_port = htons(static_cast<std::uint16_t>((high << 8) | low));
-    return 0;
-}
-
-// Sets one option to 1 and gives setsockopt's result.
-int SwitchOn(const Descriptor& socket, int level, int option) {
-    const int on = 1;
-    return ::setsockopt(socket.Get(), level, option, &on, sizeof on);
-}
-
 int ConnectData(FtpConnection& data) {
-    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, data.protocol));
+    Descriptor socket = OpenSocket(data.protocol);
     if (!socket.IsOpen()) {
-        LogMessageTo(stderr, "%ssocket(): %s\n", FailureHead().c_str(), std::strerror(errno));
+        LogFailure("socket(): %s\n", std::strerror(errno));
         return -1;
     }
     if (SwitchOn(socket, SOL_SOCKET, SO_REUSEADDR) != 0) {
-        LogMessageTo(stderr, "%ssetsockopt(, SOL_SOCKET, SO_REUSEADDR): %s\n", FailureHead().c_str(),
-                     std::strerror(errno));
+        LogFailure("setsockopt(, SOL_SOCKET, SO_REUSEADDR): %s\n", std::strerror(errno));
         return -1;
     }
     static_assert(IP_PMTUDISC_WANT == 1);
     if (SwitchOn(socket, SOL_IP, IP_MTU_DISCOVER) != 0)
-        LogMessageTo(stderr, "%ssetsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", FailureHead().c_str(), 1U,
-                     std::strerror(errno));
+        LogFailure("setsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", 1U, std::strerror(errno));
     if (SwitchOn(socket, SOL_TCP, TCP_NODELAY) != 0)
-        LogMessageTo(stderr, "%ssetsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", FailureHead().c_str(), 1U,
-                     std::strerror(errno));
+        LogFailure("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", 1U, std::strerror(errno));
     KeepUrgentDataInline(socket);
-    if (ConnectTo(socket, data.address) != 0) {
-        LogMessageTo(stderr, "%sconnect(, %s:%d): %s\n", FailureHead().c_str(), data.address_text.data(), Port(data),
-                     std::strerror(errno));
+    if (ConnectSocket(socket, data.peer.address) != 0) {
+        LogFailure("connect(, %s:%d): %s\n", Host(data), Port(data), std::strerror(errno));
         return -1;
     }
     data.socket = std::move(socket);
@@ -540,8 +365,11 @@ int OpenDataConnection(FtpConnection& control, const char* reply) {
     if (!HasDataRecord(&control))
         return -1;
     control.data->socket.Reset();
-    if (ParsePassiveReply(*control.data, reply) != 0)
+    const std::string fault = ParsePassiveReply(reply, control.data->peer);
+    if (!fault.empty()) {
+        LogFailure("%s\n", fault.c_str());
         return -1;
+    }
     return ConnectData(*control.data);
 }
 
@@ -553,8 +381,9 @@ constexpr std::size_t CommandCapacity = 4096;
 struct Exchange {
     FtpConnection& control;
     const Transfer& transfer;
-    std::span<char> reply;                     // the caller's, may be empty
-    std::array<char, ReplyCapacity> last{'1'}; // the last reply line; '1' in front: the final reply is to come
+    std::span<char> reply; // the caller's, may be empty
+    std::array<char, ReplyCapacity> last{
+        '1'}; // the last reply line; while it begins with '1' the final reply is to come
     int result = 0;
     std::int64_t waited = 0; // milliseconds without any event
 
@@ -563,8 +392,7 @@ struct Exchange {
     bool AwaitsReply() const { return last[0] == '1'; }
 };
 
-// What one pass waits for: the control socket while the final reply is awaited, the data socket while it is
-// open.
+// What one pass waits for: the control socket until the final reply, the data socket while it is open.
 struct PollSet {
     std::array<pollfd, 2> entries{{{-1, 0, 0}, {-1, 0, 0}}};
     std::size_t count = 0;
@@ -580,7 +408,7 @@ struct PollSet {
     }
 };
 
-// Ends the pass loop after both connections had to be given up.
+// Closes both connections. Returns -1, which ends the exchange.
 int AbandonConnections(Exchange& exchange) {
     if (exchange.control.data != nullptr)
         exchange.control.data->socket.Reset();
@@ -588,69 +416,68 @@ int AbandonConnections(Exchange& exchange) {
     return -1;
 }
 
-// Makes the transfer's data connection and buffer ready.
+// Prepares the transfer's data connection and buffer.
 int PrepareTransfer(FtpConnection& control) {
     if (!HasDataRecord(&control))
         return -1;
     FtpConnection& data = *control.data;
     if (!data.socket.IsOpen() && SendCommand(&control, "PASV") != 0) {
-        LogMessageTo(stderr, "%sPASV command failed\n", FailureHead().c_str());
+        LogFailure("PASV command failed\n");
         return -1;
     }
     if (!data.transfer_buffer && !data.transfer_buffer.Map(TransferCapacity)) {
-        LogMessageTo(stderr, "%smmap(, %u): %s\n", FailureHead().c_str(), static_cast<unsigned>(TransferCapacity),
-                     std::strerror(errno));
+        LogFailure("mmap(, %u): %s\n", static_cast<unsigned>(TransferCapacity), std::strerror(errno));
         return -1;
     }
     return 0;
 }
 
 int WriteCommand(FtpConnection& control, const char* command) {
-    if (std::strchr(command, '\n') != nullptr) { // what follows it would be a command of its own
-        LogMessageTo(stderr, "%scommand holds a line end\n", FailureHead().c_str());
+    if (std::strchr(command, '\n') != nullptr) { // what follows would be a command of its own
+        LogFailure("command holds a line end\n");
         return -1;
     }
     std::array<char, CommandCapacity> line{};
-    // The limit of 4095 is tested against the whole line, while one character less is kept: a line
-    // of just 4095 goes out with a zero byte for its LF.
+    // The limit of 4095 is tested against the whole line, while one character less is kept: a line of exactly 4095 is
+    // sent with a zero byte instead of its LF.
     const int length = std::snprintf(line.data(), line.size() - 1, "%s\r\n", command);
     if (length < 0 || static_cast<std::size_t>(length) > line.size() - 1) {
-        LogMessageTo(stderr, "%scommand too long\n", FailureHead().c_str());
+        LogFailure("command too long\n");
         return -1;
     }
     std::string_view rest(line.data(), static_cast<std::size_t>(length));
     while (!rest.empty()) {
         const ssize_t count = ::send(control.socket.Get(), rest.data(), rest.size(), MSG_NOSIGNAL);
         if (count < 0) {
-            LogMessageTo(stderr, "%swrite(%s:%d,, %d): %s\n", FailureHead().c_str(), control.address_text.data(),
-                         Port(control), static_cast<int>(rest.size()), std::strerror(errno));
+            LogFailure("write(%s:%d,, %d): %s\n", Host(control), Port(control), static_cast<int>(rest.size()),
+                       std::strerror(errno));
             FailControl(control);
             return -1;
         }
         rest.remove_prefix(static_cast<std::size_t>(count));
     }
-    if (RunSettings.verbosity >= 3)
+    if (control.options.verbosity >= 3)
         LogMessage("%s: sent command \"%s\"\n", ProgramName, command);
     return 0;
 }
 
 // Requires: a control socket that is open when the final reply is awaited.
 PollSet BuildPollSet(const Exchange& exchange) {
-    const bool verbose = RunSettings.verbosity >= 4;
+    const bool verbose = exchange.control.options.verbosity >= 4;
     PollSet set;
     if (exchange.AwaitsReply()) {
         set.control = set.Add(exchange.control.socket, POLLIN | POLLPRI);
         if (verbose)
-            LogMessageTo(stderr, "%s'%c': looking for completion reply\n", FailureHead().c_str(), exchange.last[0]);
+            LogFailure("'%c': looking for completion reply\n", exchange.last[0]);
     }
     if (!exchange.DataOpen())
         return set;
     const bool receiving = exchange.transfer.receive != nullptr;
     set.data = set.Add(exchange.control.data->socket, receiving ? POLLIN | POLLPRI : POLLOUT);
     if (verbose && receiving)
-        LogMessageTo(stderr, "%slooking for more data to read\n", FailureHead().c_str());
+        LogFailure("looking for more data to read\n");
     if (verbose && !receiving)
-        LogMessageTo(stderr, "%slooking for more data to write\n", FailureHead().c_str());
+        LogFailure("looking for more data to write\n");
     return set;
 }
 
@@ -659,8 +486,8 @@ void CopyReply(std::span<char> reply, const char* line) {
         strncpy(reply.data(), line, reply.size());
 }
 
-// Reads reply lines until none is left buffered; the last of them counts.
-void TakeReplies(Exchange& exchange) {
+// Reads reply lines until none is left in the buffer; the last one counts.
+void ConsumeReplies(Exchange& exchange) {
     do {
         const int kind = ReadReply(&exchange.control, exchange.last);
         if (kind < 0) {
@@ -673,46 +500,45 @@ void TakeReplies(Exchange& exchange) {
             if (exchange.last[0] != '1')
                 exchange.result = 1;
         }
-    } while (exchange.control.lines_held > 0);
+    } while (exchange.control.replies.Lines() > 0);
 }
 
-// A minute without an event. Gives -1 when a transfer's patience has run out.
+// A minute without an event. Returns -1 when a transfer has been silent for too long.
 int CountSilence(Exchange& exchange) {
     exchange.waited += PollMilliseconds;
-    LogMessageTo(stderr, "%spoll(): timedout after %.2fs (%.2fs)\n", FailureHead().c_str(), PollSeconds,
-                 static_cast<double>(exchange.waited) / 1000.0);
-    const bool exhausted = exchange.waited / PollMilliseconds >= RunSettings.timeout;
+    LogFailure("poll(): timedout after %.2fs (%.2fs)\n", PollSeconds, static_cast<double>(exchange.waited) / 1000.0);
+    const bool exhausted = exchange.waited / PollMilliseconds >= exchange.control.options.timeout;
     return exchange.HasTransfer() && exhausted ? AbandonConnections(exchange) : 0;
 }
 
-// What the events of one pass ask for. Gives -1 when the exchange is over.
+// Handles the events of one pass. Returns -1 when the exchange is over.
 int HandleEvents(Exchange& exchange, const PollSet& set) {
     const int on_control = set.Events(set.control);
     const int on_data = set.Events(set.data);
     if ((on_control & (POLLIN | POLLPRI)) != 0)
-        TakeReplies(exchange);
+        ConsumeReplies(exchange);
     if (on_data != 0 && RunTransfer(exchange.control, exchange.transfer) != 0 && exchange.result == 0)
         exchange.result = -1;
     if (((on_control | on_data) & ~(POLLIN | POLLPRI | POLLOUT)) != 0) {
-        LogMessageTo(stderr, "%spoll(): revents: 0x%X, 0x%X\n", FailureHead().c_str(),
-                     static_cast<unsigned>(set.Events(0)), static_cast<unsigned>(set.Events(1)));
+        LogFailure("poll(): revents: 0x%X, 0x%X\n", static_cast<unsigned>(set.Events(0)),
+                   static_cast<unsigned>(set.Events(1)));
         return AbandonConnections(exchange);
     }
     exchange.waited = 0;
     return 0;
 }
 
-// Waits until the final reply is in and the data connection closed; gives the result, as SendCommand does.
+// Waits for the final reply and the end of the data connection. Returns the result of SendCommand.
 int AwaitCompletion(Exchange& exchange) {
     do {
         if (exchange.AwaitsReply() && !exchange.control.socket.IsOpen()) {
-            LogMessageTo(stderr, "%scontrol connection gone\n", FailureHead().c_str());
-            return AbortToCheckpoint(exchange.control.owner);
+            LogFailure("control connection gone\n");
+            return CallBroken(exchange.control);
         }
         PollSet set = BuildPollSet(exchange);
         if (set.count == 0)
             break;
-        const int events = Poll({set.entries.data(), set.count});
+        const int events = PollSockets({set.entries.data(), set.count});
         if (events < 0)
             return ReportPoll();
         if ((events == 0 ? CountSilence(exchange) : HandleEvents(exchange, set)) != 0)
@@ -734,11 +560,11 @@ int SendCommand(FtpConnection* control, const char* command, std::span<char> rep
     const int result = AwaitCompletion(exchange);
     if (result != 0)
         return result;
-    if (::strcasecmp(command, "PASV") == 0 && OpenDataConnection(*control, exchange.last.data()) != 0) {
-        LogMessageTo(stderr, "%scan't connect data port\n", FailureHead().c_str());
+    if (EqualsIgnoringCase(command, "PASV") && OpenDataConnection(*control, exchange.last.data()) != 0) {
+        LogFailure("can't connect data port\n");
         return -1;
     }
-    if (::strcasecmp(command, "SYST") == 0)
+    if (EqualsIgnoringCase(command, "SYST"))
         CopyReply(reply, exchange.last.data());
     return 0;
 }

@@ -40,7 +40,7 @@ std::uint32_t ThreadIdentity() {
 }
 
 // Requires: LogLock is held.
-std::uint32_t AppendEntry(std::uint32_t number) {
+std::uint32_t AddEntry(std::uint32_t number) {
     Registry().entries.push_back({number, ThreadIdentity()});
     ++Registry().count;
     return number;
@@ -51,7 +51,7 @@ std::uint32_t ThreadNumber(std::uint32_t identity) {
     for (const RegistryEntry& entry : Registry().entries)
         if (entry.identity == identity)
             return entry.number;
-    return AppendEntry(Registry().count);
+    return AddEntry(Registry().count);
 }
 
 // Requires: LogLock is held.
@@ -94,7 +94,7 @@ void LogMessageTo(std::FILE* stream, const char* format, ...) {
 std::uint32_t RegisterThread(int number) {
     const std::lock_guard<std::mutex> lock(LogLock);
     RemoveEntry(ThreadIdentity());
-    return AppendEntry(number == -1 ? Registry().count : static_cast<std::uint32_t>(number));
+    return AddEntry(number == -1 ? Registry().count : static_cast<std::uint32_t>(number));
 }
 
 void ClearThreadRegistry() {
@@ -102,61 +102,37 @@ void ClearThreadRegistry() {
     Registry() = ThreadRegistry{};
 }
 
-// Texts of messages
+// Failure messages
 
-namespace {
-
-// Leaves errno alone, which most callers quote in the same message.
-std::string Head(SourcePlace place, const char* separator, const char* end) {
-    const int error = errno;
-    const char* slash = std::strrchr(place.file, '/');
-    const char* name = slash != nullptr ? slash + 1 : place.file;
-    std::string head = std::string(ProgramName) + "[" + name + separator + std::to_string(place.line) + end;
-    errno = error;
-    return head;
+const char* SourceLocation::Module() const {
+    const char* const slash = std::strrchr(file, '/');
+    return slash != nullptr ? slash + 1 : file;
 }
 
-} // namespace
-
-std::string FailureHead(SourcePlace place) {
-    return Head(place, ",", "]: ");
+void LogFailureAt(SourceLocation place, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = FormatArguments(format, arguments);
+    va_end(arguments);
+    LogMessageTo(stderr, "%s[%s,%d]: %s", ProgramName, place.Module(), place.line, text.c_str());
 }
 
-std::string ColonFailureHead(SourcePlace place) {
-    return Head(place, ":", "] : ");
+void LogError(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = FormatArguments(format, arguments);
+    va_end(arguments);
+    LogMessageTo(stderr, "%s: %s", ProgramName, text.c_str());
 }
 
 double SecondsNow() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-namespace {
-
-constexpr int LargestUnit = 3;
-
-ScaledAmount Scale(double amount, double limit, double step) {
-    ScaledAmount scaled{amount, 0};
-    while (scaled.value > limit && scaled.unit < LargestUnit) {
-        scaled.value /= step;
-        ++scaled.unit;
-    }
-    return scaled;
-}
-
-} // namespace
-
-ScaledAmount ScaleDecimal(double amount) {
-    return Scale(amount, 2000, 1000);
-}
-
-ScaledAmount ScaleBinary(double amount) {
-    return Scale(amount, 2048, 1024);
-}
-
-bool IsWritten(std::FILE* stream, const char* name, SourcePlace place) {
-    errno = EIO; // a failure further back has left no other reason
+bool IsWritten(std::FILE* stream, const char* name, SourceLocation place) {
+    errno = EIO; // stays when an earlier write failed: its own reason is lost
     if (stream == nullptr || (std::fflush(stream) == 0 && std::ferror(stream) == 0))
         return true;
-    LogMessageTo(stderr, "%swrite(%s): %s\n", FailureHead(place).c_str(), name, std::strerror(errno));
+    LogFailureAt(place, "write(%s): %s\n", name, std::strerror(errno));
     return false;
 }

@@ -1,7 +1,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <cstdarg>
 
 namespace {
 
@@ -62,16 +61,21 @@ bool ConsumePrefixIgnoringCase(std::string_view& text, std::string_view prefix) 
     return true;
 }
 
-std::string FormatText(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
+std::string FormatArguments(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    va_end(arguments);
     std::string text(static_cast<std::size_t>(std::max(length, 0)), '\0');
     std::vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
+    return text;
+}
+
+std::string FormatText(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::string text = FormatArguments(format, arguments);
+    va_end(arguments);
     return text;
 }
 

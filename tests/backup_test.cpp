@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "backup_plan.h"
 #include "listing.h"
 #include "test_support.h"
 
@@ -148,9 +149,9 @@ TEST(Listing, LinesThatFail) {
 // The listing callback
 
 struct Listing {
-    FreshSettings fresh;
+    Settings settings;
     ObjectTree root = NewDirectoryNode(nullptr, "/", 0, 0, {});
-    ListingContext context;
+    ListingContext context{settings};
 
     // Lists in these chunks into a root, or into a directory below it.
     std::string List(const std::string& name, bool is_root, const std::vector<std::string>& chunks) {
@@ -201,7 +202,8 @@ TEST(ListingCallback, AnOddLineCostsOneEntryAndMarksTheDirectory) {
 
 TEST(ListingCallback, EndsTheProgramForAnEndlessLine) {
     const auto feed = [](std::string chunk, const std::string& carry) {
-        ListingContext context;
+        const Settings settings;
+        ListingContext context{settings};
         context.carry = carry;
         int length = static_cast<int>(chunk.size());
         ListingCallback(&context, chunk.data(), &length);
@@ -227,11 +229,10 @@ TEST(ListingCallback, PlacesByTheDirectoryListed) {
     EXPECT_EQ(Listing().List("/QSYS.LIB", false, {libraries}), "/A.LIB ");
     EXPECT_EQ(Listing().List("/QSYS.LIB/A*", true, {libraries}), "/QSYS.LIB/A.LIB ");
     Listing dated;
-    RunSettings.cutoff = true;
-    RunSettings.cutoff_time = 0;
+    dated.settings.cutoff = 0;
     EXPECT_EQ(dated.List("/QSYS.LIB", false, {libraries}), "/A.LIB/ ");
     Listing named; // a library named by an include path is one object all the same
-    RunSettings.cutoff = true;
+    named.settings.cutoff = 0;
     EXPECT_EQ(named.List("/QSYS.LIB/A*", true, {libraries}), "/QSYS.LIB/A.LIB ");
 }
 
@@ -239,8 +240,8 @@ TEST(ListingCallback, ExcludesAndCutsOff) {
     const TempDir temp;
     WriteFile(temp / "exclude", "/d/no\n//top\n");
     Listing listing;
-    RunSettings.exclude.reset(std::fopen((temp / "exclude").c_str(), "r"));
-    RunSettings.verbosity = 1;
+    listing.settings.exclude.reset(std::fopen((temp / "exclude").c_str(), "r"));
+    listing.settings.transport.verbosity = 1;
     EXPECT_EQ(listing.List("/d", false, {File + "no\r\n" + File + "yes\r\n"}), "vondral: /d/no: excluded\n/yes ");
     EXPECT_TRUE(listing.root->first_dir->partial);
     EXPECT_EQ(listing.context.path, "/d");
@@ -250,9 +251,8 @@ TEST(ListingCallback, ExcludesAndCutsOff) {
     EXPECT_EQ(listing.List("/", true, {File + "top\r\n"}), "vondral: //top: excluded\n/d/! ");
 
     Listing dated;
-    RunSettings.cutoff = true;
-    RunSettings.cutoff_time = 1230900000; // 2 January 2009, about noon
-    RunSettings.verbosity = 1;
+    dated.settings.cutoff = 1230900000; // 2 January 2009, about noon
+    dated.settings.transport.verbosity = 1;
     EXPECT_EQ(
         dated.List("/d", false, {File + "old\r\n" + Dir + "olddir\r\n" + "-rw-r--r-- 1 A B 3 Jan 4 2009 new\r\n"}),
         "vondral: excluding /old since it's older than given time\n/olddir/ /new ");
@@ -261,20 +261,20 @@ TEST(ListingCallback, ExcludesAndCutsOff) {
 
 // The backup list
 
-std::string Placed(const KindTrees& trees) {
+std::string Placed(const ObjectNode& root, const PlanOptions& options) {
+    const BackupPlan plan = BuildBackupPlan(root, options);
     std::string placed;
-    for (const ObjectTree& tree : trees) {
+    for (const ObjectTree& tree : plan.trees) {
         for (const ObjectNode* dir = tree->first_dir.get(); dir != nullptr; dir = dir->next.get())
             placed += dir->name + "/ ";
         for (const ObjectFile* file = tree->first_file.get(); file != nullptr; file = file->next.get())
             placed += file->name + " ";
         placed += "| ";
     }
-    return placed;
+    return placed + std::to_string(plan.objects_found);
 }
 
-TEST(BackupList, SortsByKindAndDecidesWhatIsOneUnit) {
-    const FreshSettings fresh;
+TEST(BackupPlan, SortsByKindAndDecidesWhatIsOneUnit) {
     const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
     AppendFile(*root, "/Security Data", 0100600, 0, {});
     AppendFile(*root, "/QDLS", 0100755, 0, {});
@@ -286,19 +286,18 @@ TEST(BackupList, SortsByKindAndDecidesWhatIsOneUnit) {
     AppendFile(home, "/g", 0100644, 1, {});
     AppendDirectory(home, "/empty", 040755, 10, {});
     ReleaseName(AppendDirectory(*root, "/gone", 040755, 0, {}));
-    EXPECT_EQ(Placed(BuildBackupList(*root)), "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/ | ");
-    RunSettings.max_block_size = 130; // all of /home is larger
-    EXPECT_EQ(Placed(BuildBackupList(*root)),
-              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/a/ /home/empty/ /home/g | ");
-    RunSettings.max_block_size = 0;
-    EXPECT_EQ(Placed(BuildBackupList(*root)),
-              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/empty/ /home/g /home/a/f | ");
-    RunSettings.cutoff = true; // what holds nothing new is left out
-    EXPECT_EQ(Placed(BuildBackupList(*root)), "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/g /home/a/f | ");
+    constexpr std::uint64_t all = UINT64_MAX;
+    EXPECT_EQ(Placed(*root, {all}), "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/ | 5");
+    EXPECT_EQ(Placed(*root, {130}), // all of /home is larger
+              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/a/ /home/empty/ /home/g | 5");
+    EXPECT_EQ(Placed(*root, {0}), "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/empty/ /home/g /home/a/f | 5");
+    EXPECT_EQ(Placed(*root, {0, true}), // what contains nothing new is left out
+              "/Security Data | /QDLS | /QSYS.LIB/A.LIB | /home/g /home/a/f | 5");
     ObjectNode& dated = AppendDirectory(libraries, "/B.LIB", 0100755, 0, {});
     AppendDirectory(libraries, "/C.LIB", 0100755, 0, {});
     AppendFile(dated, "/X.FILE", 0100755, 0, {});
-    EXPECT_TRUE(Holds(Placed(BuildBackupList(*root)), "| /QSYS.LIB/A.LIB /QSYS.LIB/B.LIB | "));
+    EXPECT_EQ(Placed(*root, {0, true}),
+              "/Security Data | /QDLS | /QSYS.LIB/A.LIB /QSYS.LIB/B.LIB | /home/g /home/a/f | 5");
 }
 
 // Writing the archive
@@ -307,9 +306,8 @@ TEST(ArchiveWriter, WritesWholeBlocksHoweverTheDataCome) {
     for (const std::vector<int>& pieces :
          {std::vector<int>{700, 300}, {1024}, {1, 510, 1, 513}, {511}, {512}, {65536, 100}, {3, 65536, 65536}}) {
         const TempDir temp;
-        ArchiveWriter writer;
-        const Descriptor file(::open((temp / "a").c_str(), O_RDWR | O_CREAT, 0600));
-        writer.descriptor = file.Get();
+        ArchiveFile archive{Descriptor(::open((temp / "a").c_str(), O_RDWR | O_CREAT, 0600)), {}};
+        ArchiveWriter writer{archive};
         std::string sent;
         for (const int piece : pieces) {
             std::string data(static_cast<std::size_t>(piece), static_cast<char>('a' + piece % 26));
@@ -322,14 +320,12 @@ TEST(ArchiveWriter, WritesWholeBlocksHoweverTheDataCome) {
         EXPECT_EQ(ReadFile(temp / "a"), sent.substr(0, whole));
         EXPECT_EQ(writer.bytes, static_cast<std::int64_t>(whole));
         EXPECT_EQ(std::string(writer.block.data(), static_cast<std::size_t>(writer.pending)), sent.substr(whole));
-        EXPECT_EQ(writer.calls, pieces.size());
     }
 }
 
 TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
-    ArchiveWriter writer;
-    const Descriptor full(::open("/dev/full", O_WRONLY));
-    writer.descriptor = full.Get();
+    ArchiveFile archive{Descriptor(::open("/dev/full", O_WRONLY)), {}};
+    ArchiveWriter writer{archive};
     std::string data(1000, 'x');
     int count = 1000;
     Capture capture;
@@ -349,8 +345,9 @@ TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     EXPECT_EQ(writer.bytes, 0);
     Capture missing;
     EXPECT_EQ(ArchiveWriteCallback(nullptr, data.data(), &count), -1);
-    EXPECT_EQ(TruncateArchive(-1, 0), -1);
-    EXPECT_EQ(missing.Take(), "vondral[backup.cpp]: bad argument\nvondral[backup.cpp]: lseek(): Bad file descriptor\n");
+    EXPECT_EQ(missing.Take(), "vondral[backup.cpp]: bad argument\n");
+    archive.descriptor.Reset();
+    EXPECT_EQ(DescribeFailure(CutBack(archive, 0).at(0)), "lseek(): Bad file descriptor");
 }
 
 } // namespace

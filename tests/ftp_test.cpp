@@ -14,14 +14,13 @@ TEST(Commands, QuotesAreDoubledUpToTheLimit) {
     EXPECT_EQ(QuoteForCL(std::string(4092, 'x') + "''").size(), 4094U);
 }
 
-std::string SaveCommand(const std::string& path) {
+std::string SaveCommand(const std::string& path, const SaveOptions& options = {}) {
     ObjectFile object;
     object.name = path;
-    return SaveMemberFor(path).build(object, 2).value_or("refused");
+    return SaveMemberFor(path).build(object, 2, options).value_or("refused");
 }
 
 TEST(Commands, SaveCommandsInFull) {
-    const FreshSettings fresh;
     EXPECT_EQ(SaveCommand("/home/o'brien/"), "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV2.FILE') "
                                              "OBJ(('\"/home/o''brien\"')) SUBTREE(*ALL) PRECHK(*YES) "
                                              "UPDHST(*NO) SAVACT(*YES)");
@@ -29,15 +28,11 @@ TEST(Commands, SaveCommandsInFull) {
               "RCMD SAVLIB LIB(MYLIB) DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*YES) UPDHST(*NO) SAVACT(*SYNCLIB) "
               "SAVACTWAIT(120) ACCPTH(*YES)");
     EXPECT_EQ(SaveCommand("/QDLS"), "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV2) SAVACT(*YES)");
-    RunSettings.precheck = false;
-    RunSettings.wait = "*NOMAX";
-    RunSettings.cutoff = true;
-    RunSettings.cutoff_date = "01/02/09";
-    RunSettings.cutoff_clock = "03:04:05";
-    EXPECT_EQ(SaveCommand("/Security Data"), "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
-    EXPECT_EQ(SaveCommand("/System Configuration"), "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
-    EXPECT_TRUE(SaveCommand("/x").ends_with("SAVACT(*YES) CHGPERIOD('01/02/09' '03:04:05')"));
-    EXPECT_TRUE(SaveCommand("/QSYS.LIB/L.LIB").ends_with("SAVACTWAIT(*NOMAX) ACCPTH(*YES)"));
+    const SaveOptions set{false, "*NOMAX", "01/02/09", "03:04:05"};
+    EXPECT_EQ(SaveCommand("/Security Data", set), "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
+    EXPECT_EQ(SaveCommand("/System Configuration", set), "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
+    EXPECT_TRUE(SaveCommand("/x", set).ends_with("SAVACT(*YES) CHGPERIOD('01/02/09' '03:04:05')"));
+    EXPECT_TRUE(SaveCommand("/QSYS.LIB/L.LIB", set).ends_with("SAVACTWAIT(*NOMAX) ACCPTH(*YES)"));
     EXPECT_EQ(SaveCommand("/QSYS.LIB/X.FILE"), "refused");
 }
 
@@ -81,19 +76,16 @@ TEST(Commands, RestoreCommandsInFull) {
     const StringPair moved{"/home/it's", "/tmp/new"};
     const StringList omissions{{"/home/it's/a", std::nullopt}, {"/home/it's/b", "ignored"}};
     const RestoreMember& rst = RestoreMemberFor("/home");
-    ServerRelease = 0;
-    EXPECT_EQ(rst.build(moved, omissions),
+    EXPECT_EQ(rst.build(moved, omissions, Release::V5R3M0),
               "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home/it''s\"' *INCLUDE '\"/tmp/new\"') "
               "('\"/home/it''s/a\"' *OMIT) ('\"/home/it''s/b\"' *OMIT)) SUBTREE(*ALL) ALWOBJDIF(*ALL)");
-    ServerRelease = 2;
-    EXPECT_EQ(rst.build({"/home", std::nullopt}, {}),
+    EXPECT_EQ(rst.build({"/home", std::nullopt}, {}, Release::V5R4M0),
               "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home\"')) SUBTREE(*ALL) ALWOBJDIF(*ALL) "
               "CRTPRNDIR(*Yes)");
-    ServerRelease = 0;
     const RestoreMember& rstlib = RestoreMemberFor("/QSYS.LIB/A.LIB");
-    EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", std::nullopt}, {}),
+    EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", std::nullopt}, {}, Release::Other),
               "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(*SAVLIB) MBROPT(*ALL) ALWOBJDIF(*ALL)");
-    EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", "/QSYS.LIB/B"}, {}),
+    EXPECT_EQ(rstlib.build({"/QSYS.LIB/A", "/QSYS.LIB/B"}, {}, Release::Other),
               "RCMD RSTLIB SAVLIB(A) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(B) MBROPT(*ALL) ALWOBJDIF(*ALL)");
 }
 
@@ -143,24 +135,24 @@ TEST(Login, RecordsTheReleaseAndForgivesTrouble) {
     struct Row {
         const char* syst; // "" leaves the server's own
         const char* release;
-        int expected;
+        Release expected;
         const char* messages;
     };
-    for (const Row& row : {Row{"", "V5R3M0", 1, ""},
-                           {"", "V5R4M0", 2, ""},
-                           {"", "V5R4M0X", 0, ""},
-                           {"500 what", "V5R4M0", 7, "vondral[ftp.cpp]: SYST command failed\n"},
-                           {"215 UNIX", "V5R4M0", 7, "vondral[ftp.cpp]: invalid SYST reply\n"},
-                           {"215 \"V5R4M0", "V5R4M0", 7, "vondral[ftp.cpp]: invalid SYST reply\n"}}) {
+    for (const Row& row : {Row{"", "V5R3M0", Release::V5R3M0, ""},
+                           {"", "V5R4M0", Release::V5R4M0, ""},
+                           {"", "V5R4M0X", Release::Other, ""},
+                           {"500 what", "V5R4M0", Release::V5R3M0, "vondral[ftp.cpp]: SYST command failed\n"},
+                           {"215 UNIX", "V5R4M0", Release::V5R3M0, "vondral[ftp.cpp]: invalid SYST reply\n"},
+                           {"215 \"V5R4M0", "V5R4M0", Release::V5R3M0, "vondral[ftp.cpp]: invalid SYST reply\n"}}) {
         std::vector<rehearsal::Fault> faults;
         if (*row.syst != '\0')
             faults.push_back(Replace("SYST", row.syst));
         Session session(faults, row.release);
-        ServerRelease = 7;
+        session.session->release = Release::V5R3M0; // of an earlier login
         Capture capture;
         EXPECT_EQ(session.LogIn(), 0);
         EXPECT_EQ(capture.Take(), row.messages);
-        EXPECT_EQ(ServerRelease, row.expected) << row.syst << row.release;
+        EXPECT_EQ(session.session->release, row.expected) << row.syst << row.release;
     }
     Session session({Replace("TIME", "501 no")});
     Capture capture;

@@ -37,13 +37,14 @@ std::string Fed(const std::string& archive, std::int64_t size, From from, std::i
                 EXPECT_GT(::write(out, archive.data() + at, std::min<std::size_t>(700, archive.size() - at)), 0);
         });
     }
-    ArchiveReader reader{input.Get(), 0, size, size};
+    RestoredEntry entry{{}, "the archive"};
+    BeginEntryData(entry.data, input.Get(), size);
     if (from == From::FileAhead)
-        reader.ahead.Begin(input.Get(), (size + 511) / 512 * 512);
+        entry.data.ahead.Begin(input.Get(), (size + 511) / 512 * 512);
     std::string fed;
     std::vector<char> buffer(65536);
     for (int count = 65536;; count = 65536) {
-        EXPECT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count), 0);
+        EXPECT_EQ(ArchiveReadCallback(&entry, buffer.data(), &count), 0);
         if (count <= 0)
             break;
         fed.append(buffer.data(), static_cast<std::size_t>(count));
@@ -54,7 +55,7 @@ std::string Fed(const std::string& archive, std::int64_t size, From from, std::i
     }
     if (feeder.joinable())
         feeder.join();
-    left = reader.left;
+    left = entry.data.left;
     return fed;
 }
 
@@ -78,12 +79,11 @@ TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
 }
 
 TEST(ArchiveReader, FailedReadsAreReported) {
-    const FreshSettings fresh;
-    RunSettings.restore_path = "the archive";
-    ArchiveReader reader{-1, 0, 10, 10};
+    RestoredEntry entry{{}, "the archive"};
+    BeginEntryData(entry.data, -1, 10);
     int count = 65536;
     Capture capture;
-    EXPECT_EQ(ArchiveReadCallback(&reader, nullptr, &count), -1);
+    EXPECT_EQ(ArchiveReadCallback(&entry, nullptr, &count), -1);
     EXPECT_EQ(ArchiveReadCallback(nullptr, nullptr, &count), -1);
     EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Bad file descriptor\n"
                               "vondral[restore.cpp]: bad argument\n");
@@ -96,49 +96,54 @@ TEST(ReadAhead, LeavesOddRequestsToTheCaller) {
     const Descriptor file(::open((temp / "a").c_str(), O_RDONLY));
     std::vector<char> buffer(65536);
     ReadAhead whole;
-    EXPECT_FALSE(whole.Take(buffer.data(), buffer.size()));
+    EXPECT_FALSE(whole.Deliver(buffer.data(), buffer.size()));
     whole.Begin(file.Get(), 2 << 20);
     for (int i = 0; i < 20; ++i)
-        ASSERT_TRUE(whole.Take(buffer.data(), buffer.size()));
+        ASSERT_TRUE(whole.Deliver(buffer.data(), buffer.size()));
     EXPECT_EQ(std::memcmp(buffer.data(), bytes.data() + 19 * 65536, 65536), 0);
-    EXPECT_FALSE(whole.Take(buffer.data(), 512));
-    EXPECT_FALSE(whole.Take(buffer.data(), buffer.size())); // it has ended
+    EXPECT_FALSE(whole.Deliver(buffer.data(), 512));
+    EXPECT_FALSE(whole.Deliver(buffer.data(), buffer.size())); // it has ended
     EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 20 * 65536);
     ReadAhead left; // its readers wait for room when it goes
     left.Begin(file.Get(), ReadAhead::Shortest);
     ReadAhead none;
     none.Begin(file.Get(), ReadAhead::Shortest - 1);
-    EXPECT_FALSE(none.Take(buffer.data(), buffer.size()));
+    EXPECT_FALSE(none.Deliver(buffer.data(), buffer.size()));
+}
+
+// Skips in an archive; "ok", or what failed.
+std::string Skipped(int descriptor, std::int64_t count) {
+    std::vector<SkipFailure> failures;
+    std::string said = SkipArchive(descriptor, count, failures) ? "ok" : "failed";
+    for (const SkipFailure& failure : failures)
+        said += "; " + DescribeFailure(failure);
+    return said;
 }
 
 TEST(Skip, SeeksInFilesAndReadsPipes) {
     const TempDir temp;
     WriteFile(temp / "a", std::string(2048, 'x'));
     const Descriptor file(::open((temp / "a").c_str(), O_RDONLY));
-    EXPECT_EQ(SkipArchiveData(file.Get(), 513), 0);
+    EXPECT_EQ(Skipped(file.Get(), 513), "ok");
     EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 1024);
-    EXPECT_EQ(SkipArchiveData(file.Get(), -200), 0); // what an upload took too much is no step back
+    EXPECT_EQ(Skipped(file.Get(), -200), "ok"); // what an upload took too much is no step back
     EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 1024);
 
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     const Descriptor out(ends[0]);
     const Descriptor in(ends[1]);
-    Capture capture;
     ASSERT_EQ(::write(in.Get(), std::string(20000, 'x').data(), 20000), 20000);
-    EXPECT_EQ(SkipArchiveData(out.Get(), 10000), 0); // 10240 with padding
+    EXPECT_EQ(Skipped(out.Get(), 10000), "ok"); // 10240 with padding
     std::string rest(20000, '\0');
     EXPECT_EQ(::read(out.Get(), rest.data(), rest.size()), 20000 - 10240);
     ASSERT_EQ(::write(in.Get(), "12345", 5), 5);
     Descriptor closed(::dup(in.Get()));
     closed.Reset();
     const_cast<Descriptor&>(in).Reset();
-    EXPECT_EQ(SkipArchiveData(out.Get(), 1024), -1);
-    EXPECT_EQ(SkipArchiveData(-1, 512), -1);
-    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: didn't finish consuming 0x3FB bytes\n"
-                              "vondral[restore.cpp]: lseek64(, 0x200,, SEEK_CUR): Bad file descriptor\n"
-                              "vondral[restore.cpp]: read(list, 512): Bad file descriptor\n"
-                              "vondral[restore.cpp]: didn't finish consuming 0x200 bytes\n");
+    EXPECT_EQ(Skipped(out.Get(), 1024), "failed; didn't finish consuming 0x3FB bytes");
+    EXPECT_EQ(Skipped(-1, 512), "failed; lseek64(, 0x200,, SEEK_CUR): Bad file descriptor; "
+                                "read(list, 512): Bad file descriptor; didn't finish consuming 0x200 bytes");
 }
 
 } // namespace

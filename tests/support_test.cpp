@@ -1,5 +1,8 @@
 #include <thread>
 
+#include <gmock/gmock.h>
+
+#include "run_report.h"
 #include "support.h"
 #include "test_support.h"
 
@@ -39,10 +42,16 @@ TEST(Log, LinesOfThreadsNeverMix) {
     EXPECT_EQ(Messages(testing::internal::GetCapturedStdout()), expected);
 }
 
-TEST(Text, HeadNamesProgramModuleAndLine) {
-    const std::string line = std::to_string(__LINE__ + 1);
-    EXPECT_EQ(FailureHead(), std::string(ProgramName) + "[support_test.cpp," + line + "]: ");
-    EXPECT_EQ(ColonFailureHead({"a/b.cpp", 7}), std::string(ProgramName) + "[b.cpp:7] : ");
+TEST(Log, FailuresNameProgramModuleAndLine) {
+    testing::internal::CaptureStderr();
+    LogFailure("%s: %d\n", "text", 7);
+    const std::string line = std::to_string(__LINE__ - 1);
+    LogFailureAt({"a/b.cpp", 12}, "x\n");
+    LogError("y\n");
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_THAT(log, testing::HasSubstr("] vondral[support_test.cpp," + line + "]: text: 7\n"));
+    EXPECT_THAT(log, testing::HasSubstr("] vondral[b.cpp,12]: x\n"));
+    EXPECT_THAT(log, testing::EndsWith("] vondral: y\n"));
 }
 
 TEST(Text, AmountsChangeUnitsAboveTheLimitOnly) {

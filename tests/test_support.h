@@ -13,7 +13,8 @@
 #include <sys/types.h>
 
 #include "rehearsal.h"
-#include "settings.h"
+#include "resources.h"
+#include "text.h"
 
 // A directory of its own for one test, gone with it.
 class TempDir {
@@ -41,12 +42,6 @@ public:
     Capture();
     // Both streams' messages, those of standard error first.
     std::string Take();
-};
-
-// Settings as a run without options has them, for as long as it stands.
-struct FreshSettings {
-    FreshSettings() { RunSettings = Settings{}; }
-    ~FreshSettings() { RunSettings = Settings{}; }
 };
 
 // One finished run of the program.

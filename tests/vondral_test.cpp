@@ -15,7 +15,7 @@ namespace {
 // The command line
 
 struct CommandLine {
-    FreshSettings fresh;
+    Settings settings;
     int result = 0;
     std::string messages;
     std::vector<std::string> words;
@@ -27,7 +27,7 @@ struct CommandLine {
             vector.push_back(word.data());
         vector.push_back(nullptr);
         Capture capture;
-        result = ParseCommandLine(static_cast<int>(words.size()), vector.data());
+        result = ParseCommandLine(static_cast<int>(words.size()), vector.data(), settings);
         messages = capture.Take();
     }
     // The messages before the usage text.
@@ -69,42 +69,42 @@ TEST(Options, Values) {
     ::setenv("TZ", "UTC", 1);
     struct Row {
         std::vector<std::string> words;
-        bool (*holds)();
+        bool (*holds)(const Settings&);
     };
     for (const Row& row : {
-             Row{{"-v", "-v"}, [] { return RunSettings.verbosity == 2; }},
-             {{"-v", "-v5"}, [] { return RunSettings.verbosity == 5; }},
-             {{"--verbose=0x3"}, [] { return RunSettings.verbosity == 3; }},
-             {{"-w", "-1"}, [] { return RunSettings.wait == "*NOMAX"; }},
-             {{"-w", "12abc"}, [] { return RunSettings.wait == "12abc"; }},
-             {{"-w", "0"}, [] { return RunSettings.wait == "0"; }},
-             {{"-z", "99999"}, [] { return RunSettings.timeout == 99999; }},
-             {{"-p", "no"}, [] { return !RunSettings.precheck; }},
-             {{"-p", "Yes"}, [] { return RunSettings.precheck; }},
-             {{"-p", ""}, [] { return !RunSettings.precheck; }},
-             {{"-x", "0"}, [] { return !RunSettings.threading; }},
-             {{"-x", "1"}, [] { return RunSettings.threading; }},
-             {{"-m", "0x10"}, [] { return RunSettings.max_block_size == 16; }},
-             {{"-m", "010"}, [] { return RunSettings.max_block_size == 8; }},
-             {{}, [] { return RunSettings.max_block_size == UINT64_MAX && RunSettings.precheck; }},
+             Row{{"-v", "-v"}, [](const Settings& s) { return s.transport.verbosity == 2; }},
+             {{"-v", "-v5"}, [](const Settings& s) { return s.transport.verbosity == 5; }},
+             {{"--verbose=0x3"}, [](const Settings& s) { return s.transport.verbosity == 3; }},
+             {{"-w", "-1"}, [](const Settings& s) { return s.save.wait == "*NOMAX"; }},
+             {{"-w", "12abc"}, [](const Settings& s) { return s.save.wait == "12abc"; }},
+             {{"-w", "0"}, [](const Settings& s) { return s.save.wait == "0"; }},
+             {{"-z", "99999"}, [](const Settings& s) { return s.transport.timeout == 99999; }},
+             {{"-p", "no"}, [](const Settings& s) { return !s.save.precheck; }},
+             {{"-p", "Yes"}, [](const Settings& s) { return s.save.precheck; }},
+             {{"-p", ""}, [](const Settings& s) { return !s.save.precheck; }},
+             {{"-x", "0"}, [](const Settings& s) { return !s.threading; }},
+             {{"-x", "1"}, [](const Settings& s) { return s.threading; }},
+             {{"-m", "0x10"}, [](const Settings& s) { return s.max_block_size == 16; }},
+             {{"-m", "010"}, [](const Settings& s) { return s.max_block_size == 8; }},
+             {{}, [](const Settings& s) { return s.max_block_size == UINT64_MAX && s.save.precheck; }},
              {{"-d", "86399"},
-              [] {
-                  return RunSettings.cutoff && RunSettings.cutoff_time == 86399 &&
-                         RunSettings.cutoff_date == "01/01/70" && RunSettings.cutoff_clock == "23:59:59";
+              [](const Settings& s) {
+                  return s.cutoff == 86399 && s.save.changed_date == "01/01/70" && s.save.changed_clock == "23:59:59";
               }},
-             {{"-t", "-t"}, [] { return RunSettings.test_count == 2; }},
+             {{"-t", "-t"}, [](const Settings& s) { return s.test_count == 2; }},
              {{"-b", "a", "-r", "-", "-b", "b"},
-              [] { return RunSettings.backup_path == "b" && RunSettings.restore_path == "-"; }},
+              [](const Settings& s) { return s.backup_path == "b" && s.restore_path == "-"; }},
          }) {
         const CommandLine line(row.words);
-        EXPECT_TRUE(row.holds()) << testing::PrintToString(row.words);
+        EXPECT_TRUE(row.holds(line.settings)) << testing::PrintToString(row.words);
     }
 }
 
 TEST(Options, AnUnexpectedResultIsReportedInTwoCalls) {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(HandleOption('~', nullptr), -1);
-    EXPECT_EQ(HandleOption(1, nullptr), -1);
+    Settings settings;
+    EXPECT_EQ(HandleOption('~', nullptr, settings), -1);
+    EXPECT_EQ(HandleOption(1, nullptr, settings), -1);
     const std::string log = testing::internal::GetCapturedStderr();
     ASSERT_EQ(log.size(), 2 * (17 + 19 + 17) + 2U + 5U) << log;
     EXPECT_EQ(Messages(log), "vondral: getopt(): ~\nvondral: getopt(): 0x01\n");
@@ -114,7 +114,6 @@ TEST(Options, AnUnexpectedResultIsReportedInTwoCalls) {
 // Credentials
 
 TEST(Credentials, EveryFormAndEveryRefusal) {
-    const FreshSettings fresh;
     const TempDir temp;
     const std::string file = (temp / "pass").string();
     ::setenv("VONDRAL_TEST_SECRET", "from env", 1);
@@ -147,16 +146,15 @@ TEST(Credentials, EveryFormAndEveryRefusal) {
            "vondral: read(" + temp.path.string() + "): Is a directory\n"}}) {
         WriteFile(file, row.file);
         Capture capture;
-        EXPECT_EQ(ReadCredentials(row.argument.c_str()), row.password == "-" ? -1 : 0) << row.argument;
+        const std::optional<Credentials> credentials = ReadCredentials(row.argument.c_str());
         EXPECT_EQ(capture.Take(), row.messages) << row.argument;
-        EXPECT_EQ(RunSettings.user.value_or(""), row.user) << row.argument;
-        EXPECT_EQ(RunSettings.password.value_or("-"), row.password) << row.argument;
+        EXPECT_EQ(credentials ? credentials->user : "", row.user) << row.argument;
+        EXPECT_EQ(credentials ? credentials->password : "-", row.password) << row.argument;
     }
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     ASSERT_EQ(::write(ends[1], "first\nsecond\n", 13), 13);
-    EXPECT_EQ(ReadCredentials(("u:fd:" + std::to_string(ends[0])).c_str()), 0);
-    EXPECT_EQ(RunSettings.password, "first");
+    EXPECT_EQ(ReadCredentials(("u:fd:" + std::to_string(ends[0])).c_str())->password, "first");
     EXPECT_EQ(::fcntl(ends[0], F_GETFD), 0); // left open
     ::close(ends[0]);
     ::close(ends[1]);
@@ -166,7 +164,7 @@ TEST(Credentials, APassphraseOnTheCommandLineIsOverwritten) {
     const CommandLine line({"-s", "h", "-c", "fred:Here:secret", "--credentials=bob:here:word"});
     EXPECT_EQ(line.words[4], "fred:Here:******");
     EXPECT_EQ(line.words[5], "--credentials=bob:here:****");
-    EXPECT_EQ(RunSettings.password, "word");
+    EXPECT_EQ(line.settings.password, "word");
 }
 
 // Path files
@@ -191,31 +189,30 @@ TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
                            {"/a :: /b :: /c", "/a", true, 0, "/a>/b :: /c "},
                            {"/a ::\n/A\n", "/a", true, 1, ""},
                            {"", "/a", false, 1, ""}}) {
-        const FreshSettings fresh;
-        if (row.restoring)
-            RunSettings.restore_path = "x";
+        const WildCards wild_cards = row.restoring ? WildCards::Ignore : WildCards::Match;
         WriteFile(temp / "paths", row.file);
         const Stream stream(std::fopen((temp / "paths").c_str(), "r"));
         StringList list;
         for (int repeat = 0; repeat < 2; ++repeat) { // the file is read anew each time
             list.clear();
-            EXPECT_EQ(MatchPathFile(row.path, &list, stream.get()), *row.collected == '\0' ? 1 : 0) << row.file;
+            EXPECT_EQ(MatchPathFile(row.path, &list, stream.get(), wild_cards), *row.collected == '\0' ? 1 : 0)
+                << row.file;
         }
         std::string collected;
         for (const StringPair& pair : list)
             collected += pair.first + ">" + pair.second.value_or("") + " ";
         EXPECT_EQ(collected, row.collected) << row.file;
-        EXPECT_EQ(MatchPathFile(row.path, nullptr, stream.get()),
+        EXPECT_EQ(MatchPathFile(row.path, nullptr, stream.get(), wild_cards),
                   collected.find(std::string(row.path) + ">") != collected.npos ? 0 : 1)
             << row.file;
     }
-    EXPECT_EQ(MatchPathFile("/a", nullptr, nullptr), 1);
+    EXPECT_EQ(MatchPathFile("/a", nullptr, nullptr, WildCards::Match), 1);
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     const Stream pipe(::fdopen(ends[0], "r"));
     ::close(ends[1]);
     Capture capture;
-    EXPECT_EQ(MatchPathFile("/a", nullptr, pipe.get()), -1);
+    EXPECT_EQ(MatchPathFile("/a", nullptr, pipe.get(), WildCards::Match), -1);
     EXPECT_EQ(capture.Take(), "vondral: fseek(stream, 0, SEEK_SET): Illegal seek\n");
 }
 
@@ -223,17 +220,16 @@ TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
 
 std::string Printed(const std::string& include, const std::vector<std::string>& chunks, int result = 0) {
     const TempDir temp;
-    const FreshSettings fresh;
-    RunSettings.list.reset(std::fopen((temp / "list").c_str(), "w"));
-    ListPrinterContext context;
-    context.include_path = include;
+    Settings settings;
+    settings.list.reset(std::fopen((temp / "list").c_str(), "w"));
+    ListPrinterContext context{settings, include};
     int last = 0;
     for (std::string chunk : chunks) {
         int count = static_cast<int>(chunk.size());
         last = ListPrinter(&context, chunk.data(), &count);
     }
     EXPECT_EQ(last, result);
-    RunSettings.list.reset();
+    settings.list.reset();
     return ReadFile(temp / "list");
 }
 
@@ -256,9 +252,9 @@ TEST(ListPrinter, Limits) {
     EXPECT_EQ(Printed("/", {std::string(4097, 'x') + "\r\n"}, -1), "");
     const std::string start = "- 1 A B 3 Jan 2 2009 ";
     EXPECT_EQ(Printed("/d", {start + std::string(4050, 'n') + "\r\n"}).size(), 4054U);
-    EXPECT_EQ(Printed("/" + std::string(44, 'd'), {start + std::string(4049, 'n') + "\r\n"}).size(),
+    EXPECT_EQ(Printed(std::string("/").append(44, 'd'), {start + std::string(4049, 'n') + "\r\n"}).size(),
               4095U); // cut
-    EXPECT_EQ(Printed("/" + std::string(45, 'd'), {start + std::string(4049, 'n') + "\r\n"}, -1), "");
+    EXPECT_EQ(Printed(std::string("/").append(45, 'd'), {start + std::string(4049, 'n') + "\r\n"}, -1), "");
     int count = 0;
     EXPECT_EQ(ListPrinter(nullptr, nullptr, &count), -1);
     EXPECT_EQ(capture.Take(), "vondral[vondral.cpp]: buffer overflow\nvondral[vondral.cpp]: buffer overflow\n"

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "run_report.h"
 #include "support.h"
 
 namespace {

@@ -1,0 +1,25 @@
+// What becomes of the objects that were found: which directories are saved whole, which object goes to which worker.
+// Pure work on trees, in the main thread.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "tree.h"
+
+struct PlanOptions {
+    std::uint64_t max_block_size = UINT64_MAX; // bytes; a larger directory is saved object by object
+    bool changed_only = false;                 // the trees contain only what changed: what contains no file is left out
+};
+
+// Whether a directory is saved as one unit: nothing below it was left out, and it is not too large.
+bool IsOneUnit(const ObjectNode& dir, const PlanOptions& options);
+
+// One root per kind of object. The objects below are borrowed from the include tree, which must live longer.
+using KindTrees = std::array<ObjectTree, ObjectKindCount>;
+struct BackupPlan {
+    KindTrees trees;
+    std::uint64_t objects_found = 0; // files to save, those inside units included, libraries not
+};
+BackupPlan BuildBackupPlan(const ObjectNode& include_tree, const PlanOptions& options);

@@ -1,0 +1,56 @@
+#include "backup_plan.h"
+
+#include <string>
+#include <string_view>
+
+namespace {
+
+bool IsUnchanged(const ObjectNode& dir, const PlanOptions& options) {
+    return options.changed_only && dir.count == 0;
+}
+
+ObjectNode& KindTree(KindTrees& trees, std::string_view path) {
+    return *trees[static_cast<std::size_t>(ClassifyPath(path))];
+}
+
+// Places a directory of the include tree and everything below it. `path` is its parent's and is the same on return.
+void PlaceDirectory(BackupPlan& plan, const ObjectNode& dir, std::string& path, const PlanOptions& options) {
+    const std::size_t parent_length = path.size();
+    AppendToPath(path, dir.name);
+    const std::size_t length = path.size();
+    if (path.starts_with(LibraryPrefix)) {
+        if (!IsUnchanged(dir, options))
+            AppendFile(KindTree(plan.trees, path), path, dir.mode, dir.size, dir.mtime);
+    } else if (IsOneUnit(dir, options)) {
+        if (!IsUnchanged(dir, options)) {
+            AdoptDirectory(KindTree(plan.trees, path), dir);
+            plan.objects_found += dir.count;
+        }
+    } else {
+        for (const ObjectFile* file = dir.first_file.get(); file != nullptr; file = file->next.get()) {
+            AppendToPath(path, file->name);
+            AdoptFile(KindTree(plan.trees, path), *file);
+            path.resize(length);
+            ++plan.objects_found;
+        }
+        for (const ObjectNode* child = dir.first_dir.get(); child != nullptr; child = child->next.get())
+            if (!child->released)
+                PlaceDirectory(plan, *child, path, options);
+    }
+    path.resize(parent_length);
+}
+
+} // namespace
+
+bool IsOneUnit(const ObjectNode& dir, const PlanOptions& options) {
+    return dir.parent != nullptr && !dir.partial && (dir.size <= options.max_block_size || dir.count == 0);
+}
+
+BackupPlan BuildBackupPlan(const ObjectNode& include_tree, const PlanOptions& options) {
+    BackupPlan plan;
+    for (ObjectTree& tree : plan.trees)
+        tree = NewDirectoryNode(nullptr, "", 0, 0, CalendarTime{});
+    std::string path;
+    PlaceDirectory(plan, include_tree, path, options);
+    return plan;
+}

@@ -1,5 +1,0 @@
-#include "settings.h"
-
-Settings RunSettings;
-int StderrIsTerminal = 0;
-int PageSize = 4096;

@@ -5,6 +5,8 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "tree.h"
 
@@ -21,5 +23,8 @@ using KindTrees = std::array<ObjectTree, ObjectKindCount>;
 struct BackupPlan {
     KindTrees trees;
     std::uint64_t objects_found = 0; // files to save, those inside units included, libraries not
+    // Directories and libraries of which something is missing because the server did not list them, and no unit above
+    // them is saved whole.
+    std::vector<std::string> unlisted;
 };
 BackupPlan BuildBackupPlan(const ObjectNode& include_tree, const PlanOptions& options);

@@ -95,7 +95,7 @@ struct SaveRequest {
 int SaveObject(const SaveMember& member, FtpSession* session, const SaveRequest& request, SaveTimes& times,
                const EntryTarget& target);
 
-// Thrown by a retrieval that has closed its entry after a termination request: ends the worker.
+// Ends a worker after a termination request: thrown by a retrieval that has closed its entry.
 struct WorkerEnd {};
 
 // What to restore of one entry.

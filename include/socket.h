@@ -33,6 +33,7 @@ struct TransportOptions {
 // Called when the control connection has failed and is closed: throws, or returns -1.
 using BrokenHandler = std::function<int()>;
 
+constexpr int LongestReplies = 300000;          // bytes of replies to one command, or of one greeting
 constexpr std::size_t TransferCapacity = 65536; // bytes handed to a DataCallback at once
 
 // One TCP connection. The data variant does not use the reply fields, the control variant not the transfer buffer.
@@ -47,6 +48,7 @@ struct FtpConnection {
     BrokenHandler on_broken;
     std::unique_ptr<FtpConnection> data; // made when the session is opened
     ReplyBuffer replies;
+    std::int64_t reply_bytes = 0; // read since the last command, or since the connection was made
 
     // Data variant
     Mapping transfer_buffer; // TransferCapacity bytes, made by the first transfer and kept

@@ -12,12 +12,17 @@
 #include <string>
 #include <string_view>
 
-bool IsSpace(char character); // blank, \t, \n, \v, \f or \r
-bool IsDigit(char character); // 0 to 9
+bool IsSpace(char character);   // blank, \t, \n, \v, \f or \r
+bool IsDigit(char character);   // 0 to 9
+bool IsControl(char character); // a byte below 0x20, or 0x7F
 
 void SkipSpace(std::string_view& text);
 // Skips white space, then consumes everything up to the next white space or the end.
 std::string_view ConsumeField(std::string_view& text);
+
+// The text with "?" in place of each control character (bytes below 0x20, and 0x7F): for log lines that quote what a
+// server or an archive says, which could otherwise forge further lines or steer a terminal.
+std::string MaskControls(std::string_view text);
 
 // ASCII letters count as equal to their other case, all other bytes only to themselves.
 bool StartsWithIgnoringCase(std::string_view text, std::string_view prefix);

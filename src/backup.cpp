@@ -34,7 +34,7 @@ bool DropExcluded(ListingContext& context) {
     AppendToPath(context.path, context.entry_name);
     const bool excluded = IsExcluded(context.path, context.settings);
     if (excluded && context.settings.Verbosity() >= 1)
-        LogError("%s: excluded\n", context.path.c_str());
+        LogError("%s: excluded\n", MaskControls(context.path).c_str());
     context.path.resize(length);
     if (excluded)
         MarkPartial(*context.directory);
@@ -49,7 +49,7 @@ bool DropOld(const ListingContext& context, const ListingEntry& entry) {
     if (std::mktime(&time) >= *cutoff)
         return false;
     if (context.settings.Verbosity() >= 1)
-        LogError("excluding %s since it's older than given time\n", context.entry_name.c_str());
+        LogError("excluding %s since it's older than given time\n", MaskControls(context.entry_name).c_str());
     return true;
 }
 
@@ -107,7 +107,7 @@ bool ParseLine(const ListingContext& context, std::string_view line, ListingEntr
     }
     const std::optional<ListingFailure> failure = ParseListingLine(line, *context.now, entry);
     if (failure)
-        LogFailure("%s: %.*s\n", failure->what, static_cast<int>(failure->text.size()), failure->text.data());
+        LogFailure("%s: %s\n", failure->what, MaskControls(failure->text).c_str());
     return !failure;
 }
 
@@ -124,7 +124,7 @@ void ProcessLine(ListingContext& context, std::string_view line) {
         return;
     }
     if (!entry.leftover.empty())
-        LogFailure("leftover %.*s\n", static_cast<int>(entry.leftover.size()), entry.leftover.data());
+        LogFailure("leftover %s\n", MaskControls(entry.leftover).c_str());
     if (entry.name == "." || entry.name == "..") // a walk into these would never end
         return;
     context.entry_name.assign(1, '/').append(entry.name);
@@ -198,7 +198,7 @@ PlanOptions PlanFor(const Settings& settings) {
 void ReportUnfinishedLine(ListingContext& context) {
     if (context.carry.find_first_not_of(" \r") == std::string::npos)
         return;
-    LogFailure("unfinished line: %s\n", context.carry.c_str());
+    LogFailure("unfinished line: %s\n", MaskControls(context.carry).c_str());
     CountParseError(context);
 }
 
@@ -210,7 +210,7 @@ int ListInto(FtpSession* session, ObjectNode& directory, ListingContext& context
     if (result == 0)
         ReportUnfinishedLine(context);
     if (context.parse_errors > 0) {
-        LogFailure("%d parse errors in directory %s\n", context.parse_errors, context.path.c_str());
+        LogFailure("%d parse errors in directory %s\n", context.parse_errors, MaskControls(context.path).c_str());
         context.totals.parse_errors += static_cast<std::uint64_t>(context.parse_errors);
     }
     return result != 0 ? -1 : context.parse_errors;
@@ -228,10 +228,8 @@ void WalkDirectory(FtpSession* session, ObjectNode& dir, ListingContext& context
     const std::size_t parent_length = context.path.size();
     AppendToPath(context.path, dir.name);
     if (ListInto(session, dir, context) < 0) {
-        LogFailure("list failed\n%s\n", context.path.c_str());
+        LogFailure("list failed\n%s\n", MaskControls(context.path).c_str());
         dir.unlisted = true;
-        if (!IsOneUnit(dir, PlanFor(context.settings)) || context.settings.cutoff) // saved by what its listing told
-            ++context.totals.parse_errors;
     } else if (!dir.released) {
         for (ObjectNode* child = dir.first_dir.get(); child != nullptr; child = child->next.get()) {
             if (IsSettledLibrary(dir, context))
@@ -265,13 +263,13 @@ int ResolveIncludePath(FtpSession* session, const std::string& include, ObjectNo
         return 0;
     const std::size_t slash = include.rfind('/');
     if (slash == include.npos) {
-        LogFailure("Invalid object: %s\n", include.c_str());
+        LogFailure("Invalid object: %s\n", MaskControls(include).c_str());
         NoteNotBackedUp(include, context.settings);
         return 0;
     }
     context.path = slash == 0 ? "/" : include.substr(0, slash);
     if (HasWildCard(context.path)) {
-        LogFailure("wild card error: %s\n", include.c_str());
+        LogFailure("wild card error: %s\n", MaskControls(include).c_str());
         return 0;
     }
     context.found = false;
@@ -280,7 +278,7 @@ int ResolveIncludePath(FtpSession* session, const std::string& include, ObjectNo
         return -1;
     }
     if (!context.found) {
-        LogMessage("Object not found: %s\n", include.c_str());
+        LogMessage("Object not found: %s\n", MaskControls(include).c_str());
         NoteNotBackedUp(include, context.settings);
     }
     return 0;
@@ -365,7 +363,7 @@ struct WorkerRun {
     BackupTotals totals{};
 };
 
-// Saves one object and writes its report lines. Returns whether it is in the archive.
+// Saves one object and writes its report lines. Returns whether it is in the archive. Throws WorkerEnd.
 bool ProcessObject(WorkerRun& run, ObjectFile& object) {
     const Settings& settings = run.settings;
     BeginEntry(run.writer);
@@ -375,12 +373,15 @@ bool ProcessObject(WorkerRun& run, ObjectFile& object) {
     const bool saved = SaveObject(SaveMemberFor(object.name), run.session, request, times, target) == 0;
     run.totals.bytes += static_cast<std::uint64_t>(run.writer.bytes);
     if (!saved) {
-        LogMessageTo(stderr, "Backup Failure: %s\n", object.name.c_str());
+        LogMessageTo(stderr, "Backup Failure: %s\n", MaskControls(object.name).c_str());
         NoteNotBackedUp(object.name, settings);
         ++run.totals.failures;
+        // Without a connection every further object would fail as well: a request to end leaves them alone.
+        if (TerminationRequested != 0 && run.session != nullptr && !run.session->control->socket.IsOpen())
+            throw WorkerEnd{};
         return false;
     }
-    LogMessage("Backup Success: %s\n", object.name.c_str());
+    LogMessage("Backup Success: %s\n", MaskControls(object.name).c_str());
     run.totals.seconds += times;
     if (settings.Verbosity() >= 2)
         ReportObject(run.writer.bytes, times);
@@ -560,6 +561,9 @@ int BackupDriver(FtpSession* session, const Settings& settings) {
     const BackupPlan plan = BuildBackupPlan(*include_tree, PlanFor(settings));
     ListingTotals listing = context.totals;
     listing.objects_found = plan.objects_found;
+    listing.parse_errors += plan.unlisted.size();
+    for (const std::string& missing : plan.unlisted)
+        NoteNotBackedUp(missing, settings);
     const double listed = SecondsNow();
     const ArchiveFailures begin_failures = BeginArchive(archive); // without the first sentinel every entry fails
     for (const ArchiveFailure& failure : begin_failures)

@@ -18,11 +18,15 @@ void PlaceDirectory(BackupPlan& plan, const ObjectNode& dir, std::string& path, 
     const std::size_t parent_length = path.size();
     AppendToPath(path, dir.name);
     const std::size_t length = path.size();
-    if (path.starts_with(LibraryPrefix)) {
-        if (!IsUnchanged(dir, options))
+    const bool is_library = path.starts_with(LibraryPrefix);
+    const bool is_saved_whole = (is_library || IsOneUnit(dir, options)) && !IsUnchanged(dir, options);
+    if (dir.unlisted && !is_saved_whole)
+        plan.unlisted.push_back(path);
+    if (is_library) {
+        if (is_saved_whole)
             AppendFile(KindTree(plan.trees, path), path, dir.mode, dir.size, dir.mtime);
     } else if (IsOneUnit(dir, options)) {
-        if (!IsUnchanged(dir, options)) {
+        if (is_saved_whole) {
             AdoptDirectory(KindTree(plan.trees, path), dir);
             plan.objects_found += dir.count;
         }

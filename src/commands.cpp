@@ -27,6 +27,15 @@ bool IsTooLong(std::string_view command) {
     return command.size() >= 4096 || command.size() == 4093;
 }
 
+std::string NameBelowLibraries(const std::string& path) {
+    return path.substr(std::min(path.size(), LibraryPrefix.size()));
+}
+
+bool IsLibraryName(std::string_view name) {
+    return !name.empty() && !name.starts_with('*') && name.find_first_of(" ()'") == name.npos &&
+           std::none_of(name.begin(), name.end(), IsControl);
+}
+
 // Saving
 
 namespace {
@@ -35,13 +44,13 @@ const char* Precheck(const SaveOptions& options) {
     return options.precheck ? "*YES" : "*NO";
 }
 
-// The last part of a library's path without ".LIB"; nothing when it has another end.
+// The last part of a library's path without ".LIB"; nothing when that cannot be the name of one.
 std::optional<std::string> LibraryName(std::string_view path) {
     path.remove_prefix(path.rfind('/') + 1);
     if (!HasLibrarySuffix(path))
         return std::nullopt;
     path.remove_suffix(LibrarySuffix.size());
-    return std::string(path);
+    return IsLibraryName(path) ? std::optional<std::string>(path) : std::nullopt;
 }
 
 std::optional<std::string> BuildSav(ObjectFile& object, std::uint32_t number, const SaveOptions& options) {
@@ -138,10 +147,10 @@ std::string BuildRst(const StringPair& object, const StringList& omissions, Rele
 
 // Requires: both paths begin with "/QSYS.LIB/" and their ".LIB" is removed.
 std::string BuildRstlib(const StringPair& object, const StringList&, Release) {
-    const auto name = [](const std::string& path) { return path.substr(std::min(path.size(), LibraryPrefix.size())); };
     return FormatText("RCMD RSTLIB SAVLIB(%s) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(%s) MBROPT(*ALL) "
                       "ALWOBJDIF(*ALL)",
-                      name(object.first).c_str(), object.second ? name(*object.second).c_str() : "*SAVLIB");
+                      NameBelowLibraries(object.first).c_str(),
+                      object.second ? NameBelowLibraries(*object.second).c_str() : "*SAVLIB");
 }
 
 std::string BuildRstdlo(const StringPair&, const StringList&, Release) {

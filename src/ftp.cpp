@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "path_file.h"
+#include "recovery_pace.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ int ReportCommand(const char* verb, SourceLocation place = SourceLocation::Here(
 
 // The same with the server's reply on a second line.
 int ReportCommand(const char* verb, const ReplyText& reply, SourceLocation place = SourceLocation::Here()) {
-    LogFailureAt(place, "%s command failed\n  %s\n", verb, reply.data());
+    LogFailureAt(place, "%s command failed\n  %s\n", verb, MaskControls(reply.data()).c_str());
     return -1;
 }
 
@@ -197,10 +198,11 @@ int RecoverCheckpoint(FtpSession& session) {
 using ProtectedOperation = std::function<int(const Checkpoint& outer)>;
 
 // Runs an operation of several commands under a checkpoint of its own, and again after each recovery while
-// CHECKPOINT_RETRY is set. The operation receives the checkpoint found on entry and may put it back early. It is back
-// in any case when this returns, except after a failed recovery: then nothing is armed.
+// CHECKPOINT_RETRY is set, as often as the pace allows. The operation receives the checkpoint found on entry and may
+// put it back early. It is back in any case when this returns, except after a failed recovery: then nothing is armed.
 int WithRecovery(FtpSession& session, const ProtectedOperation& operation) {
     const Checkpoint outer = session.checkpoint;
+    RecoveryPace pace;
     for (;;) {
         session.checkpoint = {&outer, CHECKPOINT_ARMED | CHECKPOINT_RETRY};
         try {
@@ -212,7 +214,8 @@ int WithRecovery(FtpSession& session, const ProtectedOperation& operation) {
                 throw;
         }
         const bool retry = (session.checkpoint.flags & CHECKPOINT_RETRY) != 0;
-        if (RecoverCheckpoint(session) != 0) {
+        if (!AwaitRecovery(pace, session.control->options.timeout) || RecoverCheckpoint(session) != 0) {
+            session.checkpoint = {};
             LogFailure("can't recover checkpoint\n");
             return -1;
         }
@@ -293,7 +296,7 @@ int MakeParentDirectories(FtpSession* session, const std::string& path) {
 namespace {
 
 int ReportList(const char* reply) {
-    LogFailure("LIST command failed\n  %s\n", reply);
+    LogFailure("LIST command failed\n  %s\n", MaskControls(reply).c_str());
     return -1;
 }
 
@@ -328,7 +331,7 @@ int ListFailed(const char* reply, ObjectNode* directory) {
         return missing_input;
     }
     if (std::find(exempt.begin(), exempt.end(), directory->name) != exempt.end()) {
-        LogFailure("%s is exempt\n", directory->name.c_str());
+        LogFailure("%s is exempt\n", MaskControls(directory->name).c_str());
         return ReportList(reply);
     }
     if (std::strstr(reply, "CPF3CAA") == nullptr)
@@ -345,9 +348,8 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
     const int result = WithRecovery(*session, [&](const Checkpoint& outer) {
         if (SetParameters(*session, ListingParameters) != 0)
             return -1;
-        constexpr std::size_t longest = 4095;
-        std::string command = std::string("LIST ") + path;
-        if (!FitCommand(command, longest))
+        const std::string command = std::string("LIST ") + path;
+        if (IsTooLong(command))
             return ReportTooLong("LIST command");
         PassPointOfNoReturn(*session);
         listed = SendForReply(*session, command, reply, {.receive = callback, .argument = context});
@@ -423,19 +425,20 @@ namespace {
 bool ReportPartialSave(const SaveMember& member, const SaveRequest& request, const ReplyText& reply, int verbosity) {
     if (request.options.precheck || member.partial == PartialRule::None)
         return false;
-    std::string line = request.object.name + ": ";
+    const std::string& name = request.object.name;
+    std::string text;
     if (member.partial == PartialRule::AnyReply) {
-        line += reply.data();
+        text = MaskControls(reply.data());
     } else {
         const std::optional<std::string> count = CountNotSaved(reply.data());
         if (!count)
             return false;
-        line += *count + " objects not saved";
+        text = MaskControls(*count) + " objects not saved";
     }
     if (verbosity >= 1)
-        LogMessage("%s\n", line.c_str());
+        LogMessage("%s: %s\n", MaskControls(name).c_str(), text.c_str());
     if (request.not_saved != nullptr)
-        LogMessageTo(request.not_saved, "%s\n", line.c_str());
+        LogMessageTo(request.not_saved, "%s: %s\n", name.c_str(), text.c_str());
     return true;
 }
 
@@ -475,10 +478,10 @@ int SaveObject(const SaveMember& member, FtpSession* session, const SaveRequest&
         const double ended = SecondsNow();
         PassPointOfNoReturn(*session);
         double started = ended;
-        const int result = RetrieveToArchive(*session, outer, request.object,
-                                             "/QSYS.LIB/QTEMP.LIB/" + save_file + ".SAVF", started, target);
+        const int retrieved = RetrieveToArchive(*session, outer, request.object,
+                                                "/QSYS.LIB/QTEMP.LIB/" + save_file + ".SAVF", started, target);
         times = {ended - begun, started - ended, SecondsNow() - started};
-        return result;
+        return retrieved;
     });
 }
 
@@ -497,14 +500,15 @@ bool CutLibrarySuffix(std::string& path) {
 // Checks the names of a library and its destination, and removes their suffixes.
 int PrepareLibraryNames(StringPair& library) {
     constexpr std::size_t longest = 24; // "/QSYS.LIB/", ten characters and ".LIB"
-    if (!CutLibrarySuffix(library.first)) {
+    if (!CutLibrarySuffix(library.first) || !IsLibraryName(NameBelowLibraries(library.first))) {
         LogFailure("bad library name\n");
         return -1;
     }
     if (!library.second)
         return 0;
     std::string& destination = *library.second;
-    if (!destination.starts_with(LibraryPrefix) || destination.size() > longest || !CutLibrarySuffix(destination)) {
+    if (!destination.starts_with(LibraryPrefix) || destination.size() > longest || !CutLibrarySuffix(destination) ||
+        !IsLibraryName(NameBelowLibraries(destination))) {
         LogFailure("bad library destination\n");
         return -1;
     }
@@ -527,7 +531,7 @@ int RestoreSubject(const RestoreMember& member, FtpSession& session, const Check
     const int restored = member.judges_reply ? SendForReply(session, command, reply) : Send(session, command);
     session.checkpoint = outer;
     if (restored == 0) {
-        LogMessage("Restore Success: %s\n", subject.first.c_str());
+        LogMessage("Restore Success: %s\n", MaskControls(subject.first).c_str());
         return 0;
     }
     if (!member.judges_reply) {
@@ -546,7 +550,7 @@ int RestoreSubjects(const RestoreMember& member, FtpSession& session, const Chec
         StringList omissions;
         if (member.each_path) {
             if (session.control->options.verbosity >= 1)
-                LogMessage("Object   : %s\n", subject.first.c_str());
+                LogMessage("Object   : %s\n", MaskControls(subject.first).c_str());
             MatchPathFile(subject.first, &omissions, request.exclude, WildCards::Ignore);
             if (session.release != Release::V5R4M0)
                 MakeParentDirectories(&session, subject.second.value_or(subject.first));

@@ -135,7 +135,8 @@ std::optional<ListingFailure> ParseListingLine(std::string_view line, const std:
     }
     SkipSpace(rest);
     ConsumeName(rest, entry);
-    if (entry.name.empty()) // would name its own directory again
+    // An empty name would be its own directory again, a slash one outside of it, and a return would break the lists.
+    if (entry.name.empty() || entry.name.find_first_of("/\r") != entry.name.npos)
         return ListingFailure{"can't parse name", line};
     if (entry.name.size() + 1 >= PathCapacity)
         return ListingFailure{"name too long", rest};

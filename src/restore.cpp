@@ -73,7 +73,7 @@ StringList IncludedParts(const std::string& name, const Settings& settings) {
         return {{name, std::nullopt}};
     StringList parts;
     if (MatchPathFile(name, &parts, include, WildCards::Ignore) >= 1 && settings.Verbosity() >= 1)
-        LogError("%s: not included\n", name.c_str());
+        LogError("%s: not included\n", MaskControls(name).c_str());
     return parts;
 }
 
@@ -81,7 +81,7 @@ bool IsExcluded(const StringPair& part, const Settings& settings) {
     if (MatchPathFile(part.first, nullptr, settings.exclude.get(), WildCards::Ignore) != 0)
         return false;
     if (settings.Verbosity() >= 1)
-        LogError("%s: excluded\n", part.first.c_str());
+        LogError("%s: excluded\n", MaskControls(part.first).c_str());
     return true;
 }
 
@@ -143,7 +143,7 @@ bool ProcessEntry(RestoreRun& run) {
     RestoredEntry entry{{}, ArchivePath(run)};
     BeginEntryData(entry.data, run.archive, size);
     RestoreRequest request{std::string(CutNameSuffix(ReadCtarName(run.header))), {}, run.settings.exclude.get()};
-    LogMessage("Archive  : %s\n", request.name.c_str());
+    LogMessage("Archive  : %s\n", MaskControls(request.name).c_str());
     request.objects = IncludedParts(request.name, run.settings);
     if (run.settings.exclude)
         RemoveExcluded(request.objects, run.settings);

@@ -140,6 +140,7 @@ int ConnectControl(FtpConnection* control) {
     if (control->options.verbosity >= 4)
         LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, Host(*control), Port(*control));
     control->replies.Clear();
+    control->reply_bytes = 0;
     std::array<char, ReplyCapacity> line;
     do {
         if (ReadReply(control, line) != 0) {
@@ -184,6 +185,11 @@ int FillReplyBuffer(FtpConnection& control) {
     if (control.options.verbosity >= 4)
         LogMessage("%.*s", static_cast<int>(count), room.data());
     control.replies.Append(static_cast<std::size_t>(count));
+    control.reply_bytes += count;
+    if (control.reply_bytes > LongestReplies) {
+        LogFailure("more than %d bytes of replies to one command\n", LongestReplies);
+        return FailReplies(control);
+    }
     return 0;
 }
 
@@ -433,7 +439,7 @@ int PrepareTransfer(FtpConnection& control) {
 }
 
 int WriteCommand(FtpConnection& control, const char* command) {
-    if (std::strchr(command, '\n') != nullptr) { // what follows would be a command of its own
+    if (std::strpbrk(command, "\r\n") != nullptr) { // what follows would be a command of its own
         LogFailure("command holds a line end\n");
         return -1;
     }
@@ -445,6 +451,7 @@ int WriteCommand(FtpConnection& control, const char* command) {
         LogFailure("command too long\n");
         return -1;
     }
+    control.reply_bytes = 0;
     std::string_view rest(line.data(), static_cast<std::size_t>(length));
     while (!rest.empty()) {
         const ssize_t count = ::send(control.socket.Get(), rest.data(), rest.size(), MSG_NOSIGNAL);
@@ -457,7 +464,7 @@ int WriteCommand(FtpConnection& control, const char* command) {
         rest.remove_prefix(static_cast<std::size_t>(count));
     }
     if (control.options.verbosity >= 3)
-        LogMessage("%s: sent command \"%s\"\n", ProgramName, command);
+        LogMessage("%s: sent command \"%s\"\n", ProgramName, MaskControls(command).c_str());
     return 0;
 }
 

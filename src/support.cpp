@@ -1,7 +1,6 @@
 #include "support.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
@@ -126,7 +125,9 @@ void LogError(const char* format, ...) {
 }
 
 double SecondsNow() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 bool IsWritten(std::FILE* stream, const char* name, SourceLocation place) {

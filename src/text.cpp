@@ -18,6 +18,17 @@ bool IsDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
+bool IsControl(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte < 0x20 || byte == 0x7F;
+}
+
+std::string MaskControls(std::string_view text) {
+    std::string masked(text);
+    std::replace_if(masked.begin(), masked.end(), IsControl, '?');
+    return masked;
+}
+
 void SkipSpace(std::string_view& text) {
     while (!text.empty() && IsSpace(text.front()))
         text.remove_prefix(1);

@@ -26,14 +26,14 @@ void PrintListed(const ListedObject& object, const Settings& settings) {
     else if (object.IsLibrary())
         std::fprintf(settings.list.get(), "%s\n", object.path.c_str());
     else if (settings.Verbosity() >= 1)
-        LogError("ignoring non-library %s under /QSYS.LIB\n", object.name.c_str());
+        LogError("ignoring non-library %s under /QSYS.LIB\n", MaskControls(object.name).c_str());
 }
 
 // A line that the server began and did not end would silently be missing from the list.
 bool EndsWithWholeLine(const ListLines& lines) {
     if (lines.between_lines || lines.pending.empty())
         return true;
-    LogFailure("unfinished line: %s\n", lines.pending.c_str());
+    LogFailure("unfinished line: %s\n", MaskControls(lines.pending).c_str());
     return false;
 }
 
@@ -181,6 +181,7 @@ int RunSession(double begun, const Settings& settings) {
 
 int RunVondral(int argc, char** argv) {
     const double begun = SecondsNow();
+    const bool has_output = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
     Settings settings;
     if (const int status = StartUp(argc > 0 ? argv[0] : ProgramName); status != 0)
         return status;
@@ -188,7 +189,8 @@ int RunVondral(int argc, char** argv) {
         return -1;
     try {
         const int result = RunSession(begun, settings);
-        IsWritten(stdout, "standard output"); // before a stream on the same descriptor closes it
+        if (has_output)
+            IsWritten(stdout, "standard output"); // before a stream on the same descriptor closes it
         return result;
     } catch (const std::bad_alloc&) {
         LogError("out of memory\n");

@@ -137,7 +137,9 @@ TEST(Listing, LinesThatFail) {
                            {"-rw-r--r-- 1 A B 3 Jan 2 25:00 x\r", "can't parse time"},
                            {"-rw-r--r-- 1 A B 3 Jan 2 12:x x\r", "can't parse time"},
                            {"-rw-r--r-- 1 A B 3 Jan 2 then x\r", "can't parse year"},
-                           {"-rw-r--r-- 1 A B 3 Jan 2 2009\r", "can't parse name"}}) {
+                           {"-rw-r--r-- 1 A B 3 Jan 2 2009\r", "can't parse name"},
+                           {"-rw-r--r-- 1 A B 3 Jan 2 2009 a/b\r", "can't parse name"},
+                           {"-rw-r--r-- 1 A B 3 Jan 2 2009 a\rb\r", "can't parse name"}}) {
         ListingEntry entry;
         const std::optional<ListingFailure> failure = ParseListingLine(row.line, Now(4), entry);
         ASSERT_TRUE(failure) << row.line;
@@ -184,7 +186,7 @@ TEST(ListingCallback, AssemblesLinesFromChunks) {
     Listing torn; // of a line in three chunks the first part is lost
     const std::string result =
         torn.List("/d", false, {File.substr(0, 5), File.substr(5, 5), File.substr(10) + "a\r\n"});
-    EXPECT_EQ(result, "vondral[backup.cpp]: can't parse date: " + File.substr(5) + "a\r\n");
+    EXPECT_EQ(result, "vondral[backup.cpp]: can't parse date: " + File.substr(5) + "a?\n");
     EXPECT_EQ(torn.context.parse_errors, 1);
     Listing fresh; // nothing of one listing reaches the next
     fresh.List("/d", false, {File.substr(0, 5)});
@@ -194,7 +196,7 @@ TEST(ListingCallback, AssemblesLinesFromChunks) {
 TEST(ListingCallback, AnOddLineCostsOneEntryAndMarksTheDirectory) {
     Listing listing;
     EXPECT_EQ(listing.List("/d", false, {File + "a\r\nrubbish\r\n" + File + "b\r\n"}),
-              "vondral[backup.cpp]: can't parse date: rubbish\r\n/a /b ");
+              "vondral[backup.cpp]: can't parse date: rubbish?\n/a /b ");
     EXPECT_TRUE(listing.root->first_dir->partial);
     EXPECT_EQ(listing.context.parse_errors, 1);
     EXPECT_EQ(Listing().List("/d", false, {Dir + ".\r\n" + Dir + "..\r\n" + File + ".x\r\n"}), "/.x ");

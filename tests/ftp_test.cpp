@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include <gmock/gmock.h>
+
 #include "test_support.h"
 
 namespace {
@@ -33,7 +35,9 @@ TEST(Commands, SaveCommandsInFull) {
     EXPECT_EQ(SaveCommand("/System Configuration", set), "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
     EXPECT_TRUE(SaveCommand("/x", set).ends_with("SAVACT(*YES) CHGPERIOD('01/02/09' '03:04:05')"));
     EXPECT_TRUE(SaveCommand("/QSYS.LIB/L.LIB", set).ends_with("SAVACTWAIT(*NOMAX) ACCPTH(*YES)"));
-    EXPECT_EQ(SaveCommand("/QSYS.LIB/X.FILE"), "refused");
+    for (const char* const library :
+         {"X.FILE", ".LIB", "*ALLUSR.LIB", "A B.LIB", "A).LIB", "A(.LIB", "A'.LIB", "A\t.LIB"})
+        EXPECT_EQ(SaveCommand(std::string("/QSYS.LIB/") + library), "refused") << library;
 }
 
 TEST(Commands, PartialSavesAreCounted) {
@@ -234,6 +238,34 @@ TEST(Listing, SetsUpOnceAndRecoversUpToTheTransfer) {
         for (const std::vector<std::string>& part : row.transcript)
             expected.insert(expected.end(), part.begin(), part.end());
         EXPECT_EQ(session.server.Transcript(), expected);
+    }
+}
+
+// A server that drops the session at the same command each time: twenty recoveries at once, then pauses that double,
+// and none after eight minutes.
+TEST(Listing, RecoveryHasAnEnd) {
+    Session session({Close("STRU", 0)});
+    ::setenv("VONDRAL_TEST_MINUTE", "300", 1);
+    ASSERT_EQ(session.LogIn(), 0);
+    const ObjectTree root = NewDirectoryNode(nullptr, "/home", 0, 0, {});
+    Capture capture;
+    EXPECT_EQ(ListHome(session, *root), -1);
+    EXPECT_TRUE(capture.Take().ends_with("control connection closed\nvondral[ftp.cpp]: can't recover checkpoint\n"));
+    EXPECT_GT(session.server.SessionCount(), 1 + 20 + 5);
+    EXPECT_LT(session.server.SessionCount(), 1 + 20 + 14); // pauses of 1, 2, 4, 8, 16, 32 and seven times 60 seconds
+    ::setenv("VONDRAL_TEST_MINUTE", "60000", 1);
+}
+
+TEST(Listing, ALineThatWouldLoseItsEndIsNotSent) {
+    for (const std::size_t length : {4087U, 4088U}) {
+        Session session;
+        ASSERT_EQ(session.LogIn(), 0);
+        const std::string path(length, 'x');
+        Capture capture;
+        EXPECT_EQ(ListDirectory(session.session.get(), path.c_str(), Ignore, nullptr, nullptr), -1);
+        const bool is_sent = length == 4087;
+        EXPECT_THAT(capture.Take(), testing::HasSubstr(is_sent ? "LIST command failed\n" : "LIST command too long\n"));
+        EXPECT_EQ(session.server.Transcript().back() == "LIST " + path, is_sent);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -125,6 +126,22 @@ TEST(ReplyReader, ClosesAndAsksForRecoveryWhenThePeerLeaves) {
     EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: :0: control connection closed\n");
     EXPECT_FALSE(peer.control.socket.IsOpen());
     EXPECT_EQ(peer.control.replies.Room().size(), ReplyCapacity);
+}
+
+TEST(ReplyReader, EndlessRepliesBreakTheConnection) {
+    for (const char* const line : {"150 still busy\r\n", "220-more to come\r\n", "150 one\r\n150-two\r\n"}) {
+        Peer peer;
+        std::thread flood([&peer, text = std::string(line)] {
+            while (::send(peer.server.Get(), text.data(), text.size(), MSG_NOSIGNAL) > 0) {
+            }
+        });
+        Capture capture;
+        EXPECT_EQ(SendCommand(&peer.control, "RCMD SAV"), -1) << line;
+        EXPECT_THAT(capture.Take(),
+                    testing::HasSubstr("vondral[socket.cpp]: more than 300000 bytes of replies to one command\n"));
+        EXPECT_FALSE(peer.control.socket.IsOpen());
+        flood.join();
+    }
 }
 
 TEST(Command, LengthLimits) {

@@ -221,6 +221,48 @@ TEST(Workers, RecoverTogether) {
     });
 }
 
+// The server drops the session each time it receives one of the commands: the recovery has an end, the object fails and
+// the rest is saved. A request to end leaves the next objects alone.
+TEST_P(FaultSweep, GivesUpOnACommandThatIsNeverAnswered) {
+    const auto& [mode, part] = GetParam();
+    const Rehearsal rehearsal(mode);
+    std::vector<Disturbance> all;
+    std::set<std::string> commands;
+    int index = -1; // of the command
+    for (const Exchange& exchange : rehearsal.Undisturbed().exchanges) {
+        index += exchange.command.empty() ? 0 : 1;
+        if (!commands.insert(CommonPart(exchange.command)).second || commands.size() % PartCount != part)
+            continue;
+        for (const int terminate_at : {-1, index + 60}) {
+            Disturbance disturbance;
+            disturbance.what = "dropped each time: " + exchange.command;
+            disturbance.minute_ms = 60;
+            disturbance.terminate_at = exchange.session > 0 || terminate_at < 0 ? terminate_at : -1;
+            Fault fault;
+            fault.kind = Kind::Close;
+            fault.command = CommonPart(exchange.command);
+            fault.nth = 0;
+            disturbance.faults = {fault};
+            all.push_back(disturbance);
+        }
+    }
+    Sweep("dropped", rehearsal, all, [&](const Finished& run, const Disturbance& disturbance) {
+        // A directory that cannot be listed is saved with the one above it; a later entry hides that one was not
+        // restored.
+        const std::string& command = disturbance.faults[0].command;
+        const bool harmless =
+            command == "QUIT" || mode == Mode::Restore || (mode != Mode::List && command.starts_with("LIST"));
+        EXPECT_TRUE(run.outcome.status != 0 || harmless) << disturbance.what;
+        if (run.outcome.status != 143)
+            return;
+        std::set<std::string> saves;
+        for (std::size_t after = static_cast<std::size_t>(run.signalled); after < run.exchanges.size(); ++after)
+            if (run.exchanges[after].command.starts_with("RCMD SAV"))
+                saves.insert(run.exchanges[after].command);
+        EXPECT_LE(saves.size(), 1U) << disturbance.what << run.outcome.err;
+    });
+}
+
 std::string ShardName(const testing::TestParamInfo<Shard>& shard) {
     return ModeName(std::get<0>(shard.param)) + "_" + std::to_string(std::get<1>(shard.param));
 }

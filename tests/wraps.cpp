@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -29,6 +30,7 @@
 
 extern "C" {
 int __real_poll(pollfd* set, nfds_t count, int milliseconds);
+int __real_clock_gettime(clockid_t clock, timespec* time);
 servent* __real_getservbyname(const char* name, const char* protocol);
 ssize_t __real_write(int descriptor, const void* bytes, size_t count);
 off_t __real_lseek64(int descriptor, off_t offset, int whence);
@@ -45,6 +47,12 @@ const char* OrderFor(const char* call) {
     static const char* const order = std::getenv("VONDRAL_TEST_DISK");
     const size_t name = std::strlen(call);
     return order != nullptr && std::strncmp(order, call, name) == 0 && order[name] == ':' ? order + name + 1 : nullptr;
+}
+
+// How long a minute of the program lasts, in milliseconds.
+long Minute() {
+    const char* const minute = std::getenv("VONDRAL_TEST_MINUTE");
+    return minute != nullptr ? std::strtol(minute, nullptr, 10) : 60000;
 }
 
 void Mark() {
@@ -144,10 +152,23 @@ FILE* StandIn(FILE* opened, Output& output) {
 extern "C" {
 
 int __wrap_poll(pollfd* set, nfds_t count, int milliseconds) {
-    const char* const minute = std::getenv("VONDRAL_TEST_MINUTE");
-    if (milliseconds == 60000 && minute != nullptr)
-        milliseconds = static_cast<int>(std::strtol(minute, nullptr, 10));
+    const bool waits = milliseconds == 60000 || count == 0; // a minute, or a pause; the rehearsal server polls too
+    if (waits && Minute() != 60000)
+        milliseconds = static_cast<int>((milliseconds * Minute() + 59999) / 60000);
     return __real_poll(set, count, milliseconds);
+}
+
+// A clock on which the short minutes are minutes.
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    const int result = __real_clock_gettime(clock, time);
+    if (clock != CLOCK_MONOTONIC || Minute() == 60000)
+        return result;
+    constexpr long long second = 1000000000;
+    static const long long start = time->tv_sec * second + time->tv_nsec;
+    const long long elapsed = time->tv_sec * second + time->tv_nsec - start;
+    const long long scaled = start + elapsed * 60000 / std::max(Minute(), 1L);
+    *time = {static_cast<time_t>(scaled / second), static_cast<long>(scaled % second)};
+    return result;
 }
 
 servent* __wrap_getservbyname(const char* name, const char* protocol) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "string_list.h"
 
@@ -14,6 +15,12 @@ constexpr std::size_t PathLineCapacity = 4096; // a line and its terminator; lon
 // Reads the next line without the newlines at its end; a line of newlines alone keeps its first. Returns false at the
 // end of the file.
 bool ReadPathLine(std::string& line, std::FILE* stream);
+
+enum class PathFileUse { BackupInclude, BackupExclude, Restore };
+
+// What in a path file is surely a mistake, a sentence for each, such as "line 3 is empty and matches everything"; the
+// first ten and how many more. Leaves the file at its start. A file that cannot be rewound is not looked at.
+std::vector<std::string> FindMistakes(std::FILE* stream, PathFileUse use);
 
 // Whether lines that contain "*" or "?" count: in a backup they do, in a restore they are ignored.
 enum class WildCards { Match, Ignore };

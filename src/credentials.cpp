@@ -41,7 +41,10 @@ std::optional<std::string> ReadFirstLine(int descriptor) {
         *static_cast<char*>(newline) = '\0';
     else
         LogError("Passphrase truncated to %d bytes\n", static_cast<int>(count));
-    return buffer.data();
+    std::string line = buffer.data();
+    if (line.ends_with('\r')) // which no command can carry
+        LogError("Passphrase ends in a carriage return: it was written with DOS line ends\n");
+    return line;
 }
 
 // The descriptor stays open: it is the caller's.

@@ -11,8 +11,11 @@
 #include <span>
 
 #include <getopt.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "credentials.h"
+#include "path_file.h"
 #include "support.h"
 
 namespace {
@@ -34,13 +37,37 @@ bool ParseSwitch(const char* text) {
     return *text != '\0' && std::strchr("YyTt1", *text) != nullptr;
 }
 
-int OpenPathFile(Stream& stream, const char* path) {
+// The file that holds or receives the archive, when that can be destroyed by writing.
+std::optional<struct stat> ArchiveStatus(const std::optional<std::string>& path) {
+    struct stat status;
+    if (!path || ::stat(path->c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)))
+        return std::nullopt;
+    return status;
+}
+
+// Whether both are one file; logs the path when they are.
+bool IsArchive(const std::optional<struct stat>& archive, const struct stat& other, const char* path,
+               const char* name) {
+    if (!archive || archive->st_dev != other.st_dev || archive->st_ino != other.st_ino)
+        return false;
+    LogError("%s: is the archive and cannot be %s too\n", path, name);
+    return true;
+}
+
+// Requires: the first pass over the options is done.
+PathFileUse UseOf(const Settings& settings, PathFileUse in_backup) {
+    return settings.restore_path && !settings.backup_path ? PathFileUse::Restore : in_backup;
+}
+
+int OpenPathFile(Stream& stream, const char* path, PathFileUse use) {
     stream.reset();
     stream.reset(std::fopen(path, "r"));
     if (!stream) {
         LogError("fopen(%s): %s\n", path, std::strerror(errno));
         return OptionError;
     }
+    for (const std::string& mistake : FindMistakes(stream.get(), use))
+        LogError("%s: %s\n", path, mistake.c_str());
     ::setlinebuf(stream.get());
     return 0;
 }
@@ -78,7 +105,13 @@ int SetCredentials(Settings& settings, char* argument) {
     return credentials ? 0 : OptionError;
 }
 
+// Opening the catalog empties it, so it is compared with the archive before that.
 int SetCatalog(Settings& settings, char* argument) {
+    struct stat status;
+    if (::stat(argument, &status) == 0)
+        for (const std::optional<std::string>& archive : {settings.backup_path, settings.restore_path})
+            if (IsArchive(ArchiveStatus(archive), status, argument, "the catalog"))
+                return OptionError;
     settings.catalog.reset(std::fopen(argument, "w"));
     if (settings.catalog)
         return 0;
@@ -106,7 +139,7 @@ int SetDate(Settings& settings, char* argument) {
 }
 
 int SetExclude(Settings& settings, char* argument) {
-    return OpenPathFile(settings.exclude, argument);
+    return OpenPathFile(settings.exclude, argument, UseOf(settings, PathFileUse::BackupExclude));
 }
 
 int WantHelp(Settings&, char*) {
@@ -114,7 +147,7 @@ int WantHelp(Settings&, char*) {
 }
 
 int SetInclude(Settings& settings, char* argument) {
-    return OpenPathFile(settings.include, argument);
+    return OpenPathFile(settings.include, argument, UseOf(settings, PathFileUse::BackupInclude));
 }
 
 int SetList(Settings& settings, char* argument) {
@@ -259,12 +292,14 @@ std::array<option, OptionRows.size() + 1> LongOptions() {
     return options;
 }
 
-// Returns the error state after all options: 0 when they are good.
-int ParseOptions(int argc, char** argv, Settings& settings) {
+// Returns the error state after all options: 0 when they are good. A first pass, which says nothing, looks only for the
+// modes that decide how other options are judged.
+int ParseOptions(int argc, char** argv, Settings& settings, bool first_pass) {
     const std::string letters = ShortOptions();
     const auto options = LongOptions();
     int state = 0;
-    ::optind = 0; // start afresh, whoever parsed before
+    ::optind = 0; // start over
+    ::opterr = first_pass ? 0 : 1;
     // With this variable set getopt_long would take every option after a stray word for another word, and a
     // passphrase there would be shown as an unknown argument.
     ::unsetenv("POSIXLY_CORRECT");
@@ -272,6 +307,8 @@ int ParseOptions(int argc, char** argv, Settings& settings) {
         const int result = ::getopt_long(argc, argv, letters.c_str(), options.data(), nullptr);
         if (result == -1)
             return state;
+        if (first_pass && result != 'b' && result != 'r')
+            continue;
         const int error = HandleOption(result, ::optarg, settings);
         if (error != 0)
             state = error;
@@ -295,6 +332,29 @@ bool CheckCommandLine(int state, std::span<char* const> operands, const Settings
     return true;
 }
 
+// Whether a file that the run reads or writes is the archive as well, through whatever links.
+bool SharesArchive(const Settings& settings) {
+    struct Other {
+        int descriptor;
+        const char* name;
+    };
+    const auto number = [](const Stream& stream) { return stream ? ::fileno(stream.get()) : -1; };
+    const std::optional<struct stat> archive = ArchiveStatus(settings.backup_path);
+    for (const Other& other : {Other{number(settings.catalog), "the catalog"},
+                               {number(settings.not_backed_up), "the list of what was not backed up"},
+                               {number(settings.list), "the list"},
+                               {number(settings.include), "the include file"},
+                               {number(settings.exclude), "the exclude file"},
+                               {STDOUT_FILENO, "standard output"},
+                               {STDERR_FILENO, "standard error"}}) {
+        struct stat status;
+        if (::fstat(other.descriptor, &status) == 0 &&
+            IsArchive(archive, status, settings.backup_path->c_str(), other.name))
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 int HandleOption(int result, char* argument, Settings& settings) {
@@ -312,10 +372,11 @@ int HandleOption(int result, char* argument, Settings& settings) {
 }
 
 int ParseCommandLine(int argc, char** argv, Settings& settings) {
-    const int state = ParseOptions(argc, argv, settings);
+    ParseOptions(argc, argv, settings, true);
+    const int state = ParseOptions(argc, argv, settings, false);
     const auto first = static_cast<std::size_t>(::optind);
     const std::span<char* const> operands = std::span(argv, static_cast<std::size_t>(argc)).subspan(first);
-    if (CheckCommandLine(state, operands, settings))
+    if (CheckCommandLine(state, operands, settings) && !SharesArchive(settings))
         return 0;
     Usage();
     return -1;

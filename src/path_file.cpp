@@ -90,6 +90,54 @@ bool Matches(const PathLine& line, const std::string& path, std::ptrdiff_t level
 
 } // namespace
 
+// Mistakes
+
+namespace {
+
+bool HasWildCard(std::string_view pattern) {
+    return pattern.find_first_of("*?") != pattern.npos;
+}
+
+// What is wrong with a line, without its newline; empty when nothing surely is.
+std::string MistakeIn(const std::string& line, PathFileUse use) {
+    const std::string pattern = SplitLine(line).first;
+    if (pattern.empty())
+        return use == PathFileUse::BackupInclude ? "is empty and names no object" : "is empty and matches everything";
+    if (line.ends_with('\r'))
+        return "ends in a carriage return, which is part of its path";
+    if (IsSpace(line.back()))
+        return "ends in a blank, which is part of its path";
+    if (!pattern.starts_with('/'))
+        return "does not begin with a slash and matches nothing";
+    if (use == PathFileUse::Restore && HasWildCard(pattern))
+        return "contains a wild card and is ignored by a restore";
+    return {};
+}
+
+} // namespace
+
+std::vector<std::string> FindMistakes(std::FILE* stream, PathFileUse use) {
+    constexpr std::size_t most = 10;
+    std::vector<std::string> mistakes;
+    std::size_t further = 0;
+    if (std::fseek(stream, 0, SEEK_SET) != 0)
+        return mistakes;
+    std::string line;
+    for (int number = 1; ReadLine(stream, PathLineCapacity, line); ++number) {
+        if (line.ends_with('\n'))
+            line.pop_back();
+        const std::string mistake = MistakeIn(line, use);
+        if (!mistake.empty() && mistakes.size() == most)
+            ++further;
+        else if (!mistake.empty())
+            mistakes.push_back("line " + std::to_string(number) + " " + mistake);
+    }
+    if (further > 0)
+        mistakes.push_back("and " + std::to_string(further) + " more lines like these");
+    std::rewind(stream);
+    return mistakes;
+}
+
 // Questions
 
 bool ReadPathLine(std::string& line, std::FILE* stream) {
@@ -117,7 +165,7 @@ int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream, Wi
     int result = 1;
     for (const PathLine& line : file.lines) {
         const std::string& pattern = line.pair.first;
-        if (wild_cards == WildCards::Ignore && pattern.find_first_of("*?") != std::string::npos)
+        if (wild_cards == WildCards::Ignore && HasWildCard(pattern))
             continue;
         if (Matches(line, whole, levels)) {
             if (list != nullptr)

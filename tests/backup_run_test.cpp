@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -262,7 +263,9 @@ TEST(Backup, IncludesExcludesAndDates) {
     EXPECT_EQ(night.Sorted(),
               (std::vector<std::string>{"/QSYS.LIB/PAYROLL.LIB", "/System Configuration", "/home/it's/b"}));
     EXPECT_EQ(Messages(outcome.err),
-              "vondral[backup.cpp]: Invalid object: relative\nvondral[backup.cpp]: wild card error: /ho*/x\n");
+              "vondral: " + (night.work / "include").string() +
+                  ": line 4 does not begin with a slash and matches nothing\n"
+                  "vondral[backup.cpp]: Invalid object: relative\nvondral[backup.cpp]: wild card error: /ho*/x\n");
     EXPECT_EQ(Messages(ReadFile(night.work / "missed")), "/none\nrelative\n");
 
     Night dated; // only what is younger, and libraries that hold something younger
@@ -274,6 +277,43 @@ TEST(Backup, IncludesExcludesAndDates) {
     EXPECT_EQ(recent.status, 0) << recent.err;
     EXPECT_EQ(dated.Sorted(), (std::vector<std::string>{"/QDLS", "/QSYS.LIB/PAYROLL.LIB", "/Security Data",
                                                         "/System Configuration", "/home.savf"}));
+}
+
+// What is missing because it was not listed is told, but not what is saved with the directory above it.
+TEST(Backup, WhatWasNotListedIsMissingOnlyWithoutAUnitAboveIt) {
+    struct Row {
+        const char* refused;
+        bool dated;
+        int status;
+        const char* missed;
+    };
+    for (const Row& row : {Row{"LIST /QSYS.LIB/TOOLS.LIB", true, 2, "/QSYS.LIB/TOOLS.LIB\n"},
+                           {"LIST /home/it's", true, 0, ""},
+                           {"LIST /home/it's", false, 0, ""},
+                           {"LIST /QSYS.LIB", false, 2, "/QSYS.LIB\n"}}) {
+        Night night;
+        night.program.outputs[5] = night.work / "missed";
+        std::vector<std::string> arguments{"-n", "5", "-v"};
+        if (row.dated)
+            arguments.insert(arguments.end(), {"-d", "1000000000"});
+        const Outcome outcome = night.RunBackup(arguments, {Make(Fault::Kind::Replace, row.refused, 1, 0, "550 no")});
+        EXPECT_EQ(outcome.status, row.status) << row.refused << outcome.out << outcome.err;
+        EXPECT_EQ(Messages(ReadFile(night.work / "missed")), row.missed);
+        EXPECT_THAT(outcome.out,
+                    testing::HasSubstr(std::string("** Parsing Errors : ") + (row.status == 0 ? "0\n" : "1\n")));
+    }
+}
+
+// What a server says cannot add lines to the log.
+TEST(Backup, ControlCharactersAreShownAsQuestionMarks) {
+    Night night;
+    WriteFile(night.root / "tmp/\x1b[2Ja\tb", "x");
+    const Outcome outcome = night.RunBackup(
+        {"-m", "1"}, {Make(Fault::Kind::Replace, "RCMD SAVDLO", 1, 0, "550 no\nBackup Success: /QDLS")});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(Messages(outcome.err),
+                testing::HasSubstr("SAVDLO command failed\n  550 no?Backup Success: /QDLS\nBackup Failure: /QDLS\n"));
+    EXPECT_THAT(outcome.out, testing::HasSubstr("Backup Success: /tmp/?[2Ja?b\n"));
 }
 
 TEST(Backup, FailuresOfTheSetUpEndTheMode) {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include "credentials.h"
@@ -111,6 +112,68 @@ TEST(Options, AnUnexpectedResultIsReportedInTwoCalls) {
     EXPECT_EQ(log.substr(17 + 19, 1), "["); // the second call's prefix stands inside the line
 }
 
+// The archive X is there already; each command line would destroy it.
+TEST(Options, TheArchiveIsNoOtherFileOfTheRun) {
+    const TempDir temp;
+    const std::string archive = temp / "X", link = temp / "link";
+    std::filesystem::create_symlink("X", link);
+    const std::vector<std::string> run{"-s", "h", "-c", "u:here:p"};
+    struct Row {
+        std::vector<std::string> words;
+        const char* other;
+    };
+    for (const Row& row : {Row{{"-b", archive, "-C", link}, "the catalog"},
+                           {{"-C", archive, "-b", link}, "the catalog"},
+                           {{"-r", archive, "-C", archive}, "the catalog"},
+                           {{"-b", archive, "-i", link}, "the include file"},
+                           {{"-b", archive, "-e", archive}, "the exclude file"},
+                           {{"-b", archive, "-n", "77"}, "the list of what was not backed up"},
+                           {{"-b", archive, "-l", "77"}, "the list"}}) {
+        WriteFile(archive, "/archive\n");
+        const Descriptor file(::open(archive.c_str(), O_WRONLY | O_APPEND));
+        ASSERT_EQ(::dup2(file.Get(), 77), 77);
+        std::vector<std::string> words = run;
+        words.insert(words.end(), row.words.begin(), row.words.end());
+        const CommandLine line(words);
+        EXPECT_EQ(line.result, -1);
+        EXPECT_THAT(line.Complaints(),
+                    testing::EndsWith(std::string(": is the archive and cannot be ") + row.other + " too\n"));
+        EXPECT_EQ(ReadFile(archive), "/archive\n");
+    }
+    EXPECT_EQ(CommandLine({"-s", "h", "-c", "u:here:p", "-b", "/dev/null", "-C", "/dev/null"}).result, 0);
+}
+
+TEST(Options, MistakesInPathFilesAreSaid) {
+    struct Row {
+        const char* file;
+        const char* option;
+        bool restoring;
+        std::string mistakes;
+    };
+    const TempDir temp;
+    for (const Row& row : {Row{"/a\n\n/b c\n", "-e", false, "line 2 is empty and matches everything"},
+                           {"\n", "-i", true, "line 1 is empty and matches everything"},
+                           {"\n", "-i", false, "line 1 is empty and names no object"},
+                           {" :: /x\n", "-e", false, "line 1 is empty and matches everything"},
+                           {"/a\r\n", "-i", false, "line 1 ends in a carriage return, which is part of its path"},
+                           {"/a \n/b", "-e", false, "line 1 ends in a blank, which is part of its path"},
+                           {"home\n", "-e", false, "line 1 does not begin with a slash and matches nothing"},
+                           {"/home/*\n", "-e", false, ""},
+                           {"/home/*\n", "-e", true, "line 1 contains a wild card and is ignored by a restore"}}) {
+        WriteFile(temp / "f", row.file);
+        const CommandLine line({"-s", "h", "-c", "u:here:p", row.option, temp / "f", row.restoring ? "-r" : "-b", "-"});
+        EXPECT_EQ(line.result, 0);
+        EXPECT_EQ(line.messages,
+                  row.mistakes.empty() ? "" : "vondral: " + (temp / "f").string() + ": " + row.mistakes + "\n");
+        const Stream& stream = row.option[1] == 'e' ? line.settings.exclude : line.settings.include;
+        EXPECT_EQ(std::ftell(stream.get()), 0);
+    }
+    WriteFile(temp / "f", std::string(13, '\n'));
+    EXPECT_THAT(CommandLine({"-s", "h", "-c", "u:here:p", "-e", temp / "f"}).messages,
+                testing::EndsWith("line 10 is empty and matches everything\nvondral: " + (temp / "f").string() +
+                                  ": and 3 more lines like these\n"));
+}
+
 // Credentials
 
 TEST(Credentials, EveryFormAndEveryRefusal) {
@@ -130,7 +193,8 @@ TEST(Credentials, EveryFormAndEveryRefusal) {
           {"user:HERE:", "", "user", "", ""},
           {":here:x", "", "", "x", ""},
           {"user:Env:VONDRAL_TEST_SECRET", "", "user", "from env", ""},
-          {"user:file:" + file, "secret\r\nrest", "user", "secret\r", ""},
+          {"user:file:" + file, "secret\r\nrest", "user", "secret\r",
+           "vondral: Passphrase ends in a carriage return: it was written with DOS line ends\n"},
           {"user:file:" + file, "secret", "user", "secret", truncated + "6 bytes\n"},
           {"user:file:" + file, "", "user", "", truncated + "0 bytes\n"},
           {"user:file:" + file, std::string(5000, 'x'), "user", std::string(4095, 'x'), truncated + "4095 bytes\n"},

@@ -20,10 +20,7 @@
 #include "text.h"
 
 namespace fs = std::filesystem;
-using testing::AllOf;
-using testing::EndsWith;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
@@ -146,12 +143,13 @@ TEST_F(CtarTool, ListsEveryKindAndEscapesNames) {
         "        3072            1  2026-01-02 00:00:00  library        /QSYS.LIB/PAY.LIB\n"
         "        4096            2  2026-01-02 00:00:00  directory      /home [.savf]\n"
         "        5120            3  2026-01-02 00:00:00  file           /e\\x1b[2J\\x0a\\xff\\x5c\n";
-    Check({{archive, "list x.ctar", 0, lines}, {archive, "list -", 0, lines}});
-    EXPECT_THAT(Run("list --json x.ctar /ho* *\xff*").out,
-                AllOf(StartsWith(R"({"offset":4096,"size":2,"mtime":)"),
-                      HasSubstr(R"("mode":16877,"kind":"directory","path":"/home","name":"/home.savf"})"
-                                "\n{\"offset\":5120,\"size\":3,"),
-                      EndsWith("\"name\":\"/e\\\\x1b[2J\\\\x0a\\\\xff\\\\x5c\"}\n")));
+    const std::string home = R"("mode":16877,"kind":"directory","path":"/home","name":"/home.savf"})";
+    const std::string odd = R"("path":"/e\\x1b[2J\\x0a\\xff\\x5c","name":"/e\\x1b[2J\\x0a\\xff\\x5c"})";
+    Check({{archive, "list x.ctar", 0, lines},
+           {archive, "list -", 0, lines},
+           {archive, "list --json x.ctar /ho* *\xff*", 0, home + "\n{\"offset\":5120,\"size\":3,\"mtime\":"},
+           {archive, "list --json x.ctar *\xff*", 0, odd + "\n"}});
+    EXPECT_EQ(Run("list x.ctar /none").out, "");
 }
 
 TEST_F(CtarTool, ArchivesCutAnywhereAreFoundAndSalvaged) {
@@ -200,7 +198,8 @@ TEST_F(CtarTool, EveryDamagedByteOfAHeaderIsRepaired) {
                 const bool doubtful = std::any_of(row.doubtful.begin(), row.doubtful.end(), [at](const auto& range) {
                     return at >= range.first && at < range.second;
                 });
-                EXPECT_THAT(rest, EndsWith(doubtful ? "repaired: name, size, mode or time may be wrong" : "repaired"));
+                EXPECT_THAT(
+                    rest, testing::EndsWith(doubtful ? "repaired: name, size, mode or time may be wrong" : "repaired"));
                 const std::size_t from = at * stride + (doubtful ? BlockSize : 0); // the data are kept in any case
                 const std::size_t count = (at + 1) * stride - from;
                 EXPECT_TRUE(repaired.substr(from, count) == whole.substr(from, count)) << at;
@@ -332,15 +331,13 @@ TEST_F(CtarTool, HostileInputsEndCleanly) {
             Check({{bytes, command + " x.ctar", status}, {bytes, command + " -", status}});
     }
     ::mkfifo("fifo", 0600);
-    for (const std::string command : {"list", "verify", "sum", "export"}) {
-        Check({{Three, command + " .", 2, "read at offset 0x0 (0): Is a directory\n"}});
-        Program closed;
-        closed.close_standard_streams = true;
-        EXPECT_EQ(Run(command + " x.ctar", std::move(closed)).status, 2) << command;
-    }
+    Program closed;
+    closed.close_standard_streams = true;
+    EXPECT_EQ(Run("list x.ctar", std::move(closed)).status, 2);
     WriteFile("./-dash", Three + "junk");
     WriteFile("./[a]", Three);
     Check({{"x", "salvage x.ctar -o never", 2, "x.ctar: shorter than one block"},
+           {Three, "list .", 2, "read at offset 0x0 (0): Is a directory\n"},
            {Three, "salvage fifo -o never", 2},
            {Three, "extract fifo /a", 2, ": this command needs the name of a regular file"},
            {Three, "salvage x.ctar -o -", 2},
@@ -362,7 +359,6 @@ TEST_F(CtarTool, SumsRevealWhatChanged) {
         {{Three, "verify --sums sums -", 0, all, sums},
          {changed, check, 1, differs},
          {changed, check + " --max-duration 1h", 1, differs},
-         {changed, check + " --sample 100% --seed 5", 1, differs},
          {changed, check + " --sample 0", 0, " 0 of 3 entries (0.0 %), 0 of 3168 bytes (0.0 %)\n"},
          {Three, check + " --max-duration 0.000000001", 0, "x.ctar: 3 entries, headers sound, no data compared\n"},
          {fault, check, 1, " (1536): missing: /b: in the sums, but not found: see the fault at 0x600 (1536)\nx.ctar: "},
@@ -456,7 +452,7 @@ TEST_F(CtarTool, ATerminalALockAndAFullDisk) {
     pollfd drawn{master.Get(), POLLIN, 0};
     for (char byte; !shown.ends_with("\r\033[K") && ::poll(&drawn, 1, 10000) == 1; shown += byte)
         ASSERT_EQ(::read(master.Get(), &byte, 1), 1) << shown;
-    EXPECT_THAT(shown, AllOf(StartsWith("\r["), HasSubstr(" % "), EndsWith("\r\033[K")));
+    EXPECT_THAT(shown, testing::MatchesRegex("\r\\[.* % .*\r\033\\[K"));
 
     Program full;
     full.outputs = {{STDOUT_FILENO, "/dev/full"}};

@@ -62,14 +62,14 @@ bool Fits(const Input& input, const Entry& entry) {
 }
 
 // Whether a header or a sentinel is at that offset, or the input ends before the end of that block.
-bool ChainHoldsAt(Input& input, std::int64_t offset) {
+bool ChainContinuesAt(Input& input, std::int64_t offset) {
     CtarBlock block;
     return input.ReadBlockAt(offset, block) < BlockSize || HasGoodChecksum(block);
 }
 
 // Whether the entry's size leads to a header, to a sentinel or to the end.
 bool LeadsOn(Input& input, const Entry& entry) {
-    return Fits(input, entry) && ChainHoldsAt(input, EndOf(entry));
+    return Fits(input, entry) && ChainContinuesAt(input, EndOf(entry));
 }
 
 // The offset of the first good header from `begin` on that leads on, or INT64_MAX. Requires: `begin` never decreases

@@ -277,7 +277,8 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
                             EntryOf("/cut", DataA + "?") + EntryOf("/d", DataB, 0040755) + EntryOf("relative", DataA);
     // A good checksum does not make a header what a backup writes.
     std::string odd = HeaderOf("/b", 528);
-    for (const std::size_t at : {3, 107, 108, 116, 156, 157, 159, 257, 261, 265, 277, 281, 285, 305, 368, 440})
+    for (const std::size_t at :
+         std::vector<std::size_t>{3, 107, 108, 116, 156, 157, 159, 257, 261, 265, 277, 281, 285, 305, 368, 440})
         odd[at] = '7';
     odd[146] = 'x';
     const std::string differs = "x.ctar: 0x0 (0): header: /b: differs from what a backup writes: ";

@@ -1,5 +1,5 @@
-// The commands of ctar. Each declares its options and gives what runs once they are parsed; that gives an exit status,
-// or throws Failure (messages.h).
+// The commands of ctar. Each Declare function adds the command's options to `command` and returns the action to run
+// once they are parsed. The action returns an exit status or throws Failure (messages.h).
 
 #pragma once
 
@@ -9,9 +9,11 @@ namespace CLI {
 class App;
 }
 
-constexpr int AllWell = 0;
-constexpr int NotSound = 1;   // the archive has faults, differs, lacks what was asked for, or lost something
-constexpr int CannotWork = 2; // bad usage, or something that cannot be opened, read or written
+namespace ctar {
+
+constexpr int ExitSuccess = 0;
+constexpr int ExitFaults = 1; // the archive has faults, differs, lacks the entry asked for, or lost something
+constexpr int ExitError = 2;  // bad usage, or something cannot be opened, read or written
 
 using Action = std::function<int()>;
 
@@ -21,3 +23,5 @@ Action DeclareSum(CLI::App& command);
 Action DeclareExtract(CLI::App& command);
 Action DeclareSalvage(CLI::App& command);
 Action DeclareExport(CLI::App& command);
+
+} // namespace ctar

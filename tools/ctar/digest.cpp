@@ -6,15 +6,17 @@
 #include <openssl/evp.h>
 
 #include "messages.h"
-#include "support.h"
+#include "text.h"
+
+namespace ctar {
 
 namespace {
 
 using Sha256 = std::array<unsigned char, 32>;
 
-void Require(int done) {
-    if (done != 1)
-        throw Failure("SHA-256: libcrypto refuses");
+void Require(int result) {
+    if (result != 1)
+        throw Failure("SHA-256: libcrypto failed");
 }
 
 } // namespace
@@ -27,9 +29,8 @@ Digest::Digest() : context_(EVP_MD_CTX_new()) {
     Require(context_ != nullptr && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
 }
 
-bool Digest::Add(std::span<const char> bytes) {
+void Digest::Add(std::span<const char> bytes) {
     Require(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()));
-    return true;
 }
 
 std::string Digest::Hex() {
@@ -48,3 +49,5 @@ std::uint64_t ShortDigest(std::string_view text) {
     std::memcpy(&front, sum.data(), sizeof front);
     return front;
 }
+
+} // namespace ctar

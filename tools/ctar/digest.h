@@ -10,12 +10,14 @@
 
 struct evp_md_ctx_st;
 
-// Throws Failure when libcrypto refuses.
+namespace ctar {
+
+// Throws Failure when libcrypto fails.
 class Digest {
 public:
     Digest();
-    bool Add(std::span<const char> bytes); // true, as a Sink (entry.h) that wants more
-    std::string Hex();                     // 64 lower-case digits, once
+    void Add(std::span<const char> bytes);
+    std::string Hex(); // 64 lower-case digits; call it once, at the end
 
 private:
     struct Closer {
@@ -24,5 +26,7 @@ private:
     std::unique_ptr<evp_md_ctx_st, Closer> context_;
 };
 
-// The first 64 bits of the text's SHA-256: nobody finds two names that share them by accident.
+// The first 64 bits of the text's SHA-256, too many for two names to share them by accident.
 std::uint64_t ShortDigest(std::string_view text);
+
+} // namespace ctar

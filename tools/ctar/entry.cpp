@@ -7,7 +7,10 @@
 
 #include "commands.h"
 #include "messages.h"
+#include "text.h"
 #include "tree.h"
+
+namespace ctar {
 
 Entry ReadEntry(std::span<const char, BlockSize> block, std::int64_t offset) {
     Entry entry;
@@ -20,7 +23,7 @@ Entry ReadEntry(std::span<const char, BlockSize> block, std::int64_t offset) {
     return entry;
 }
 
-// The time is put in as it was stored: as a local time, one of the hour that a zone repeats would not come back.
+// The time is copied as stored. Going through a local time would change it in the hour that a time zone repeats.
 CtarBlock EncodeEntry(const Entry& entry) {
     std::string_view path = entry.name;
     if ((entry.mode & S_IFDIR) != 0 && path.ends_with(NameSuffix))
@@ -53,20 +56,25 @@ const char* KindOf(const Entry& entry) {
     return S_ISDIR(entry.mode) ? "directory" : "file";
 }
 
-bool IsNamed(const Entry& entry, const std::string& wanted) {
+bool MatchesName(const Entry& entry, const std::string& wanted) {
     const std::string path = entry.Path();
     return wanted == entry.name || wanted == path || wanted == Escape(entry.name) || wanted == Escape(path);
 }
 
+bool ContainsPath(const Entry& entry, const std::string& wanted) {
+    const std::string path = entry.Path();
+    return wanted.starts_with(path + "/") || wanted.starts_with(Escape(path) + "/");
+}
+
 // Walking
 
-const ChainStopText& TextOf(ChainStop stop) {
+const ChainStopText& Describe(ChainStop stop) {
     static constexpr ChainStopText texts[] = {
         {"", ""},
         {"no-sentinel", "the archive ends without a sentinel"},
         {"cut-header", "the archive ends inside a block"},
         {"checksum", "neither a header nor the sentinel: bad checksum"},
-        {"size", "a header whose size cannot be read"},
+        {"size", "a header with an unreadable size"},
         {"cut-data", "the archive ends inside this entry"},
     };
     return texts[static_cast<std::size_t>(stop)];
@@ -78,11 +86,11 @@ std::string ChainEnd::Name() const {
 
 namespace {
 
-// Why the chain ends with the block just read, `held` bytes of it; nothing for a good header.
-std::optional<ChainStop> StopAt(const CtarBlock& block, std::size_t held) {
+// Why the chain ends with the block just read, of which `length` bytes exist; nothing for a good header.
+std::optional<ChainStop> FindStop(const CtarBlock& block, std::size_t length) {
     std::int64_t size;
-    if (held < BlockSize)
-        return held == 0 ? ChainStop::End : ChainStop::PartBlock;
+    if (length < BlockSize)
+        return length == 0 ? ChainStop::End : ChainStop::PartBlock;
     if (!HasGoodChecksum(block))
         return ChainStop::Checksum;
     if (IsCtarSentinel(block))
@@ -94,35 +102,38 @@ std::optional<ChainStop> StopAt(const CtarBlock& block, std::size_t held) {
 
 } // namespace
 
-ChainEnd WalkEntries(Input& input, const TakeEntry& take) {
+ChainEnd WalkEntries(Input& input, const EntryHandler& process) {
     for (;;) {
         RequireOutput();
         ChainEnd end{ChainStop::Data, input.Offset(), {}};
-        const std::size_t held = input.ReadBlock(end.block);
-        if (const std::optional<ChainStop> stop = StopAt(end.block, held)) {
+        const std::size_t length = input.ReadBlock(end.block);
+        if (const std::optional<ChainStop> stop = FindStop(end.block, length)) {
             end.stop = *stop;
             return end;
         }
         const Entry entry = ReadEntry(end.block, end.offset);
-        if (input.MayHold(entry.size))
-            take(entry, end.block);
+        if (input.MayContain(entry.size))
+            process(entry, end.block);
         const std::int64_t left = RoundToBlocks(entry.size) - (input.Offset() - entry.DataOffset());
         if (input.Skip(left) < left)
             return end;
     }
 }
 
-int JudgeChainEnd(Input& input, const ChainEnd& end) {
-    const std::string where = input.Name() + ": " + OffsetText(end.offset) + ": ";
+int ReportChainEnd(Input& input, const ChainEnd& end) {
     if (end.stop != ChainStop::Sentinel) {
         const std::string name = Escape(end.Name());
-        Complain(where + name + (name.empty() ? "" : ": ") + TextOf(end.stop).text);
-        return NotSound;
+        PrintError(input.Name() + ": " + FormatOffset(end.offset) + ": " + name + (name.empty() ? "" : ": ") +
+                   Describe(end.stop).text);
+        return ExitFaults;
     }
-    if (input.Read(1).empty())
-        return AllWell;
-    Complain(where + "bytes stand behind the sentinel, and no restore reaches them: see \"ctar verify\"");
-    return NotSound;
+    const std::string where = input.Name() + ": " + FormatOffset(input.Offset()) + ": ";
+    const std::int64_t rest = input.Skip(INT64_MAX);
+    if (rest == 0)
+        return ExitSuccess;
+    PrintError(where + FormatCount(rest, "byte", "bytes") +
+               " after the end of the archive; a restore will not see them");
+    return ExitFaults;
 }
 
 std::int64_t ReadData(Input& input, const Entry& entry, const Sink& sink) {
@@ -152,3 +163,5 @@ bool ReadsZeroPadding(Input& input, const Entry& entry) {
     }
     return true;
 }
+
+} // namespace ctar

@@ -14,18 +14,21 @@
 #include "messages.h"
 #include "tar.h"
 
+namespace ctar {
+
 namespace {
 
-constexpr unsigned Permissions = 0755; // of an object's mode: nobody else need write to what is a save file here
+constexpr unsigned Permissions =
+    0755; // kept of an entry's mode; write access for others makes no sense for a save file
 
-constexpr std::size_t LongestPart = 255; // bytes of a name that file systems take
+constexpr std::size_t LongestPart = 255; // bytes in a part of a path that file systems accept
 
-using TakenNames = std::unordered_set<std::uint64_t>; // ShortDigest of each
+using UsedNames = std::unordered_set<std::uint64_t>; // ShortDigest of each
 
-// The path below wherever the tar archive is unpacked: never absolute, never upwards. All end in the suffix, so that a
-// directory that was saved whole and a file saved from inside it do not get in each other's way. A last part that is
-// cut, or that stood before already, gets the entry's offset.
-std::string TarNameFor(const Entry& entry, TakenNames& taken) {
+// The path within the tar archive: never absolute, never upwards. Every path ends in the suffix, so that a directory
+// saved whole and a file saved from inside it do not collide. The entry's offset is added to a last part that is cut,
+// or to a name already used.
+std::string TarNameFor(const Entry& entry, UsedNames& used) {
     const std::string mark = "-" + std::to_string(entry.offset);
     std::string directory, last, rest = entry.Path() + "/";
     for (std::size_t slash; (slash = rest.find('/')) != rest.npos; rest.erase(0, slash + 1)) {
@@ -42,17 +45,17 @@ std::string TarNameFor(const Entry& entry, TakenNames& taken) {
         tail = mark + tail;
     for (;;) {
         const std::string name = directory + last.substr(0, LongestPart - tail.size()) + tail;
-        if (taken.insert(ShortDigest(name)).second)
+        if (used.insert(ShortDigest(name)).second)
             return name;
         tail = mark + tail;
     }
 }
 
-// Whether all of the entry was there: only of a pipe is that not known before.
-bool Add(TarWriter& tar, TakenNames& taken, Input& input, const Entry& entry) {
-    tar.Begin(TarNameFor(entry, taken), entry.mode & Permissions, entry.mtime, entry.size);
+// Returns false when the data are cut short, which only a pipe does not tell beforehand.
+bool ExportEntry(TarWriter& tar, UsedNames& used, Input& input, const Entry& entry) {
+    tar.BeginFile(TarNameFor(entry, used), entry.mode & Permissions, entry.mtime, entry.size);
     const Sink sink = [&tar](std::span<const char> bytes) {
-        tar.Add(bytes);
+        tar.Write(bytes);
         return true;
     };
     return ReadData(input, entry, sink) == entry.size;
@@ -60,16 +63,16 @@ bool Add(TarWriter& tar, TakenNames& taken, Input& input, const Entry& entry) {
 
 int Export(const std::string& archive) {
     if (::isatty(STDOUT_FILENO) != 0)
-        throw Failure("standard output: is a terminal, and a tar archive is no text");
+        throw Failure("standard output is a terminal; refusing to write a tar archive to it");
     Input input(archive, Access::Forward);
     TarWriter tar;
-    TakenNames taken;
-    bool whole = true;
-    const ChainEnd end =
-        WalkEntries(input, [&](const Entry& entry, const CtarBlock&) { whole = Add(tar, taken, input, entry); });
-    if (whole)
+    UsedNames used;
+    bool is_whole = true;
+    const ChainEnd end = WalkEntries(
+        input, [&](const Entry& entry, const CtarBlock&) { is_whole = ExportEntry(tar, used, input, entry); });
+    if (is_whole)
         tar.Close();
-    return JudgeChainEnd(input, end);
+    return ReportChainEnd(input, end);
 }
 
 } // namespace
@@ -79,3 +82,5 @@ Action DeclareExport(CLI::App& command) {
     command.add_option("ARCHIVE", archive, "the archive, - for standard input")->required();
     return [] { return Export(archive); };
 }
+
+} // namespace ctar

@@ -14,6 +14,8 @@
 #include "messages.h"
 #include "output.h"
 
+namespace ctar {
+
 namespace {
 
 struct ExtractOptions {
@@ -23,37 +25,52 @@ struct ExtractOptions {
     bool force = false;
 };
 
-// A name for a file here, made from the last part of the entry's path: no slash, no "..", nothing hidden, nothing that
-// reads as an option or steers a terminal.
+// A local file name made from the last part of the entry's path: without a slash, not "..", not hidden, and not one
+// that looks like an option or controls a terminal.
 std::string FileNameFor(const Entry& entry) {
-    constexpr std::size_t longest = 200; // with the suffix it suits every file system
+    constexpr std::size_t longest = 200; // with the suffix it fits every file system
     const std::string path = entry.Path();
     std::string name = path.substr(path.rfind('/') + 1).substr(0, longest);
     for (char& byte : name)
         if (static_cast<unsigned char>(byte) < ' ' || byte == '\x7f')
             byte = '_';
     if (name.empty() || name == "." || name == "..")
-        throw Failure(Escape(path) + ": gives no name for a file: say -o FILE");
+        throw Failure(Escape(path) + ": cannot be made a file name; use -o FILE");
     if (name.front() == '.' || name.front() == '-')
         name.front() = '_';
     return name + std::string(NameSuffix);
 }
 
-// The last entry of that name: it is what a restore leaves on the server. `status` is that of the chain.
-std::optional<Entry> Find(Input& input, const std::string& name, int& status) {
-    std::optional<Entry> found;
-    int count = 0;
+struct Search {
+    std::optional<Entry> found;     // the last entry of that name: a restore leaves that one on the server
+    std::optional<Entry> container; // an entry that the wanted path lies inside
+    int count = 0;                  // entries of that name
+    int status = ExitSuccess;       // of the chain
+};
+
+Search Find(Input& input, const std::string& name) {
+    Search search;
     const ChainEnd end = WalkEntries(input, [&](const Entry& entry, const CtarBlock&) {
-        if (!IsNamed(entry, name))
+        if (ContainsPath(entry, name))
+            search.container = entry;
+        if (!MatchesName(entry, name))
             return;
-        found = entry;
-        ++count;
+        search.found = entry;
+        ++search.count;
     });
-    status = JudgeChainEnd(input, end);
-    if (count > 1)
-        Complain(input.Name() + ": holds " + Escape(name) + " " + std::to_string(count) + " times; took the last, at " +
-                 OffsetText(found->offset));
-    return found;
+    search.status = ReportChainEnd(input, end);
+    return search;
+}
+
+void ReportMissing(const Input& input, const std::string& name, const Search& search) {
+    const std::string wanted = input.Name() + ": " + (search.container ? "" : "no entry ") + Escape(name);
+    if (search.container)
+        PrintError(wanted + " is inside the entry " + Escape(search.container->Path()) +
+                   "; restore it with \"vondral -i\"");
+    else if (search.status == ExitSuccess)
+        PrintError(wanted);
+    else
+        PrintError(wanted + " where a restore would see it; \"ctar salvage\" may find it");
 }
 
 template <class Write>
@@ -64,10 +81,11 @@ void CopyData(Input& input, const Entry& entry, const Write& write) {
         return true;
     };
     if (ReadData(input, entry, sink) < entry.size)
-        throw Failure(input.Name() + ": " + OffsetText(input.Offset()) + ": ends inside " + Escape(entry.name));
+        throw Failure(input.Name() + ": " + FormatOffset(input.Offset()) + ": the archive ends inside " +
+                      Escape(entry.name));
 }
 
-void ToFile(Input& input, const Entry& entry, const std::string& path, bool force) {
+void ExtractToFile(Input& input, const Entry& entry, const std::string& path, bool force) {
     if (input.IsSameFile(path))
         throw Failure(Escape(path) + ": is the archive itself");
     OutputFile file(path, force);
@@ -78,22 +96,25 @@ void ToFile(Input& input, const Entry& entry, const std::string& path, bool forc
 }
 
 int Extract(const ExtractOptions& options) {
-    const bool standard = options.output == "-";
-    if (standard && ::isatty(STDOUT_FILENO) != 0)
-        throw Failure("standard output: is a terminal, and a save file is no text");
+    const bool to_stdout = options.output == "-";
+    if (to_stdout && ::isatty(STDOUT_FILENO) != 0)
+        throw Failure("standard output is a terminal; refusing to write a save file to it");
     Input input(options.archive, Access::Random);
-    int status;
-    const std::optional<Entry> entry = Find(input, options.name, status);
-    if (!entry) {
-        Complain(input.Name() + ": holds no entry " + Escape(options.name) +
-                 (status == AllWell ? "" : " that can be reached: \"ctar salvage\" may find it"));
-        return NotSound;
+    const Search search = Find(input, options.name);
+    if (!search.found) {
+        ReportMissing(input, options.name, search);
+        return ExitFaults;
     }
-    if (standard)
-        CopyData(input, *entry, [](std::span<const char> bytes) { WriteAll(STDOUT_FILENO, bytes, "standard output"); });
+    const Entry& entry = *search.found;
+    if (search.count > 1)
+        PrintError(input.Name() + ": " + std::to_string(search.count) + " entries " + Escape(options.name) +
+                   "; extracting the last, at " + FormatOffset(entry.offset));
+    if (to_stdout)
+        CopyData(input, entry,
+                 [](std::span<const char> bytes) { WriteOrThrow(STDOUT_FILENO, bytes, "standard output"); });
     else
-        ToFile(input, *entry, options.output.empty() ? FileNameFor(*entry) : options.output, options.force);
-    return status;
+        ExtractToFile(input, entry, options.output.empty() ? FileNameFor(entry) : options.output, options.force);
+    return search.status;
 }
 
 } // namespace
@@ -104,6 +125,8 @@ Action DeclareExtract(CLI::App& command) {
     command.add_option("NAME", options.name, "the entry's full path, as bytes or as \"ctar list\" shows it")
         ->required();
     command.add_option("-o,--output", options.output, "the file to write, - for standard output")->type_name("FILE");
-    command.add_flag("-f,--force", options.force, "replace the file if it is there");
+    command.add_flag("-f,--force", options.force, "replace an existing file");
     return [] { return Extract(options); };
 }
+
+} // namespace ctar

@@ -9,6 +9,8 @@
 #include "commands.h"
 #include "messages.h"
 
+namespace ctar {
+
 namespace {
 
 using nlohmann::ordered_json;
@@ -21,7 +23,7 @@ double Percent(std::int64_t part, std::int64_t whole) {
 
 void Findings::Report(const FindingKind& kind, std::int64_t offset, const std::string& name, const std::string& text) {
     ++count_;
-    mends_ = mends_ || kind.mends;
+    is_repairable_ = is_repairable_ || kind.is_repairable;
     progress_.Clear();
     const std::string archive = Escape(path_);
     if (json_) {
@@ -30,42 +32,51 @@ void Findings::Report(const FindingKind& kind, std::int64_t offset, const std::s
         std::printf("%s\n", line.dump().c_str());
         return;
     }
-    std::printf("%s: %s: %s: %s%s%s\n", archive.c_str(), OffsetText(offset).c_str(), kind.code, Escape(name).c_str(),
+    std::printf("%s: %s: %s: %s%s%s\n", archive.c_str(), FormatOffset(offset).c_str(), kind.code, Escape(name).c_str(),
                 name.empty() ? "" : ": ", text.c_str());
 }
 
-int Findings::Finish(std::int64_t entries, const Compared& compared, Cure cure) {
-    progress_.Clear();
+void Findings::PrintJsonSummary(std::int64_t entries, const Compared& compared, const std::string& repair) const {
+    ordered_json line{{"archive", Escape(path_)}, {"entries", entries}, {"findings", count_}, {"mend", repair}};
+    if (compared.is_active)
+        line.update({{"compared_entries", compared.entries},
+                     {"compared_bytes", compared.bytes},
+                     {"sums_entries", compared.all_entries},
+                     {"sums_bytes", compared.all_bytes}});
+    std::printf("%s\n", line.dump().c_str());
+}
+
+void Findings::PrintSummary(std::int64_t entries, const Compared& compared) const {
     const std::string archive = Escape(path_);
-    const std::string word = ShellWord((path_.starts_with('-') ? "./" : "") + path_); // no option
-    const bool salvage = mends_ && cure == Cure::Salvage;
-    const std::string mend = !salvage ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : word) + " -o NEW";
-    if (json_) {
-        ordered_json line{{"archive", archive}, {"entries", entries}, {"findings", count_}, {"mend", mend}};
-        if (compared.active)
-            line.update({{"compared_entries", compared.entries},
-                         {"compared_bytes", compared.bytes},
-                         {"sums_entries", compared.all_entries},
-                         {"sums_bytes", compared.all_bytes}});
-        std::printf("%s\n", line.dump().c_str());
-        return count_ == 0 ? AllWell : NotSound;
-    }
-    if (compared.active)
+    if (compared.is_active)
         std::printf("%s: compared the data of %lld of %s (%.1f %%), %lld of %lld bytes (%.1f %%)\n", archive.c_str(),
-                    static_cast<long long>(compared.entries), Counted(compared.all_entries, "entry", "entries").c_str(),
+                    static_cast<long long>(compared.entries),
+                    FormatCount(compared.all_entries, "entry", "entries").c_str(),
                     Percent(compared.entries, compared.all_entries), static_cast<long long>(compared.bytes),
                     static_cast<long long>(compared.all_bytes), Percent(compared.bytes, compared.all_bytes));
-    const bool blind = compared.active && compared.entries == 0 && compared.all_entries > 0;
-    std::printf("%s: %s, %s\n", archive.c_str(), Counted(entries, "entry", "entries").c_str(),
-                count_ > 0 ? Counted(count_, "finding", "findings").c_str()
-                : blind    ? "headers sound, no entry's data compared"
-                           : "sound");
-    if (cure == Cure::Nothing)
-        std::printf("%s: not one block of it is a header or a sentinel: it is no archive, or shifted\n",
-                    archive.c_str());
+    const bool headers_only = compared.is_active && compared.entries == 0 && compared.all_entries > 0;
+    std::printf("%s: %s, %s\n", archive.c_str(), FormatCount(entries, "entry", "entries").c_str(),
+                count_ > 0     ? FormatCount(count_, "finding", "findings").c_str()
+                : headers_only ? "headers sound, no data compared"
+                               : "sound");
+}
+
+int Findings::Finish(std::int64_t entries, const Compared& compared, Advice advice) {
+    progress_.Clear();
+    const std::string word = QuoteForShell((path_.starts_with('-') ? "./" : "") + path_); // not an option
+    const bool salvage = is_repairable_ && advice == Advice::Salvage;
+    const std::string repair = !salvage ? "" : "ctar salvage " + (path_ == "-" ? "ARCHIVE" : word) + " -o NEW";
+    if (json_) {
+        PrintJsonSummary(entries, compared, repair);
+        return count_ == 0 ? ExitSuccess : ExitFaults;
+    }
+    PrintSummary(entries, compared);
+    const std::string archive = Escape(path_);
+    if (advice == Advice::None)
+        std::printf("%s: no block is a header or a sentinel: not an archive, or shifted\n", archive.c_str());
     if (salvage)
-        std::printf("%s: to mend it: %s\n", archive.c_str(), mend.c_str());
-    return count_ == 0 ? AllWell : NotSound;
+        std::printf("%s: to repair it: %s\n", archive.c_str(), repair.c_str());
+    return count_ == 0 ? ExitSuccess : ExitFaults;
 }
 
 // Headers
@@ -77,7 +88,7 @@ struct NamedField {
     HeaderField field;
 };
 
-// All but the size, which makes the header what it is, and the checksum, which follows from the others.
+// All but the checksum, which follows from the others.
 constexpr NamedField CheckedFields[] = {
     {"name", HeaderFields::Name1},
     {"mode", HeaderFields::Mode},
@@ -92,14 +103,14 @@ constexpr NamedField CheckedFields[] = {
     {"copy of the size", HeaderFields::SizeCopy},
     {"third fixed number", HeaderFields::Fixed3},
     {"fourth fixed number", HeaderFields::Fixed4},
-    {"mark of a long name", HeaderFields::LongName},
+    {"flag of a long name", HeaderFields::LongName},
     {"fifth piece of the name", HeaderFields::Name5},
     {"second piece of the name", HeaderFields::Name2},
     {"fourth piece of the name", HeaderFields::Name4},
 };
 
-// Whether a field differs; it is then made equal, so that what differs in the end stands in no field.
-bool TakeDifference(CtarBlock& block, const CtarBlock& expected, HeaderField field) {
+// Whether a field differs. Copies the expected value into it, so that later comparisons do not see this difference.
+bool ConsumeDifference(CtarBlock& block, const CtarBlock& expected, HeaderField field) {
     const auto from = expected.begin() + field.offset;
     const bool differs = !std::equal(from, from + field.width, block.begin() + field.offset);
     std::copy_n(from, field.width, block.begin() + field.offset);
@@ -113,14 +124,16 @@ void CheckHeader(Findings& findings, const Entry& entry, const CtarBlock& header
     if (header == expected)
         return;
     CtarBlock rest = header;
-    const bool checksum = TakeDifference(rest, expected, HeaderFields::Checksum);
+    const bool checksum = ConsumeDifference(rest, expected, HeaderFields::Checksum);
     std::string fields;
     for (const NamedField& checked : CheckedFields)
-        if (TakeDifference(rest, expected, checked.field))
+        if (ConsumeDifference(rest, expected, checked.field))
             fields += std::string(fields.empty() ? "" : ", ") + checked.name;
     if (rest != expected)
         fields += std::string(fields.empty() ? "" : ", ") + "bytes outside the fields";
     else if (fields.empty() && checksum)
         fields = "form of the checksum";
-    findings.Report(FindingKinds::Header, entry.offset, entry.name, "not as a backup writes it: " + fields);
+    findings.Report(FindingKinds::Header, entry.offset, entry.name, "differs from what a backup writes: " + fields);
 }
+
+} // namespace ctar

@@ -5,72 +5,74 @@
 #include <fstream>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "messages.h"
+#include "text.h"
+
+namespace ctar {
 
 namespace {
 
-constexpr std::size_t BufferSize = 1 << 20;      // large enough that a disk reads at its full rate
+constexpr std::size_t BufferSize = 1 << 20;      // large enough to read a disk at its full rate
 constexpr std::size_t SmallestWindow = 16 << 10; // small enough that walking headers alone stays cheap
 
 } // namespace
 
-// The writer holds an exclusive lock for the whole of a run. Only the list of locks tells without taking one, which
-// might refuse a backup that begins at this moment.
+// A backup holds an exclusive lock on its archive. Looking it up in the list of locks avoids taking a lock, which could
+// make a backup fail that starts at this moment.
 bool IsBeingWritten(const struct stat& file) {
-    const std::string place = FormatText(" %02x:%02x:%llu ", major(file.st_dev), minor(file.st_dev),
-                                         static_cast<unsigned long long>(file.st_ino));
+    const std::string id = FormatText(" %02x:%02x:%llu ", major(file.st_dev), minor(file.st_dev),
+                                      static_cast<unsigned long long>(file.st_ino));
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);)
-        if (line.find("FLOCK") != line.npos && line.find("WRITE") != line.npos && line.find(place) != line.npos)
+        if (line.find("FLOCK") != line.npos && line.find("WRITE") != line.npos && line.find(id) != line.npos)
             return true;
     return false;
 }
 
 Input::Input(const std::string& path, Access access)
     : name_(Escape(path)), buffer_(BufferSize), window_(SmallestWindow) {
-    const bool standard = path == "-";
-    if (standard)
+    const bool is_standard = path == "-";
+    if (is_standard)
         name_ = "standard input";
-    // A named pipe without a writer must not hold up a command that cannot use it.
-    const int waiting = access == Access::Random ? O_NONBLOCK : 0;
-    descriptor_.Reset(standard ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                               : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | waiting));
+    // Opening a named pipe without a writer must not block a command that cannot use it.
+    const int nonblock = access == Access::Random ? O_NONBLOCK : 0;
+    descriptor_.Reset(is_standard ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                  : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | nonblock));
     if (!descriptor_.IsOpen() || ::fstat(descriptor_.Get(), &status_) != 0)
         throw Failure(WithReason(name_));
     const bool is_file = S_ISREG(status_.st_mode) || S_ISBLK(status_.st_mode);
-    if (is_file && !standard)
+    if (is_file && !is_standard)
         size_ = ::lseek(descriptor_.Get(), 0, SEEK_END);
     if (access == Access::Random && !IsSeekable())
-        throw Failure(name_ + (standard ? ": this command goes back and forth: it needs the name of a file"
-                                        : ": is not a regular file, and this command must go back and forth in it"));
-    under_way_ = IsBeingWritten(status_);
-    if (under_way_)
-        Complain(name_ + ": a backup is being written into it");
+        throw Failure(name_ + ": this command needs the name of a regular file or block device");
+    is_backup_running_ = IsBeingWritten(status_);
+    if (is_backup_running_)
+        PrintError(name_ + ": a backup is writing to this file");
 }
 
-std::size_t Input::ReadSome(char* to, std::size_t most, std::int64_t offset) {
-    for (;;) {
-        const ssize_t count =
-            IsSeekable() ? ::pread(descriptor_.Get(), to, most, offset) : ::read(descriptor_.Get(), to, most);
-        if (count >= 0)
-            return static_cast<std::size_t>(count);
-        pollfd input{descriptor_.Get(), POLLIN, 0}; // a pipe that its other user has made non-blocking
-        if (errno != EINTR && (errno != EAGAIN || ::poll(&input, 1, -1) < 0))
-            throw Failure(WithReason(name_ + ": read at offset " + OffsetText(offset)));
-    }
+std::size_t Input::ReadAt(std::int64_t offset, char* bytes, std::size_t most) {
+    ssize_t count;
+    if (!IsSeekable())
+        count = ReadSome(descriptor_.Get(), bytes, most);
+    else
+        do
+            count = ::pread(descriptor_.Get(), bytes, most, offset);
+        while (count < 0 && errno == EINTR);
+    if (count < 0)
+        throw Failure(WithReason(name_ + ": read at offset " + FormatOffset(offset)));
+    return static_cast<std::size_t>(count);
 }
 
 std::span<const char> Input::Read(std::int64_t most) {
-    if (used_ == held_) {
-        held_ = ReadSome(buffer_.data(), window_, offset_);
+    if (used_ == filled_) {
+        filled_ = ReadAt(offset_, buffer_.data(), window_);
         used_ = 0;
         window_ = std::min(window_ * 2, BufferSize);
     }
-    const std::size_t count = std::min(held_ - used_, static_cast<std::size_t>(std::max<std::int64_t>(most, 0)));
+    const std::size_t count = std::min(filled_ - used_, static_cast<std::size_t>(std::max<std::int64_t>(most, 0)));
     const std::span<const char> bytes(buffer_.data() + used_, count);
     used_ += count;
     offset_ += static_cast<std::int64_t>(count);
@@ -78,47 +80,49 @@ std::span<const char> Input::Read(std::int64_t most) {
 }
 
 std::size_t Input::ReadBlock(CtarBlock& block) {
-    std::size_t held = 0;
-    while (held < block.size()) {
-        const std::span<const char> bytes = Read(static_cast<std::int64_t>(block.size() - held));
+    std::size_t length = 0;
+    while (length < block.size()) {
+        const std::span<const char> bytes = Read(static_cast<std::int64_t>(block.size() - length));
         if (bytes.empty())
             break;
-        std::copy(bytes.begin(), bytes.end(), block.begin() + held);
-        held += bytes.size();
+        std::copy(bytes.begin(), bytes.end(), block.begin() + length);
+        length += bytes.size();
     }
-    return held;
+    return length;
 }
 
 std::int64_t Input::Skip(std::int64_t count) {
-    const std::int64_t begun = offset_;
-    if (IsSeekable() && count > static_cast<std::int64_t>(held_ - used_)) {
+    const std::int64_t begin = offset_;
+    if (IsSeekable() && count > static_cast<std::int64_t>(filled_ - used_)) {
         Seek(offset_ + std::min(count, std::max<std::int64_t>(size_ - offset_, 0)));
-        return offset_ - begun;
+        return offset_ - begin;
     }
-    while (offset_ - begun < count && !Read(count - (offset_ - begun)).empty()) {
+    while (offset_ - begin < count && !Read(count - (offset_ - begin)).empty()) {
     }
-    return offset_ - begun;
+    return offset_ - begin;
 }
 
 void Input::Seek(std::int64_t offset) {
     offset_ = offset;
-    held_ = used_ = 0;
+    filled_ = used_ = 0;
     window_ = SmallestWindow;
 }
 
 std::size_t Input::ReadBlockAt(std::int64_t offset, CtarBlock& block) {
-    std::size_t held = 0;
-    while (held < block.size()) {
-        const std::size_t count = ReadSome(block.data() + held, block.size() - held, offset);
+    std::size_t length = 0;
+    while (length < block.size()) {
+        const std::size_t count = ReadAt(offset, block.data() + length, block.size() - length);
         if (count == 0)
             break;
-        held += count;
+        length += count;
         offset += static_cast<std::int64_t>(count);
     }
-    return held;
+    return length;
 }
 
 bool Input::IsSameFile(const std::string& path) const {
     struct stat other;
     return ::stat(path.c_str(), &other) == 0 && other.st_dev == status_.st_dev && other.st_ino == status_.st_ino;
 }
+
+} // namespace ctar

@@ -16,11 +16,13 @@
 #include "entry.h"
 #include "messages.h"
 
+namespace ctar {
+
 namespace {
 
 struct ListOptions {
     std::string archive;
-    std::vector<std::string> patterns; // none: everything
+    std::vector<std::string> patterns; // empty: all entries
     bool json = false;
 };
 
@@ -57,7 +59,7 @@ int List(const ListOptions& options) {
         if (IsWanted(options, entry))
             (options.json ? PrintJson : PrintLine)(entry);
     });
-    return JudgeChainEnd(input, end);
+    return ReportChainEnd(input, end);
 }
 
 } // namespace
@@ -65,7 +67,10 @@ int List(const ListOptions& options) {
 Action DeclareList(CLI::App& command) {
     static ListOptions options;
     command.add_option("ARCHIVE", options.archive, "the archive, - for standard input")->required();
-    command.add_option("PATTERN", options.patterns, "shell patterns: only names that match one (* matches / too)");
-    command.add_flag("--json", options.json, "one JSON object a line");
+    command.add_option("PATTERN", options.patterns,
+                       "show only names that match one of these shell patterns (* matches / too)");
+    command.add_flag("--json", options.json, "JSON, one entry per line");
     return [] { return List(options); };
 }
+
+} // namespace ctar

@@ -15,6 +15,8 @@
 #include "commands.h"
 #include "messages.h"
 
+namespace ctar {
+
 namespace {
 
 struct Command {
@@ -27,12 +29,12 @@ constexpr Command Commands[] = {
     {"list", "show the entries of an archive", DeclareList},
     {"verify", "look for damage, with --sums in the data too", DeclareVerify},
     {"sum", "write the SHA-256 of every entry's data", DeclareSum},
-    {"extract", "take one save file out", DeclareExtract},
+    {"extract", "write one save file", DeclareExtract},
     {"salvage", "build a sound archive from a damaged one", DeclareSalvage},
     {"export", "write the save files as a tar archive", DeclareExport},
 };
 
-// A standard descriptor that is closed must not become that of an archive. Writing to its stand-in fails.
+// Opens closed standard descriptors read-only, so that no archive gets their number and writes to them fail.
 void KeepStandardDescriptors() {
     int descriptor;
     do
@@ -41,15 +43,16 @@ void KeepStandardDescriptors() {
     ::close(descriptor);
 }
 
-// CLI11 takes "[a,b]" for two arguments, and "[a]" for "a".
+// CLI11 parses "[a,b]" as two arguments and "[a]" as "a".
 void RefuseLists(int argc, char** argv) {
     for (const std::string_view argument : std::span(argv, static_cast<std::size_t>(argc)))
         if (argument.starts_with('[') && argument.ends_with(']'))
-            throw Failure(Escape(argument) + ": stands in brackets: put ./ in front of a file, * of a pattern");
+            throw Failure(Escape(argument) +
+                          ": begins and ends with a bracket; put ./ before a file, * before a pattern");
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app("Looks after CTAR archives without a server. The manual page ctar(1) tells more.", "ctar");
+    CLI::App app("Looks after CTAR archives without a server. See ctar(1).", "ctar");
     app.set_version_flag("--version", CTAR_VERSION);
     app.require_subcommand(1);
     std::vector<Action> actions;
@@ -67,23 +70,25 @@ int Run(int argc, char** argv) {
     for (std::size_t i = 0; i < all.size(); ++i)
         if (all[i]->parsed())
             return actions[i]();
-    return CannotWork;
+    return ExitError;
 }
 
 } // namespace
 
+} // namespace ctar
+
 int main(int argc, char** argv) {
-    KeepStandardDescriptors();
-    // A reader that has gone, and a file that gets too large, are failed writes.
+    ctar::KeepStandardDescriptors();
+    // A reader that is gone and a file that is too large become failed writes.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    int status = CannotWork;
+    int status = ctar::ExitError;
     try {
-        status = Run(argc, argv);
-    } catch (const OutputLost&) {
-        return CannotWork;
+        status = ctar::Run(argc, argv);
+    } catch (const ctar::OutputFailed&) {
+        return ctar::ExitError;
     } catch (const std::exception& error) {
-        Complain(error.what());
+        ctar::PrintError(error.what());
     }
-    return OutputArrived() ? status : CannotWork;
+    return ctar::FlushOutput() ? status : ctar::ExitError;
 }

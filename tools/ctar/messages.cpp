@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "support.h"
+#include "text.h"
+
+namespace ctar {
 
 std::string WithReason(const std::string& what) {
     return what + ": " + std::strerror(errno);
@@ -23,23 +25,25 @@ std::string Escape(std::string_view bytes) {
 
 std::string Unescape(std::string_view text) {
     std::string bytes;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        unsigned char byte = static_cast<unsigned char>(text[i]);
-        if (text.substr(i).starts_with("\\x")) {
-            const std::string_view digits = text.substr(i + 2, 2);
+    while (!text.empty()) {
+        unsigned char byte = static_cast<unsigned char>(text.front());
+        if (ConsumePrefix(text, "\\x")) {
+            const std::string_view digits = text.substr(0, 2);
             std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
-            i += 3;
+            text.remove_prefix(digits.size());
+        } else {
+            text.remove_prefix(1);
         }
         bytes += static_cast<char>(byte);
     }
     return bytes;
 }
 
-std::string Counted(std::int64_t number, const char* one, const char* more) {
-    return std::to_string(number) + " " + (number == 1 ? one : more);
+std::string FormatCount(std::int64_t number, const char* singular, const char* plural) {
+    return std::to_string(number) + " " + (number == 1 ? singular : plural);
 }
 
-std::string ShellWord(const std::string& bytes) {
+std::string QuoteForShell(const std::string& bytes) {
     constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+-";
     if (!bytes.empty() && bytes.find_first_not_of(plain) == bytes.npos)
         return bytes;
@@ -49,23 +53,25 @@ std::string ShellWord(const std::string& bytes) {
     return "$'" + text + "'";
 }
 
-std::string OffsetText(std::int64_t offset) {
+std::string FormatOffset(std::int64_t offset) {
     return FormatText("0x%llx (%lld)", static_cast<unsigned long long>(offset), static_cast<long long>(offset));
 }
 
-void Complain(const std::string& text) {
+void PrintError(const std::string& text) {
     std::fprintf(stderr, "ctar: %s\n", text.c_str());
 }
 
-bool OutputArrived() {
-    errno = EIO; // a failure further back has left no other reason
+bool FlushOutput() {
+    errno = EIO; // an earlier write that failed has left no reason of its own
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
         return true;
-    Complain(WithReason("standard output"));
+    PrintError(WithReason("standard output"));
     return false;
 }
 
 void RequireOutput() {
-    if (!OutputArrived())
-        throw OutputLost();
+    if (!FlushOutput())
+        throw OutputFailed();
 }
+
+} // namespace ctar

@@ -1,4 +1,4 @@
-// Text that ctar writes: names made harmless, offsets, messages, and whether all of the output arrived.
+// The text that ctar prints: escaped names, offsets, error messages, and the check that standard output was written.
 
 #pragma once
 
@@ -8,35 +8,40 @@
 #include <string>
 #include <string_view>
 
-// What ends a command with CannotWork: "what: why".
+namespace ctar {
+
+// Ends a command with ExitError. The text is "what: why".
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What ends a command whose standard output has failed, so that going on is in vain; OutputArrived() has complained.
-struct OutputLost : std::exception {};
+// Ends a command whose standard output failed, since the rest of its work would be lost. FlushOutput() has printed the
+// reason.
+struct OutputFailed : std::exception {};
 
 // "what: " and the text of errno.
 std::string WithReason(const std::string& what);
 
-// The bytes with the backslash and all that is no printable ASCII character as \xHH. Different bytes give different
-// texts, and none can steer a terminal or break a line.
+// Writes the backslash and every byte that is not printable ASCII as \xHH. Different bytes give different texts, and no
+// text can control a terminal or break a line.
 std::string Escape(std::string_view bytes);
-// The bytes that Escape() gives `text` for. Other text gives bytes that it gives something else for.
+// The inverse of Escape(). Escape() turns the result back into `text` only if `text` came from Escape().
 std::string Unescape(std::string_view text);
 
 // "1 entry", "2 entries"
-std::string Counted(std::int64_t number, const char* one, const char* more);
+std::string FormatCount(std::int64_t number, const char* singular, const char* plural);
 
-// The bytes as one word for a shell (bash and its kin).
-std::string ShellWord(const std::string& bytes);
+// The bytes as one word for bash and similar shells.
+std::string QuoteForShell(const std::string& bytes);
 
 // "0x400 (1024)"
-std::string OffsetText(std::int64_t offset);
+std::string FormatOffset(std::int64_t offset);
 
 // Writes "ctar: text" to standard error.
-void Complain(const std::string& text);
+void PrintError(const std::string& text);
 
-// Whether all that was written to standard output has arrived; complains when not.
-bool OutputArrived();
-void RequireOutput(); // throws OutputLost when not
+// Flushes standard output. Returns false after printing the reason when any of it could not be written.
+bool FlushOutput();
+void RequireOutput(); // the same, but throws OutputFailed
+
+} // namespace ctar

@@ -13,14 +13,15 @@
 
 #include "input.h"
 #include "messages.h"
-#include "resources.h"
+
+namespace ctar {
 
 namespace {
 
-// The temporary file's name, for the signal handler too; empty while there is none.
+// The temporary file's name, which the signal handler reads too; empty while there is no such file.
 std::array<char, PATH_MAX> Temporary{};
 
-extern "C" void EndBySignal(int signal) {
+extern "C" void RemoveAndRaise(int signal) {
     ::unlink(Temporary.data());
     std::signal(signal, SIG_DFL);
     ::raise(signal);
@@ -36,15 +37,15 @@ void RefuseExisting(const std::string& path, bool force) {
     if (::lstat(path.c_str(), &status) != 0)
         return;
     if (!force)
-        throw Failure(Escape(path) + ": exists already; --force replaces it");
+        throw Failure(Escape(path) + ": already exists; use --force to replace it");
     if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
-        throw Failure(Escape(path) + ": is not a regular file");
+        throw Failure(Escape(path) + ": not a regular file");
     if (IsBeingWritten(status))
-        throw Failure(Escape(path) + ": a backup is being written into it");
+        throw Failure(Escape(path) + ": a backup is writing to this file");
 }
 
-// Where a file system cannot rename without replacing, a link does it: it fails when the name is in use.
-bool GiveName(const char* path, bool force) {
+// Some file systems cannot rename without replacing. There a link does it, since it fails when the name is in use.
+bool RenameTo(const char* path, bool force) {
     if (::renameat2(AT_FDCWD, Temporary.data(), AT_FDCWD, path, force ? 0 : RENAME_NOREPLACE) == 0)
         return true;
     if (force || errno != EINVAL || ::link(Temporary.data(), path) != 0)
@@ -55,13 +56,9 @@ bool GiveName(const char* path, bool force) {
 
 } // namespace
 
-void WriteAll(int descriptor, std::span<const char> bytes, const std::string& name) {
-    while (!bytes.empty()) {
-        const ssize_t written = WriteSome(descriptor, bytes.data(), bytes.size());
-        if (written < 0)
-            throw Failure(WithReason(Escape(name) + ": write"));
-        bytes = bytes.subspan(static_cast<std::size_t>(written));
-    }
+void WriteOrThrow(int descriptor, std::span<const char> bytes, const std::string& name) {
+    if (!WriteAll(descriptor, bytes.data(), bytes.size()))
+        throw Failure(WithReason(Escape(name) + ": write"));
 }
 
 OutputFile::OutputFile(const std::string& path, bool force) : path_(path), force_(force) {
@@ -69,21 +66,21 @@ OutputFile::OutputFile(const std::string& path, bool force) : path_(path), force
     const std::string pattern = DirectoryOf(path) + "/.ctar-XXXXXX";
     if (pattern.size() >= Temporary.size())
         throw Failure(Escape(path) + ": path too long");
-    sigset_t ends{}, before{};
-    sigemptyset(&ends);
+    sigset_t handled{}, previous{};
+    sigemptyset(&handled);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGXCPU}) {
-        sigaddset(&ends, signal);
-        if (std::signal(signal, EndBySignal) == SIG_IGN)
+        sigaddset(&handled, signal);
+        if (std::signal(signal, RemoveAndRaise) == SIG_IGN)
             std::signal(signal, SIG_IGN);
     }
-    // Between its making and the handler's knowing its name no signal may come.
-    ::sigprocmask(SIG_BLOCK, &ends, &before);
-    std::string made = pattern;
-    file_.Reset(::mkostemp(made.data(), O_CLOEXEC));
+    // No signal may arrive between creating the file and telling the handler its name.
+    ::sigprocmask(SIG_BLOCK, &handled, &previous);
+    std::string name = pattern;
+    file_.Reset(::mkostemp(name.data(), O_CLOEXEC));
     const int error = errno;
     if (file_.IsOpen())
-        made.copy(Temporary.data(), made.size());
-    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+        name.copy(Temporary.data(), name.size());
+    ::sigprocmask(SIG_SETMASK, &previous, nullptr);
     errno = error;
     if (!file_.IsOpen())
         throw Failure(WithReason(Escape(path)));
@@ -96,17 +93,19 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::Write(std::span<const char> bytes) {
-    WriteAll(file_.Get(), bytes, path_);
+    WriteOrThrow(file_.Get(), bytes, path_);
 }
 
 void OutputFile::Commit() {
     if (::fsync(file_.Get()) != 0 || file_.Close() != 0)
         throw Failure(WithReason(Escape(path_)));
     RefuseExisting(path_, force_);
-    if (!GiveName(path_.c_str(), force_))
+    if (!RenameTo(path_.c_str(), force_))
         throw Failure(WithReason(Escape(path_)));
     Temporary.fill('\0');
     const Descriptor directory(::open(DirectoryOf(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.IsOpen() || ::fsync(directory.Get()) != 0)
         throw Failure(WithReason(Escape(DirectoryOf(path_))));
 }
+
+} // namespace ctar

@@ -1,24 +1,26 @@
-// A file that is there in whole or not at all: written under a temporary name beside its own.
+// A file that appears complete or not at all: it is written under a temporary name in the same directory.
 
 #pragma once
 
 #include <span>
 #include <string>
 
-#include "support.h"
+#include "resources.h"
+
+namespace ctar {
 
 class OutputFile {
 public:
-    // Makes the temporary file, mode 0600. Throws Failure, also when `path` exists without `force`, is no regular
-    // file, or a backup is writing into it. One such file can stand at a time.
+    // Creates the temporary file, mode 0600. Throws Failure, also when `path` exists and `force` is false, is not a
+    // regular file, or a backup is writing to it. At most one OutputFile exists at a time.
     OutputFile(const std::string& path, bool force);
-    // Removes the temporary file unless it was committed. A signal that ends the program removes it too.
+    // Removes the temporary file unless it was committed. So does a signal that ends the program.
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
     void Write(std::span<const char> bytes); // throws Failure
-    // Flushes to disk and gives the file its name. Throws Failure, also when `path` has come to be one that
+    // Flushes the file to disk and renames it to `path`. Throws Failure, also when `path` has meanwhile become one that
     // the constructor refuses.
     void Commit();
 
@@ -28,5 +30,7 @@ private:
     Descriptor file_;
 };
 
-// Writes all of it; throws Failure, with `name`.
-void WriteAll(int descriptor, std::span<const char> bytes, const std::string& name);
+// Writes all of the bytes. Throws Failure, which names the file as `name`.
+void WriteOrThrow(int descriptor, std::span<const char> bytes, const std::string& name);
+
+} // namespace ctar

@@ -8,20 +8,22 @@
 
 #include "support.h"
 
+namespace ctar {
+
 namespace {
 
-constexpr double Interval = 0.2; // seconds between two pictures
+constexpr double Interval = 0.2; // seconds between two drawings
 constexpr int Width = 40;        // characters of the bar
 
 } // namespace
 
-Progress::Progress(std::int64_t total) : total_(total), terminal_(::isatty(STDERR_FILENO) != 0) {}
+Progress::Progress(std::int64_t total) : total_(total), is_terminal_(::isatty(STDERR_FILENO) != 0) {}
 
 void Progress::Show(std::int64_t done) {
-    if (!terminal_ || SecondsNow() < next_)
+    if (!is_terminal_ || SecondsNow() < next_)
         return;
     next_ = SecondsNow() + Interval;
-    drawn_ = true;
+    is_drawn_ = true;
     const double gibibytes = static_cast<double>(done) / (1 << 30);
     if (total_ <= 0) {
         std::fprintf(stderr, "\r%10.2f GiB", gibibytes);
@@ -33,7 +35,9 @@ void Progress::Show(std::int64_t done) {
 }
 
 void Progress::Clear() {
-    if (drawn_)
+    if (is_drawn_)
         std::fputs("\r\033[K", stderr);
-    drawn_ = false;
+    is_drawn_ = false;
 }
+
+} // namespace ctar

@@ -1,10 +1,10 @@
-// ctar salvage: a sound archive from all that can be recovered of a damaged one.
+// ctar salvage: builds a sound archive from all that can be recovered of a damaged one.
 //
-// The input is taken in ranges from front to back. While the chain holds, each header leads to the next, and nothing
-// inside an entry is looked at: a save file may hold an archive itself. Where the chain ends before the input does
-// (behind an old sentinel, or at a block that is no header and cannot be mended) the blocks are scanned for a header
-// that leads to another header, a sentinel or the end, or has at least no such header in its data; from there on the
-// chain holds again.
+// The input is processed in ranges, front to back. As long as the chain holds, each header leads to the next, and the
+// data of entries are not looked at, because a save file may contain an archive. Where the chain ends before the input
+// does (after an old sentinel, or at a block that is not a header and cannot be repaired), the following blocks are
+// scanned for a header that leads to another header, to a sentinel or to the end, or at least has no such header within
+// its data. The chain continues from there.
 
 #include "commands.h"
 
@@ -19,6 +19,8 @@
 #include "entry.h"
 #include "messages.h"
 #include "output.h"
+
+namespace ctar {
 
 namespace {
 
@@ -35,17 +37,16 @@ struct Salvage {
     OutputFile& output;
     std::int64_t dropped = 0;     // bytes
     std::int64_t doubtful = 0;    // entries
-    std::int64_t next_header = 0; // of the last FindHeader()
+    std::int64_t next_header = 0; // what FindHeader() found last
 };
 
-// Says what became of the range from `begin` to `end`.
-void Tell(std::int64_t begin, std::int64_t end, const std::string& fate) {
-    std::printf("%s: %lld bytes: %s\n", OffsetText(begin).c_str(), static_cast<long long>(end - begin), fate.c_str());
+// Prints what became of the range from `begin` to `end`.
+void PrintRange(std::int64_t begin, std::int64_t end, const std::string& fate) {
+    std::printf("%s: %lld bytes: %s\n", FormatOffset(begin).c_str(), static_cast<long long>(end - begin), fate.c_str());
 }
 
-// Tells of a range that is lost.
-void Drop(Salvage& run, std::int64_t begin, std::int64_t end, const std::string& why) {
-    Tell(begin, end, "dropped: " + why);
+void DropRange(Salvage& run, std::int64_t begin, std::int64_t end, const std::string& why) {
+    PrintRange(begin, end, "dropped: " + why);
     run.dropped += end - begin;
 }
 
@@ -55,23 +56,24 @@ std::int64_t EndOf(const Entry& entry) {
     return entry.DataOffset() + RoundToBlocks(entry.size);
 }
 
-// Whether the entry's data lie within the input.
+// Whether all of the entry's data are within the input.
 bool Fits(const Input& input, const Entry& entry) {
     return entry.size <= input.Size() - entry.DataOffset();
 }
 
-// Whether what should be a header or a sentinel is one, or the input ends before the end of it.
-bool ChainHoldsAt(Input& input, std::int64_t offset) {
+// Whether a header or a sentinel is at that offset, or the input ends before the end of that block.
+bool ChainContinuesAt(Input& input, std::int64_t offset) {
     CtarBlock block;
     return input.ReadBlockAt(offset, block) < BlockSize || HasGoodChecksum(block);
 }
 
+// Whether the entry's size leads to a header, to a sentinel or to the end.
 bool LeadsOn(Input& input, const Entry& entry) {
-    return Fits(input, entry) && ChainHoldsAt(input, EndOf(entry));
+    return Fits(input, entry) && ChainContinuesAt(input, EndOf(entry));
 }
 
-// The offset of the first good header that leads on, from `begin` on; INT64_MAX when there is none.
-// Requires: `begin` never descends. So the input is read once for this, whatever stands in it.
+// The offset of the first good header from `begin` on that leads on, or INT64_MAX. Requires: `begin` never decreases
+// between calls. So all calls together read the input only once.
 std::int64_t FindHeader(Salvage& run, std::int64_t begin) {
     CtarBlock block{};
     Entry entry;
@@ -84,97 +86,98 @@ std::int64_t FindHeader(Salvage& run, std::int64_t begin) {
     return offset = INT64_MAX;
 }
 
-// Whether no entry of its own begins in the entry's data.
-bool IsClear(Salvage& run, const Entry& entry) {
+// Whether no header that leads on is within the entry's data.
+bool ContainsNoHeader(Salvage& run, const Entry& entry) {
     return FindHeader(run, entry.DataOffset()) >= EndOf(entry);
 }
 
-// A header read with one of its two sizes.
-struct Reading {
+// What a damaged header says if one of its two sizes is right.
+struct Candidate {
     Entry entry;
-    bool exact; // a backup would have stored the same checksum for this entry
-    bool leads; // to a header, a sentinel or the end
+    bool is_exact; // a backup would have stored the same checksum for this entry
+    bool leads_on;
 };
 
-// Nothing when the entry would have no data or not all of them. Every name begins with a slash; where the checksum says
-// so, that byte alone is damaged.
-std::optional<Reading> ReadAs(Input& input, CtarBlock block, std::int64_t offset, HeaderField size) {
+// Returns nothing when the entry would have no data, or data beyond the input. Every name begins with a slash; another
+// first byte is accepted as the only damage if the checksum then matches.
+std::optional<Candidate> ReadCandidate(Input& input, CtarBlock block, std::int64_t offset, HeaderField size) {
     std::int64_t bytes;
     if (!ReadCtarSize(block, bytes, size) || bytes == 0)
         return std::nullopt;
-    const bool named = block.front() == '/';
+    const bool has_slash = block.front() == '/';
     block.front() = '/';
     Entry entry = ReadEntry(block, offset);
     entry.size = bytes;
     constexpr HeaderField sum = HeaderFields::Checksum;
-    const CtarBlock whole = EncodeEntry(entry);
-    const bool exact =
-        std::equal(whole.begin() + sum.offset, whole.begin() + sum.offset + sum.width, block.begin() + sum.offset);
-    if (!Fits(input, entry) || !(named || exact))
+    const CtarBlock expected = EncodeEntry(entry);
+    const bool is_exact = std::equal(expected.begin() + sum.offset, expected.begin() + sum.offset + sum.width,
+                                     block.begin() + sum.offset);
+    if (!Fits(input, entry) || !(has_slash || is_exact))
         return std::nullopt;
-    return Reading{entry, exact, LeadsOn(input, entry)};
+    return Candidate{entry, is_exact, LeadsOn(input, entry)};
 }
 
 bool HasWholeRecords(const Entry& entry) {
     return entry.size % RecordSize == 0;
 }
 
-bool IsLikelier(const Reading& one, const Reading& other) {
-    const auto merits = [](const Reading& reading) {
-        return std::tuple(reading.exact, reading.leads, HasWholeRecords(reading.entry));
+bool IsLikelier(const Candidate& one, const Candidate& other) {
+    const auto merits = [](const Candidate& candidate) {
+        return std::tuple(candidate.is_exact, candidate.leads_on, HasWholeRecords(candidate.entry));
     };
     return merits(one) > merits(other);
 }
 
-// An entry whose header may be damaged, put together again.
-struct Mended {
+// An entry recovered from a header that may be damaged.
+struct Repaired {
     Entry entry;
-    bool certain;
-    bool backed; // by the checksum or by both sizes
-    bool leads;
+    bool is_certain;
+    bool is_confirmed; // by the checksum, or by both sizes
+    bool leads_on;
 };
 
-// A header with one field damaged gives the entry back: one of the two sizes is good. The checksum tells whether the
-// result is what was written. It is a plain sum that also stays right when two digits change places, so sizes that
-// differ under a good one leave the choice to what they lead to.
-std::optional<Mended> Mend(Input& input, const CtarBlock& block, std::int64_t offset) {
-    std::optional<Reading> best = ReadAs(input, block, offset, HeaderFields::Size);
-    std::optional<Reading> other = ReadAs(input, block, offset, HeaderFields::SizeCopy);
+// A header with one damaged field still yields the entry, since one of its two sizes is good. The checksum tells
+// whether the result is what was written. Being a plain sum, it does not change when two digits swap places. So if the
+// checksum is good but the sizes differ, the size that leads on is chosen.
+std::optional<Repaired> RepairHeader(Input& input, const CtarBlock& block, std::int64_t offset) {
+    std::optional<Candidate> best = ReadCandidate(input, block, offset, HeaderFields::Size);
+    std::optional<Candidate> other = ReadCandidate(input, block, offset, HeaderFields::SizeCopy);
     if (!best || (other && IsLikelier(*other, *best)))
         best.swap(other);
     if (!best)
         return std::nullopt;
-    const bool good = HasGoodChecksum(block);
-    const bool agree = other && other->entry.size == best->entry.size;
-    const bool only = best->leads && !(other && other->leads);
-    const bool certain = agree ? good || best->exact : HasWholeRecords(best->entry) && (good ? only : best->exact);
-    return Mended{best->entry, certain, good || best->exact || agree, best->leads};
+    const bool good_sum = HasGoodChecksum(block);
+    const bool same_size = other && other->entry.size == best->entry.size;
+    const bool leads_alone = best->leads_on && !(other && other->leads_on);
+    const bool is_certain = same_size ? good_sum || best->is_exact
+                                      : HasWholeRecords(best->entry) && (good_sum ? leads_alone : best->is_exact);
+    return Repaired{best->entry, is_certain, good_sum || best->is_exact || same_size, best->leads_on};
 }
 
-// Whether the block that the chain leads to can be mended; a scan, which comes by data too, takes only what is
-// backed.
-bool IsEntry(Salvage& run, const Mended& mended) {
-    return mended.certain || mended.leads || (mended.backed && IsClear(run, mended.entry));
+// Whether to accept a repaired header that the chain leads to. A scan also sees blocks of data, so it accepts only
+// confirmed ones.
+bool IsChainEntry(Salvage& run, const Repaired& repaired) {
+    return repaired.is_certain || repaired.leads_on || (repaired.is_confirmed && ContainsNoHeader(run, repaired.entry));
 }
-bool IsFound(Salvage& run, const Mended& mended) {
-    return mended.backed && (mended.leads || IsClear(run, mended.entry));
+bool IsScannedEntry(Salvage& run, const Repaired& repaired) {
+    return repaired.is_confirmed && (repaired.leads_on || ContainsNoHeader(run, repaired.entry));
 }
 
 // Entries
 
-// Whether a header or the sentinel stands where the entry's size leads, or a header that can be mended.
+// Whether the entry's size leads to a header, to a header that can be repaired, or to a sentinel.
 bool IsFollowed(Salvage& run, const Entry& entry) {
     CtarBlock block;
     if (run.input.ReadBlockAt(EndOf(entry), block) < BlockSize)
         return false;
     if (HasGoodChecksum(block))
         return true;
-    const std::optional<Mended> next = Mend(run.input, block, EndOf(entry));
-    return next && IsEntry(run, *next);
+    const std::optional<Repaired> next = RepairHeader(run.input, block, EndOf(entry));
+    return next && IsChainEntry(run, *next);
 }
 
-// Copies the entry under a header as the writer writes it. Gives the offset behind it in the input. Data that lost
-// bytes, or have some too many, show it only by what stands behind them: that adds to `doubt`.
+// Copies the entry, with a header as a backup writes it. Returns the offset after the entry in the input. Bytes lost
+// from its data or added to them show only in what follows the data: that adds to `doubt`.
 std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, std::string doubt) {
     const std::int64_t padding = RoundToBlocks(entry.size) - entry.size;
     const std::int64_t end = std::min(EndOf(entry), run.input.Size());
@@ -185,98 +188,101 @@ std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, s
         return true;
     };
     if (ReadData(run.input, entry, copy) < entry.size)
-        throw Failure(run.input.Name() + ": " + OffsetText(run.input.Offset()) + ": the archive shrank");
+        throw Failure(run.input.Name() + ": " + FormatOffset(run.input.Offset()) + ": the archive shrank");
     if (!ReadsZeroPadding(run.input, entry) || !IsFollowed(run, entry))
-        doubt += ": its data may be wrong: no padding of zeros and a header follow them";
+        doubt += ": the data may be wrong: zero padding and a header do not follow";
     const CtarBlock zeros{};
     run.output.Write(std::span(zeros).first(static_cast<std::size_t>(padding)));
     run.doubtful += doubt.empty() ? 0 : 1;
-    Tell(entry.offset, end, "kept as entry " + Escape(entry.name) + remark + doubt);
+    PrintRange(entry.offset, end, "kept as entry " + Escape(entry.name) + remark + doubt);
     return end;
 }
 
-// Looks for the next entry. Gives its offset, or the input's end, after telling of what lies before.
+// Looks for the next entry, dropping what precedes it. Returns its offset, or the input's end.
 std::int64_t Scan(Salvage& run, std::int64_t begin, const std::string& why) {
     CtarBlock block;
     run.input.Seek(begin);
-    bool zero = true;
+    bool is_zero = true;
     std::int64_t offset = begin;
-    while (const std::size_t held = run.input.ReadBlock(block)) {
-        const std::optional<Mended> found = held < BlockSize ? std::nullopt : Mend(run.input, block, offset);
-        if (found && IsFound(run, *found))
+    while (const std::size_t length = run.input.ReadBlock(block)) {
+        const std::optional<Repaired> found =
+            length < BlockSize ? std::nullopt : RepairHeader(run.input, block, offset);
+        if (found && IsScannedEntry(run, *found))
             break;
-        zero = zero && IsZero(std::span(block).first(held));
+        is_zero = is_zero && IsZero(std::span(block).first(length));
         offset = run.input.Offset();
     }
     if (offset > begin)
-        Drop(run, begin, offset, zero ? "zeros" : why);
+        DropRange(run, begin, offset, is_zero ? "zeros" : why);
     return offset;
 }
 
-// Takes what stands where the chain leads to. Gives the offset behind it.
-std::int64_t TakeRange(Salvage& run, std::int64_t offset) {
+// Processes the range that begins where the chain leads. Returns the offset after it.
+std::int64_t ProcessRange(Salvage& run, std::int64_t offset) {
     CtarBlock block;
     if (run.input.ReadBlockAt(offset, block) < BlockSize) {
-        Drop(run, offset, run.input.Size(), "less than a block");
+        DropRange(run, offset, run.input.Size(), "less than a block");
         return run.input.Size();
     }
-    const bool good = HasGoodChecksum(block);
-    if (good && IsCtarSentinel(block)) {
-        Tell(offset, offset + Block, "sentinel");
-        return Scan(run, offset + Block, "behind a sentinel, of a broken retrieval or junk");
+    const bool good_sum = HasGoodChecksum(block);
+    if (good_sum && IsCtarSentinel(block)) {
+        PrintRange(offset, offset + Block, "sentinel");
+        return Scan(run, offset + Block, "follows a sentinel: data of a broken retrieval, or junk");
     }
     Entry entry = ReadEntry(block, offset);
     std::int64_t copy;
-    const bool sized = good && ReadCtarSize(block, entry.size) && ReadCtarSize(block, copy, HeaderFields::SizeCopy) &&
-                       copy == entry.size;
-    if (sized && entry.size == 0) {
-        Drop(run, offset, offset + Block, Escape(entry.name) + " is an entry without data");
+    const bool is_sized = good_sum && ReadCtarSize(block, entry.size) &&
+                          ReadCtarSize(block, copy, HeaderFields::SizeCopy) && copy == entry.size;
+    if (is_sized && entry.size == 0) {
+        DropRange(run, offset, offset + Block, "entry without data: " + Escape(entry.name));
         return offset + Block;
     }
-    if (sized && Fits(run.input, entry))
+    if (is_sized && Fits(run.input, entry))
         return Keep(run, entry, "", "");
-    const std::optional<Mended> mended = Mend(run.input, block, offset);
-    if (mended && IsEntry(run, *mended))
-        return Keep(run, mended->entry, ", its header mended",
-                    mended->certain ? "" : ": name, size, mode or time may be wrong");
-    if (sized) {
-        Drop(run, offset, run.input.Size(),
-             Escape(entry.name) + " is cut off: " + std::to_string(run.input.Size() - entry.DataOffset()) + " of " +
-                 std::to_string(entry.size) + " bytes are there");
+    const std::optional<Repaired> repaired = RepairHeader(run.input, block, offset);
+    if (repaired && IsChainEntry(run, *repaired))
+        return Keep(run, repaired->entry, ", header repaired",
+                    repaired->is_certain ? "" : ": name, size, mode or time may be wrong");
+    if (is_sized) {
+        DropRange(run, offset, run.input.Size(),
+                  Escape(entry.name) + " is cut short: " + std::to_string(run.input.Size() - entry.DataOffset()) +
+                      " of " + std::to_string(entry.size) + " bytes");
         return run.input.Size();
     }
     return Scan(run, offset,
-                std::string("neither a header nor the sentinel, or behind such a block") +
-                    (entry.name.starts_with('/') ? "; it reads as " + Escape(entry.name) : ""));
+                std::string("neither a header nor a sentinel, or follows such a block") +
+                    (entry.name.starts_with('/') ? "; the name in it is " + Escape(entry.name) : ""));
 }
 
 int SalvageArchive(const SalvageOptions& options) {
     if (options.output == "-")
-        throw Failure("standard output: tells what became of each range: give -o the name of a file");
+        throw Failure("-o -: the new archive must be a file; standard output gets the report");
     Input input(options.damaged, Access::Random);
     if (input.Size() < Block)
-        throw Failure(input.Name() + ": has not even one block of an archive");
+        throw Failure(input.Name() + ": shorter than one block, so not an archive");
     if (input.IsSameFile(options.output))
         throw Failure(Escape(options.output) + ": is the damaged archive itself");
     OutputFile output(options.output, options.force);
     Salvage run{input, output};
     for (std::int64_t offset = 0; offset < input.Size();)
-        offset = TakeRange(run, offset);
+        offset = ProcessRange(run, offset);
     output.Write(BuildCtarSentinel());
     output.Commit();
     if (run.dropped == 0 && run.doubtful == 0)
-        return AllWell;
-    Complain(input.Name() + ": " + Counted(run.dropped, "byte", "bytes") + " dropped, " +
-             Counted(run.doubtful, "entry", "entries") + " in doubt");
-    return NotSound;
+        return ExitSuccess;
+    PrintError(input.Name() + ": " + FormatCount(run.dropped, "byte", "bytes") + " dropped, " +
+               FormatCount(run.doubtful, "entry", "entries") + " in doubt");
+    return ExitFaults;
 }
 
 } // namespace
 
 Action DeclareSalvage(CLI::App& command) {
     static SalvageOptions options;
-    command.add_option("DAMAGED", options.damaged, "the archive, a file; it is only read")->required();
+    command.add_option("DAMAGED", options.damaged, "the archive, a file; it is not changed")->required();
     command.add_option("-o,--output", options.output, "the archive to write")->type_name("NEW")->required();
-    command.add_flag("-f,--force", options.force, "replace that archive if it is there");
+    command.add_flag("-f,--force", options.force, "replace an existing file");
     return [] { return SalvageArchive(options); };
 }
+
+} // namespace ctar

@@ -1,4 +1,4 @@
-// Compares the entries of an archive with a file of sums, both in the order of offsets.
+// Compares the entries of an archive with a file of sums. Both are in ascending order of offsets.
 
 #pragma once
 
@@ -10,35 +10,38 @@
 #include "findings.h"
 #include "sums.h"
 
+namespace ctar {
+
 struct SumCheckOptions {
-    std::string sums;        // path, empty: nothing is compared
+    std::string sums;        // path; empty if there is nothing to compare with
     double sample = 100;     // percent of the entries whose data are read
-    double max_duration = 0; // seconds for reading data, 0: no limit
-    std::uint64_t seed = 0;  // of the choice of entries
+    double max_duration = 0; // seconds for reading data, 0 for no limit
+    std::uint64_t seed = 0;  // of the random choice of entries
 };
 
-// Under a limit of time the data are read last, in random order, so that every night reads others: 16 bytes of memory
-// an entry. Without one they are read as the walk comes by.
+// With a time limit the data are read last and in random order, so that every run reads different ones; this costs 16
+// bytes of memory per entry. Without one they are read during the walk.
 class SumCheck {
 public:
     SumCheck(const SumCheckOptions& options, Input& input, Findings& findings, Progress& progress);
 
-    // Takes the next entry of the walk, the input standing at its data, and may read some of these.
-    void Take(const Entry& entry);
-    // The chain of entries ends here, by a fault: entries from here on that do not come are unreadable, not missing.
-    void PassFault(std::int64_t offset) { fault_ = offset; }
-    // Whether the sums have an entry there. Requires, as Take() does: the offsets ascend.
+    // Compares the next entry of the walk, and may read some of its data. Requires: the input is at the entry's data,
+    // and the offsets passed here and to Expects() ascend.
+    void Compare(const Entry& entry);
+    // Tells that the chain ends at a fault: entries missing from there on are unreadable rather than gone.
+    void SetFault(std::int64_t offset) { fault_ = offset; }
+    // Whether the sums have an entry at that offset. Reports those before it as missing.
     bool Expects(std::int64_t offset);
-    // Reports the entries that did not come, and reads the data that wait.
+    // Reports the remaining entries of the sums as missing, and reads the data that were deferred.
     Compared Finish();
 
 private:
-    struct Waiting {
+    struct Deferred {
         std::int64_t offset; // of the header
         long line;           // position of its line in the file of sums
     };
 
-    void TakeLine();
+    void ConsumeLine();
     void ReportMissing();
     void CompareData(const Entry& entry, const SumLine& line);
     bool IsTimeUp() const;
@@ -49,8 +52,10 @@ private:
     Progress& progress_;
     SumsFile sums_;
     std::mt19937_64 random_;
-    std::deque<Waiting> waiting_; // a vector takes three times the memory while it grows
-    double begun_ = 0;            // when reading data under a limit of time began
+    std::deque<Deferred> deferred_; // a vector needs three times the memory while it grows
+    double start_ = 0;              // when reading the deferred data began, as SecondsNow()
     std::int64_t fault_ = INT64_MAX;
     Compared compared_;
 };
+
+} // namespace ctar

@@ -1,7 +1,6 @@
-// Files of sums: one line an entry, in the archive's order,
+// Files of sums, as `ctar sum` writes them: one line per entry, in the order of the archive,
 //
-//     SHA-256 of the data (64 hexadecimal digits) SP offset of the header SP size of the data SP name as stored,
-//     escaped
+//     SHA-256 of the data (64 hexadecimal digits) SP offset of the header SP size of the data SP stored name, escaped
 
 #pragma once
 
@@ -10,7 +9,9 @@
 #include <string>
 
 #include "entry.h"
-#include "support.h"
+#include "resources.h"
+
+namespace ctar {
 
 struct SumLine {
     std::string digest;
@@ -20,22 +21,23 @@ struct SumLine {
     long position = 0; // of the line in its file
 };
 
-// Reads such a file. Everything throws Failure, with the number of the line, at the first one that is none, or whose
-// entry could not stand behind that of the line before.
+// Reads such a file. Every call throws Failure, with the line's number, at a line that is malformed or out of order.
 class SumsFile {
 public:
     explicit SumsFile(const std::string& path);
-    // The line that Next() would give; nothing at the end.
-    const std::optional<SumLine>& Head() const { return head_; }
-    void Next();
-    // The line at a position that a line had. Head() is lost.
+    // The line that has been read; nothing at the end.
+    const std::optional<SumLine>& Current() const { return current_; }
+    void Advance(); // Requires: not at the end.
+    // The line at SumLine::position. Current() and Advance() are of no use afterwards.
     SumLine LineAt(long position);
 
 private:
-    std::optional<SumLine> ReadLine();
+    std::optional<SumLine> ReadNext();
 
     std::string name_;
     Stream stream_;
-    std::size_t number_ = 0;
-    std::optional<SumLine> head_;
+    std::size_t number_ = 0; // of the line
+    std::optional<SumLine> current_;
 };
+
+} // namespace ctar

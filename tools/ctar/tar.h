@@ -1,4 +1,4 @@
-// A pax tar archive being written to standard output. What goes wrong throws Failure.
+// Writes a pax tar archive to standard output. Every failure throws Failure.
 
 #pragma once
 
@@ -10,22 +10,26 @@
 
 struct archive;
 
+namespace ctar {
+
 class TarWriter {
 public:
     TarWriter();
-    // Without Close() nothing more is written: the tar archive stays without its end, as one that was cut.
-    ~TarWriter() { abandoned_ = true; }
+    // Without Close() the tar archive is left without its end, so that tar sees that it was cut short.
+    ~TarWriter() { is_abandoned_ = true; }
     TarWriter(const TarWriter&) = delete;
     TarWriter& operator=(const TarWriter&) = delete;
-    // Begins a regular file; `size` bytes of data must follow.
-    void Begin(const std::string& name, unsigned permissions, std::time_t mtime, std::int64_t size);
-    void Add(std::span<const char> bytes);
+    // Begins a regular file. Requires: `size` bytes of data follow.
+    void BeginFile(const std::string& name, unsigned permissions, std::time_t mtime, std::int64_t size);
+    void Write(std::span<const char> bytes);
     void Close();
 
 private:
     struct Closer {
         void operator()(archive* tar) const;
     };
-    bool abandoned_ = false;
+    bool is_abandoned_ = false;
     std::unique_ptr<archive, Closer> tar_;
 };
+
+} // namespace ctar

@@ -1,4 +1,4 @@
-// ctar verify: everything about an archive that is not as a backup writes it, and data that differ from their sums.
+// ctar verify: everything in an archive that differs from what a backup writes, and data that differ from their sums.
 
 #include "commands.h"
 
@@ -17,6 +17,9 @@
 #include "findings.h"
 #include "messages.h"
 #include "sum_check.h"
+#include "text.h"
+
+namespace ctar {
 
 namespace {
 
@@ -26,14 +29,15 @@ struct VerifyOptions {
     SumCheckOptions sums;
 };
 
-// One archive under verification. Memory: 16 bytes an entry, in a deque: a vector takes three times that while it
-// grows.
+// One archive being verified.
 struct Verification {
     Input input;
     Progress progress;
     Findings findings;
     std::optional<SumCheck> sums;
-    std::deque<std::pair<std::uint64_t, std::int64_t>> names; // ShortDigest of the path, offset of the header
+    // ShortDigest of each entry's path, and the offset of its header: 16 bytes per entry. A vector needs three times
+    // the memory while it grows.
+    std::deque<std::pair<std::uint64_t, std::int64_t>> names;
 
     Verification(const VerifyOptions& options, const std::string& archive)
         : input(archive, options.sums.max_duration > 0 ? Access::Random : Access::Forward), progress(input.Size()),
@@ -48,7 +52,7 @@ void CheckName(Verification& run, const Entry& entry) {
         run.findings.Report(FindingKinds::Name, entry.offset, entry.name, "the name is not a full path");
     if (entry.name.size() == LongestName)
         run.findings.Report(FindingKinds::NameCut, entry.offset, entry.name,
-                            "a name of 400 characters, perhaps a longer one that was cut");
+                            "the name has 400 characters, the maximum, and may be cut short");
     run.names.emplace_back(ShortDigest(entry.Path()), entry.offset);
 }
 
@@ -57,15 +61,15 @@ void CheckSize(Verification& run, const Entry& entry) {
         run.findings.Report(FindingKinds::Empty, entry.offset, entry.name, "an entry without data");
     else if (entry.size % RecordSize != 0)
         run.findings.Report(FindingKinds::Records, entry.offset, entry.name,
-                            std::to_string(entry.size) + " bytes are not whole records of 528: a save file cut short");
+                            std::to_string(entry.size) + " bytes, not a multiple of 528: the save file was cut short");
 }
 
-// Passes over what is left of the data, and looks at the zeros behind them.
+// Skips what is left of the data and checks the padding.
 void CheckPadding(Verification& run, const Entry& entry) {
     run.input.Skip(entry.size - (run.input.Offset() - entry.DataOffset()));
     const std::int64_t offset = run.input.Offset();
     if (!ReadsZeroPadding(run.input, entry))
-        run.findings.Report(FindingKinds::Padding, offset, entry.name, "the padding behind the data is not zero");
+        run.findings.Report(FindingKinds::Padding, offset, entry.name, "the padding after the data is not zero");
 }
 
 void CheckEntry(Verification& run, const Entry& entry, const CtarBlock& header) {
@@ -74,32 +78,33 @@ void CheckEntry(Verification& run, const Entry& entry, const CtarBlock& header) 
     CheckName(run, entry);
     CheckSize(run, entry);
     if (run.sums)
-        run.sums->Take(entry);
+        run.sums->Compare(entry);
     CheckPadding(run, entry);
 }
 
 void ReportStop(Verification& run, ChainStop stop, std::int64_t offset, const std::string& name) {
-    run.findings.Report({TextOf(stop).code, true}, offset, name, TextOf(stop).text);
+    run.findings.Report({Describe(stop).code, true}, offset, name, Describe(stop).text);
 }
 
-// Tells what the bytes look like that no chain leads to, from the input's position to its end. Entries that the sums
-// have there are compared; others may be data. Gives whether any block is a header or a sentinel.
+// Reports what the bytes from the input's position to its end look like, which no chain reaches. Compares the entries
+// that the sums have there; with sums, other blocks that look like headers may be data. Returns whether any block is a
+// header or a sentinel.
 bool CheckRest(Verification& run) {
     const std::int64_t begin = run.input.Offset();
     std::int64_t first = 0, count = 0;
-    bool zero = true, good = false;
+    bool is_zero = true, is_good = false;
     CtarBlock block;
-    while (const std::size_t held = run.input.ReadBlock(block)) {
-        zero = zero && IsZero(std::span(block).first(held));
-        good = good || (held == BlockSize && HasGoodChecksum(block));
+    while (const std::size_t length = run.input.ReadBlock(block)) {
+        is_zero = is_zero && IsZero(std::span(block).first(length));
+        is_good = is_good || (length == BlockSize && HasGoodChecksum(block));
         run.progress.Show(run.input.Offset());
         Entry entry;
         const std::int64_t offset = run.input.Offset() - static_cast<std::int64_t>(BlockSize);
-        if (held < BlockSize || !LooksLikeHeader(block, offset, entry))
+        if (length < BlockSize || !LooksLikeHeader(block, offset, entry))
             continue;
         first = count++ == 0 ? offset : first;
         if (run.sums && run.sums->Expects(offset))
-            run.sums->Take(entry);
+            run.sums->Compare(entry);
         else if (run.sums)
             continue;
         const std::int64_t left = RoundToBlocks(entry.size) - (run.input.Offset() - entry.DataOffset());
@@ -107,30 +112,33 @@ bool CheckRest(Verification& run) {
             ReportStop(run, ChainStop::Data, offset, entry.name);
     }
     if (run.input.Offset() == begin)
-        return good;
-    const std::string bytes = std::to_string(run.input.Offset() - begin) + " bytes that no restore reaches: ";
+        return is_good;
+    const std::string look = count > 0
+                                 ? FormatCount(count, "entry", "entries") + ", the first at " + FormatOffset(first)
+                             : is_zero                     ? "zeros"
+                             : run.input.IsBackupRunning() ? "data of the backup in progress"
+                                                           : "data of a broken retrieval, or junk";
     run.findings.Report(FindingKinds::Unreached, begin, "",
-                        bytes + (count > 0 ? Counted(count, "entry", "entries") + ", the first at " + OffsetText(first)
-                                 : zero    ? "zeros"
-                                 : run.input.IsUnderWay() ? "the data of the backup under way"
-                                                          : "the data of a broken retrieval, or junk"));
-    return good;
+                        FormatCount(run.input.Offset() - begin, "byte", "bytes") +
+                            " that a restore will not see: " + look);
+    return is_good;
 }
 
-// The names of suspects are read again where the input allows it.
+// Only digests of the names are kept. The names of duplicates are read again if the input allows it.
 void CheckDuplicates(Verification& run) {
     std::sort(run.names.begin(), run.names.end());
-    std::vector<std::pair<std::int64_t, std::int64_t>> duplicates; // offsets of the header and of the one before
+    std::vector<std::pair<std::int64_t, std::int64_t>>
+        duplicates; // offsets of the header and of the one that it repeats
     for (std::size_t i = 1; i < run.names.size(); ++i)
         if (run.names[i].first == run.names[i - 1].first)
             duplicates.emplace_back(run.names[i].second, run.names[i - 1].second);
     std::sort(duplicates.begin(), duplicates.end());
-    for (const auto& [offset, before] : duplicates) {
+    for (const auto& [offset, earlier] : duplicates) {
         CtarBlock block{};
         if (run.input.IsSeekable())
             run.input.ReadBlockAt(offset, block);
         run.findings.Report(FindingKinds::Duplicate, offset, ReadCtarName(block),
-                            "the name stands before already, at " + OffsetText(before));
+                            "same name as the entry at " + FormatOffset(earlier));
     }
 }
 
@@ -141,37 +149,37 @@ int VerifyOne(const VerifyOptions& options, const std::string& archive) {
     if (end.stop != ChainStop::Sentinel)
         ReportStop(run, end.stop, end.offset, end.Name());
     else if (end.block != BuildCtarSentinel())
-        run.findings.Report(FindingKinds::Header, end.offset, "", "the sentinel is not as a backup writes it");
+        run.findings.Report(FindingKinds::Header, end.offset, "", "the sentinel differs from what a backup writes");
     if (run.sums && end.stop != ChainStop::Sentinel)
-        run.sums->PassFault(end.offset);
-    const bool whole = end.stop != ChainStop::PartBlock;
-    const bool good = CheckRest(run) || !run.names.empty() || (whole && HasGoodChecksum(end.block));
+        run.sums->SetFault(end.offset);
+    const bool is_whole = end.stop != ChainStop::PartBlock;
+    const bool is_archive = CheckRest(run) || !run.names.empty() || (is_whole && HasGoodChecksum(end.block));
     CheckDuplicates(run);
     const Compared compared = run.sums ? run.sums->Finish() : Compared{};
-    const Cure cure = run.input.IsUnderWay() ? Cure::Wait : good ? Cure::Salvage : Cure::Nothing;
-    return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared, cure);
+    const Advice advice = run.input.IsBackupRunning() ? Advice::Wait : is_archive ? Advice::Salvage : Advice::None;
+    return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared, advice);
 }
 
 int Verify(const VerifyOptions& options) {
     if (options.archives.size() > 1 && !options.sums.sums.empty())
-        throw Failure("--sums: is for one archive at a time");
-    int status = AllWell;
+        throw Failure("--sums: only for one archive at a time");
+    int status = ExitSuccess;
     for (const std::string& archive : options.archives)
         try {
             status = std::max(status, VerifyOne(options, archive));
         } catch (const Failure& failure) {
-            Complain(failure.what());
-            status = CannotWork;
+            PrintError(failure.what());
+            status = ExitError;
         }
     return status;
 }
 
-// As CLI::Range, which lets nan pass and writes out a limit of 300 digits.
+// Like CLI::Range, which accepts nan and prints a limit of 300 digits.
 CLI::Validator Within(double least, double most, const std::string& meaning) {
-    const auto check = [=](std::string& text) {
-        double number;
-        const bool within = CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
-        return within ? std::string() : text + " is not " + meaning;
+    const auto check = [=](const std::string& text) {
+        const std::optional<double> number = ParseNumber<double>(text);
+        const bool is_within = number && *number >= least && *number <= most;
+        return is_within ? std::string() : text + " is not " + meaning;
     };
     return CLI::Validator(check, "");
 }
@@ -182,9 +190,9 @@ Action DeclareVerify(CLI::App& command) {
     static VerifyOptions options;
     const std::map<std::string, double> seconds{{"s", 1}, {"m", 60}, {"h", 3600}};
     command.add_option("ARCHIVE", options.archives, "the archives, - for standard input")->required();
-    command.add_flag("--json", options.json, "one JSON object a line");
+    command.add_flag("--json", options.json, "JSON, one finding per line");
     CLI::Option* const sums =
-        command.add_option("--sums", options.sums.sums, "compare the data with this file of \"ctar sum\"")
+        command.add_option("--sums", options.sums.sums, "compare the data with this output of \"ctar sum\"")
             ->type_name("FILE");
     command.add_option("--sample", options.sums.sample, "read the data of N% of the entries, chosen at random")
         ->type_name("N%")
@@ -193,13 +201,13 @@ Action DeclareVerify(CLI::App& command) {
         ->needs(sums);
     command
         .add_option("--max-duration", options.sums.max_duration,
-                    "read data for so long at most, in random order: seconds, or with s, m or h behind the number")
+                    "stop reading data after this time, in seconds or with s, m or h after the number")
         ->type_name("DURATION")
         ->transform(CLI::AsNumberWithUnit(seconds))
         ->check(Within(1e-9, 1e9, "a time from a nanosecond to 30 years"))
         ->needs(sums);
     CLI::Option* const seed =
-        command.add_option("--seed", options.sums.seed, "make the same choice for the same number")
+        command.add_option("--seed", options.sums.seed, "make the same random choice as other runs with this number")
             ->check(Within(0, 0x1p63, "a number from 0 to 2^63"))
             ->needs(sums);
     return [seed] {
@@ -208,3 +216,5 @@ Action DeclareVerify(CLI::App& command) {
         return Verify(options);
     };
 }
+
+} // namespace ctar

@@ -1,14 +1,14 @@
 # Sourced by the other scripts: goes to the project's directory, installs packages that a bare Debian machine lacks, and
-# reports what a script is doing. Output is plain lines, on a terminal and in a log.
+# says what a script is doing. All output is plain lines, on a terminal as in a log.
 
 set -euo pipefail
-script=scripts/$(basename "$0") # how it was called, from the project's directory
+script=$(realpath "$0")
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-[ -e "$script" ] || script=$0
+script=${script#"$PWD/"}
 export LC_ALL=C # names of objects are bytes
 
 activity=starting # what the script is doing, for the heartbeat and the verdict
-concluded=        # set once a verdict has been printed
+concluded=        # set once the verdict has been printed
 
 # begin ACTIVITY: announces what is done next.
 begin() {
@@ -21,17 +21,19 @@ duration() {
     if [ "$1" -lt 60 ]; then echo "$1 s"; else echo "$(($1 / 60)) min $(($1 % 60)) s"; fi
 }
 
-# The one-line verdict. A script that has to clean up defines `finish`.
+# Ends every script with a one-line verdict. A script that has something to clean up defines `finish`.
 conclude() {
     local status=$?
     ! declare -F finish >/dev/null || finish || true
     if [ "$status" -eq 0 ]; then
         echo "$script: OK ($(duration "$SECONDS"))"
     elif [ -z "$concluded" ]; then
-        echo "$script: FAILED while $activity (status $status, $(duration "$SECONDS"))" >&2
+        echo "$script: FAILED in \"$activity\" (status $status, $(duration "$SECONDS"))" >&2
     fi
+    exit "$status"
 }
 trap conclude EXIT
+trap 'exit 130' INT
 
 # die REASON: ends the script with this verdict.
 die() {
@@ -40,34 +42,100 @@ die() {
     exit 1
 }
 
-# heartbeat LOG: until standard input ends, prints every 20 s how long it has been and the last line of LOG.
+# heartbeat LOG: until standard input ends, prints the elapsed time and the last line of LOG every 20 s.
 heartbeat() {
     local since=$SECONDS status
     while true; do
         status=0
         read -rt 20 || status=$?
-        [ "$status" -gt 128 ] || return 0 # timed out
-        echo "   $(duration $((SECONDS - since))), $activity: $(tail -n 1 "$1" | tr -d '\r' | cut -c 1-100)"
+        [ "$status" -gt 128 ] || return 0 # not a timeout
+        echo "   $(duration $((SECONDS - since))) $activity: $(tail -n 1 "$1" | tr -d '\r' | cut -c 1-100)"
     done
 }
 
-# watch LOG COMMAND...: runs the command with a heartbeat that shows the last line of LOG.
+# watch LOG COMMAND...: runs the command with its output appended to LOG, and a heartbeat meanwhile.
 watch() {
     local status=0 heart
     exec 9> >(heartbeat "$1")
     heart=$!
-    "${@:2}" 9>&- || status=$?
+    "${@:2}" >>"$1" 2>&1 9>&- || status=$?
     exec 9>&-
     wait "$heart" || true
     return "$status"
 }
 
-# quiet COMMAND...: its output is shown only when it fails.
+# quiet COMMAND...: shows the command's output only when it fails.
 quiet() {
     local log status=0
     log=$(mktemp)
-    watch "$log" "$@" >"$log" 2>&1 || status=$?
+    watch "$log" "$@" || status=$?
     [ "$status" -eq 0 ] || cat "$log" >&2
     rm -f "$log"
     return "$status"
+}
+
+# need PACKAGE...: installs those that are missing, as root or through sudo.
+need() {
+    local package missing=() as_root=() log offline
+    for package in "$@"; do
+        dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        as_root=(sudo)
+        use_sudo || die "these packages are missing, and installing them takes root or sudo: ${missing[*]}"
+    fi
+    begin "installing ${missing[*]}"
+    log=$(mktemp)
+    if ! { watch "$log" "${as_root[@]}" apt-get -o Acquire::http::Timeout=20 update &&
+        watch "$log" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get -o Acquire::http::Timeout=20 install -y --no-install-recommends "${missing[@]}"; }; then
+        # apt-get update succeeds without a network.
+        offline=$(grep -m 1 -oE 'Temporary failure resolving|Could not (resolve|connect)|Network is unreachable|[Cc]onnection timed out' "$log" || true)
+        [ -n "$offline" ] || cat "$log" >&2
+        rm -f "$log"
+        [ -z "$offline" ] || die "no network (apt: $offline); missing packages: ${missing[*]}"
+        die "apt cannot install the missing packages: ${missing[*]}"
+    fi
+    rm -f "$log"
+}
+
+# May this user become root? sudo may ask for the password, on a terminal.
+use_sudo() {
+    command -v sudo >/dev/null || return
+    if [ -t 0 ]; then sudo --validate; else sudo --non-interactive true 2>/dev/null; fi
+}
+
+# claim_directory DIRECTORY: refuses a build directory in which another user has built.
+claim_directory() {
+    local other
+    [ -e "$1" ] || { [ -w . ] || die "$(id -un) cannot write to $PWD"; return 0; }
+    other=$(find "$1" ! -type l ! -writable -print -quit)
+    [ -z "$other" ] || die "$(id -un) cannot write to $other: remove the directory $1"
+}
+
+# claim_port_21 SCRIPT ARGUMENT...: gets the right to listen on port 21, from root, from a network namespace (in which
+# SCRIPT is run again) or from sudo. Sets `privilege`, which precedes the command of a server, and `identity`, which may
+# follow it: the server then runs as this user with the right to the port alone, and leaves no file of root's.
+claim_port_21() {
+    privilege=() identity=()
+    [ "$(id -u)" -ne 0 ] || return 0
+    [ "$(cat /proc/sys/net/ipv4/ip_unprivileged_port_start)" -gt 21 ] || return 0
+    if unshare --user --map-root-user --net true 2>/dev/null; then
+        need iproute2
+        exec unshare --user --map-root-user --net \
+            bash -c 'PATH=$PATH:/usr/sbin:/sbin; ip link set lo up && exec "$0" "$@"' "$PWD/$1" "${@:2}"
+    fi
+    use_sudo ||
+        die "port 21 takes root, sudo, a network namespace (not allowed here) or net.ipv4.ip_unprivileged_port_start=21"
+    privilege=(sudo)
+    identity=(setpriv --reuid="$(id -u)" --regid="$(id -g)" --init-groups
+        --inh-caps=+net_bind_service --ambient-caps=+net_bind_service)
+}
+
+# end_servers PID...: ends servers that were started with `privilege`.
+end_servers() {
+    [ $# -gt 0 ] || return 0
+    "${privilege[@]}" kill "$@" 2>/dev/null || true
+    wait "$@" 2>/dev/null || true
 }

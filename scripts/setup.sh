@@ -10,10 +10,10 @@ export LC_ALL=C # names of objects are bytes
 activity=starting # what the script is doing, for the heartbeat and the verdict
 concluded=        # set once the verdict has been printed
 
-# begin ACTIVITY: announces what is done next.
+# begin ACTIVITY [NOTE]: announces what is done next.
 begin() {
     activity=$1
-    echo "== $activity"
+    echo "== $activity${2:+ ($2)}"
 }
 
 # duration SECONDS

@@ -7,6 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 script=${script#"$PWD/"}
 export LC_ALL=C # names of objects are bytes
 
+scratch=$(mktemp -d)
 activity=starting # what the script is doing, for the heartbeat and the verdict
 concluded=        # set once the verdict has been printed
 
@@ -25,6 +26,7 @@ duration() {
 conclude() {
     local status=$?
     ! declare -F finish >/dev/null || finish || true
+    rm -rf "$scratch"
     if [ "$status" -eq 0 ]; then
         echo "$script: OK ($(duration "$SECONDS"))"
     elif [ -z "$concluded" ]; then
@@ -33,7 +35,9 @@ conclude() {
     exit "$status"
 }
 trap conclude EXIT
+# Without these the status would be that of the last command. They wait for the command that is running.
 trap 'exit 130' INT
+trap 'exit 143' TERM
 
 # die REASON: ends the script with this verdict.
 die() {
@@ -67,7 +71,7 @@ watch() {
 # quiet COMMAND...: shows the command's output only when it fails.
 quiet() {
     local log status=0
-    log=$(mktemp)
+    log=$(mktemp -p "$scratch")
     watch "$log" "$@" || status=$?
     [ "$status" -eq 0 ] || cat "$log" >&2
     rm -f "$log"
@@ -83,27 +87,26 @@ need() {
     [ ${#missing[@]} -gt 0 ] || return 0
     if [ "$(id -u)" -ne 0 ]; then
         as_root=(sudo)
-        use_sudo || die "these packages are missing, and installing them takes root or sudo: ${missing[*]}"
+        use_sudo || die "missing packages, and no right to install them (run this as root or with sudo): ${missing[*]}"
     fi
     begin "installing ${missing[*]}"
-    log=$(mktemp)
+    log=$scratch/apt
     if ! { watch "$log" "${as_root[@]}" apt-get -o Acquire::http::Timeout=20 update &&
         watch "$log" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
             apt-get -o Acquire::http::Timeout=20 install -y --no-install-recommends "${missing[@]}"; }; then
         # apt-get update succeeds without a network.
-        offline=$(grep -m 1 -oE 'Temporary failure resolving|Could not (resolve|connect)|Network is unreachable|[Cc]onnection timed out' "$log" || true)
-        [ -n "$offline" ] || cat "$log" >&2
-        rm -f "$log"
+        offline=$(grep -m 1 -oE 'Temporary failure resolving|Could not (resolve|connect)|[Cc]onnection timed out' \
+            "$log" || true)
         [ -z "$offline" ] || die "no network (apt: $offline); missing packages: ${missing[*]}"
+        cat "$log" >&2
         die "apt cannot install the missing packages: ${missing[*]}"
     fi
-    rm -f "$log"
 }
 
 # May this user become root? sudo may ask for the password, on a terminal.
 use_sudo() {
     command -v sudo >/dev/null || return
-    if [ -t 0 ]; then sudo --validate; else sudo --non-interactive true 2>/dev/null; fi
+    sudo --non-interactive true 2>/dev/null || { [ -t 0 ] && sudo --validate; }
 }
 
 # claim_directory DIRECTORY: refuses a build directory in which another user has built.
@@ -123,11 +126,12 @@ claim_port_21() {
     [ "$(cat /proc/sys/net/ipv4/ip_unprivileged_port_start)" -gt 21 ] || return 0
     if unshare --user --map-root-user --net true 2>/dev/null; then
         need iproute2
+        rm -rf "$scratch"
         exec unshare --user --map-root-user --net \
             bash -c 'PATH=$PATH:/usr/sbin:/sbin; ip link set lo up && exec "$0" "$@"' "$PWD/$1" "${@:2}"
     fi
-    use_sudo ||
-        die "port 21 takes root, sudo, a network namespace (not allowed here) or net.ipv4.ip_unprivileged_port_start=21"
+    use_sudo || die "no right to listen on port 21: run this as root, or as a user who may use sudo or" \
+        "create a network namespace, or set net.ipv4.ip_unprivileged_port_start=21"
     privilege=(sudo)
     identity=(setpriv --reuid="$(id -u)" --regid="$(id -g)" --init-groups
         --inh-caps=+net_bind_service --ambient-caps=+net_bind_service)

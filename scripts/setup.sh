@@ -7,9 +7,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 script=${script#"$PWD/"}
 export LC_ALL=C # names of objects are bytes
 
-scratch=$(mktemp -d)
+scratch="" # a directory for logs, once there is one
 activity=starting # what the script is doing, for the heartbeat and the verdict
-concluded=        # set once the verdict has been printed
+concluded=""       # set once the verdict has been printed
 
 # begin ACTIVITY [NOTE]: announces what is done next.
 begin() {
@@ -26,7 +26,7 @@ duration() {
 conclude() {
     local status=$?
     ! declare -F finish >/dev/null || finish || true
-    rm -rf "$scratch"
+    [ -z "$scratch" ] || rm -rf "$scratch"
     if [ "$status" -eq 0 ]; then
         echo "$script: OK ($(duration "$SECONDS"))"
     elif [ -z "$concluded" ]; then
@@ -68,9 +68,14 @@ watch() {
     return "$status"
 }
 
+make_scratch() {
+    [ -n "$scratch" ] || scratch=$(mktemp -d)
+}
+
 # quiet COMMAND...: shows the command's output only when it fails.
 quiet() {
     local log status=0
+    make_scratch
     log=$(mktemp -p "$scratch")
     watch "$log" "$@" || status=$?
     [ "$status" -eq 0 ] || cat "$log" >&2
@@ -90,6 +95,7 @@ need() {
         use_sudo || die "missing packages, and no right to install them (run this as root or with sudo): ${missing[*]}"
     fi
     begin "installing ${missing[*]}"
+    make_scratch
     log=$scratch/apt
     if ! { watch "$log" "${as_root[@]}" apt-get -o Acquire::http::Timeout=20 update &&
         watch "$log" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
@@ -126,7 +132,7 @@ claim_port_21() {
     [ "$(cat /proc/sys/net/ipv4/ip_unprivileged_port_start)" -gt 21 ] || return 0
     if unshare --user --map-root-user --net true 2>/dev/null; then
         need iproute2
-        rm -rf "$scratch"
+        [ -z "$scratch" ] || rm -rf "$scratch"
         exec unshare --user --map-root-user --net \
             bash -c 'PATH=$PATH:/usr/sbin:/sbin; ip link set lo up && exec "$0" "$@"' "$PWD/$1" "${@:2}"
     fi

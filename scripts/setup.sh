@@ -7,9 +7,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 script=${script#"$PWD/"}
 export LC_ALL=C # names of objects are bytes
 
-scratch="" # a directory for logs, once there is one
+scratch=""        # a directory for logs, once there is one
 activity=starting # what the script is doing, for the heartbeat and the verdict
-concluded=""       # set once the verdict has been printed
+concluded=""      # set once the verdict has been printed
 
 # begin ACTIVITY [NOTE]: announces what is done next.
 begin() {

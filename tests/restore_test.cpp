@@ -61,7 +61,8 @@ std::string Fed(const std::string& archive, std::int64_t size, From from, std::i
 
 TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
     for (const From from : {From::File, From::FileAhead, From::Pipe}) {
-        for (const std::size_t size : {1, 511, 512, 513, 65535, 65536, 65537, 200000, 1 << 20, 1800000}) {
+        for (const std::size_t size :
+             std::initializer_list<std::size_t>{1, 511, 512, 513, 65535, 65536, 65537, 200000, 1 << 20, 1800000}) {
             const std::string data = Bytes(size);
             const std::size_t padded = (size + 511) / 512 * 512;
             std::int64_t left = 0;
@@ -70,7 +71,8 @@ TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
             EXPECT_EQ(left, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(padded));
         }
         std::int64_t left = 0;
-        for (const std::size_t cut : {7, 65536, 70000, 1000000}) { // an archive that ends early
+        for (const std::size_t cut :
+             std::initializer_list<std::size_t>{7, 65536, 70000, 1000000}) { // an archive that ends early
             EXPECT_TRUE(Fed(Bytes(cut), 2000000, from, left) == Bytes(cut));
             EXPECT_EQ(left, 2000000 - static_cast<std::int64_t>(cut));
         }

@@ -122,7 +122,7 @@ TEST_P(Disk, EndsAtEveryBlock) {
     const Rehearsal rehearsal(GetParam());
     std::vector<Disturbance> all;
     for (std::size_t limit = 0; limit < rehearsal.Undisturbed().archive_bytes.size(); limit += 512)
-        for (const std::size_t odd : {0, 1, 511}) {
+        for (const std::size_t odd : std::initializer_list<std::size_t>{0, 1, 511}) {
             Disturbance disturbance;
             disturbance.disk = disturbance.what = "limit:" + std::to_string(limit + odd);
             all.push_back(disturbance);

@@ -27,7 +27,7 @@ struct ArchiveFile {
     std::mutex appending; // guards the position and the end of the file; held from before an entry's data to its close
 };
 
-// The entry being appended. Cleared by BeginEntry.
+// One entry being appended.
 struct ArchiveWriter {
     ArchiveFile& file;
     CtarBlock block{};      // the block being gathered
@@ -68,7 +68,8 @@ void OpenArchive(ArchiveFile& file, const std::string& path);
 // Writes the first sentinel. After a failure the archive is empty; appending entries to it would fail too.
 ArchiveFailures BeginArchive(ArchiveFile& file);
 
-void BeginEntry(ArchiveWriter& writer);
+// Positions the file where the data of the next entry goes: its end. Returns that offset, or -1 with errno set.
+off_t BeginEntry(ArchiveWriter& writer);
 
 // Appends at the file's position, in whole blocks; at most 511 bytes wait in the writer for the next call. `count`
 // comes back as the number of bytes that were not consumed, 0 unless a bulk write failed. A gathered block that could

@@ -138,9 +138,8 @@ ArchiveFailures WriteBulk(ArchiveWriter& writer, const char*& data, int& count) 
 
 } // namespace
 
-void BeginEntry(ArchiveWriter& writer) {
-    writer.pending = 0;
-    writer.bytes = 0;
+off_t BeginEntry(ArchiveWriter& writer) {
+    return ::lseek(writer.file.descriptor.Get(), 0, SEEK_END);
 }
 
 ArchiveFailures AppendData(ArchiveWriter& writer, const char* data, int& count) {

@@ -359,19 +359,19 @@ struct WorkerRun {
     FtpSession* session;
     std::uint32_t number; // of the thread, and of its save file on the server
     const Settings& settings;
-    ArchiveWriter writer;
+    ArchiveFile& archive;
     BackupTotals totals{};
 };
 
 // Saves one object and writes its report lines. Returns whether it is in the archive. Throws WorkerEnd.
 bool ProcessObject(WorkerRun& run, ObjectFile& object) {
     const Settings& settings = run.settings;
-    BeginEntry(run.writer);
+    ArchiveWriter writer{run.archive};
     SaveTimes times;
-    const EntryTarget target{run.writer, ArchiveWriteCallback, BuildCtarHeader, ReportArchive};
+    const EntryTarget target{writer, ArchiveWriteCallback, BuildCtarHeader, ReportArchive};
     const SaveRequest request{object, run.number, settings.save, settings.not_backed_up.get()};
     const bool saved = SaveObject(SaveMemberFor(object.name), run.session, request, times, target) == 0;
-    run.totals.bytes += static_cast<std::uint64_t>(run.writer.bytes);
+    run.totals.bytes += static_cast<std::uint64_t>(writer.bytes);
     if (!saved) {
         LogMessageTo(stderr, "Backup Failure: %s\n", MaskControls(object.name).c_str());
         NoteNotBackedUp(object.name, settings);
@@ -384,7 +384,7 @@ bool ProcessObject(WorkerRun& run, ObjectFile& object) {
     LogMessage("Backup Success: %s\n", MaskControls(object.name).c_str());
     run.totals.seconds += times;
     if (settings.Verbosity() >= 2)
-        ReportObject(run.writer.bytes, times);
+        ReportObject(writer.bytes, times);
     return true;
 }
 
@@ -438,7 +438,7 @@ std::unique_ptr<FtpSession> OpenWorkerSession(const Settings& settings) {
 BackupTotals BackupWorker(const Workshop& shop, const ObjectNode& kind_tree) {
     const std::uint32_t number = RegisterThread(-1);
     std::unique_ptr<FtpSession> session = OpenWorkerSession(shop.settings);
-    WorkerRun run{session.get(), number, shop.settings, ArchiveWriter{shop.archive}};
+    WorkerRun run{session.get(), number, shop.settings, shop.archive};
     SaveTree(run, kind_tree);
     Quit(std::move(session));
     if (shop.settings.Verbosity() >= 1)

@@ -385,7 +385,7 @@ int CloseRetrieved(const EntryTarget& target, const ObjectFile& object, off_t st
 // Requires: the archive is this thread's.
 int AppendEntry(FtpSession& session, const Checkpoint& outer, const ObjectFile& object, const std::string& save_file,
                 const EntryTarget& target) {
-    const off_t start = ::lseek(target.writer.file.descriptor.Get(), 0, SEEK_END);
+    const off_t start = BeginEntry(target.writer);
     if (start < 0) {
         session.checkpoint = outer;
         LogFailure("lseek(): %s\n", std::strerror(errno));

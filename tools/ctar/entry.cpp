@@ -5,10 +5,11 @@
 
 #include <sys/stat.h>
 
+#include "archive_reader.h"
 #include "commands.h"
 #include "messages.h"
+#include "object_kind.h"
 #include "text.h"
-#include "tree.h"
 
 namespace ctar {
 
@@ -89,14 +90,20 @@ namespace {
 // Why the chain ends with the block just read, of which `length` bytes exist; nothing for a good header.
 std::optional<ChainStop> FindStop(const CtarBlock& block, std::size_t length) {
     std::int64_t size;
-    if (length < BlockSize)
-        return length == 0 ? ChainStop::End : ChainStop::PartBlock;
-    if (!HasGoodChecksum(block))
-        return ChainStop::Checksum;
-    if (IsCtarSentinel(block))
+    switch (ClassifyBlock(block, length, size)) {
+    case BlockKind::Sentinel:
         return ChainStop::Sentinel;
-    if (!ReadCtarSize(block, size))
+    case BlockKind::Nothing:
+        return ChainStop::End;
+    case BlockKind::Part:
+        return ChainStop::PartBlock;
+    case BlockKind::BadChecksum:
+        return ChainStop::Checksum;
+    case BlockKind::BadSize:
         return ChainStop::Size;
+    case BlockKind::Header:
+        break;
+    }
     return std::nullopt;
 }
 

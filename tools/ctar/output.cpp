@@ -96,6 +96,13 @@ void OutputFile::Write(std::span<const char> bytes) {
     WriteOrThrow(file_.Get(), bytes, path_);
 }
 
+Descriptor OutputFile::Duplicate() const {
+    Descriptor file(::fcntl(file_.Get(), F_DUPFD_CLOEXEC, 0));
+    if (!file.IsOpen())
+        throw Failure(WithReason(Escape(path_)));
+    return file;
+}
+
 void OutputFile::Commit() {
     if (::fsync(file_.Get()) != 0 || file_.Close() != 0)
         throw Failure(WithReason(Escape(path_)));

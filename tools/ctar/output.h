@@ -20,6 +20,8 @@ public:
     OutputFile& operator=(const OutputFile&) = delete;
 
     void Write(std::span<const char> bytes); // throws Failure
+    // Another descriptor of the file, for a writer that goes back and forth in it. Throws Failure.
+    Descriptor Duplicate() const;
     // Flushes the file to disk and renames it to `path`. Throws Failure, also when `path` has meanwhile become one that
     // the constructor refuses.
     void Commit();

@@ -16,6 +16,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "archive_writer.h"
 #include "entry.h"
 #include "messages.h"
 #include "output.h"
@@ -34,7 +35,8 @@ struct SalvageOptions {
 
 struct Salvage {
     Input& input;
-    OutputFile& output;
+    ArchiveFile& archive;         // that is written
+    std::string output;           // its path, for messages
     std::int64_t dropped = 0;     // bytes
     std::int64_t doubtful = 0;    // entries
     std::int64_t next_header = 0; // what FindHeader() found last
@@ -176,23 +178,34 @@ bool IsFollowed(Salvage& run, const Entry& entry) {
     return next && IsChainEntry(run, *next);
 }
 
-// Copies the entry, with a header as a backup writes it. Returns the offset after the entry in the input. Bytes lost
-// from its data or added to them show only in what follows the data: that adds to `doubt`.
-std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, std::string doubt) {
-    const std::int64_t padding = RoundToBlocks(entry.size) - entry.size;
-    const std::int64_t end = std::min(EndOf(entry), run.input.Size());
-    run.output.Write(EncodeEntry(entry));
+// Throws Failure for what the archive writer could not write.
+void Require(const Salvage& run, const ArchiveFailures& failures) {
+    if (!failures.empty())
+        throw Failure(run.output + ": " + DescribeFailure(failures.front()));
+}
+
+// Appends the entry's data, and closes it under a header as a backup writes it.
+void CopyEntry(Salvage& run, const Entry& entry) {
+    ArchiveWriter writer{run.archive};
+    const off_t start = BeginEntry(writer);
     run.input.Seek(entry.DataOffset());
-    const Sink copy = [&run](std::span<const char> bytes) {
-        run.output.Write(bytes);
+    const Sink append = [&](std::span<const char> bytes) {
+        int count = static_cast<int>(bytes.size()); // at most what the input buffers
+        Require(run, AppendData(writer, bytes.data(), count));
         return true;
     };
-    if (ReadData(run.input, entry, copy) < entry.size)
+    if (ReadData(run.input, entry, append) < entry.size)
         throw Failure(run.input.Name() + ": " + FormatOffset(run.input.Offset()) + ": the archive shrank");
+    Require(run, CloseEntry(writer, start, [&entry](std::int64_t) { return EncodeEntry(entry); }));
+}
+
+// Copies the entry. Returns the offset after it in the input. Bytes lost from its data or added to them show only in
+// what follows the data: that adds to `doubt`.
+std::int64_t Keep(Salvage& run, const Entry& entry, const std::string& remark, std::string doubt) {
+    const std::int64_t end = std::min(EndOf(entry), run.input.Size());
+    CopyEntry(run, entry);
     if (!ReadsZeroPadding(run.input, entry) || !IsFollowed(run, entry))
         doubt += ": the data may be wrong: zero padding and a header do not follow";
-    const CtarBlock zeros{};
-    run.output.Write(std::span(zeros).first(static_cast<std::size_t>(padding)));
     run.doubtful += doubt.empty() ? 0 : 1;
     PrintRange(entry.offset, end, "kept as entry " + Escape(entry.name) + remark + doubt);
     return end;
@@ -263,10 +276,11 @@ int SalvageArchive(const SalvageOptions& options) {
     if (input.IsSameFile(options.output))
         throw Failure(Escape(options.output) + ": is the damaged archive itself");
     OutputFile output(options.output, options.force);
-    Salvage run{input, output};
+    ArchiveFile archive{output.Duplicate(), {}};
+    Salvage run{input, archive, Escape(options.output)};
+    Require(run, BeginArchive(archive));
     for (std::int64_t offset = 0; offset < input.Size();)
         offset = ProcessRange(run, offset);
-    output.Write(BuildCtarSentinel());
     output.Commit();
     if (run.dropped == 0 && run.doubtful == 0)
         return ExitSuccess;

@@ -142,31 +142,44 @@ TEST(Report, StatusIsThatOfTheProgram) {
         }
 }
 
-TEST(Report, MeasurementsAreThoseOfTheProgram) {
+TEST(Report, LogsOfTheProgramWholeAndCut) {
     Night night;
-    const LoggedRun timed = ParseRun(night.Log({"-v2", "-b", night.archive}));
+    const std::string backup = night.Log({"-v2", "-b", night.archive});
+    const LoggedRun whole = ParseRun(backup);
     const auto entries = ReadArchiveFile(night.archive);
     double bytes = 0;
     for (const ArchiveEntry& entry : entries.value())
         bytes += static_cast<double>(entry.data.size());
-    EXPECT_EQ(timed.bytes, bytes);
-    EXPECT_EQ(timed.Results(), entries->size());
-    for (const Result& result : timed.longest)
+    EXPECT_EQ(whole.bytes, bytes);
+    EXPECT_EQ(whole.Results(), entries->size());
+    for (const Result& result : whole.longest)
         EXPECT_TRUE(result.save_seconds && result.transfer_seconds) << result.name;
-    EXPECT_THAT(Omissions(timed), SizeIs(0));
+    EXPECT_THAT(Omissions(whole), SizeIs(0));
+    for (std::size_t length = 0; length < backup.rfind("** Total Run Time: ") + 19; length += 7) {
+        const LoggedRun run = ParseRun(backup.substr(0, length));
+        EXPECT_TRUE(StatusOf(run) == Status::Unfinished && !ExpectedExitStatus(run)) << length;
+    }
     WriteFile(night.work / "exclude", "/Security Data\n/System Configuration\n");
     for (const std::string verbosity : {"-v0", "-v2"}) {
         const LoggedRun run = ParseRun(night.Log({verbosity, "-r", night.archive, "-e", night.work / "exclude"}));
-        EXPECT_EQ(StatusOf(run), Status::Complete);
+        EXPECT_TRUE(StatusOf(run) == Status::Complete && run.not_understood == 0);
         EXPECT_EQ(run.Count(Outcome::Saved), entries->size() - 2);
         EXPECT_EQ(run.Count(Outcome::NotRestored), 2U);
         EXPECT_EQ(run.unexplained, verbosity == "-v0" ? 2U : 0U);
-        EXPECT_EQ(run.not_understood, 0U);
     }
     night.options.locked = {"/home/note"};
-    const LoggedRun partial = ParseRun(night.Log({"-r", night.archive}));
-    EXPECT_EQ(partial.Missing(), 1U);
-    EXPECT_EQ(partial.missing.at(0).name, "/home");
+    const std::string restore = night.Log({"-r", night.archive});
+    const LoggedRun partial = ParseRun(restore);
+    EXPECT_TRUE(partial.Missing() == 1 && partial.missing.at(0).name == "/home");
+    // Two runs in one log; the first is cut, and the first line of the second may follow on the same line.
+    const LoggedRun last = ParseRun(night.Log({"-b", night.archive}) + backup);
+    EXPECT_TRUE(last.earlier_runs == 1 && StatusOf(last) == Status::Complete && last.Missing() == 0);
+    EXPECT_EQ(ParseRun(backup.substr(0, backup.size() / 2) + "\n" + backup).Results(), whole.Results());
+    for (const std::size_t length : {backup.find("Backup Success: ") + 20, backup.rfind("** Total Run Time: ") + 5}) {
+        const std::string cut = backup.substr(0, length);
+        EXPECT_EQ(ParseRun(cut + backup).Results(), whole.Results()) << length;
+        EXPECT_EQ(ParseRun(cut + restore).Results() + 1, partial.Results()) << length;
+    }
 }
 
 constexpr char BackupLog[] = R"--([22:00:00] [T00] Building Object Lists
@@ -246,30 +259,18 @@ vondral-report: newly missing: /QDLS
 vondral-report: no longer named: /gone
 vondral-report: no longer missing: /home
 )");
-    const std::string page = std::regex_replace(tool.Read("page"), std::regex("</section>|</p>"), "\n");
-    EXPECT_EQ(std::regex_replace(page.substr(page.find("<body>")), std::regex("(<[^>]*>)+"), "|"),
-              R"(|Backup |failures|The log ends on Sunday,  1 March 2026, 00:00:10. Exit status according to the log: 1.
-|5|saves|1|saved|1|failed|1|saved in part|1|no data|1|not found|28.512 KB|backed up|20.026 s|run time|Missing, in whole or in part |4|Name|Outcome|Time|Reason|/nowhere|not found|23:59:51|no such path on the server|/QSYS.LIB/A.LIB|no data|00:00:04|the server returned no data; 550 No objects saved.|/tmp|saved in part|00:01:05|3 objects not saved|/QDLS|failed|00:00:03|SAV command failed; 550-CPF3814 in use|
+    std::string page = std::regex_replace(tool.Read("page"), std::regex("\n"), " ");
+    page = std::regex_replace(page.substr(page.find("<h1>")), std::regex("</section>"), "\n");
+    EXPECT_EQ(
+        std::regex_replace(page, std::regex("(<[^>]*>)+"), "|"),
+        R"(|Backup |failures|The log ends on Sunday,  1 March 2026, 00:00:10. Exit status according to the log: 1.|5|saves|1|saved|1|failed|1|saved in part|1|no data|1|not found|28.512 KB|backed up|20.026 s|run time|Missing, in whole or in part |4|Name|Outcome|Time|Reason|/nowhere|not found|23:59:51|no such path on the server|/QSYS.LIB/A.LIB|no data|00:00:04|the server returned no data; 550 No objects saved.|/tmp|saved in part|00:01:05|3 objects not saved|/QDLS|failed|00:00:03|SAV command failed; 550-CPF3814 in use|
 |Changes since |old|Newly missing |3|/nowhere|/QSYS.LIB/A.LIB|/QDLS|No longer named in the log |1|/gone|Still missing |1|/tmp|No longer missing |1|/home|
-|Workers|server saving|waiting for the archive|transfer|missing, in whole or in part|
-|23:59:50|00:00:00|00:00:10|00:00:20|00:00:30|00:00:40|00:00:50|00:01:00|T00|T01|T02|/nowhere
-not found|/QDLS
-failed|/QSYS.LIB/A.LIB
-no data|/tmp
-saved in part
-save 1:01|/home
-saved, 2.892 MB
-save 4.100 s
-wait 0.200 s
-transfer 1.250 s|
+|Workers|server saving|waiting for the archive|transfer|missing, in whole or in part|23:59:50|00:00:00|00:00:10|00:00:20|00:00:30|00:00:40|00:00:50|00:01:00|T00|T01|T02|/nowhere not found|/QDLS failed|/QSYS.LIB/A.LIB no data|/tmp saved in part save 1:01|/home saved, 2.892 MB save 4.100 s wait 0.200 s transfer 1.250 s|
 |Largest saves|Name|Size|Save time|Wait time|Transfer time|All|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|
 |Slowest saves|Name|Size|Save time|Wait time|Transfer time|All|/tmp|1:01|1:01|/QSYS.LIB/A.LIB|6 s|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|/QDLS|2 s|/nowhere|0 s|
-|Totals in the log|They count every file of a saved directory, and add up the times of all workers.
-|bytes|28.512 KB|files attempted|17|files failed|1|run time|20.026 s|
-|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 24 lines were not understood.
-
-|
-)");
+|Totals in the log|They count every file of a saved directory, and add up the times of all workers.|bytes|28.512 KB|files attempted|17|files failed|1|run time|20.026 s|
+|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 24 lines were not understood.|
+| )");
 }
 
 // What the outputs say about made-up logs; after "!", what they do not.
@@ -285,17 +286,14 @@ TEST(Report, Outputs) {
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
     const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 2"));
     for (const auto& [log, file, parts] :
-         {Row{good, "page", {"<title>Backup: complete<", "<h1>Backup <span class=\"pill complete\">complete<"}},
-          {good, "page", {exit_status + "0.", "!id=\"missing\""}},
+         {Row{good, "page", {"<title>Backup: complete<", "\"pill complete\">complete<", "!id=\"missing\""}},
           {good, "err", {"vondral-report: complete: 1 save in 10 s\n"}},
           {terminated, "page", {exit_status + "143."}},
           {terminated, "err", {": terminated: 0 saves in 0 s\n"}},
           {failed, "page", {exit_status + "255.", "<li>login failed</li>"}},
           {failed, "err", {": failed (login failed): 0 saves in 0 s\n"}},
-          {restore, "page", {"<h1>Restore <span class=\"pill unfinished\">unfinished<", "!" + exit_status}},
-          {restore, "page", {"Why 1 entry was not restored", "<b>2</b>entries<"}},
-          {restore, "records", {"{\"type\":\"entry\",\"run\":0,\"name\":\"/a\",\"outcome\":\"restored\""}},
-          {restore, "records", {"\"seconds\":30", "\"entries\":{\"restored\":1,"}},
+          {restore, "page", {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored"}},
+          {restore, "records", {"{\"type\":\"entry\",", "\"seconds\":30", "\"entries\":{\"restored\":1,"}},
           {restore, "gauges", {"\nvondral_run_entries 2\n"}},
           {huge, "records", {"\"bytes\":999999999000000000,", "!\":-"}},
           {huge, "page", {"!>-"}},
@@ -348,26 +346,6 @@ TEST(Report, TimeOfTheLog) {
     const std::time_t noon = std::mktime(&noon_here);
     EXPECT_EQ((LogClock{0, 12 * 3600 + 60, 0, 0}).LastMoment(noon), noon + 60); // clocks may differ by a minute
     EXPECT_EQ((LogClock{0, 12 * 3600 + 61, 0, 0}).LastMoment(noon), noon + 61 - 86400);
-}
-
-TEST(Report, LogsThatWereCutOrHaveTwoRuns) {
-    Night night;
-    const std::string whole = night.Log({"-v2", "-b", night.archive});
-    for (std::size_t length = 0; length < whole.rfind("** Total Run Time: ") + 19; length += 7) {
-        const LoggedRun run = ParseRun(whole.substr(0, length));
-        EXPECT_TRUE(StatusOf(run) == Status::Unfinished && !ExpectedExitStatus(run)) << length;
-    }
-    night.options.locked = {"/home/note"};
-    const LoggedRun last = ParseRun(night.Log({"-b", night.archive}) + whole);
-    EXPECT_TRUE(last.earlier_runs == 1 && StatusOf(last) == Status::Complete && last.Missing() == 0);
-    EXPECT_EQ(ParseRun(whole.substr(0, whole.size() / 2) + "\n" + whole).Results(), ParseRun(whole).Results());
-    // The last line of the first run was cut, and the first line of the second follows on the same line.
-    const std::string restore = night.Log({"-r", night.archive});
-    for (const std::size_t length : {whole.find("Backup Success: ") + 20, whole.rfind("** Total Run Time: ") + 5}) {
-        const std::string cut = whole.substr(0, length);
-        EXPECT_EQ(ParseRun(cut + whole).Results(), ParseRun(whole).Results()) << length;
-        EXPECT_EQ(ParseRun(cut + restore).Results() + 1, ParseRun(restore).Results()) << length;
-    }
 }
 
 TEST(Report, HostileBytesStayText) {

@@ -11,9 +11,9 @@ namespace report {
 
 namespace {
 
-constexpr double LargestNumber = 1e18; // no run can mean a larger one
+constexpr double LargestNumber = 1e18; // more than any run can reach
 
-// White space and a number without a sign. Nothing when there is none, or when it is too large to be meant.
+// White space and a number without a sign. Nothing when there is none, or when it is implausibly large.
 std::optional<double> ConsumeAmount(std::string_view& text) {
     SkipSpace(text);
     const std::optional<double> number = ConsumeNumber<double>(text);
@@ -130,7 +130,7 @@ struct Command {
     std::string_view after_name;
 };
 
-// Commands that tell what a worker is doing. PASS names nothing, so its argument is never kept.
+// Commands that show what a worker is doing. PASS names nothing, so its argument is never kept.
 constexpr Command Commands[] = {
     {"RETR ", "fetching", "", ""},
     {"RCMD SAVLIB ", "saving", "LIB(", ")"},

@@ -57,6 +57,7 @@ struct Report {
     double last_shown = SecondsNow();
     bool trouble = false; // something could not be read or written
 
+    // ESPIPE comes from ReadPastRun.
     void Fail(const std::string& what, int error) {
         trouble = true;
         PrintError(what, error == ESPIPE ? "not a file that can be read twice" : std::strerror(error));
@@ -70,8 +71,8 @@ void ReserveStandardDescriptors() {
             std::exit(Trouble);
 }
 
-// The run dies of a closed pipe when its report ends first. While its log is read, signals that end a job, or come from
-// the terminal, are left to the run.
+// If the report ended before the run, the run would die of a closed pipe. So while a run writes the log, signals that
+// end a job, or come from the terminal, are left to the run.
 class SignalsIgnored {
 public:
     SignalsIgnored() {
@@ -115,7 +116,7 @@ bool OutputsSpareLogs(const Options& options, const struct stat& log) {
 RunStart FindLastStart(int input, std::time_t changed) {
     const off_t offset = ::lseek(input, 0, SEEK_CUR);
     LoggedRun run;
-    ReadRun(input, run); // an error will come again
+    ReadRun(input, run); // the second reading reports an error
     ::lseek(input, offset, SEEK_SET);
     return {run.earlier_runs, run.clock.FirstMoment(changed)};
 }

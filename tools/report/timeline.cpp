@@ -23,8 +23,8 @@ struct Scale {
     double At(double moment) const { return Left + moment / seconds * Width; }
 };
 
-// The distance of ticks, at most eight in `seconds`: 1, 2 or 5 times a power of ten, from a minute on a step usual on
-// clocks.
+// The distance between ticks, at most eight in `seconds`: 1, 2 or 5 times a power of ten; from a minute on, a step in
+// which people read clocks.
 double TickStep(double seconds) {
     constexpr double most = 8;
     for (const double step :

@@ -12,6 +12,7 @@
 #include "display.h"
 #include "log_line.h"
 #include "past_run.h"
+#include "progress.h"
 #include "test_support.h"
 #include "verdict.h"
 
@@ -206,6 +207,7 @@ constexpr char BackupLog[] = R"--([22:00:00] [T00] Building Object Lists
 [00:00:06] [T01] ** Thread 1 Complete
 [00:00:07] [T00] ** Backup Complete
 [00:00:07] [T00] ** Backed up 27.844 kB in 4.000 s
+[00:00:07] [T00] ** Total List Data: 2.000 kB
 [00:00:07] [T00] ** Total Objects Attempted: 17
 [00:00:07] [T00] ** Total Objects Failed   : 1
 [00:00:10] [T00] ** Total Run Time: 20.026 seconds
@@ -232,11 +234,12 @@ TEST(Report, AllOutputsOfABackup) {
 {"type":"change","change":"no longer missing","name":"/home"}
 {"type":"change","change":"still missing","name":"/tmp"}
 {"type":"change","change":"no longer named","name":"/gone"}
+{"type":"total","name":"list_bytes","value":2048}
 {"type":"total","name":"bytes","value":28512}
 {"type":"total","name":"files_attempted","value":17}
 {"type":"total","name":"files_failed","value":1}
 {"type":"total","name":"run_seconds","value":20.026}
-{"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":1,"not found":1},"bytes":2892000,"lines":24,"lines_not_understood":0,"omissions":["Earlier runs in the same log: 1. This is the last one."]}
+{"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":1,"not found":1},"bytes":2892000,"lines":25,"lines_not_understood":0,"omissions":["Earlier runs in the same log: 1. This is the last one."]}
 )");
     EXPECT_EQ(std::regex_replace(tool.Read("gauges"), std::regex("#[^\n]*\n|[^\n]* 0\n"), ""),
               R"(vondral_run_status{status="failures"} 1
@@ -268,8 +271,8 @@ vondral-report: no longer missing: /home
 |Workers|server saving|waiting for the archive|transfer|missing, in whole or in part|23:59:50|00:00:00|00:00:10|00:00:20|00:00:30|00:00:40|00:00:50|00:01:00|T00|T01|T02|/nowhere not found|/QDLS failed|/QSYS.LIB/A.LIB no data|/tmp saved in part save 1:01|/home saved, 2.892 MB save 4.100 s wait 0.200 s transfer 1.250 s|
 |Largest saves|Name|Size|Save time|Wait time|Transfer time|All|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|
 |Slowest saves|Name|Size|Save time|Wait time|Transfer time|All|/tmp|1:01|1:01|/QSYS.LIB/A.LIB|6 s|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|/QDLS|2 s|/nowhere|0 s|
-|Totals in the log|They count every file of a saved directory, and add up the times of all workers.|bytes|28.512 KB|files attempted|17|files failed|1|run time|20.026 s|
-|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 24 lines were not understood.|
+|Totals in the log|They count every file of a saved directory, and add up the times of all workers.|list bytes|2.048 KB|bytes|28.512 KB|files attempted|17|files failed|1|run time|20.026 s|
+|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 25 lines were not understood.|
 | )");
 }
 
@@ -292,16 +295,21 @@ TEST(Report, Outputs) {
           {terminated, "err", {": terminated: 0 saves in 0 s\n"}},
           {failed, "page", {exit_status + "255.", "<li>login failed</li>"}},
           {failed, "err", {": failed (login failed): 0 saves in 0 s\n"}},
+          {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
+           "page",
+           {exit_status + "2."}},
+          {BackupLog, "page", {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>"}},
           {restore, "page", {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored"}},
           {restore, "records", {"{\"type\":\"entry\",", "\"seconds\":30", "\"entries\":{\"restored\":1,"}},
           {restore, "gauges", {"\nvondral_run_entries 2\n"}},
           {huge, "records", {"\"bytes\":999999999000000000,", "!\":-"}},
           {huge, "page", {"!>-"}},
+          {huge, "err", {": unfinished: 2 saves, 999999999.000 GB in "}},
           {plain, "gauges", {"!_saves_failed", "!_saves_missing"}},
           {plain, "records", {"!\"failed\":", "!\"saved in part\":"}},
           {plain, "err", {", 2 files failed in"}},
           {plain, "page", {"</b>files failed<", "<li>What failed and why: ", "<li>What was saved in part (-p no): "}},
-          {plain, "page", {"<li>Sizes and times of the saves: "}},
+          {plain, "page", {"!" + exit_status, "<li>Sizes and times of the saves: "}},
           {plain + Failure("/b"), "gauges", {"_saves_failed 1\n", "!_saves_missing"}}}) {
         Tool tool;
         EXPECT_EQ(tool.Run(log, AllOutputs), 0);
@@ -319,6 +327,7 @@ TEST(Report, LinesOfEveryKind) {
           {"vondral: sent command \"PASS secret\"", LineKind::Command, ""},
           {"vondral: sent command \"RCMD SAVLIB LIB(PAY) DEV(*SAVF)\"", LineKind::Command, "PAY"},
           {"vondral: sent command \"RCMD SAV DEV('x') OBJ(('\"/home/a b\"')) X\"", LineKind::Command, "/home/a b"},
+          {"vondral: sent command \"LIST /home\"", LineKind::Command, "/home"},
           {"0.000 B/s", LineKind::Ignored, ""},
           {"93.509 MB/s", LineKind::Ignored, ""}}) {
         const std::string tagged = "[23:59:58] [T03] " + text;
@@ -326,7 +335,7 @@ TEST(Report, LinesOfEveryKind) {
         EXPECT_TRUE(line.kind == kind && line.text == expected && line.time == 86398 && line.thread == 3) << text;
     }
     for (const std::string text : {"", "Size: -1 B", "Size: 999999999999999999 GB", "Save: nan s", "Save: 1e999 s",
-                                   "93.509 lumps B/s", "220-QTCP at HOST: ready"})
+                                   "93.509 lumps B/s", "/home: 5 others", "220-QTCP at HOST: ready"})
         EXPECT_EQ(ParseLogLine("[00:00:00] [T00] " + text).kind, LineKind::Unknown) << text;
     for (const char* const untagged :
          {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[24:00:00] [T03] x", "[23:60:00] [T03] x",
@@ -469,6 +478,20 @@ TEST(Report, PlainLinesOfProgressWhileTheLogIsSilent) {
     WriteFile(tool.work / "old", Success("/a") + Success("/b"));
     EXPECT_EQ(tool.Run(Success("/a"), "--every 1s --against old", feed), 0);
     EXPECT_THAT(tool.Read("err"), testing::StartsWith("vondral-report: 1 of about 2 saves (as last time) | "));
+}
+
+TEST(Report, LinesOfProgressAndLimits) {
+    LoggedRun run = ParseRun(BackupLog);
+    const std::string head = "5 saves | 1 failed | 2.892 MB | ";
+    EXPECT_EQ(ProgressText(run, nullptr, 0.9), head + "0 s | T02 after /QDLS");
+    EXPECT_EQ(ProgressText(run, nullptr, 2.5), head + "1156.800 KB/s | 2 s | T02 after /QDLS");
+    for (int i = 0; i < 30; ++i) {
+        ProcessLogLine(run, FormatText("[00:00:20] [T01] Backup Success: /%d", i));
+        ProcessLogLine(run, FormatText("[00:00:20] [T01] Size: %d MB", i * 7 % 30 + 3));
+    }
+    FinishRun(run);
+    EXPECT_EQ(run.largest.size(), LoggedRun::MostLargest);
+    EXPECT_EQ(Ranked(run.largest, BytesOf).back().bytes, 13e6); // of 2.892 and 3 to 32 MB
 }
 
 // On a terminal the line of progress never mixes with the log, and is gone at the end. It is 40 columns wide.

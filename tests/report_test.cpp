@@ -287,27 +287,29 @@ TEST(Report, Outputs) {
     const std::string huge = Success("/a") + Line("23:59:51", "Size: 999999999 GB", "01") +
                              Line("23:59:51", "Save: 999999999999999999 s", "01") + Success("/b", "23:59:52");
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
-    const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 2"));
+    const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 1"));
     for (const auto& [log, file, parts] :
          {Row{good, "page", {"<title>Backup: complete<", "\"pill complete\">complete<", "!id=\"missing\""}},
           {good, "err", {"vondral-report: complete: 1 save in 10 s\n"}},
           {terminated, "page", {exit_status + "143."}},
           {terminated, "err", {": terminated: 0 saves in 0 s\n"}},
-          {failed, "page", {exit_status + "255.", "<li>login failed</li>"}},
-          {failed, "err", {": failed (login failed): 0 saves in 0 s\n"}},
+          {good + failed, "page", {exit_status + "255.", "<li>login failed</li>"}},
+          {good + failed, "err", {": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
            "page",
            {exit_status + "2."}},
-          {BackupLog, "page", {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>"}},
+          {BackupLog,
+           "page",
+           {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>", "outcome failed\">failed<"}},
           {restore, "page", {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored"}},
           {restore, "records", {"{\"type\":\"entry\",", "\"seconds\":30", "\"entries\":{\"restored\":1,"}},
           {restore, "gauges", {"\nvondral_run_entries 2\n"}},
           {huge, "records", {"\"bytes\":999999999000000000,", "!\":-"}},
-          {huge, "page", {"!>-"}},
+          {huge, "page", {"!>-", ">backed up so far<"}},
           {huge, "err", {": unfinished: 2 saves, 999999999.000 GB in "}},
           {plain, "gauges", {"!_saves_failed", "!_saves_missing"}},
           {plain, "records", {"!\"failed\":", "!\"saved in part\":"}},
-          {plain, "err", {", 2 files failed in"}},
+          {plain, "err", {", 1 file failed in"}},
           {plain, "page", {"</b>files failed<", "<li>What failed and why: ", "<li>What was saved in part (-p no): "}},
           {plain, "page", {"!" + exit_status, "<li>Sizes and times of the saves: "}},
           {plain + Failure("/b"), "gauges", {"_saves_failed 1\n", "!_saves_missing"}}}) {
@@ -353,6 +355,7 @@ TEST(Report, TimeOfTheLog) {
     std::tm noon_here{};
     noon_here.tm_year = 126, noon_here.tm_mday = 1, noon_here.tm_hour = 12, noon_here.tm_isdst = -1;
     const std::time_t noon = std::mktime(&noon_here);
+    EXPECT_EQ((LogClock{0, 12 * 3600, 0, 0}).LastMoment(noon), noon);
     EXPECT_EQ((LogClock{0, 12 * 3600 + 60, 0, 0}).LastMoment(noon), noon + 60); // clocks may differ by a minute
     EXPECT_EQ((LogClock{0, 12 * 3600 + 61, 0, 0}).LastMoment(noon), noon + 61 - 86400);
 }
@@ -461,6 +464,8 @@ TEST(Report, OutputsThatAreStandardOutput) {
         EXPECT_TRUE(fs::is_symlink(tool.work / "stdout"));
         EXPECT_THAT(tool.Read("out"), testing::StartsWith(log + "# HELP vondral_run_status")) << arguments;
     }
+    EXPECT_EQ(tool.Run(log, "--json records 2>&-"), 0); // the summary must not go to the records
+    EXPECT_THAT(tool.Read("records"), Not(HasSubstr("vondral-report")));
     // A reader that goes away ends neither the tool nor the run: a pipe cannot hold this log.
     std::string many;
     while (many.size() < 1 << 20)
@@ -490,6 +495,7 @@ TEST(Report, LinesOfProgressAndLimits) {
         ProcessLogLine(run, FormatText("[00:00:20] [T01] Size: %d MB", i * 7 % 30 + 3));
     }
     FinishRun(run);
+    EXPECT_EQ(ShowBytes(17), "17 B");
     EXPECT_EQ(run.largest.size(), LoggedRun::MostLargest);
     EXPECT_EQ(Ranked(run.largest, BytesOf).back().bytes, 13e6); // of 2.892 and 3 to 32 MB
 }

@@ -464,7 +464,7 @@ TEST(Report, OutputsThatAreStandardOutput) {
         EXPECT_TRUE(fs::is_symlink(tool.work / "stdout"));
         EXPECT_THAT(tool.Read("out"), testing::StartsWith(log + "# HELP vondral_run_status")) << arguments;
     }
-    EXPECT_EQ(tool.Run(log, "--json records 2>&-"), 0); // the summary must not go to the records
+    EXPECT_EQ(tool.Run(log, "--json records --html none/x 2>&-"), 1); // the error must not go to the records
     EXPECT_THAT(tool.Read("records"), Not(HasSubstr("vondral-report")));
     // A reader that goes away ends neither the tool nor the run: a pipe cannot hold this log.
     std::string many;

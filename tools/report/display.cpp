@@ -5,12 +5,14 @@
 #include "run_report.h"
 #include "support.h"
 
+namespace report {
+
 namespace {
 
 constexpr char32_t Replacement = 0xFFFD;
 
-// Takes one character from the front; Replacement, and one byte, where it is none.
-char32_t TakeCharacter(std::string_view& bytes) {
+// Consumes one character; where the bytes are not valid UTF-8, one byte, and returns Replacement.
+char32_t ConsumeCharacter(std::string_view& bytes) {
     const auto byte = [bytes](std::size_t at) { return static_cast<unsigned char>(bytes[at]); };
     const unsigned char lead = byte(0);
     const std::size_t length = lead < 0x80 ? 1 : lead >> 5 == 6 ? 2 : lead >> 4 == 14 ? 3 : lead >> 3 == 30 ? 4 : 0;
@@ -39,7 +41,7 @@ std::string VisibleText(std::string_view bytes) {
     std::string text;
     while (!bytes.empty()) {
         const std::string_view rest = bytes;
-        const char32_t character = TakeCharacter(bytes);
+        const char32_t character = ConsumeCharacter(bytes);
         if (character != Replacement && IsVisible(character))
             text += rest.substr(0, rest.size() - bytes.size());
         else
@@ -77,14 +79,10 @@ std::string HtmlText(std::string_view bytes) {
 std::string TerminalText(std::string_view bytes) {
     std::string text;
     while (!bytes.empty()) {
-        const char32_t character = TakeCharacter(bytes);
+        const char32_t character = ConsumeCharacter(bytes);
         text += character >= 0x20 && character < 0x7F ? static_cast<char>(character) : '?';
     }
     return text;
-}
-
-std::string ShowCount(std::uint64_t objects) {
-    return FormatText("%llu object%s", static_cast<unsigned long long>(objects), objects == 1 ? "" : "s");
 }
 
 std::string ShowBytes(double bytes) {
@@ -107,3 +105,5 @@ std::string ShowTime(double time) {
     const int seconds = static_cast<int>(std::fmod(time, day));
     return FormatText("%02d:%02d:%02d", seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
+
+} // namespace report

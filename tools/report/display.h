@@ -1,22 +1,24 @@
-// Foreign bytes and figures made fit for where they are shown. Names come from the server and may hold anything.
+// Makes bytes from the log and numbers fit to be shown. Names come from the server and may contain any byte.
 
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 
-// Valid UTF-8: each byte that is none becomes U+FFFD. Control characters and those that turn the direction of writing,
-// which could disguise a name, do so as well.
+namespace report {
+
+// Valid UTF-8: each invalid byte becomes U+FFFD, and so does each control character and each character that changes the
+// direction of writing, which could disguise a name.
 std::string VisibleText(std::string_view bytes);
 
-// The same with the characters replaced that mean something to HTML, in text and in quoted attributes.
+// The same, escaped for HTML text and quoted attributes.
 std::string HtmlText(std::string_view bytes);
 
-// Printable ASCII alone, "?" for each other character: one column each on every terminal.
+// Printable ASCII, with "?" for any other character: each takes one column on every terminal.
 std::string TerminalText(std::string_view bytes);
 
-std::string ShowCount(std::uint64_t objects); // "1 object"
-std::string ShowBytes(double bytes);          // "6.864 KB": by thousands
-std::string ShowDuration(double seconds);     // "0.021 s", "47 s", "12:05", "3:00:09"
-std::string ShowTime(double time);            // seconds since a midnight: "14:33:50"
+std::string ShowBytes(double bytes);      // "6.864 KB", in powers of 1000
+std::string ShowDuration(double seconds); // "0.021 s", "47 s", "12:05", "3:00:09"
+std::string ShowTime(double time);        // seconds since a midnight: "14:33:50"
+
+} // namespace report

@@ -1,12 +1,15 @@
 #include "html.h"
 
 #include <algorithm>
+#include <span>
 
 #include "display.h"
 #include "page_style.h"
-#include "support.h"
+#include "text.h"
 #include "timeline.h"
 #include "verdict.h"
+
+namespace report {
 
 namespace {
 
@@ -35,28 +38,28 @@ std::string Header(const LoggedRun& run, std::time_t ended) {
     const char* const status = StatusName(StatusOf(run));
     std::string html = FormatText("<h1>%s <span class=\"pill %s\">%s</span></h1>", Title(run), status, status);
     html += "<p class=\"quiet\">";
-    html += ended > 0 ? "The log ends on " + Moment(ended) : std::string("The log tells no time");
+    html += ended > 0 ? "The log ends on " + Moment(ended) + "." : std::string("The log has no times.");
     if (const std::optional<int> exit_status = ExpectedExitStatus(run))
-        html += FormatText("; by it the exit status was %d", *exit_status);
-    return html + ".</p>";
+        html += FormatText(" Exit status according to the log: %d.", *exit_status);
+    return html + "</p>";
 }
 
 std::string Tiles(const LoggedRun& run) {
-    const auto count = [&run](ObjectOutcome outcome) { return std::to_string(run.Count(outcome)); };
-    std::string html = "<div class=\"tiles\">";
-    html += Tile(run.mode == Mode::Restore ? "objects restored" : "objects saved", count(ObjectOutcome::Saved));
-    if (const auto failed = CountTold(run, ObjectOutcome::Failed))
-        html += Tile("objects failed", std::to_string(*failed), *failed > 0 ? "bad" : "");
+    const auto name = [&run](Outcome outcome) { return OutcomeName(outcome, run.mode); };
+    const auto count = [&run](Outcome outcome) { return std::to_string(run.Count(outcome)); };
+    std::string html = "<div class=\"tiles\">" + Tile(PluralUnitName(run.mode), std::to_string(run.Results())) +
+                       Tile(name(Outcome::Saved), count(Outcome::Saved));
+    if (KnownCount(run, Outcome::Failed))
+        html += Tile(name(Outcome::Failed), count(Outcome::Failed), run.Count(Outcome::Failed) > 0 ? "bad" : "");
     else if (const double files = UnnamedFailures(run); files > 0)
         html += Tile("files failed", FormatText("%.0f", files), "bad");
-    for (const ObjectOutcome outcome :
-         {ObjectOutcome::SavedInPart, ObjectOutcome::NoData, ObjectOutcome::NotFound, ObjectOutcome::LeftOut})
+    for (const Outcome outcome : {Outcome::SavedInPart, Outcome::NoData, Outcome::NotFound, Outcome::NotRestored})
         if (run.Count(outcome) > 0)
-            html += Tile(OutcomeName(outcome, run.mode), count(outcome), "warn");
+            html += Tile(name(outcome), count(outcome), "warn");
     if (const std::optional<double> bytes = run.Get(Total::Bytes))
-        html += Tile(run.mode == Mode::Restore ? "restored" : "backed up", ShowBytes(*bytes));
+        html += Tile(run.mode == Mode::Restore ? "read from the archive" : "backed up", ShowBytes(*bytes));
     else if (run.HasSizes())
-        html += Tile("in these objects", ShowBytes(run.bytes));
+        html += Tile("backed up so far", ShowBytes(run.bytes));
     if (const std::optional<double> seconds = run.Get(Total::RunSeconds))
         html += Tile("run time", ShowDuration(*seconds));
     else
@@ -64,20 +67,22 @@ std::string Tiles(const LoggedRun& run) {
     return html + "</div>";
 }
 
+std::string MissingRow(const LoggedRun& run, const Result& result) {
+    return "<tr><td class=\"name\">" + HtmlText(result.name) +
+           FormatText("</td><td class=\"outcome %s\">%s</td><td class=\"number\">%s</td><td>",
+                      result.outcome == Outcome::Failed ? "failed" : "", OutcomeName(result.outcome, run.mode),
+                      ShowTime(run.clock.first + result.end).c_str()) +
+           (result.reason.empty() ? "<span class=\"quiet\">not in this log</span>" : HtmlText(result.reason)) +
+           "</td></tr>";
+}
+
 std::string MissingSection(const LoggedRun& run) {
     std::string html;
     if (!run.missing.empty()) {
-        html += "<section class=\"bad\" id=\"missing\">" + Heading("Missing, wholly or in part", run.Missing());
-        html += "<table><tr><th>Object</th><th>Outcome</th><th>At</th><th>Why</th></tr>";
-        for (const ObjectResult& object : run.missing)
-            html +=
-                "<tr><td class=\"name\">" + HtmlText(object.name) +
-                FormatText("</td><td class=\"outcome %s\">", object.outcome == ObjectOutcome::Failed ? "failed" : "") +
-                OutcomeName(object.outcome, run.mode) + "</td><td class=\"number\">" +
-                ShowTime(run.clock.first + object.ended) + "</td><td>" +
-                (object.reason.empty() ? "<span class=\"quiet\">the log does not tell</span>"
-                                       : HtmlText(object.reason)) +
-                "</td></tr>";
+        html += "<section class=\"bad\" id=\"missing\">" + Heading("Missing, in whole or in part", run.Missing());
+        html += "<table><tr><th>Name</th><th>Outcome</th><th>Time</th><th>Reason</th></tr>";
+        for (const Result& result : run.missing)
+            html += MissingRow(run, result);
         html += "</table></section>";
     }
     if (!run.messages.empty()) {
@@ -107,9 +112,9 @@ std::string ChangesSection(const PastRun& past, const Changes& changes) {
     const std::string lists = NameList("Newly missing", changes.newly_missing) +
                               NameList("No longer named in the log", changes.no_longer_named) +
                               NameList("Still missing", changes.still_missing) +
-                              NameList("There again", changes.there_again);
-    return "<section id=\"changes\"><h2>Since the run of <span class=\"name\">" + HtmlText(past.path) + "</span></h2>" +
-           (lists.empty() ? "<p>The same objects, and none of them missing as far as the log tells.</p>" : lists) +
+                              NameList("No longer missing", changes.no_longer_missing);
+    return "<section id=\"changes\"><h2>Changes since <span class=\"name\">" + HtmlText(past.path) + "</span></h2>" +
+           (lists.empty() ? "<p>Nothing is missing, and everything saved then is in this log again.</p>" : lists) +
            "</section>";
 }
 
@@ -123,12 +128,12 @@ std::string TimelineSection(const LoggedRun& run) {
         bool used;
     };
     const bool restore = run.mode == Mode::Restore;
-    const Entry legend[] = {{"save", "the server saves", run.has_figures && !restore},
-                            {"wait", "waits for the archive", run.has_figures && !restore},
-                            {"transfer", "transfer", run.has_figures},
-                            {"restore", "the server restores", run.has_figures && restore},
-                            {"whole", "all phases", !run.has_figures},
-                            {"missing", "missing, wholly or in part", run.Missing() > 0}};
+    const Entry legend[] = {{"save", "server saving", run.has_measurements && !restore},
+                            {"wait", "waiting for the archive", run.has_measurements && !restore},
+                            {"transfer", "transfer", run.has_measurements},
+                            {"restore", "server restoring", run.has_measurements && restore},
+                            {"whole", "all phases", !run.has_measurements},
+                            {"missing", "missing, in whole or in part", run.Missing() > 0}};
     std::string html = "<section id=\"timeline\"><h2>Workers</h2><p class=\"legend\">";
     for (const Entry& entry : legend)
         if (entry.used)
@@ -140,30 +145,36 @@ std::string Seconds(const std::optional<double>& seconds) {
     return seconds ? ShowDuration(*seconds) : "";
 }
 
-std::string ObjectTable(const LoggedRun& run, const char* title, std::vector<ObjectResult> objects) {
+struct Column {
+    const char* heading;
+    std::string (*text)(const Result&);
+};
+constexpr Column BackupColumns[] = {
+    {"Size", [](const Result& result) { return result.bytes ? ShowBytes(*result.bytes) : ""; }},
+    {"Save time", [](const Result& result) { return Seconds(result.save_seconds); }},
+    {"Wait time", [](const Result& result) { return Seconds(result.wait_seconds); }},
+    {"Transfer time", [](const Result& result) { return Seconds(result.transfer_seconds); }},
+    {"All", [](const Result& result) { return ShowDuration(DurationOf(result)); }}};
+constexpr Column RestoreColumns[] = {
+    {"Transfer time", [](const Result& result) { return Seconds(result.transfer_seconds); }},
+    {"Restore time", [](const Result& result) { return Seconds(result.restore_seconds); }},
+    {"All", [](const Result& result) { return ShowDuration(DurationOf(result)); }}};
+
+std::string ResultTable(const LoggedRun& run, const char* title, std::vector<Result> results) {
     constexpr std::size_t most = LoggedRun::MostLargest;
-    if (objects.empty())
+    if (results.empty())
         return {};
-    objects.resize(std::min(objects.size(), most));
-    const bool restore = run.mode == Mode::Restore;
-    std::string html = FormatText("<section><h2>%s</h2><table><tr><th>Object</th>", title);
-    for (const char* const column : {restore ? "" : "Size", restore ? "" : "Save", restore ? "" : "Wait", "Transfer",
-                                     restore ? "Restore" : "", "All"})
-        if (*column != '\0')
-            html += FormatText("<th class=\"number\">%s</th>", column);
+    results.resize(std::min(results.size(), most));
+    const std::span<const Column> columns =
+        run.mode == Mode::Restore ? std::span<const Column>(RestoreColumns) : std::span<const Column>(BackupColumns);
+    std::string html = FormatText("<section><h2>%s %s</h2><table><tr><th>Name</th>", title, PluralUnitName(run.mode));
+    for (const Column& column : columns)
+        html += FormatText("<th class=\"number\">%s</th>", column.heading);
     html += "</tr>";
-    const auto cell = [&html](const std::string& text) { html += "<td class=\"number\">" + text + "</td>"; };
-    for (const ObjectResult& object : objects) {
-        html += "<tr><td class=\"name\">" + HtmlText(object.name) + "</td>";
-        if (!restore) {
-            cell(object.bytes ? ShowBytes(*object.bytes) : "");
-            cell(Seconds(object.save));
-            cell(Seconds(object.wait));
-        }
-        cell(Seconds(object.transfer));
-        if (restore)
-            cell(Seconds(object.restore));
-        cell(ShowDuration(SpanOf(object)));
+    for (const Result& result : results) {
+        html += "<tr><td class=\"name\">" + HtmlText(result.name) + "</td>";
+        for (const Column& column : columns)
+            html += "<td class=\"number\">" + column.text(result) + "</td>";
         html += "</tr>";
     }
     return html + "</table></section>";
@@ -186,17 +197,17 @@ std::string TotalsSection(const LoggedRun& run) {
     }
     if (rows.empty())
         return {};
-    return "<section><h2>Totals of the log</h2><p class=\"quiet\">They count the files in a directory that was saved "
-           "as one, one by one, and add up the seconds of all workers.</p><table class=\"narrow\">" +
+    return "<section><h2>Totals in the log</h2><p class=\"quiet\">They count every file of a saved directory, and "
+           "add up the times of all workers.</p><table class=\"narrow\">" +
            rows + "</table></section>";
 }
 
 std::string OmissionsSection(const LoggedRun& run) {
-    std::string html = "<section id=\"omissions\"><h2>What the log does not tell</h2><ul>";
+    std::string html = "<section id=\"omissions\"><h2>Not in this log, or not shown</h2><ul>";
     for (const std::string& omission : Omissions(run))
         html += "<li>" + omission + "</li>";
-    return html + FormatText("</ul><p class=\"quiet\">Of %llu lines %llu were not understood.</p></section>",
-                             Number{run.lines}, Number{run.not_understood});
+    return html + FormatText("</ul><p class=\"quiet\">%llu of %llu lines were not understood.</p></section>",
+                             Number{run.not_understood}, Number{run.lines});
 }
 
 } // namespace
@@ -211,7 +222,9 @@ std::string HtmlPage(const LoggedRun& run, std::time_t ended, const PastRun* pas
     html += Header(run, ended) + Tiles(run) + MissingSection(run);
     if (past != nullptr && changes != nullptr)
         html += ChangesSection(*past, *changes);
-    html += TimelineSection(run) + ObjectTable(run, "Largest", Ranked(run.largest, BytesOf)) +
-            (run.has_figures ? ObjectTable(run, "Slowest", Ranked(run.drawn, SpanOf)) : "");
+    html += TimelineSection(run) + ResultTable(run, "Largest", Ranked(run.largest, BytesOf)) +
+            (run.has_measurements ? ResultTable(run, "Slowest", Ranked(run.longest, DurationOf)) : "");
     return html + TotalsSection(run) + OmissionsSection(run) + "</main></body></html>\n";
 }
+
+} // namespace report

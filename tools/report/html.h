@@ -1,5 +1,5 @@
-// A run as one page that needs nothing else: no script, no font, no picture from elsewhere. It keeps to the reader's
-// choice of light or dark, and whatever came from the log is text and nothing else.
+// A run as a self-contained page: no script, font or image from elsewhere. It follows the reader's choice of light or
+// dark, and everything that came from the log is shown as text.
 
 #pragma once
 
@@ -9,5 +9,9 @@
 #include "past_run.h"
 #include "run.h"
 
-// `ended` is in seconds since the epoch, 0 when not known; `past` and `changes` are both null or both given.
+namespace report {
+
+// `ended` is the epoch time of the last line, 0 when not known; `past` and `changes` are both null or both given.
 std::string HtmlPage(const LoggedRun& run, std::time_t ended, const PastRun* past, const Changes* changes);
+
+} // namespace report

@@ -4,8 +4,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "display.h"
 #include "verdict.h"
+
+namespace report {
 
 namespace {
 
@@ -15,7 +16,7 @@ void WriteRecord(Output& output, const Record& record) {
     Write(output, record.dump(-1, ' ', true, Record::error_handler_t::replace) + "\n");
 }
 
-// Whole numbers without a point, as far as they fit; others with the log's three decimals.
+// Integers where they fit; other numbers with the three decimals of the log.
 void Put(Record& record, const char* name, std::optional<double> value) {
     if (!value)
         return;
@@ -25,61 +26,64 @@ void Put(Record& record, const char* name, std::optional<double> value) {
         record[name] = std::round(*value * 1000) / 1000;
 }
 
+// An epoch time, `seconds` after `moment`; left out when the moment is 0.
+void PutTime(Record& record, const char* name, std::time_t moment, double seconds = 0) {
+    if (moment > 0)
+        Put(record, name, static_cast<double>(moment) + seconds);
+}
+
 void WriteChanges(Output& output, const char* change, const Changes::Names& names) {
     for (const std::string& name : names.names)
         WriteRecord(output, {{"type", "change"}, {"change", change}, {"name", name}});
 }
 
-Record RunRecord(const LoggedRun& run, std::time_t ended) {
+Record RunRecord(const LoggedRun& run, std::time_t started, std::time_t ended) {
     static constexpr const char* modes[] = {"unknown", "backup", "restore"};
     Record record = {{"type", "run"}, {"run", run.earlier_runs}, {"mode", modes[static_cast<std::size_t>(run.mode)]}};
     record["status"] = StatusName(StatusOf(run));
     if (const std::optional<int> status = ExpectedExitStatus(run))
         record["exit_status"] = *status;
-    if (run.clock.first >= 0) {
-        record["first_line"] = ShowTime(run.clock.first);
-        record["last_line"] = ShowTime(run.clock.last);
-        Put(record, "log_seconds", run.clock.elapsed);
-    }
-    if (ended > 0)
-        record["ended"] = static_cast<std::int64_t>(ended);
+    PutTime(record, "start_time", started);
+    PutTime(record, "end_time", ended);
     for (std::size_t i = 0; i < OutcomeCount; ++i)
-        if (const auto count = CountTold(run, static_cast<ObjectOutcome>(i)))
-            record["objects"][OutcomeName(static_cast<ObjectOutcome>(i), run.mode)] = *count;
+        if (const auto count = KnownCount(run, static_cast<Outcome>(i)))
+            record[PluralUnitName(run.mode)][OutcomeName(static_cast<Outcome>(i), run.mode)] = *count;
     if (run.HasSizes())
-        Put(record, "object_bytes", run.bytes);
+        Put(record, "bytes", run.bytes);
     record["lines"] = run.lines;
     record["lines_not_understood"] = run.not_understood;
-    record["not_told"] = Omissions(run);
+    record["omissions"] = Omissions(run);
     return record;
 }
 
 } // namespace
 
-void WriteObjectRecord(Output& output, const LoggedRun& run, const ObjectResult& object) {
-    Record record = {{"type", IsMissing(object.outcome) ? "failure" : "object"},
+void WriteResultRecord(Output& output, const LoggedRun& run, const Result& result, std::time_t started) {
+    Record record = {{"type", IsMissing(result.outcome) ? "missing" : UnitName(run.mode)},
                      {"run", run.earlier_runs},
-                     {"name", object.name},
-                     {"outcome", OutcomeName(object.outcome, run.mode)},
-                     {"thread", object.thread}};
-    Put(record, "begun", object.begun);
-    Put(record, "ended", object.ended);
-    Put(record, "bytes", object.bytes);
-    Put(record, "save_seconds", object.save);
-    Put(record, "wait_seconds", object.wait);
-    Put(record, "transfer_seconds", object.transfer);
-    Put(record, "restore_seconds", object.restore);
-    if (!object.reason.empty())
-        record["reason"] = object.reason;
+                     {"name", result.name},
+                     {"outcome", OutcomeName(result.outcome, run.mode)},
+                     {"thread", result.thread}};
+    PutTime(record, "start_time", started, result.start);
+    PutTime(record, "end_time", started, result.end);
+    Put(record, "seconds", DurationOf(result));
+    Put(record, "bytes", result.bytes);
+    Put(record, "save_seconds", result.save_seconds);
+    Put(record, "wait_seconds", result.wait_seconds);
+    Put(record, "transfer_seconds", result.transfer_seconds);
+    Put(record, "restore_seconds", result.restore_seconds);
+    if (!result.reason.empty())
+        record["reason"] = result.reason;
     WriteRecord(output, record);
 }
 
-void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t ended, const Changes* changes) {
+void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t started, std::time_t ended,
+                     const Changes* changes) {
     for (const std::string& message : run.messages)
         WriteRecord(output, {{"type", "message"}, {"text", message}});
     if (changes != nullptr) {
         WriteChanges(output, "newly missing", changes->newly_missing);
-        WriteChanges(output, "there again", changes->there_again);
+        WriteChanges(output, "no longer missing", changes->no_longer_missing);
         WriteChanges(output, "still missing", changes->still_missing);
         WriteChanges(output, "no longer named", changes->no_longer_named);
     }
@@ -89,5 +93,7 @@ void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t ended, co
             Put(record, "value", run.totals[i]);
             WriteRecord(output, record);
         }
-    WriteRecord(output, RunRecord(run, ended));
+    WriteRecord(output, RunRecord(run, started, ended));
 }
+
+} // namespace report

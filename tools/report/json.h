@@ -1,5 +1,5 @@
-// A run as JSON, one record a line, for programs. Every record has a "type"; a field that the log does not tell is not
-// there. Names that are no UTF-8 have U+FFFD where their bytes are none; everything beyond ASCII is written as \uXXXX.
+// A run as JSON for programs, one record per line. Every record has a "type". A field whose value is not known is left
+// out. All times are in seconds since the epoch. Invalid UTF-8 becomes U+FFFD, and all but ASCII is escaped as \uXXXX.
 
 #pragma once
 
@@ -9,9 +9,15 @@
 #include "past_run.h"
 #include "run.h"
 
-// {"type":"object"}, and {"type":"failure"} for what is not wholly there; "run" tells apart the runs of one log.
-void WriteObjectRecord(Output& output, const LoggedRun& run, const ObjectResult& object);
+namespace report {
 
-// The records that close the output: a "message" each, the "change"s (`changes` may be null), the "total"s and at last
-// "run". `ended` is in seconds since the epoch, 0 when not known.
-void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t ended, const Changes* changes);
+// A record of type "save" or "entry", or "missing" for what is missing in whole or in part; its "run" is the number of
+// the run in the log. `started` is the epoch time of the first line of that run, 0 when not known.
+void WriteResultRecord(Output& output, const LoggedRun& run, const Result& result, std::time_t started);
+
+// The records at the end of the output: each "message", each "change" (`changes` may be null), each "total", and the
+// "run". `started` and `ended` are the epoch times of its first and last line, 0 when not known.
+void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t started, std::time_t ended,
+                     const Changes* changes);
+
+} // namespace report

@@ -1,5 +1,4 @@
-// Lines out of a stream of pieces, in bounded memory: what is beyond the longest line that can mean something is
-// dropped.
+// Splits a stream of pieces into lines, in bounded memory: the end of an overlong line is dropped.
 
 #pragma once
 
@@ -8,17 +7,20 @@
 #include <string>
 #include <string_view>
 
-constexpr std::size_t LogChunk = 65536;      // bytes to read at a time
+namespace report {
+
 constexpr std::size_t LongestLogLine = 8192; // bytes kept of a line: more than a name and its prefixes can have
 
 struct LineSplitter {
-    std::string held; // the beginning of a line whose end is not there yet
+    std::string partial; // the beginning of a line that has no line end yet
 };
 
-using TakeLine = std::function<void(std::string_view line)>;
+using LineHandler = std::function<void(std::string_view line)>;
 
-// Gives each line that the piece ends, without its line end.
-void SplitLines(LineSplitter& splitter, std::string_view piece, const TakeLine& take);
+// Calls the handler for each line that ends in the piece, without its line end.
+void SplitLines(LineSplitter& splitter, std::string_view piece, const LineHandler& handle);
 
-// The stream is at its end: gives what stands behind the last line end.
-void EndLines(LineSplitter& splitter, const TakeLine& take);
+// Call at the end of the stream: handles a last line without a line end.
+void FlushLine(LineSplitter& splitter, const LineHandler& handle);
+
+} // namespace report

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace report {
+
 namespace {
 
 constexpr int Day = 24 * 3600;
@@ -9,7 +11,7 @@ constexpr int Slack = 60; // seconds that lines, or clocks, may be out of order
 
 } // namespace
 
-void LogClock::Take(int time) {
+void LogClock::Advance(int time) {
     if (first < 0)
         first = last = time;
     if (time - last < -Day / 2)
@@ -34,3 +36,9 @@ std::time_t LogClock::LastMoment(std::time_t known) const {
     const std::time_t moment = std::mktime(&local);
     return moment <= known + Slack ? moment : std::mktime(&day_before);
 }
+
+std::time_t LogClock::FirstMoment(std::time_t known) const {
+    return last < 0 ? 0 : LastMoment(known) - static_cast<std::time_t>(elapsed);
+}
+
+} // namespace report

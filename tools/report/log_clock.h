@@ -1,21 +1,27 @@
-// The time of a log, whose lines tell the time of day and no date.
+// The time of a log. Its lines have a time of day but no date.
 
 #pragma once
 
 #include <ctime>
 
+namespace report {
+
 struct LogClock {
-    int first = -1; // seconds since midnight of the first and last line, -1 before there is one
+    int first = -1; // seconds since midnight of the first and last line, -1 without a line
     int last = -1;
     int days = 0;       // midnights crossed
     double elapsed = 0; // seconds from the first line to the last
 
-    // Takes the next line's seconds since midnight. A fall of more than half a day is midnight; a smaller one is a
-    // clock put back, or two threads at the turn of a second, and time stands still. A silence of more than half a day
-    // that crosses midnight cannot be told from a clock put back.
-    void Take(int time);
+    // Advances to the next line, given its seconds since midnight. A step back of more than half a day is midnight. A
+    // smaller one is a clock that was put back, or two threads around the turn of a second: time stands still. A gap of
+    // more than half a day across midnight looks like a clock put back and is taken for one.
+    void Advance(int time);
 
-    // The moment of the last line: its time of day, here, at or just before `known`, when the log had been
-    // written. 0 without a line.
+    // The epoch time of the last line: the latest local moment with its time of day that is not after `known`, a moment
+    // at which the line had been written. 0 without a line.
     std::time_t LastMoment(std::time_t known) const;
+    // The same for the first line.
+    std::time_t FirstMoment(std::time_t known) const;
 };
+
+} // namespace report

@@ -1,43 +1,28 @@
 #include "log_line.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <iterator>
 #include <optional>
 
+#include "text.h"
+
+namespace report {
+
 namespace {
 
-bool IsDigit(char character) {
-    return character >= '0' && character <= '9';
+constexpr double LargestNumber = 1e18; // more than any run can reach
+
+// White space and a number without a sign. Nothing when there is none, or when it is implausibly large.
+std::optional<double> ConsumeAmount(std::string_view& text) {
+    SkipSpace(text);
+    const std::optional<double> number = ConsumeNumber<double>(text);
+    const bool plausible = number && *number >= 0 && *number <= LargestNumber; // a NaN is not
+    return plausible ? number : std::nullopt;
 }
 
-bool TakePrefix(std::string_view& text, std::string_view prefix) {
-    if (!text.starts_with(prefix))
-        return false;
-    text.remove_prefix(prefix.size());
-    return true;
-}
-
-void SkipBlanks(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-}
-
-constexpr double Largest = 1e18; // beyond it no run can mean a number
-
-// A number at the front, without a sign. Nothing when there is none, or one that no run can mean.
-std::optional<double> TakeNumber(std::string_view& text) {
-    SkipBlanks(text);
-    double number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-    if (error != std::errc() || !(number >= 0 && number <= Largest))
-        return std::nullopt;
-    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-    return number;
-}
-
-// "[hh:mm:ss] [Tnn] ", nn of two to six digits.
-bool TakeTag(std::string_view& text, LogLine& line) {
+// "[hh:mm:ss] [Tnn] ", where nn has two to six digits.
+bool ConsumeTag(std::string_view& text, LogLine& line) {
     constexpr std::string_view shape = "[00:00:00] [T00";
     constexpr std::size_t longest_number = 6;
     if (text.size() < shape.size())
@@ -55,15 +40,16 @@ bool TakeTag(std::string_view& text, LogLine& line) {
     const std::size_t to = text.find("] ", from);
     if (to == text.npos || to - from > longest_number)
         return false;
-    const auto [end, error] = std::from_chars(text.data() + from, text.data() + to, line.thread);
-    if (error != std::errc() || end != text.data() + to)
+    const std::optional<int> thread = ParseNumber<int>(text.substr(from, to - from));
+    if (!thread)
         return false;
+    line.thread = *thread;
     line.time = hour * 3600 + minute * 60 + second;
     text.remove_prefix(to + 2);
     return true;
 }
 
-// What follows a fixed beginning.
+// What follows the fixed beginning of a line.
 enum class Value { None, Text, Number, Decimal, Binary };
 
 struct Rule {
@@ -76,25 +62,25 @@ struct Rule {
 constexpr Rule Rules[] = {
     {"Backup Success: ", LineKind::Saved, Value::Text},
     {"Backup Failure: ", LineKind::NotSaved, Value::Text},
-    {"Size: ", LineKind::ObjectBytes, Value::Decimal},
+    {"Size: ", LineKind::Size, Value::Decimal},
     {"Save: ", LineKind::SaveTime, Value::Number},
     {"Wait: ", LineKind::WaitTime, Value::Number},
     {"Xfer: ", LineKind::TransferTime, Value::Number},
-    {"usage: ", LineKind::Refused},
+    {"usage: ", LineKind::UsageError},
     {"Object not found: ", LineKind::NotFound, Value::Text},
     {"Block returned no data", LineKind::NoData},
-    {"Building Object Lists", LineKind::Listing},
-    {"Building Block Lists", LineKind::Listed},
+    {"Building Object Lists", LineKind::ListingStarted},
+    {"Building Block Lists", LineKind::SavingStarted},
     {"Archive  : ", LineKind::Entry, Value::Text},
-    {"Object   : ", LineKind::Silent},
+    {"Object   : ", LineKind::Ignored},
     {"Restore Success: ", LineKind::Restored, Value::Text},
     {"Transfer : ", LineKind::TransferTime, Value::Number},
     {"Restore  : ", LineKind::RestoreTime, Value::Number},
-    {"Restored ", LineKind::AllRestored, Value::Decimal, Total::Bytes},
+    {"Restored ", LineKind::RestoreComplete, Value::Decimal, Total::Bytes},
     {"** Thread ", LineKind::WorkerDone},
-    {"** Backup Complete", LineKind::Complete},
-    {"** No objects attempted", LineKind::NothingToDo},
-    {"** Total Blocks ", LineKind::Silent}, // a worker's share of the objects
+    {"** Backup Complete", LineKind::BackupComplete},
+    {"** No objects attempted", LineKind::NothingAttempted},
+    {"** Total Blocks ", LineKind::Ignored}, // of one worker
     {"** Total List Data: ", LineKind::Total, Value::Binary, Total::ListBytes},
     {"** List Called    : ", LineKind::Total, Value::Number, Total::ListCalls},
     {"** Total List Time: ", LineKind::Total, Value::Number, Total::ListSeconds},
@@ -109,44 +95,42 @@ constexpr Rule Rules[] = {
     {"** Total Run Time: ", LineKind::Total, Value::Number, Total::RunSeconds},
 };
 
-// "6.864 KB" in whole bytes, as far as the rounding lets them be known: the letter is a blank for none.
-std::optional<double> TakeAmount(std::string_view text, double step) {
-    const std::optional<double> number = TakeNumber(text);
+// "6.864 KB" in whole bytes, as exact as its three decimals. Without a unit the letter is a blank.
+std::optional<double> ParseBytes(std::string_view text, double step) {
+    const std::optional<double> number = ConsumeAmount(text);
     if (!number)
         return std::nullopt;
-    SkipBlanks(text);
+    SkipSpace(text);
     const char unit = text.empty() ? 'B' : text.front();
     const int power = unit == 'k' || unit == 'K' ? 1 : unit == 'M' ? 2 : unit == 'G' ? 3 : 0;
     const double bytes = std::round(*number * std::pow(step, power));
-    return bytes <= Largest ? std::optional(bytes) : std::nullopt;
+    return bytes <= LargestNumber ? std::optional(bytes) : std::nullopt;
 }
 
-bool ApplyRule(const Rule& rule, std::string_view rest, LogLine& line) {
+void ApplyRule(const Rule& rule, std::string_view rest, LogLine& line) {
     std::optional<double> number = 0.0;
     if (rule.value == Value::Number)
-        number = TakeNumber(rest);
+        number = ConsumeAmount(rest);
     else if (rule.value == Value::Decimal)
-        number = TakeAmount(rest, 1000);
+        number = ParseBytes(rest, 1000);
     else if (rule.value == Value::Binary)
-        number = TakeAmount(rest, 1024);
+        number = ParseBytes(rest, 1024);
     if (!number)
-        return false;
+        return;
     line.kind = rule.kind;
     line.total = rule.total;
     line.number = *number;
     line.text = rule.value == Value::Text ? rest : std::string_view();
-    return true;
 }
-
-// Commands. Of PASS nothing is kept but that it was sent.
 
 struct Command {
     std::string_view beginning;
     std::string_view doing;
-    std::string_view before_object; // "" when the command does not name it, or all of it is a constant
-    std::string_view after_object;
+    std::string_view before_name; // what precedes the name in the command; "" without a name, "/..." is the name itself
+    std::string_view after_name;
 };
 
+// Commands that show what a worker is doing. PASS names nothing, so its argument is never kept.
 constexpr Command Commands[] = {
     {"RETR ", "fetching", "", ""},
     {"RCMD SAVLIB ", "saving", "LIB(", ")"},
@@ -162,35 +146,33 @@ constexpr Command Commands[] = {
     {"PASS ", "logging in", "", ""},
 };
 
-// The object that a command names, as it stands there.
-std::string_view ObjectOf(const Command& command, std::string_view text) {
-    if (command.before_object.starts_with('/'))
-        return command.before_object;
-    if (command.before_object.empty())
+// The name in a command, as the command spells it.
+std::string_view NameIn(const Command& command, std::string_view text) {
+    if (command.before_name.starts_with('/'))
+        return command.before_name;
+    if (command.before_name.empty())
         return {};
-    const std::size_t from = text.find(command.before_object);
+    const std::size_t from = text.find(command.before_name);
     if (from == text.npos)
         return {};
-    text.remove_prefix(from + command.before_object.size());
-    return command.after_object.empty() ? text : text.substr(0, text.find(command.after_object));
+    text.remove_prefix(from + command.before_name.size());
+    return command.after_name.empty() ? text : text.substr(0, text.find(command.after_name));
 }
 
 void ParseCommand(std::string_view text, LogLine& line) {
-    line.kind = LineKind::Silent;
+    line.kind = LineKind::Ignored;
     for (const Command& command : Commands) {
         if (!text.starts_with(command.beginning))
             continue;
-        line.kind = LineKind::Sent;
+        line.kind = LineKind::Command;
         line.detail = command.doing;
-        line.text = ObjectOf(command, text.ends_with('"') ? text.substr(0, text.size() - 1) : text);
+        line.text = NameIn(command, text.ends_with('"') ? text.substr(0, text.size() - 1) : text);
         return;
     }
 }
 
-// Messages
-
-// What -v4 and -v5 tell of waits and blocks; no failures.
-bool IsChatter(std::string_view text) {
+// Waits and blocks, which -v4 and -v5 report; not failures.
+bool IsTrace(std::string_view text) {
     return text.ends_with("looking for completion reply") || text.starts_with("looking for more") ||
            text.starts_with("callback gave us") ||
            (text.ends_with(" bytes to callback") && text.starts_with("sending ")) ||
@@ -218,9 +200,8 @@ bool IsFatal(std::string_view text) {
                        [text](std::string_view fatal) { return text.starts_with(fatal); });
 }
 
-// Cuts "program[module.cpp,line]: ", "program[module.cpp:line] : " or "program: " off. The program may have been
-// given another name.
-bool TakeHead(std::string_view& text) {
+// "program[module.cpp,line]: ", "program[module.cpp:line] : " or "program: ". The program may have another name.
+bool ConsumeHead(std::string_view& text) {
     constexpr std::size_t longest = 80;
     const std::size_t end = text.substr(0, longest).find(": ");
     if (end == text.npos || end == 0)
@@ -234,7 +215,7 @@ bool TakeHead(std::string_view& text) {
 }
 
 void ParseMessage(std::string_view text, LogLine& line) {
-    if (TakePrefix(text, "sent command \"")) {
+    if (ConsumePrefix(text, "sent command \"")) {
         ParseCommand(text, line);
     } else if (text.find(" Terminated Cleanly") != text.npos) {
         line.kind = LineKind::Terminated;
@@ -243,8 +224,8 @@ void ParseMessage(std::string_view text, LogLine& line) {
     } else if (text.starts_with('/') && (text.ends_with(": excluded") || text.ends_with(": not included"))) {
         line.kind = LineKind::LeftOut;
         line.text = text.substr(0, text.rfind(": "));
-    } else if (IsChatter(text) || text.starts_with("excluding ") || text.starts_with("FTP control connected")) {
-        line.kind = LineKind::Silent;
+    } else if (IsTrace(text) || text.starts_with("excluding ") || text.starts_with("FTP control connected")) {
+        line.kind = LineKind::Ignored;
     } else {
         line.kind = LineKind::Message;
         line.text = text;
@@ -252,13 +233,13 @@ void ParseMessage(std::string_view text, LogLine& line) {
     }
 }
 
-// "93.509 MB/s": how fast the whole restore was.
+// "93.509 MB/s": the speed of a whole restore.
 bool IsRate(std::string_view text) {
     constexpr std::size_t longest_unit = 5;
-    return TakeNumber(text) && text.size() <= longest_unit && text.ends_with("B/s");
+    return ConsumeAmount(text).has_value() && text.size() <= longest_unit && text.ends_with("B/s");
 }
 
-// "NAME: 3 objects not saved", and of a library its name and the server's reply.
+// "NAME: 3 objects not saved", or the name of a library and the server's reply.
 bool ParsePartialSave(std::string_view text, LogLine& line) {
     std::size_t colon = text.npos;
     if (text.starts_with('/') && text.ends_with(" objects not saved"))
@@ -277,7 +258,7 @@ bool ParsePartialSave(std::string_view text, LogLine& line) {
 
 LogLine ParseLogLine(std::string_view text) {
     LogLine line;
-    if (!TakeTag(text, line)) {
+    if (!ConsumeTag(text, line)) {
         line.kind = LineKind::Reply;
         line.text = text;
         return line;
@@ -288,8 +269,10 @@ LogLine ParseLogLine(std::string_view text) {
             return line;
         }
     if (IsRate(text))
-        line.kind = LineKind::Silent;
-    else if (!ParsePartialSave(text, line) && TakeHead(text))
+        line.kind = LineKind::Ignored;
+    else if (!ParsePartialSave(text, line) && ConsumeHead(text))
         ParseMessage(text, line);
     return line;
 }
+
+} // namespace report

@@ -1,8 +1,8 @@
-// One line of a run's log, understood on its own: who wrote it, when, and what it tells. What a line means for the run
-// is the business of run.h.
+// Parses one line of a run's log on its own: which thread wrote it, when, and what it says. run.h decides what it means
+// for the run.
 //
-// A passphrase stands in the log from -v3 on, in the command PASS. It does not get past this parser: what it gives for
-// such a line holds no text, so nothing that is built on it can show one.
+// From -v3 on the log contains the passphrase, in the command PASS. The parser returns no text for that line, so
+// nothing built on it can show the passphrase.
 
 #pragma once
 
@@ -10,14 +10,16 @@
 #include <cstddef>
 #include <string_view>
 
-// The figures at the end of a run ("** ..." lines), and places in TotalNames.
+namespace report {
+
+// The numbers in the lines "** ..." at the end of a run; also indices into TotalNames.
 enum class Total {
     ListBytes,
     ListCalls,
     ListSeconds,
     Found,
     ParsingErrors,
-    Bytes, // a backup's scaled by 1024, a restore's by 1000
+    Bytes, // a backup scales them by 1024, a restore by 1000
     SaveSeconds,
     WaitSeconds,
     TransferSeconds,
@@ -27,52 +29,54 @@ enum class Total {
 };
 constexpr std::size_t TotalCount = 12;
 
-// How JSON records call them.
+// Their names in JSON. What the log calls "Objects" here are files: each file of a saved directory counts.
 constexpr std::array<const char*, TotalCount> TotalNames{
     "list_bytes",   "list_calls",   "list_seconds",     "files_found",     "parsing_errors", "bytes",
     "save_seconds", "wait_seconds", "transfer_seconds", "files_attempted", "files_failed",   "run_seconds"};
 
 enum class LineKind {
-    Unknown,     // nothing that is understood, such as raw bytes of -v4 and -v5
-    Silent,      // understood, and of no consequence
-    Reply,       // a line without a prefix: the second line of a message; text: all of it
-    Refused,     // the options are no good, and there is no run
-    Listing,     // the run looks what there is
-    Listed,      // and now begins to save
-    Saved,       // text: the object
-    NotSaved,    // text: the object
-    SavedInPart, // text: the object; detail: how many, or the server's reply
-    NotFound,    // text: the path of the include file
-    NoData,      // the object whose result follows came without data
-    Entry,       // a restore begins an entry of the archive; text: its name
-    Restored,    // text: the object
-    EntryFailed, // the entry under way
-    LeftOut,     // text: the object that an include or exclude file leaves out
-    ObjectBytes, // number, of the object just reported on this thread; so are the four that follow
-    SaveTime,    // number: seconds
-    WaitTime,    // for other workers' retrievals
-    TransferTime,
-    RestoreTime, // by the server's restore
-    Sent,        // a command; detail: what the worker is now doing, text: with which object, "" when that is known
+    Unknown,        // not understood, such as raw bytes at -v4 and -v5
+    Ignored,        // understood, but of no consequence
+    Reply,          // a line without a prefix: the second line of a message; text: all of it
+    UsageError,     // the options are bad, so there is no run
+    ListingStarted, // the backup lists the server's files
+    SavingStarted,  // it has them all and starts the workers
+    Saved,          // text: the name
+    NotSaved,       // text: the name
+    SavedInPart,    // text: the name; detail: how many are missing, or the server's reply
+    NotFound,       // text: the path in the include file
+    NoData,         // the save whose result follows has no data
+    Entry,          // a restore starts an entry; text: its name
+    Restored,       // text: the entry
+    EntryFailed,    // the current entry
+    LeftOut,        // text: a name excluded by an include or exclude file
+    Size,           // number: bytes of the save just reported on this thread; the next four belong to it too
+    SaveTime,       // number: seconds
+    WaitTime,       // for other workers' transfers
+    TransferTime,   // with the server
+    RestoreTime,    // of the server
+    Command,        // detail: what the worker is now doing; text: its save or entry, "" when unchanged
     WorkerDone,
-    Complete,    // the backup came to its end
-    AllRestored, // so did the restore; number: bytes
-    NothingToDo, // no object was attempted
-    Total,       // number, of `total`
-    Terminated,  // ended early, on request and orderly
-    Message,     // a failure message of the program; text: without its head
+    BackupComplete,
+    RestoreComplete, // number: bytes
+    NothingAttempted,
+    Total,      // number, of `total`
+    Terminated, // ended early on request, in order
+    Message,    // a failure message of the program; text: without its head
 };
 
 struct LogLine {
     LineKind kind = LineKind::Unknown;
     int time = -1;   // seconds since midnight, -1 without a prefix
-    int thread = -1; // as tagged, -1 without a prefix
+    int thread = -1; // number in the prefix, -1 without one
     Total total{};
     double number = 0;         // bytes, seconds or a count
-    std::string_view text;     // a part of the line
-    std::string_view detail{}; // a part of the line, or a constant
-    bool fatal = false;        // of a message: on the main thread it tells that the run as such failed
+    std::string_view text;     // part of the line
+    std::string_view detail{}; // part of the line, or a constant
+    bool fatal = false;        // a message that, from the main thread, means that the run itself failed
 };
 
-// Understands one line, given without its line end. The result borrows from it. Any bytes will do.
+// Parses a line without its line end; it may contain any bytes. The result borrows from it.
 LogLine ParseLogLine(std::string_view line);
+
+} // namespace report

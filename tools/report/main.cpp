@@ -1,4 +1,4 @@
-// vondral-report: reads the log of a run, passes it on, and tells on the way and at the end what it says.
+// vondral-report: reads the log of a run, passes it on, shows the progress, and reports on the run at its end.
 
 #include <array>
 #include <cerrno>
@@ -16,25 +16,35 @@
 #include "html.h"
 #include "json.h"
 #include "line_splitter.h"
+#include "log_reader.h"
 #include "options.h"
 #include "output.h"
 #include "output_file.h"
 #include "progress.h"
 #include "prometheus.h"
-#include "pump.h"
+#include "resources.h"
 #include "support.h"
 #include "verdict.h"
 
+namespace report {
+
 namespace {
 
-void Complain(const std::string& what, int error) {
-    std::fprintf(stderr, "vondral-report: %s: %s\n", TerminalText(what).c_str(), std::strerror(error));
+void PrintError(const std::string& what, const char* reason) {
+    std::fprintf(stderr, "vondral-report: %s: %s\n", TerminalText(what).c_str(), reason);
 }
+
+// When a run in the log started: the epoch time of its first line.
+struct RunStart {
+    std::uint64_t run;
+    std::time_t moment;
+};
 
 // Everything between the options and the exit status.
 struct Report {
     Options options;
     LoggedRun run;
+    std::optional<RunStart> start;
     std::unique_ptr<PastRun> past;
     Changes changes;
     Descriptor json_file;
@@ -43,25 +53,26 @@ struct Report {
     std::unique_ptr<ProgressLine> line; // on a terminal
     LineSplitter splitter;
     bool live = false; // the log comes from a run under way, not from a file
-    double begun = SecondsNow();
+    double started = SecondsNow();
     double last_shown = SecondsNow();
     bool trouble = false; // something could not be read or written
 
+    // ESPIPE comes from ReadPastRun.
     void Fail(const std::string& what, int error) {
         trouble = true;
-        Complain(what, error);
+        PrintError(what, error == ESPIPE ? "not a file that can be read twice" : std::strerror(error));
     }
 };
 
-// A descriptor 0, 1 or 2 that the caller left closed would be the next file opened.
+// Without this, the next file opened would become a standard descriptor that the caller left closed.
 void ReserveStandardDescriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
         if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) < 0)
             std::exit(Trouble);
 }
 
-// The run must not die of its report: while its log is read, what ends a job, or is typed at a terminal, is for the run
-// to obey.
+// If the report ended before the run, the run would die of a closed pipe. So while a run writes the log, signals that
+// end a job, or come from the terminal, are left to the run.
 class SignalsIgnored {
 public:
     SignalsIgnored() {
@@ -80,8 +91,8 @@ private:
     std::array<void (*)(int), signals_.size()> before_{};
 };
 
-// Whether no output is a log that is read, which it would empty, replace or have grow for ever. Says which is.
-bool SparesTheLogs(const Options& options, const struct stat& log) {
+// Returns false, after saying why, when an output is a log to be read: it would be emptied, replaced, or grow for ever.
+bool OutputsSpareLogs(const Options& options, const struct stat& log) {
     struct stat old_log {};
     ::stat(options.against.c_str(), &old_log);
     const auto is_log = [&](const struct stat& output) {
@@ -96,8 +107,38 @@ bool SparesTheLogs(const Options& options, const struct stat& log) {
     if ((to_records || !options.no_log) && ::fstat(STDOUT_FILENO, &status) == 0 && is_log(status))
         refused = "standard output";
     if (!refused.empty())
-        std::fprintf(stderr, "vondral-report: %s: is a log that is to be read\n", TerminalText(refused).c_str());
+        PrintError(refused, "refusing to overwrite the log being read");
     return refused.empty();
+}
+
+// The start of the last run in a regular file, read in advance: its records are written before its last line, whose
+// time is that of the file's last change.
+RunStart FindLastStart(int input, std::time_t changed) {
+    const off_t offset = ::lseek(input, 0, SEEK_CUR);
+    LoggedRun run;
+    ReadRun(input, run); // the second reading reports an error
+    ::lseek(input, offset, SEEK_SET);
+    return {run.earlier_runs, run.clock.FirstMoment(changed)};
+}
+
+// 0 when not known, as for all but the last run in a file.
+std::time_t StartTime(Report& report, const LoggedRun& run) {
+    if (report.live && (!report.start || report.start->run != run.earlier_runs))
+        report.start = {run.earlier_runs, run.clock.FirstMoment(std::time(nullptr))};
+    return report.start && report.start->run == run.earlier_runs ? report.start->moment : 0;
+}
+
+void OpenRecords(Report& report) {
+    const std::string& path = report.options.json;
+    if (path == "-") {
+        report.records.descriptor = STDOUT_FILENO;
+    } else if (!path.empty()) {
+        constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
+        report.json_file.Reset(::open(path.c_str(), flags, 0666));
+        report.records = {report.json_file.Get(), PipePatience};
+        if (!report.json_file.IsOpen())
+            report.Fail(path, errno);
+    }
 }
 
 void PrepareOutputs(Report& report) {
@@ -109,35 +150,27 @@ void PrepareOutputs(Report& report) {
             report.past.reset();
         }
     }
-    if (options.json == "-") {
-        report.records.descriptor = STDOUT_FILENO;
-    } else if (!options.json.empty()) {
-        constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
-        report.json_file.Reset(::open(options.json.c_str(), flags, 0666));
-        report.records = {report.json_file.Get(), PipePatience};
-        if (!report.json_file.IsOpen())
-            report.Fail(options.json, errno);
-    }
+    OpenRecords(report);
     if (!options.no_log && options.json != "-")
         report.log.descriptor = STDOUT_FILENO;
     if (report.live && !options.quiet && options.every == 0 && ::isatty(STDERR_FILENO) != 0)
         report.line = std::make_unique<ProgressLine>(STDERR_FILENO);
-    report.run.on_object = [&report](const LoggedRun& run, const ObjectResult& object) {
+    report.run.on_result = [&report](const LoggedRun& run, const Result& result) {
         if (report.records.descriptor >= 0)
-            WriteObjectRecord(report.records, run, object);
+            WriteResultRecord(report.records, run, result, StartTime(report, run));
         if (report.past != nullptr)
-            NoteChange(report.changes, *report.past, run, object);
+            AddChange(report.changes, *report.past, run, result);
     };
 }
 
-void TakePiece(Report& report, std::string_view piece) {
+void ProcessPiece(Report& report, std::string_view piece) {
     if (report.line != nullptr)
         report.line->Clear();
     const bool was_passing = report.log.descriptor >= 0;
     Write(report.log, piece);
     if (was_passing && report.log.error != 0)
         report.Fail("standard output", report.log.error);
-    SplitLines(report.splitter, piece, [&report](std::string_view text) { TakeLogLine(report.run, text); });
+    SplitLines(report.splitter, piece, [&report](std::string_view text) { ProcessLogLine(report.run, text); });
 }
 
 void ShowProgress(Report& report) {
@@ -147,7 +180,7 @@ void ShowProgress(Report& report) {
         (report.line != nullptr && report.log.mid_line))
         return;
     report.last_shown = now;
-    const std::string text = ProgressText(report.run, report.past.get(), now - report.begun);
+    const std::string text = ProgressText(report.run, report.past.get(), now - report.started);
     if (report.line != nullptr)
         report.line->Show(text);
     else if (!report.options.quiet)
@@ -158,11 +191,11 @@ void ReadLog(Report& report, int input) {
     constexpr int tick_ms = 250;
     const bool shows = report.live && (report.line != nullptr || report.options.every > 0);
     const int error = ReadToEnd(
-        input, shows ? tick_ms : -1, [&report](std::string_view piece) { TakePiece(report, piece); },
+        input, shows ? tick_ms : -1, [&report](std::string_view piece) { ProcessPiece(report, piece); },
         [&report] { ShowProgress(report); });
     if (error != 0)
         report.Fail(report.options.log.empty() ? "standard input" : report.options.log, error);
-    EndLines(report.splitter, [&report](std::string_view text) { TakeLogLine(report.run, text); });
+    FlushLine(report.splitter, [&report](std::string_view text) { ProcessLogLine(report.run, text); });
     FinishRun(report.run);
     report.line.reset();
 }
@@ -177,14 +210,14 @@ void WriteReports(Report& report, std::time_t ended) {
     if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, options.labels, report.run, ended))
         report.Fail(options.prometheus, errno);
     if (report.records.descriptor >= 0)
-        WriteRunRecords(report.records, report.run, ended, changes);
+        WriteRunRecords(report.records, report.run, StartTime(report, report.run), ended, changes);
     if (report.json_file.IsOpen() && report.json_file.Close() != 0 && report.records.error == 0)
         report.records.error = errno;
     if (report.records.error != 0)
         report.Fail(options.json == "-" ? "standard output" : options.json, report.records.error);
 }
 
-void SayNames(const char* what, const Changes::Names& names) {
+void PrintNames(const char* what, const Changes::Names& names) {
     constexpr std::size_t most = 10;
     for (std::size_t i = 0; i < names.names.size() && i < most; ++i)
         std::fprintf(stderr, "vondral-report: %s: %s\n", what, TerminalText(names.names[i]).c_str());
@@ -193,11 +226,11 @@ void SayNames(const char* what, const Changes::Names& names) {
                      static_cast<unsigned long long>(names.count - most));
 }
 
-void SaySummary(const Report& report) {
+void PrintSummary(const Report& report) {
     std::fprintf(stderr, "vondral-report: %s\n", Summary(report.run).c_str());
-    SayNames("newly missing", report.changes.newly_missing);
-    SayNames("no longer named", report.changes.no_longer_named);
-    SayNames("there again", report.changes.there_again);
+    PrintNames("newly missing", report.changes.newly_missing);
+    PrintNames("no longer named", report.changes.no_longer_named);
+    PrintNames("no longer missing", report.changes.no_longer_missing);
 }
 
 int MakeReport(const Options& options) {
@@ -207,16 +240,18 @@ int MakeReport(const Options& options) {
     if (!options.log.empty()) {
         file.Reset(::open(options.log.c_str(), O_RDONLY | O_CLOEXEC));
         if (!file.IsOpen()) {
-            Complain(options.log, errno);
+            PrintError(options.log, std::strerror(errno));
             return Trouble;
         }
     }
     const int input = file.IsOpen() ? file.Get() : STDIN_FILENO;
     struct stat status {};
     ::fstat(input, &status);
-    if (!SparesTheLogs(options, status))
+    if (!OutputsSpareLogs(options, status))
         return BadUsage;
     report.live = !S_ISREG(status.st_mode);
+    if (!report.live && !options.json.empty())
+        report.start = FindLastStart(input, status.st_mtime);
     {
         std::optional<SignalsIgnored> ignored;
         if (report.live)
@@ -226,18 +261,18 @@ int MakeReport(const Options& options) {
     }
     WriteReports(report, report.run.clock.LastMoment(report.live ? std::time(nullptr) : status.st_mtime));
     if (!options.quiet)
-        SaySummary(report);
+        PrintSummary(report);
     if (report.trouble)
         return Trouble;
-    return options.fail && StatusOf(report.run) != Status::Complete ? RunNotGood : Done;
+    return options.fail && StatusOf(report.run) != Status::Complete ? RunNotComplete : Done;
 }
 
 } // namespace
 
-int main(int argc, char** argv) {
+int Main(int argc, char** argv) {
     ReserveStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN); // a file size limit is a failed write, to be reported like a full disk
+    std::signal(SIGXFSZ, SIG_IGN); // a file size limit is reported like a full disk
     Options options;
     if (const std::optional<int> status = ParseOptions(argc, argv, options))
         return *status;
@@ -246,4 +281,10 @@ int main(int argc, char** argv) {
         return BadUsage;
     }
     return MakeReport(options);
+}
+
+} // namespace report
+
+int main(int argc, char** argv) {
+    return report::Main(argc, argv);
 }

@@ -1,11 +1,13 @@
-// What the command line asks for.
+// The command line.
 
 #pragma once
 
 #include <optional>
 #include <string>
 
-enum ExitStatus { Done = 0, Trouble = 1, BadUsage = 2, RunNotGood = 3 };
+namespace report {
+
+enum ExitStatus { Done = 0, Trouble = 1, BadUsage = 2, RunNotComplete = 3 };
 
 struct Options {
     std::string log; // "" for standard input
@@ -17,5 +19,7 @@ struct Options {
     bool quiet = false;
 };
 
-// Fills the options. Gives an exit status when the program has nothing more to do: help was printed, or an error.
+// Fills the options. Returns an exit status when the program has nothing more to do: it printed help or an error.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options);
+
+} // namespace report

@@ -5,12 +5,16 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "resources.h"
+
+namespace report {
+
 namespace {
 
-// False, with errno set, when there is none for too long.
+// Returns false, with errno set, when there is still no room after `patience`.
 bool WaitForRoom(const Output& output) {
     pollfd room{output.descriptor, POLLOUT, 0};
-    if (::poll(&room, 1, output.patience) != 0)
+    if (output.patience < 0 || ::poll(&room, 1, output.patience) != 0)
         return true;
     errno = ETIMEDOUT;
     return false;
@@ -20,13 +24,16 @@ bool WaitForRoom(const Output& output) {
 
 void Write(Output& output, std::string_view bytes) {
     while (!bytes.empty() && output.descriptor >= 0) {
-        const ssize_t count = ::write(output.descriptor, bytes.data(), bytes.size());
-        if (count >= 0) {
-            output.mid_line = count > 0 ? bytes[static_cast<std::size_t>(count) - 1] != '\n' : output.mid_line;
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR && (errno != EAGAIN || !WaitForRoom(output))) {
+        const ssize_t count =
+            WaitForRoom(output) ? WriteSome(output.descriptor, bytes.data(), bytes.size()) : ssize_t{-1};
+        if (count < 0) {
             output.error = errno == EPIPE && output.descriptor == STDOUT_FILENO ? 0 : errno;
             output.descriptor = -1;
+        } else if (count > 0) {
+            output.mid_line = bytes[static_cast<std::size_t>(count) - 1] != '\n';
+            bytes.remove_prefix(static_cast<std::size_t>(count));
         }
     }
 }
+
+} // namespace report

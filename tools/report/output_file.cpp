@@ -2,22 +2,22 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string_view>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "output.h"
-#include "support.h"
+#include "resources.h"
+
+namespace report {
 
 namespace {
 
 namespace fs = std::filesystem;
 
-bool WriteAll(Output output, std::string_view text) {
+bool WriteText(Output output, std::string_view text) {
     Write(output, text);
     errno = output.error;
     return output.error == 0;
@@ -28,16 +28,16 @@ bool IsStandardOutput(const struct stat& file) {
     return ::fstat(STDOUT_FILENO, &status) == 0 && IsSameFile(file, status);
 }
 
-// Where symbolic links lead, be there a file or not.
+// The end of a chain of symbolic links, whether a file exists there or not.
 fs::path Resolve(fs::path path) {
-    constexpr int most = 40; // that the system follows
+    constexpr int most = 40; // as many as the system follows
     std::error_code error;
     for (int i = 0; i < most && fs::is_symlink(path, error); ++i)
         path = path.parent_path() / fs::read_symlink(path, error);
     return path;
 }
 
-// What a new file gets; mkostemp leaves it to its owner alone.
+// The mode of any other new file; mkostemp sets 0600.
 mode_t UsualMode() {
     const mode_t mask = ::umask(0);
     ::umask(mask);
@@ -45,8 +45,8 @@ mode_t UsualMode() {
 }
 
 bool Publish(Descriptor file, const std::string& temporary, const std::string& path, const std::string& text) {
-    return WriteAll({file.Get()}, text) && ::fchmod(file.Get(), UsualMode()) == 0 && ::fsync(file.Get()) == 0 &&
-           file.Close() == 0 && std::rename(temporary.c_str(), path.c_str()) == 0;
+    return WriteAll(file.Get(), text.data(), text.size()) && ::fchmod(file.Get(), UsualMode()) == 0 &&
+           ::fsync(file.Get()) == 0 && file.Close() == 0 && std::rename(temporary.c_str(), path.c_str()) == 0;
 }
 
 } // namespace
@@ -61,10 +61,10 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
     if (!exists && errno != ENOENT)
         return false;
     if (exists && IsStandardOutput(status))
-        return WriteAll({STDOUT_FILENO}, text);
+        return WriteText({STDOUT_FILENO}, text);
     if (exists && !S_ISREG(status.st_mode)) {
         Descriptor device(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-        return device.IsOpen() && WriteAll({device.Get(), PipePatience}, text) && device.Close() == 0;
+        return device.IsOpen() && WriteText({device.Get(), PipePatience}, text) && device.Close() == 0;
     }
     const std::string target = Resolve(path);
     std::string temporary = target + ".XXXXXX";
@@ -78,3 +78,5 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
     errno = error;
     return false;
 }
+
+} // namespace report

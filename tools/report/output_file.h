@@ -1,4 +1,4 @@
-// Files that are either the old ones or complete new ones, at every moment.
+// Files that are at every moment either the old ones or complete new ones.
 
 #pragma once
 
@@ -6,10 +6,14 @@
 
 #include <sys/stat.h>
 
+namespace report {
+
 bool IsSameFile(const struct stat& one, const struct stat& other);
 
-// Replaces the file at `path`, or where symbolic links there lead, by `text`, through a temporary file beside it that
-// is renamed when it is on disk. What is no file, such as a pipe, and whatever standard output is, is written to as it
-// is; a pipe without a reader fails. False, with errno set, when that fails: then the old file stands and the temporary
-// one is gone.
+// Replaces the file at `path`, following symbolic links, with `text`: writes a temporary file next to it and renames it
+// once it is on disk. Anything but a regular file, and the file that is standard output, is written in place; a pipe
+// without a reader is a failure. Returns false, with errno set, after a failure: a regular file is then unchanged, and
+// the temporary one is removed.
 bool ReplaceFile(const std::string& path, const std::string& text);
+
+} // namespace report

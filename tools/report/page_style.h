@@ -1,6 +1,8 @@
-// The style of the page: its colours, for light and dark, stand in variables that the timeline uses as well.
+// The style sheet of the page. The colours, light and dark, are variables; the timeline uses them too.
 
 #pragma once
+
+namespace report {
 
 constexpr char PageStyle[] = R"(
 :root { color-scheme: light dark; --page: #f6f7f9; --card: #fff; --text: #1b2430; --quiet: #5b6675; --line: #dde2e8;
@@ -40,3 +42,5 @@ svg .worker { font-size: 13px; font-weight: 600; fill: var(--text); } .tick { st
 .missing { fill: var(--bad); background: var(--bad); } .frame { fill: none; stroke: var(--card); stroke-width: .5; }
 g:hover .frame, g:hover rect { stroke: var(--text); stroke-width: 1; }
 )";
+
+} // namespace report

@@ -5,10 +5,13 @@
 #include <functional>
 #include <string_view>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
-#include "line_splitter.h"
-#include "support.h"
+#include "log_reader.h"
+#include "resources.h"
+
+namespace report {
 
 namespace {
 
@@ -16,7 +19,7 @@ std::uint64_t HashOf(std::string_view name) {
     return std::hash<std::string_view>{}(name);
 }
 
-bool Holds(const std::vector<std::uint64_t>& sorted, std::uint64_t hash) {
+bool Contains(const std::vector<std::uint64_t>& sorted, std::uint64_t hash) {
     return std::binary_search(sorted.begin(), sorted.end(), hash);
 }
 
@@ -26,66 +29,58 @@ void AddName(Changes::Names& names, const std::string& name) {
         names.names.push_back(name);
 }
 
-bool ReadRun(const std::string& path, LoggedRun& run) {
-    const Stream file(std::fopen(path.c_str(), "rbe"));
-    if (file == nullptr)
+// Returns false, with errno set, after a failure.
+bool ReadRunAt(const std::string& path, LoggedRun& run) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen())
         return false;
-    LineSplitter splitter;
-    std::vector<char> buffer(LogChunk);
-    const auto take = [&run](std::string_view line) { TakeLogLine(run, line); };
-    while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.get()))
-        SplitLines(splitter, {buffer.data(), count}, take);
-    EndLines(splitter, take);
-    FinishRun(run);
-    return std::ferror(file.get()) == 0;
+    errno = ReadRun(file.Get(), run);
+    return errno == 0;
 }
 
 } // namespace
 
 bool ReadPastRun(const std::string& path, PastRun& past) {
-    past.path = path;
+    struct stat status;
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) { // opening a pipe could block
+        errno = ESPIPE;
+        return false;
+    }
     LoggedRun run;
     std::uint64_t run_number = 0;
-    run.on_object = [&](const LoggedRun& from, const ObjectResult& object) {
+    run.on_result = [&](const LoggedRun& from, const Result& result) {
         if (from.earlier_runs != run_number) {
-            past.there.clear();
-            past.missing.clear();
+            past = {};
             run_number = from.earlier_runs;
         }
-        if (object.outcome != ObjectOutcome::LeftOut)
-            (IsMissing(object.outcome) ? past.missing : past.there).push_back(HashOf(object.name));
+        if (result.outcome != Outcome::NotRestored)
+            (IsMissing(result.outcome) ? past.missing : past.complete).push_back(HashOf(result.name));
     };
-    struct stat status;
-    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        errno = ESPIPE; // it is read twice
+    if (!ReadRunAt(path, run))
         return false;
-    }
-    if (!ReadRun(path, run))
-        return false;
-    if (run.earlier_runs != run_number) { // the last one reported nothing
-        past.there.clear();
-        past.missing.clear();
-    }
-    past.objects = run.Objects();
-    std::sort(past.there.begin(), past.there.end());
+    if (run.earlier_runs != run_number) // the last run has no results
+        past = {};
+    past.path = path;
+    past.count = run.Results();
+    std::sort(past.complete.begin(), past.complete.end());
     std::sort(past.missing.begin(), past.missing.end());
     return true;
 }
 
-void NoteChange(Changes& changes, const PastRun& past, const LoggedRun& run, const ObjectResult& object) {
+void AddChange(Changes& changes, const PastRun& past, const LoggedRun& run, const Result& result) {
     if (run.earlier_runs != changes.run_number) {
         changes = {};
         changes.run_number = run.earlier_runs;
     }
-    const std::uint64_t hash = HashOf(object.name);
+    const std::uint64_t hash = HashOf(result.name);
     changes.seen.push_back(hash);
-    if (object.outcome == ObjectOutcome::LeftOut)
+    if (result.outcome == Outcome::NotRestored)
         return;
-    const bool was_missing = Holds(past.missing, hash);
-    if (IsMissing(object.outcome))
-        AddName(was_missing ? changes.still_missing : changes.newly_missing, object.name);
+    const bool was_missing = Contains(past.missing, hash);
+    if (IsMissing(result.outcome))
+        AddName(was_missing ? changes.still_missing : changes.newly_missing, result.name);
     else if (was_missing)
-        AddName(changes.there_again, object.name);
+        AddName(changes.no_longer_missing, result.name);
 }
 
 bool FinishChanges(Changes& changes, const PastRun& past, const LoggedRun& present) {
@@ -94,13 +89,18 @@ bool FinishChanges(Changes& changes, const PastRun& past, const LoggedRun& prese
     std::sort(changes.seen.begin(), changes.seen.end());
     LoggedRun run;
     std::uint64_t run_number = 0;
-    run.on_object = [&](const LoggedRun& from, const ObjectResult& object) {
+    run.on_result = [&](const LoggedRun& from, const Result& result) {
         if (from.earlier_runs != run_number) {
             changes.no_longer_named = {};
             run_number = from.earlier_runs;
         }
-        if (object.outcome == ObjectOutcome::Saved && !Holds(changes.seen, HashOf(object.name)))
-            AddName(changes.no_longer_named, object.name);
+        if (result.outcome == Outcome::Saved && !Contains(changes.seen, HashOf(result.name)))
+            AddName(changes.no_longer_named, result.name);
     };
-    return ReadRun(past.path, run);
+    const bool read = ReadRunAt(past.path, run);
+    if (run.earlier_runs != run_number) // the last run has no results
+        changes.no_longer_named = {};
+    return read;
 }
+
+} // namespace report

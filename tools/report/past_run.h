@@ -1,5 +1,5 @@
-// Comparing a run with an earlier one, by the names of their objects. Names are held as 64-bit hashes, eight bytes an
-// object, so that runs of millions can be compared; that two names share one is less likely than a broken disk.
+// Compares a run with an earlier one by the names of their saves or entries. Names are stored as 64-bit hashes, eight
+// bytes each, so that runs with millions of them can be compared; a collision is less likely than a broken disk.
 
 #pragma once
 
@@ -9,36 +9,41 @@
 
 #include "run.h"
 
+namespace report {
+
 struct PastRun {
-    std::string path;                   // of its log
-    std::uint64_t objects = 0;          // that it reported
-    std::vector<std::uint64_t> there;   // sorted: wholly saved or restored
-    std::vector<std::uint64_t> missing; // sorted: reported, and not wholly
+    std::string path;                    // of its log
+    std::uint64_t count = 0;             // of its results
+    std::vector<std::uint64_t> complete; // sorted; saved or restored in full
+    std::vector<std::uint64_t> missing;  // sorted; missing in whole or in part
 };
 
-// Reads the log at `path`, a file. False, with errno set, when that fails.
+// Reads the last run in the log at `path`. Returns false, with errno set, after a failure; ESPIPE for anything but a
+// regular file, because it is read twice.
 bool ReadPastRun(const std::string& path, PastRun& past);
 
-// What changed between the two, names in the order of their logs.
+// What changed between the two runs; names in the order of the logs.
 struct Changes {
     static constexpr std::size_t MostNames = 1000; // of each kind
 
     struct Names {
         std::uint64_t count = 0;
-        std::vector<std::string> names; // the first of them
+        std::vector<std::string> names; // the first MostNames of them
     };
-    Names newly_missing;   // reported now and not wholly there, but there before or not known before
-    Names there_again;     // now there, missing before
-    Names still_missing;   // in both
-    Names no_longer_named; // there before, and this log does not name it: gone, left out, or not reached
+    Names newly_missing;     // missing now; complete or not reported then
+    Names no_longer_missing; // complete now, missing then
+    Names still_missing;     // missing in both
+    Names no_longer_named;   // complete then, and not in this log: deleted, left out, or not reached
 
-    std::vector<std::uint64_t> seen; // names of this run
-    std::uint64_t run_number = 0;    // which run of this log
+    std::vector<std::uint64_t> seen; // names of the new run
+    std::uint64_t run_number = 0;    // of the new run in its log
 };
 
-// Takes an object of the new run.
-void NoteChange(Changes& changes, const PastRun& past, const LoggedRun& run, const ObjectResult& object);
+// Processes the next result of the new run.
+void AddChange(Changes& changes, const PastRun& past, const LoggedRun& run, const Result& result);
 
-// Requires: every object of the new run has been noted. Reads the old log once more for the names that are no longer
-// there; false, with errno set, when that fails.
+// Requires: AddChange was called for every result of the new run. Reads the old log again for the names that the new
+// one no longer has. Returns false, with errno set, when that fails.
 bool FinishChanges(Changes& changes, const PastRun& past, const LoggedRun& present);
+
+} // namespace report

@@ -1,5 +1,5 @@
-// The last run as gauges for node_exporter's text-file collector. Nothing of it is text from the log, so that no name
-// on a server can put a figure in.
+// The last run as gauges for node_exporter's text-file collector. No text from the log gets in, so no name on a server
+// can forge a gauge.
 
 #pragma once
 
@@ -8,8 +8,12 @@
 
 #include "run.h"
 
-// Writes the run, which ended at `ended` (seconds since the epoch, 0 when not known), to the file. Each gauge has the
-// labels `labels`, without braces, "" for none. The end of the last good run is this one's, or else what the file told
-// before. A figure that the log does not tell has no line. False, with errno set, when the file could not be read or
-// written; then it stands as it was.
+namespace report {
+
+// Writes the gauges of a run that ended at the epoch time `ended` (0 when not known). Each gauge has the labels
+// `labels`, without braces, "" for none. When the run is not complete, the end of the last good run is kept from the
+// old file. A gauge whose value is not known is left out. Returns false, with errno set, when the file cannot be read
+// or written; it is then unchanged.
 bool WritePrometheus(const std::string& path, const std::string& labels, const LoggedRun& run, std::time_t ended);
+
+} // namespace report

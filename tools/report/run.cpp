@@ -4,12 +4,16 @@
 #include <numeric>
 #include <utility>
 
-std::uint64_t LoggedRun::Objects() const {
+#include "text.h"
+
+namespace report {
+
+std::uint64_t LoggedRun::Results() const {
     return std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
 }
 
 std::uint64_t LoggedRun::Missing() const {
-    return Objects() - Count(ObjectOutcome::Saved) - Count(ObjectOutcome::LeftOut);
+    return Results() - Count(Outcome::Saved) - Count(Outcome::NotRestored);
 }
 
 namespace {
@@ -24,115 +28,113 @@ void AppendReason(std::string& reason, std::string_view more) {
     reason.append(more.substr(0, LongestReason - reason.size()));
 }
 
-// One object
-
-// Its end is told to the second; what the phases took is known better. It begins when its worker is free at the
-// earliest.
-void PlaceInTime(Worker& worker, ObjectResult& object) {
-    const std::optional<double> seconds = object.Measured();
-    object.begun = seconds ? std::max(worker.free_since.value_or(0), object.ended - *seconds)
-                           : std::min(worker.free_since.value_or(object.ended), object.ended);
+// The log's time of the end is cut to the second; the phases are exact to the millisecond. A result starts when its
+// worker is free, or later.
+void PlaceInTime(Worker& worker, Result& result) {
+    const std::optional<double> seconds = result.PhaseSeconds();
+    result.start = seconds ? std::max(worker.free_since.value_or(0), result.end - *seconds)
+                           : std::min(worker.free_since.value_or(result.end), result.end);
     if (seconds)
-        object.ended = object.begun + *seconds;
-    worker.free_since = object.ended;
+        result.end = result.start + *seconds;
+    worker.free_since = result.end;
 }
 
-// What becomes of a restore's entry shows when all of it is told. The server's word that it restored only a part stands
-// on standard error as a failed command, after which the entry counts as done.
-void JudgeEntry(Worker& worker, ObjectResult& entry) {
+// The outcome of an entry is known only after its last line. When the server restores only part of it, standard error
+// has a failed command with the server's reply, but the entry counts as restored.
+void JudgeEntry(Worker& worker, Result& entry) {
     if (worker.failed)
-        entry.outcome = ObjectOutcome::Failed;
-    else if (!worker.said.empty())
-        entry.outcome = ObjectOutcome::SavedInPart;
+        entry.outcome = Outcome::Failed;
+    else if (!worker.messages.empty())
+        entry.outcome = Outcome::SavedInPart;
     else if (worker.restored)
-        entry.outcome = ObjectOutcome::Saved;
-    if (!worker.said.empty())
-        entry.reason = std::move(worker.said);
-    worker.said.clear();
+        entry.outcome = Outcome::Saved;
+    if (!worker.messages.empty())
+        entry.reason = std::move(worker.messages);
+    worker.messages.clear();
 }
 
 void Settle(LoggedRun& run, Worker& worker) {
     if (!worker.pending)
         return;
-    ObjectResult object = std::move(*worker.pending);
+    Result result = std::move(*worker.pending);
     worker.pending.reset();
     if (run.mode == Mode::Restore)
-        JudgeEntry(worker, object);
-    PlaceInTime(worker, object);
-    ++run.counts[static_cast<std::size_t>(object.outcome)];
-    run.unexplained += object.outcome == ObjectOutcome::LeftOut && object.reason.empty() ? 1 : 0;
-    run.bytes += BytesOf(object);
-    if (IsMissing(object.outcome) && run.missing.size() < LoggedRun::MostMissing)
-        run.missing.push_back(object);
-    KeepGreatest(run.drawn, LoggedRun::MostDrawn, object, SpanOf);
-    if (object.bytes)
-        KeepGreatest(run.largest, LoggedRun::MostLargest, object, BytesOf);
-    if (run.on_object)
-        run.on_object(run, object);
+        JudgeEntry(worker, result);
+    PlaceInTime(worker, result);
+    ++run.counts[static_cast<std::size_t>(result.outcome)];
+    run.unexplained += result.outcome == Outcome::NotRestored && result.reason.empty() ? 1 : 0;
+    run.bytes += BytesOf(result);
+    if (IsMissing(result.outcome) && run.missing.size() < LoggedRun::MostMissing)
+        run.missing.push_back(result);
+    KeepGreatest(run.longest, LoggedRun::MostLongest, result, DurationOf);
+    if (result.bytes)
+        KeepGreatest(run.largest, LoggedRun::MostLargest, result, BytesOf);
+    if (run.on_result)
+        run.on_result(run, result);
 }
 
-ObjectResult& Report(LoggedRun& run, Worker& worker, const LogLine& line, ObjectOutcome outcome) {
+Result& AddResult(LoggedRun& run, Worker& worker, const LogLine& line, Outcome outcome) {
     Settle(run, worker);
-    ObjectResult object;
-    object.name = line.text;
-    object.outcome = outcome;
-    object.thread = line.thread;
-    object.ended = run.clock.elapsed;
-    worker.object = object.name;
+    Result result;
+    result.name = line.text;
+    result.outcome = outcome;
+    result.thread = line.thread;
+    result.end = run.clock.elapsed;
+    worker.name = result.name;
     worker.doing = {};
-    return worker.pending.emplace(std::move(object));
+    return worker.pending.emplace(std::move(result));
 }
 
-void ReportSave(LoggedRun& run, Worker& worker, const LogLine& line) {
+void AddSave(LoggedRun& run, Worker& worker, const LogLine& line) {
     if (line.kind == LineKind::NotSaved)
-        Report(run, worker, line, ObjectOutcome::Failed).reason = worker.said.empty() ? worker.standing : worker.said;
+        AddResult(run, worker, line, Outcome::Failed).reason =
+            worker.messages.empty() ? worker.standing : worker.messages;
     else if (worker.no_data)
-        Report(run, worker, line, ObjectOutcome::NoData).reason =
-            "the server saved it without data" + (worker.part.empty() ? "" : "; " + worker.part);
-    else if (!worker.part.empty())
-        Report(run, worker, line, ObjectOutcome::SavedInPart).reason = worker.part;
+        AddResult(run, worker, line, Outcome::NoData).reason =
+            "the server returned no data" + (worker.partial.empty() ? "" : "; " + worker.partial);
+    else if (!worker.partial.empty())
+        AddResult(run, worker, line, Outcome::SavedInPart).reason = worker.partial;
     else
-        Report(run, worker, line, ObjectOutcome::Saved);
+        AddResult(run, worker, line, Outcome::Saved);
     worker.no_data = false;
-    worker.part.clear();
-    worker.said.clear();
+    worker.partial.clear();
+    worker.messages.clear();
 }
 
-void BeginEntry(LoggedRun& run, Worker& worker, const LogLine& line) {
-    Report(run, worker, line, ObjectOutcome::LeftOut);
+void AddEntry(LoggedRun& run, Worker& worker, const LogLine& line) {
+    AddResult(run, worker, line, Outcome::NotRestored);
     worker.free_since = std::max(worker.free_since.value_or(0), run.clock.elapsed);
     worker.restored = worker.failed = false;
-    worker.said.clear();
+    worker.messages.clear();
 }
 
-struct Figure {
+struct Measurement {
     LineKind kind;
-    std::optional<double> ObjectResult::*field;
+    std::optional<double> Result::*field;
 };
-constexpr Figure Figures[] = {{LineKind::ObjectBytes, &ObjectResult::bytes},
-                              {LineKind::SaveTime, &ObjectResult::save},
-                              {LineKind::WaitTime, &ObjectResult::wait},
-                              {LineKind::TransferTime, &ObjectResult::transfer},
-                              {LineKind::RestoreTime, &ObjectResult::restore}};
+constexpr Measurement Measurements[] = {{LineKind::Size, &Result::bytes},
+                                        {LineKind::SaveTime, &Result::save_seconds},
+                                        {LineKind::WaitTime, &Result::wait_seconds},
+                                        {LineKind::TransferTime, &Result::transfer_seconds},
+                                        {LineKind::RestoreTime, &Result::restore_seconds}};
 
-bool TakeFigure(LoggedRun& run, Worker& worker, const LogLine& line) {
-    const auto* const figure =
-        std::find_if(std::begin(Figures), std::end(Figures), [&](const Figure& one) { return one.kind == line.kind; });
-    if (figure == std::end(Figures))
+// Returns false for a line that is no measurement.
+bool ProcessMeasurement(LoggedRun& run, Worker& worker, const LogLine& line) {
+    const auto* const measurement = std::find_if(std::begin(Measurements), std::end(Measurements),
+                                                 [&](const Measurement& one) { return one.kind == line.kind; });
+    if (measurement == std::end(Measurements))
         return false;
-    run.has_figures = true;
+    run.has_measurements = true;
     if (worker.pending)
-        (*worker.pending).*figure->field = line.number;
+        (*worker.pending).*measurement->field = line.number;
     return true;
 }
 
-// The run as such
-
-void TakeMessage(LoggedRun& run, Worker& worker, const LogLine& line) {
+void ProcessMessage(LoggedRun& run, Worker& worker, const LogLine& line) {
     // A hostile server could echo the passphrase in its reply to PASS.
     if ((line.text.ends_with("command failed") || line.text == "list failed") && line.text != "PASS command failed")
         run.reply_to = line.thread;
-    AppendReason(worker.said, line.text);
+    AppendReason(worker.messages, line.text);
     if (line.text == "login failed")
         worker.standing = line.text;
     run.fatal |= line.thread == 0 && (line.fatal || (run.mode == Mode::Unknown && line.text == "list failed"));
@@ -140,47 +142,47 @@ void TakeMessage(LoggedRun& run, Worker& worker, const LogLine& line) {
         run.messages.emplace_back(line.text.substr(0, LongestReason));
 }
 
-// A line without a prefix: of the message before it, or raw bytes.
-void TakeReply(LoggedRun& run, std::string_view text) {
+// A line without a prefix: the server's reply below a message, or raw bytes.
+void ProcessReply(LoggedRun& run, std::string_view text) {
     const auto worker = run.workers.find(std::exchange(run.reply_to, -1));
     if (worker == run.workers.end()) {
         ++run.not_understood;
         return;
     }
-    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-    AppendReason(worker->second.said, text);
+    SkipSpace(text);
+    AppendReason(worker->second.messages, text);
     if (worker->first == 0 && !worker->second.pending && !run.messages.empty())
         AppendReason(run.messages.back(), text);
 }
 
-void TakeTotal(LoggedRun& run, const LogLine& line) {
-    if (line.thread != 0) // a worker's share
+void ProcessTotal(LoggedRun& run, const LogLine& line) {
+    if (line.thread != 0) // of one worker
         return;
     run.totals[static_cast<std::size_t>(line.total)] = line.number;
     run.ended |= line.total == Total::RunSeconds;
 }
 
-void TakeCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
+void ProcessCommand(LoggedRun& run, Worker& worker, const LogLine& line) {
     run.has_commands = true;
     worker.doing = line.detail;
     worker.done = line.detail == "done";
     if (!line.text.empty())
-        worker.object = line.text;
+        worker.name = line.text;
     if (line.detail == "saving")
         worker.free_since = std::max(worker.free_since.value_or(0), run.clock.elapsed);
 }
 
-bool BeginsRun(const LoggedRun& run, const LogLine& line) {
+bool StartsRun(const LoggedRun& run, const LogLine& line) {
     if (line.thread != 0)
         return false;
     switch (line.kind) {
-    case LineKind::Listing:
+    case LineKind::ListingStarted:
         return run.mode != Mode::Unknown || run.ended;
-    case LineKind::Listed:
+    case LineKind::SavingStarted:
         return run.listed || run.ended || run.mode == Mode::Restore;
     case LineKind::Entry:
         return run.ended || run.mode == Mode::Backup;
-    case LineKind::Sent:
+    case LineKind::Command:
     case LineKind::Message:
         return run.ended;
     default:
@@ -188,92 +190,106 @@ bool BeginsRun(const LoggedRun& run, const LogLine& line) {
     }
 }
 
-void BeginAnew(LoggedRun& run) {
+void StartNextRun(LoggedRun& run) {
     FinishRun(run);
     LoggedRun next;
-    next.on_object = std::move(run.on_object);
+    next.on_result = std::move(run.on_result);
     next.earlier_runs = run.earlier_runs + 1;
     run = std::move(next);
 }
 
-// The thread's worker; none beyond the most that a run can have.
+// The thread's worker; null for more workers than a run can have.
 Worker* FindWorker(LoggedRun& run, int thread) {
     if (run.workers.size() >= LoggedRun::MostWorkers && !run.workers.contains(thread))
         return nullptr;
     return &run.workers[thread];
 }
 
-void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
+// Returns false for a line that only a restore, or either, can write.
+bool ProcessBackupLine(LoggedRun& run, Worker& worker, const LogLine& line) {
     switch (line.kind) {
-    case LineKind::Refused:
-        run.fatal = true;
-        break;
-    case LineKind::Listing:
-        run.mode = Mode::Backup;
+    case LineKind::ListingStarted:
         worker.doing = "listing";
         break;
-    case LineKind::Listed:
-        run.mode = Mode::Backup;
+    case LineKind::SavingStarted:
         run.listed = true;
         worker.doing = "directing the workers";
-        worker.object.clear();
+        worker.name.clear();
         break;
     case LineKind::Saved:
     case LineKind::NotSaved:
-        run.mode = Mode::Backup;
-        ReportSave(run, worker, line);
+        AddSave(run, worker, line);
+        break;
+    case LineKind::BackupComplete:
+        run.complete = true;
+        break;
+    default:
+        return false;
+    }
+    run.mode = Mode::Backup;
+    return true;
+}
+
+// Returns false for a line that a restore cannot write, or that says nothing about an entry.
+bool ProcessRestoreLine(LoggedRun& run, Worker& worker, const LogLine& line) {
+    switch (line.kind) {
+    case LineKind::Entry:
+        run.mode = Mode::Restore;
+        AddEntry(run, worker, line);
+        return true;
+    case LineKind::Restored:
+        worker.restored = true;
+        return true;
+    case LineKind::EntryFailed:
+        worker.failed = true;
+        return true;
+    case LineKind::LeftOut:
+        if (worker.pending && run.mode == Mode::Restore)
+            worker.pending->reason = "left out, in whole or in part, by an include or exclude file";
+        return true;
+    case LineKind::RestoreComplete:
+        Settle(run, worker);
+        run.mode = Mode::Restore;
+        run.complete = true;
+        ProcessTotal(run, line);
+        return true;
+    default:
+        return false;
+    }
+}
+
+void ProcessOtherLine(LoggedRun& run, Worker& worker, const LogLine& line) {
+    switch (line.kind) {
+    case LineKind::UsageError:
+        run.fatal = true;
         break;
     case LineKind::SavedInPart:
-        AppendReason(worker.part, line.detail);
+        AppendReason(worker.partial, line.detail);
         break;
     case LineKind::NoData:
         worker.no_data = true;
         break;
     case LineKind::NotFound:
-        Report(run, worker, line, ObjectOutcome::NotFound).reason = "no such path on the server";
+        AddResult(run, worker, line, Outcome::NotFound).reason = "no such path on the server";
         Settle(run, worker);
         break;
-    case LineKind::Entry:
-        run.mode = Mode::Restore;
-        BeginEntry(run, worker, line);
-        break;
-    case LineKind::Restored:
-        worker.restored = true;
-        break;
-    case LineKind::EntryFailed:
-        worker.failed = true;
-        break;
-    case LineKind::LeftOut:
-        if (worker.pending && run.mode == Mode::Restore)
-            worker.pending->reason = "an include or exclude file leaves it out, or a part of it";
-        break;
-    case LineKind::Sent:
-        TakeCommand(run, worker, line);
+    case LineKind::Command:
+        ProcessCommand(run, worker, line);
         break;
     case LineKind::WorkerDone:
         worker.done = true;
         break;
-    case LineKind::Complete:
-        run.mode = Mode::Backup;
-        run.complete = true;
-        break;
-    case LineKind::AllRestored:
-        Settle(run, worker);
-        run.mode = Mode::Restore;
-        run.complete = true;
-        TakeTotal(run, line);
-        break;
-    case LineKind::NothingToDo:
-        run.idle |= line.thread == 0;
+    case LineKind::NothingAttempted:
+        run.nothing_attempted |= line.thread == 0;
         break;
     case LineKind::Total:
-        TakeTotal(run, line);
+        ProcessTotal(run, line);
         break;
     case LineKind::Terminated:
         run.terminated = true;
         break;
     case LineKind::Message:
-        TakeMessage(run, worker, line);
+        ProcessMessage(run, worker, line);
         break;
     case LineKind::Unknown:
         ++run.not_understood;
@@ -285,17 +301,17 @@ void TakeEvent(LoggedRun& run, Worker& worker, const LogLine& line) {
 
 } // namespace
 
-void TakeLogLine(LoggedRun& run, std::string_view text) {
+void ProcessLogLine(LoggedRun& run, std::string_view text) {
     const LogLine line = ParseLogLine(text);
-    if (BeginsRun(run, line))
-        BeginAnew(run);
+    if (StartsRun(run, line))
+        StartNextRun(run);
     ++run.lines;
     if (line.kind == LineKind::Reply) {
-        TakeReply(run, line.text);
+        ProcessReply(run, line.text);
         return;
     }
     run.reply_to = -1;
-    run.clock.Take(line.time);
+    run.clock.Advance(line.time);
     Worker* const worker = FindWorker(run, line.thread);
     if (worker == nullptr) {
         ++run.not_understood;
@@ -303,16 +319,19 @@ void TakeLogLine(LoggedRun& run, std::string_view text) {
     }
     const bool restoring = run.mode == Mode::Restore && line.kind != LineKind::Total;
     if (worker->pending && restoring)
-        worker->pending->ended = run.clock.elapsed;
-    if (TakeFigure(run, *worker, line))
+        worker->pending->end = run.clock.elapsed;
+    if (ProcessMeasurement(run, *worker, line))
         return;
-    // The figures of a save follow its result at once.
-    if (!restoring && line.kind != LineKind::Unknown && line.kind != LineKind::Silent)
+    // The measurements of a save directly follow its result.
+    if (!restoring && line.kind != LineKind::Unknown && line.kind != LineKind::Ignored)
         Settle(run, *worker);
-    TakeEvent(run, *worker, line);
+    if (!ProcessBackupLine(run, *worker, line) && !ProcessRestoreLine(run, *worker, line))
+        ProcessOtherLine(run, *worker, line);
 }
 
 void FinishRun(LoggedRun& run) {
     for (auto& [thread, worker] : run.workers)
         Settle(run, worker);
 }
+
+} // namespace report

@@ -1,7 +1,7 @@
-// The picture of a run that its log lines draw, line by line. One thread feeds it and reads it, at any moment.
+// What the log says about a run so far. One thread feeds it line by line and may read it at any moment.
 //
-// What it holds is bounded, however long the log: sums, the workers, and of the objects those that a reader looks for
-// first. Each object is handed on once, as soon as it is complete, so that a caller can keep them all.
+// Its memory is bounded however long the log is: sums, the workers, and the results that a reader looks for first. Each
+// result is passed to the caller once, as soon as it is complete, so that the caller can keep them all.
 
 #pragma once
 
@@ -15,33 +15,36 @@
 
 #include "log_clock.h"
 #include "log_line.h"
-#include "object_result.h"
+#include "result.h"
+
+namespace report {
 
 struct LoggedRun;
 
 struct Worker {
-    std::string_view doing; // a constant; "" when the log does not tell
-    std::string object;     // that it is at, or else was at last
+    std::string_view doing; // a constant; "" when not known
+    std::string name;       // of its current or last save or entry
     bool done = false;
-    // Where its next object may begin, seconds after the log's first line; nothing before the first one is told.
+    // The earliest start of its next save or entry, seconds after the first line of the log; nothing before it is
+    // known.
     std::optional<double> free_since;
-    std::string said;     // its failure messages since the last object
-    std::string standing; // why everything of it fails
-    // Of the object whose result comes next, or the entry under way:
+    std::string messages; // its failure messages since the last result
+    std::string standing; // the reason why all its saves fail
+    // About the save whose result comes next, or about the current entry:
     bool no_data = false, restored = false, failed = false;
-    std::string part; // what is missing of it
-    // Reported; the lines that follow may give its figures.
-    std::optional<ObjectResult> pending;
+    std::string partial; // what is missing of it
+    // Reported, but the lines that follow may add its size and times.
+    std::optional<Result> pending;
 };
 
 struct LoggedRun {
     static constexpr std::size_t MostWorkers = 64;
     static constexpr std::size_t MostMissing = 2000;
-    static constexpr std::size_t MostDrawn = 2000; // the longest
+    static constexpr std::size_t MostLongest = 2000;
     static constexpr std::size_t MostLargest = 20;
     static constexpr std::size_t MostMessages = 100;
 
-    std::function<void(const LoggedRun&, const ObjectResult&)> on_object;
+    std::function<void(const LoggedRun&, const Result&)> on_result;
 
     Mode mode = Mode::Unknown;
     LogClock clock;
@@ -49,38 +52,40 @@ struct LoggedRun {
     std::uint64_t not_understood = 0;
     std::uint64_t earlier_runs = 0; // in the same log; this is the last one
 
-    bool listed = false;     // a backup knows what there is
-    bool complete = false;   // "Backup Complete", or a restore's closing line
-    bool ended = false;      // the last line of all came
-    bool terminated = false; // on request
-    bool fatal = false;      // a message tells that the run as such failed
-    bool idle = false;       // there was nothing to do
+    bool listed = false;            // a backup has listed the server's files
+    bool complete = false;          // "Backup Complete", or the last line of a restore
+    bool ended = false;             // "Total Run Time", always the last line
+    bool terminated = false;        // on request
+    bool fatal = false;             // a message says that the run itself failed
+    bool nothing_attempted = false; // "No objects attempted"
     bool has_commands = false;
-    bool has_figures = false; // sizes and seconds of the objects
+    bool has_measurements = false; // sizes and times of saves or entries
 
     std::array<std::optional<double>, TotalCount> totals;
     std::array<std::uint64_t, OutcomeCount> counts{};
-    double bytes = 0;              // of the objects so far
-    std::uint64_t unexplained = 0; // entries not restored of which no line says that they are left out on purpose
+    double bytes = 0;              // of the saves so far
+    std::uint64_t unexplained = 0; // entries not restored, without a line saying that they were left out on purpose
     std::map<int, Worker> workers;
-    int reply_to = -1; // the thread whose message an unprefixed line would belong to
+    int reply_to = -1; // the thread whose message a line without a prefix belongs to
 
-    std::vector<ObjectResult> missing; // in order
-    std::vector<ObjectResult> drawn;   // by KeepGreatest
-    std::vector<ObjectResult> largest; // by KeepGreatest
+    std::vector<Result> missing;       // in the order of the log
+    std::vector<Result> longest;       // a heap, see KeepGreatest
+    std::vector<Result> largest;       // a heap, see KeepGreatest
     std::vector<std::string> messages; // failure messages of the run itself
 
     std::optional<double> Get(Total total) const { return totals[static_cast<std::size_t>(total)]; }
-    std::uint64_t Count(ObjectOutcome outcome) const { return counts[static_cast<std::size_t>(outcome)]; }
-    bool HasSizes() const { return !largest.empty(); } // a restore's log has times alone
-    std::uint64_t Objects() const;                     // reported so far
-    std::uint64_t Missing() const;                     // of those, not wholly there
+    std::uint64_t Count(Outcome outcome) const { return counts[static_cast<std::size_t>(outcome)]; }
+    bool HasSizes() const { return !largest.empty(); } // the log of a restore has only times
+    std::uint64_t Results() const;                     // so far
+    std::uint64_t Missing() const;                     // of these, missing in whole or in part
 };
 
-// Takes one line of the log, without its line end. A log that several runs were appended to tells of the last one: with
-// its first line all that was before is dropped. When that stands behind a line that was cut, the next one does it that
-// cannot be of the run before.
-void TakeLogLine(LoggedRun& run, std::string_view line);
+// Processes one line of the log, without its line end. When several runs were appended to one log, the run is the last
+// of them: the first line of a run drops everything before it. If that line is unreadable, because it was appended to a
+// line that was cut, the next line that cannot belong to the earlier run does.
+void ProcessLogLine(LoggedRun& run, std::string_view line);
 
-// The log is at its end: hands on what was still waiting for figures.
+// Call at the end of the log: completes the results that are still pending.
 void FinishRun(LoggedRun& run);
+
+} // namespace report

@@ -2,25 +2,29 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 
 #include "display.h"
-#include "support.h"
+#include "text.h"
+
+namespace report {
 
 namespace {
 
-// Lengths in the units of the picture.
-constexpr double Left = 56; // the workers' names
+// Lengths in SVG units.
+constexpr double Left = 56; // room for the workers' names
 constexpr double Width = 960;
 constexpr double RowHeight = 34;
 constexpr double BarHeight = 20;
-constexpr double ShortestBar = 1.5; // one that can be seen
+constexpr double ShortestBar = 1.5; // still visible
 
 struct Scale {
-    double seconds = 0; // of the whole width
+    double seconds = 0; // of the full width
     double At(double moment) const { return Left + moment / seconds * Width; }
 };
 
-// A step of 1, 2 or 5 times a power of ten, and from a minute on of what clocks show, with at most eight in `seconds`.
+// The distance between ticks, at most eight in `seconds`: 1, 2 or 5 times a power of ten; from a minute on, a step in
+// which people read clocks.
 double TickStep(double seconds) {
     constexpr double most = 8;
     for (const double step :
@@ -59,39 +63,39 @@ std::string Bar(const char* style, double from, double to, double y) {
 
 struct Phase {
     const char* style;
-    std::optional<double> ObjectResult::*seconds;
+    std::optional<double> Result::*seconds;
 };
-constexpr Phase Phases[] = {{"save", &ObjectResult::save},
-                            {"wait", &ObjectResult::wait},
-                            {"transfer", &ObjectResult::transfer},
-                            {"restore", &ObjectResult::restore}};
+constexpr Phase Phases[] = {{"save", &Result::save_seconds},
+                            {"wait", &Result::wait_seconds},
+                            {"transfer", &Result::transfer_seconds},
+                            {"restore", &Result::restore_seconds}};
 
-std::string Tooltip(const LoggedRun& run, const ObjectResult& object) {
-    std::string text = HtmlText(object.name) + "\n" + OutcomeName(object.outcome, run.mode);
-    if (object.bytes)
-        text += ", " + ShowBytes(*object.bytes);
+std::string Tooltip(const LoggedRun& run, const Result& result) {
+    std::string text = HtmlText(result.name) + "\n" + OutcomeName(result.outcome, run.mode);
+    if (result.bytes)
+        text += ", " + ShowBytes(*result.bytes);
     for (const Phase& phase : Phases)
-        if (object.*phase.seconds)
-            text += FormatText("\n%s %s", phase.style, ShowDuration(*(object.*phase.seconds)).c_str());
+        if (result.*phase.seconds)
+            text += FormatText("\n%s %s", phase.style, ShowDuration(*(result.*phase.seconds)).c_str());
     return "<title>" + text + "</title>";
 }
 
-std::string ObjectBars(const LoggedRun& run, const ObjectResult& object, const Scale& scale, double y) {
-    std::string svg = "<g>" + Tooltip(run, object);
-    const double from = scale.At(object.begun);
-    const double to = std::max(scale.At(object.ended), from + ShortestBar);
-    if (IsMissing(object.outcome) || !object.Measured()) {
-        svg += Bar(IsMissing(object.outcome) ? "missing" : "whole", from, to, y);
+std::string ResultBars(const LoggedRun& run, const Result& result, const Scale& scale, double y) {
+    std::string svg = "<g>" + Tooltip(run, result);
+    const double from = scale.At(result.start);
+    const double to = std::max(scale.At(result.end), from + ShortestBar);
+    if (IsMissing(result.outcome) || !result.PhaseSeconds()) {
+        svg += Bar(IsMissing(result.outcome) ? "missing" : "whole", from, to, y);
     } else {
-        double moment = object.begun;
+        double moment = result.start;
         for (const Phase& phase : Phases) {
-            const double seconds = (object.*phase.seconds).value_or(0);
+            const double seconds = (result.*phase.seconds).value_or(0);
             const double end = scale.At(moment + seconds);
             if (seconds > 0)
                 svg += Bar(phase.style, scale.At(moment), std::max(end, scale.At(moment) + ShortestBar / 2), y);
             moment += seconds;
         }
-        svg += Bar(*object.Measured() > 0 ? "frame" : "transfer", from, to, y);
+        svg += Bar(*result.PhaseSeconds() > 0 ? "frame" : "transfer", from, to, y);
     }
     return svg + "</g>";
 }
@@ -99,11 +103,11 @@ std::string ObjectBars(const LoggedRun& run, const ObjectResult& object, const S
 } // namespace
 
 std::string TimelineSvg(const LoggedRun& run) {
-    std::map<int, int> rows; // of the workers
+    std::map<int, int> rows; // by thread
     Scale scale{std::max(run.clock.elapsed, run.Get(Total::RunSeconds).value_or(0))};
-    for (const ObjectResult& object : run.drawn) {
-        rows[object.thread] = 0;
-        scale.seconds = std::max(scale.seconds, object.ended);
+    for (const Result& result : run.longest) {
+        rows[result.thread] = 0;
+        scale.seconds = std::max(scale.seconds, result.end);
     }
     if (rows.empty() || scale.seconds <= 0)
         return {};
@@ -116,7 +120,9 @@ std::string TimelineSvg(const LoggedRun& run) {
                       Axis(run, scale, height);
     for (const auto& [thread, row] : rows)
         svg += FormatText("<text class=\"worker\" x=\"0\" y=\"%.0f\">T%02d</text>", row * RowHeight + 22, thread);
-    for (const ObjectResult& object : run.drawn)
-        svg += ObjectBars(run, object, scale, rows[object.thread] * RowHeight + 7);
+    for (const Result& result : run.longest)
+        svg += ResultBars(run, result, scale, rows[result.thread] * RowHeight + 7);
     return svg + "</svg>";
 }
+
+} // namespace report

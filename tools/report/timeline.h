@@ -1,4 +1,4 @@
-// The picture of the workers of a run over time.
+// The timeline of a run's workers.
 
 #pragma once
 
@@ -6,7 +6,10 @@
 
 #include "run.h"
 
-// A row for each worker that has objects, a bar for each object: its phases where the log tells them, the failed ones
-// in a colour of their own. "" when there is nothing to draw. An SVG element that takes its colours from the page's
-// style.
+namespace report {
+
+// An SVG element with a row per worker and a bar per save or entry, split into its phases where they are known; missing
+// ones have their own colour. The colours come from the page's style. "" when there is nothing to draw.
 std::string TimelineSvg(const LoggedRun& run);
+
+} // namespace report

@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "display.h"
-#include "support.h"
+#include "text.h"
+
+namespace report {
 
 Status StatusOf(const LoggedRun& run) {
     if (run.terminated)
@@ -17,7 +19,7 @@ Status StatusOf(const LoggedRun& run) {
         return Status::Unknown;
     if (!run.complete)
         return Status::Failed;
-    const bool failures = run.Count(ObjectOutcome::Failed) > 0 || run.Get(Total::Failed).value_or(0) > 0 ||
+    const bool failures = run.Count(Outcome::Failed) > 0 || run.Get(Total::Failed).value_or(0) > 0 ||
                           run.Get(Total::ParsingErrors).value_or(0) > 0;
     return failures ? Status::WithFailures : Status::Complete;
 }
@@ -43,12 +45,12 @@ std::optional<int> ExpectedExitStatus(const LoggedRun& run) {
     case Status::WithFailures:
         break;
     }
-    if (run.mode == Mode::Restore) // its last entry decides
+    if (run.mode == Mode::Restore) // the last entry decides its exit status
         return 0;
     const double errors = run.Get(Total::ParsingErrors).value_or(0);
     const std::optional<double> attempted = run.Get(Total::Attempted);
     const std::optional<double> failed = run.Get(Total::Failed);
-    if (run.idle)
+    if (run.nothing_attempted)
         return 2;
     if (!attempted || !failed)
         return std::nullopt;
@@ -56,15 +58,15 @@ std::optional<int> ExpectedExitStatus(const LoggedRun& run) {
 }
 
 double UnnamedFailures(const LoggedRun& run) {
-    return run.Count(ObjectOutcome::Failed) == 0 ? run.Get(Total::Failed).value_or(0) : 0;
+    return run.Count(Outcome::Failed) == 0 ? run.Get(Total::Failed).value_or(0) : 0;
 }
 
 namespace {
 
-// Failures stand on standard error, which may not be in the log: when it names none, its totals have to say so.
-bool TellsFailures(const LoggedRun& run) {
-    return run.Count(ObjectOutcome::Failed) > 0 ||
-           (run.mode == Mode::Restore && run.Count(ObjectOutcome::SavedInPart) > 0) ||
+// Failures are reported on standard error, which may not be in the log: a log without failures is believed only when
+// its totals confirm it.
+bool FailuresAreKnown(const LoggedRun& run) {
+    return run.Count(Outcome::Failed) > 0 || (run.mode == Mode::Restore && run.Count(Outcome::SavedInPart) > 0) ||
            (run.complete && UnnamedFailures(run) == 0 && run.unexplained == 0);
 }
 
@@ -73,83 +75,103 @@ bool HasReported(const std::pair<const int, Worker>& worker) {
     return worker.first != 0 && worker.second.done;
 }
 
-// Whether the log is of -v1 or more.
-bool TellsParts(const LoggedRun& run) {
-    return run.has_figures || run.has_commands || run.Count(ObjectOutcome::SavedInPart) > 0 ||
+// Whether the log was written at -v1 or higher, which reports what was saved in part.
+bool PartialSavesAreKnown(const LoggedRun& run) {
+    return run.has_measurements || run.has_commands || run.Count(Outcome::SavedInPart) > 0 ||
            std::any_of(run.workers.begin(), run.workers.end(), HasReported);
 }
 
-bool Tells(const LoggedRun& run, ObjectOutcome outcome) {
+bool IsKnown(const LoggedRun& run, Outcome outcome) {
     switch (outcome) {
-    case ObjectOutcome::Failed:
-        return TellsFailures(run);
-    case ObjectOutcome::SavedInPart:
-        return run.mode == Mode::Restore ? TellsFailures(run) : TellsParts(run);
-    case ObjectOutcome::LeftOut:
+    case Outcome::Failed:
+        return FailuresAreKnown(run);
+    case Outcome::SavedInPart:
+        return run.mode == Mode::Restore ? FailuresAreKnown(run) : PartialSavesAreKnown(run);
+    case Outcome::NotRestored:
         return run.mode == Mode::Restore;
     default:
         return true;
     }
 }
 
-} // namespace
-
-std::optional<std::uint64_t> CountTold(const LoggedRun& run, ObjectOutcome outcome) {
-    return Tells(run, outcome) ? std::optional(run.Count(outcome)) : std::nullopt;
+// What is not in the log.
+void AddGaps(const LoggedRun& run, std::vector<std::string>& omissions) {
+    if (!run.ended && !run.terminated && !run.fatal)
+        omissions.emplace_back("The end of the run and its totals: the run died or is still going.");
+    if (StatusOf(run) == Status::Unknown)
+        omissions.emplace_back("What the run did: there is neither a backup nor a restore in the log.");
+    if (run.Results() > 0 && !run.has_measurements)
+        omissions.push_back(FormatText(
+            "Sizes and times of the %s: the log has them from -v2 on. Without them, a bar of the timeline starts where "
+            "the previous one of the same worker ends.",
+            PluralUnitName(run.mode)));
+    if (run.mode == Mode::Backup && run.Results() > 0 && !PartialSavesAreKnown(run))
+        omissions.emplace_back("What was saved in part (-p no): the log has it from -v1 on.");
+    if (!run.has_commands && !run.ended)
+        omissions.emplace_back("What each worker is doing: the log has it from -v3 on.");
+    if (UnnamedFailures(run) > 0)
+        omissions.emplace_back("What failed and why: standard error has it, but it is not in this log.");
+    if (run.unexplained > 0)
+        omissions.push_back(
+            FormatText("Why %s %s not restored: left out by an include or exclude file (in the log from -v1 on), or "
+                       "failed (on standard error).",
+                       ShowCount(run.unexplained, run.mode).c_str(), run.unexplained == 1 ? "was" : "were"));
 }
 
-std::optional<std::uint64_t> MissingTold(const LoggedRun& run) {
-    const bool told = Tells(run, ObjectOutcome::Failed) && Tells(run, ObjectOutcome::SavedInPart);
-    return told ? std::optional(run.Missing()) : std::nullopt;
+// What is in the log, but not kept.
+void AddLimits(const LoggedRun& run, std::vector<std::string>& omissions) {
+    const char* const units = PluralUnitName(run.mode);
+    if (run.missing.size() < run.Missing())
+        omissions.push_back(FormatText("Missing %s beyond the first %zu.", units, run.missing.size()));
+    if (run.longest.size() < run.Results())
+        omissions.push_back(FormatText("Timeline and times of all but the %zu longest of %s.", run.longest.size(),
+                                       ShowCount(run.Results(), run.mode).c_str()));
+    if (run.earlier_runs > 0)
+        omissions.push_back(FormatText("Earlier runs in the same log: %llu. This is the last one.",
+                                       static_cast<unsigned long long>(run.earlier_runs)));
+}
+
+// "9 saves", or "9 saves (7 saved, 2 failed)".
+std::string ResultsText(const LoggedRun& run) {
+    std::string text = ShowCount(run.Results(), run.mode);
+    if (run.Results() == run.Count(Outcome::Saved))
+        return text;
+    const char* separator = " (";
+    for (const Outcome outcome : {Outcome::Saved, Outcome::Failed, Outcome::SavedInPart, Outcome::NoData,
+                                  Outcome::NotFound, Outcome::NotRestored})
+        if (run.Count(outcome) > 0) {
+            text += FormatText("%s%llu %s", separator, static_cast<unsigned long long>(run.Count(outcome)),
+                               OutcomeName(outcome, run.mode));
+            separator = ", ";
+        }
+    return text + ')';
+}
+
+} // namespace
+
+std::optional<std::uint64_t> KnownCount(const LoggedRun& run, Outcome outcome) {
+    return IsKnown(run, outcome) ? std::optional(run.Count(outcome)) : std::nullopt;
+}
+
+std::optional<std::uint64_t> KnownMissing(const LoggedRun& run) {
+    const bool known = IsKnown(run, Outcome::Failed) && IsKnown(run, Outcome::SavedInPart);
+    return known ? std::optional(run.Missing()) : std::nullopt;
 }
 
 std::vector<std::string> Omissions(const LoggedRun& run) {
     std::vector<std::string> omissions;
-    const std::uint64_t done = run.Objects();
-    if (!run.ended && !run.terminated && !run.fatal)
-        omissions.emplace_back("The log has no end: the run died, or is still going. Of what came later nothing is "
-                               "known, and there are no totals.");
-    if (StatusOf(run) == Status::Unknown)
-        omissions.emplace_back("What the run did: the log tells of neither a backup nor a restore.");
-    if (done > 0 && !run.has_figures)
-        omissions.emplace_back(
-            "Sizes and times of the objects: the log has them from -v2 on. Without them a bar of the "
-            "timeline begins where the line before ended.");
-    if (run.mode == Mode::Backup && done > 0 && !TellsParts(run))
-        omissions.emplace_back("Objects saved in part (-p no): the log has them from -v1 on.");
-    if (!run.has_commands && !run.ended)
-        omissions.emplace_back("What a worker is doing: the log tells that from -v3 on.");
-    if (UnnamedFailures(run) > 0)
-        omissions.emplace_back("The objects that failed: they stand on standard error, which is not in this log.");
-    if (run.unexplained > 0)
-        omissions.push_back(
-            FormatText("Whether %llu entries that were not restored are left out by an include or exclude "
-                       "file (told from -v1 on), or failed: both stand on standard error.",
-                       static_cast<unsigned long long>(run.unexplained)));
-    if (run.missing.size() < run.Missing())
-        omissions.push_back(FormatText("Only the first %zu objects that are missing are named.", run.missing.size()));
-    if (run.drawn.size() < done)
-        omissions.push_back(
-            FormatText("The timeline and the slowest objects are taken from the %zu that took longest, of %llu.",
-                       run.drawn.size(), static_cast<unsigned long long>(done)));
-    if (run.earlier_runs > 0)
-        omissions.push_back(FormatText("The log holds %llu earlier runs; this is the last one.",
-                                       static_cast<unsigned long long>(run.earlier_runs)));
+    AddGaps(run, omissions);
+    AddLimits(run, omissions);
     return omissions;
 }
 
 std::string Summary(const LoggedRun& run) {
-    const auto count = [&run](ObjectOutcome outcome) { return static_cast<unsigned long long>(run.Count(outcome)); };
     std::string text = StatusName(StatusOf(run));
     if (StatusOf(run) == Status::Unknown)
-        return text + ": the log tells of neither a backup nor a restore";
+        return text + ": there is neither a backup nor a restore in the log";
     if (StatusOf(run) == Status::Failed && !run.messages.empty())
         text += " (" + TerminalText(run.messages.back()) + ")";
-    text += ": " + ShowCount(run.Count(ObjectOutcome::Saved)) + " " + OutcomeName(ObjectOutcome::Saved, run.mode);
-    for (const ObjectOutcome outcome : {ObjectOutcome::Failed, ObjectOutcome::SavedInPart, ObjectOutcome::NoData,
-                                        ObjectOutcome::NotFound, ObjectOutcome::LeftOut})
-        if (count(outcome) > 0)
-            text += FormatText(", %llu %s", count(outcome), OutcomeName(outcome, run.mode));
+    text += ": " + ResultsText(run);
     if (const double files = UnnamedFailures(run); files > 0)
         text += FormatText(", %.0f file%s failed", files, files == 1 ? "" : "s");
     if (const std::optional<double> bytes = run.Get(Total::Bytes))
@@ -158,3 +180,5 @@ std::string Summary(const LoggedRun& run) {
         text += ", " + ShowBytes(run.bytes);
     return text + " in " + ShowDuration(run.Get(Total::RunSeconds).value_or(run.clock.elapsed));
 }
+
+} // namespace report

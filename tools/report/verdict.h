@@ -1,4 +1,4 @@
-// What a run came to, as far as its log tells.
+// How a run ended, as far as its log says.
 
 #pragma once
 
@@ -8,31 +8,35 @@
 
 #include "run.h"
 
+namespace report {
+
 enum class Status {
-    Complete,     // nothing failed; objects saved in part, or not found, do not count as failed
-    WithFailures, // it came to its end, but objects or lines of listings failed
-    Terminated,   // ended early, on request and orderly
-    Failed,       // the run as such
-    Unfinished,   // the log has no end: the run died, or is still going
-    Unknown,      // it came to an end, but the log tells of neither a backup nor a restore
+    Complete,     // nothing failed; what was saved in part, without data or not found does not count as failed
+    WithFailures, // it reached its end, but saves, entries or lines of listings failed
+    Terminated,   // ended early on request, in order
+    Failed,       // the run itself failed
+    Unfinished,   // the log has no end: the run died or is still going
+    Unknown,      // it reached its end, but there is neither a backup nor a restore in the log
 };
 constexpr std::size_t StatusCount = 6;
 
 Status StatusOf(const LoggedRun& run);
 const char* StatusName(Status status); // "complete", "failures", "terminated", "failed", "unfinished", "unknown"
 
-// What the program's exit status must have been by this log; nothing when that cannot be told.
+// The exit status that the program must have had according to the log; nothing when the log leaves it open.
 std::optional<int> ExpectedExitStatus(const LoggedRun& run);
 
-// How many objects came to an outcome, and how many are missing; nothing when the log does not tell.
-std::optional<std::uint64_t> CountTold(const LoggedRun& run, ObjectOutcome outcome);
-std::optional<std::uint64_t> MissingTold(const LoggedRun& run);
+// The number of results with an outcome, and of missing ones; nothing when the log may lack some of them.
+std::optional<std::uint64_t> KnownCount(const LoggedRun& run, Outcome outcome);
+std::optional<std::uint64_t> KnownMissing(const LoggedRun& run);
 
-// Files that failed by the totals of a log that names none of their objects.
+// Files that failed according to the totals, when the log names no failed save or entry; else 0.
 double UnnamedFailures(const LoggedRun& run);
 
-// Sentences on what the log did not tell, for the want of verbosity, of standard error or of an end.
+// Sentences about what is not in the log, for lack of verbosity, of standard error or of an end, or not shown.
 std::vector<std::string> Omissions(const LoggedRun& run);
 
-// "complete: 9 objects saved, 2.892 MB in 3 s", in printable ASCII.
+// "complete: 9 saves, 2.892 MB in 3 s", in printable ASCII.
 std::string Summary(const LoggedRun& run);
+
+} // namespace report

@@ -1,17 +1,16 @@
-// vondral-rehearsal: serves a directory tree as an IBM i FTP server on this machine until it is told to end.
+// vondral-rehearsal: serves a directory tree as an IBM i FTP server until SIGTERM or SIGINT.
 
-#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include <pthread.h>
 
 #include "rehearsal.h"
+#include "text.h"
 
 namespace {
 
@@ -41,13 +40,11 @@ struct UsageError {
     std::string text;
 };
 
-std::uint16_t ToPort(const std::string& text) {
-    std::uint16_t port = 0;
-    const char* const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, port);
-    if (result.ec != std::errc() || result.ptr != end)
+std::uint16_t ParsePort(const std::string& text) {
+    const auto port = ParseNumber<std::uint16_t>(text);
+    if (!port)
         throw UsageError{"not a port: " + text};
-    return port;
+    return *port;
 }
 
 void SetValue(Arguments& arguments, const std::string& name, const std::string& value) {
@@ -57,7 +54,7 @@ void SetValue(Arguments& arguments, const std::string& name, const std::string& 
     else if (name == "--address")
         options.address = value;
     else if (name == "--port")
-        options.port = ToPort(value);
+        options.port = ParsePort(value);
     else if (name == "--user")
         options.user = value;
     else if (name == "--password")
@@ -70,7 +67,7 @@ void SetValue(Arguments& arguments, const std::string& name, const std::string& 
         throw UsageError{"unknown option: " + name};
 }
 
-Arguments Parse(int argc, char** argv) {
+Arguments ParseArguments(int argc, char** argv) {
     Arguments arguments;
     arguments.options.port = 21;
     for (int index = 1; index < argc; index++) {
@@ -92,7 +89,7 @@ Arguments Parse(int argc, char** argv) {
 }
 
 int Serve(const Arguments& arguments) {
-    // Blocked before any thread exists, so that the signals wait for sigwait.
+    // Before the first thread exists, so that sigwait below receives them.
     sigset_t ends{};
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
@@ -118,7 +115,7 @@ int Serve(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
     try {
-        const Arguments arguments = Parse(argc, argv);
+        const Arguments arguments = ParseArguments(argc, argv);
         const rehearsal::Options defaults;
         if (!arguments.help)
             return Serve(arguments);

@@ -1,10 +1,8 @@
 #include "texts.h"
 
-#include <algorithm>
-
 namespace rehearsal {
 
-std::string Fill(std::string_view text, std::initializer_list<std::string> arguments) {
+std::string Substitute(std::string_view text, std::initializer_list<std::string> arguments) {
     std::string filled;
     for (std::size_t at = 0; at < text.size(); at++) {
         const bool mark = text[at] == '&' && at + 1 < text.size();
@@ -17,12 +15,6 @@ std::string Fill(std::string_view text, std::initializer_list<std::string> argum
         }
     }
     return filled;
-}
-
-std::string Upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
-    return text;
 }
 
 } // namespace rehearsal

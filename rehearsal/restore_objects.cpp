@@ -17,6 +17,10 @@ namespace {
 
 constexpr std::size_t LinkLimit = 4096; // longest target of a link, in bytes
 
+// What is restored of an object's permissions. The set-user-ID and set-group-ID bits are not: a save file may come from
+// anywhere, and the server may run as root.
+constexpr mode_t RestoredPermissions = 01777;
+
 // A file or link that is created under a temporary name in its directory and renamed when it is complete. So an
 // existing object is replaced as a whole or not at all, and a link in its place is never followed.
 class NewObject {
@@ -84,6 +88,7 @@ void Restore::Run(SaveFileReader& reader, const Destination& destination) {
 
 void Restore::RestoreObjects(SaveFileReader& reader, const Destination& destination, std::uint64_t& seen) {
     for (Entry entry; reader.ReadEntry(entry); seen++) {
+        entry.mode &= RestoredPermissions;
         const auto path = destination(entry.path);
         const bool done = path && RestoreObject(reader, entry, *path);
         if (!path)

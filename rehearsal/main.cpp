@@ -70,6 +70,7 @@ void SetValue(Arguments& arguments, const std::string& name, const std::string& 
 Arguments ParseArguments(int argc, char** argv) {
     Arguments arguments;
     arguments.options.port = 21;
+    arguments.options.record = false; // nobody would read it
     for (int index = 1; index < argc; index++) {
         const std::string name = argv[index];
         if (name == "--sample")

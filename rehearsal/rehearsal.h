@@ -54,6 +54,7 @@ struct Options {
     std::set<std::string> raw; // files whose save file is just their bytes, with neither header nor padding, and
                                // that RST restores the same way: for save files of an exact length
     std::vector<Fault> faults;
+    bool record = true; // keep what Exchanges() and Transcript() return: about 1 KB for each object that is saved
     // Called with each command line before it is processed, from the thread of its session.
     std::function<void(const std::string& line)> on_command;
 };
@@ -76,7 +77,7 @@ public:
     Server& operator=(const Server&) = delete;
 
     std::uint16_t Port() const;
-    // The exchanges of all sessions so far, in order of arrival.
+    // The exchanges of all sessions so far, in order of arrival; empty without Options::record.
     std::vector<Exchange> Exchanges() const;
     // The commands of one session, or of all sessions when `session` is -1.
     std::vector<std::string> Transcript(int session = -1) const;

@@ -36,6 +36,8 @@ void CloseByReset(int socket) {
 }
 
 std::size_t SharedState::RecordCommand(int session, const std::string& line) {
+    if (!options.record)
+        return 0;
     const bool secret = StartsWithIgnoringCase(line, "PASS ");
     const std::lock_guard lock(mutex_);
     exchanges_.push_back({session, secret ? line.substr(0, 5) + "****" : line, {}, 0});
@@ -44,12 +46,14 @@ std::size_t SharedState::RecordCommand(int session, const std::string& line) {
 
 void SharedState::RecordReply(std::size_t exchange, const std::string& reply) {
     const std::lock_guard lock(mutex_);
-    exchanges_[exchange].replies.push_back(reply);
+    if (options.record)
+        exchanges_[exchange].replies.push_back(reply);
 }
 
 void SharedState::RecordTransferred(std::size_t exchange, std::size_t bytes) {
     const std::lock_guard lock(mutex_);
-    exchanges_[exchange].moved = bytes;
+    if (options.record)
+        exchanges_[exchange].moved = bytes;
 }
 
 std::vector<Exchange> SharedState::Exchanges() const {

@@ -27,6 +27,8 @@ struct Fault {
         Reset,      // the same with a reset (RST) instead of an orderly close
         CloseAfter, // closes the control connection after the whole reply
         Silent,     // never sends the reply; waits for the client to leave, or for `pause_ms` when that is set
+        Flood,      // instead of the reply, sends `text` again and again until the client leaves, with pauses of
+                    // `pause_ms`; an empty `text` is a continuation line of the reply ("250-...")
         DataRefuse, // PASV announces a port that does not listen (matches the command PASV)
         DataClose,  // closes the data connection after `bytes` bytes of data; the final reply is sent as usual
         DataReset,  // the same with a reset
@@ -37,9 +39,9 @@ struct Fault {
     int nth = 1;                   // which match, counted from 1 over all sessions; 0: every match
     int reply = 0;                 // which reply of the command
     std::size_t bytes = 0;         // see the kinds
-    std::string text;              // see Replace
+    std::string text;              // see Replace, Flood
     std::vector<std::size_t> cuts; // see Pieces, ascending
-    int pause_ms = 0;              // see Pieces, Silent
+    int pause_ms = 0;              // see Pieces, Silent, Flood
 };
 
 struct Options {
@@ -51,10 +53,14 @@ struct Options {
     std::string release = "V7R3M0";    // reported by SYST; RST accepts CRTPRNDIR from V5R4M0 on
     bool capitals = false;             // send replies in upper case, as some servers do
     std::set<std::string> locked;      // server paths that can be neither saved nor restored
-    std::set<std::string> raw; // files whose save file is just their bytes, with neither header nor padding, and
-                               // that RST restores the same way: for save files of an exact length
+    std::set<std::string> busy;        // server paths that cannot be saved, but can be restored: objects in use
+    std::set<std::string> raw;         // files whose save file is just their bytes, without header and padding, and
+                                       // that RST restores the same way: for save files of an exact length
     std::vector<Fault> faults;
-    bool record = true; // keep what Exchanges() and Transcript() return: about 1 KB for each object that is saved
+    std::uint64_t save_rate = 0;     // bytes of the save file per second that a save takes; 0: no limit
+    std::uint64_t transfer_rate = 0; // bytes per second of each data connection; 0: no limit
+    bool sample = false;             // call MakeSample(root) after bind and before the first session
+    bool record = true;              // keep what Exchanges() and Transcript() return, about 1 KB per object saved
     // Called with each command line before it is processed, from the thread of its session.
     std::function<void(const std::string& line)> on_command;
 };

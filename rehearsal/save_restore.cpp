@@ -136,6 +136,10 @@ std::string ClearSaveFile(const Job& job, const Command& command) {
     return Substitute(text::FileCleared, {name, "QTEMP"});
 }
 
+bool IsInUse(const Job& job, const std::string& path) {
+    return job.options.locked.contains(path) || job.options.busy.contains(path);
+}
+
 // What the completion message of a save or restore counts, in objects.
 struct Counts {
     std::uint64_t done = 0;
@@ -171,7 +175,7 @@ private:
     std::optional<std::time_t> since_;
     std::vector<ObjectElement> omitted_;
     std::vector<Object> objects_; // a directory precedes what is in it
-    std::uint64_t not_saved_ = 0; // locked, unreadable, or of another type than file, directory and link
+    std::uint64_t not_saved_ = 0; // locked, busy, unreadable, or of another type than file, directory and link
 };
 
 void Save::Collect(const std::string& path, const Status& status) {
@@ -179,7 +183,7 @@ void Save::Collect(const std::string& path, const Status& status) {
         return;
     const bool old = since_ && status.changed.tv_sec < *since_;
     const bool directory = S_ISDIR(status.mode);
-    if (job_.options.locked.contains(path)) {
+    if (IsInUse(job_, path)) {
         not_saved_ += !old || directory;
         return;
     }
@@ -241,6 +245,7 @@ Counts Save::Write(SaveKind kind, const std::string& name, const std::string& no
     not_saved_ += objects_.size() - saved;
     if (saved > 0) {
         writer.Finish();
+        job_.saved_bytes = writer.Length();
         return {saved, not_saved_};
     }
     job_.library.Replace(save_file_);
@@ -280,6 +285,7 @@ std::string SaveRaw(const Job& job, const std::string& path, const std::string& 
         throw EscapeMessage{Substitute(text::ObjectMissing, {path})};
     ::unlink(job.library.File(save_file).c_str());
     std::filesystem::create_symlink(HostPath(file), job.library.File(save_file));
+    job.saved_bytes = std::filesystem::file_size(job.library.File(save_file));
     return Substitute(text::Saved, {"1"});
 }
 
@@ -293,7 +299,7 @@ std::string SavePaths(const Job& job, const Command& command) {
         const auto status = job.store.ReadStatus(element.path, false);
         if (!status)
             throw EscapeMessage{Substitute(text::ObjectMissing, {element.path})};
-        if (job.options.raw.contains(element.path) && !job.options.locked.contains(element.path))
+        if (job.options.raw.contains(element.path) && !IsInUse(job, element.path))
             return SaveRaw(job, element.path, UsedSaveFile(job, command));
         if (!element.omit)
             save.Collect(element.path, *status);

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -40,6 +41,7 @@ struct Job {
     const Options& options;
     const Store& store;
     const TemporaryLibrary& library;
+    std::uint64_t& saved_bytes; // set by a save: the length of the save file
 };
 
 // Runs one command and returns its completion message. Throws EscapeMessage when it fails.

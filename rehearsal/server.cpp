@@ -91,6 +91,8 @@ struct Server::State {
 
 Server::State::State(Options options)
     : shared(std::move(options)), listener(Listen(shared.options.address, shared.options.port)) {
+    if (shared.options.sample)
+        MakeSample(shared.options.root);
     const SignalsBlocked blocked;
     accepting = std::thread([this] { Accept(); });
 }

@@ -17,7 +17,8 @@ namespace rehearsal {
 
 namespace {
 
-constexpr std::size_t LineLimit = 64 * 1024; // bytes; a longer command line ends the session
+constexpr std::size_t FloodBlock = 64 * 1024; // least bytes of a flood that are sent at once
+constexpr std::size_t LineLimit = 64 * 1024;  // bytes; a longer command line ends the session
 
 } // namespace
 
@@ -198,6 +199,8 @@ void Session::Reply(std::string text) {
             CloseByReset(control_.Get());
         throw SessionEnded();
     }
+    if (const Fault* fault = Active(Kind::Flood, reply))
+        SendFlood(text, *fault);
     if (const Fault* fault = Active(Kind::Pieces, reply))
         SendPieces(text, *fault);
     else
@@ -215,6 +218,17 @@ void Session::SendPieces(const std::string& bytes, const Fault& fault) {
         WaitFor(control_.Get(), POLLRDHUP, fault.pause_ms); // the pause ends early when the connection ends
     }
     SendControl(std::string_view(bytes).substr(sent));
+}
+
+void Session::SendFlood(const std::string& reply, const Fault& fault) {
+    const std::string text = fault.text.empty() ? reply.substr(0, 3) + "-Still running.\r\n" : fault.text;
+    std::string block = text;
+    while (fault.pause_ms == 0 && block.size() < FloodBlock)
+        block += text;
+    do
+        SendControl(block);
+    while (fault.pause_ms == 0 || !WaitFor(control_.Get(), POLLRDHUP, fault.pause_ms));
+    throw SessionEnded();
 }
 
 void Session::SendControl(std::string_view bytes) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -76,6 +77,7 @@ private:
     std::string ReadLine(int wait_seconds); // -1 waits forever; throws SessionEnded
     void Reply(std::string text);           // all replies are sent here, with the faults of the command
     void SendPieces(const std::string& bytes, const Fault& fault);
+    [[noreturn]] void SendFlood(const std::string& reply, const Fault& fault);
     void SendControl(std::string_view bytes);
     [[noreturn]] void AwaitClientLeaving();
     const Fault* Active(Fault::Kind kind) const; // of this command, for any of its replies
@@ -85,7 +87,9 @@ private:
     bool OpenData(int wait_milliseconds);
     void CloseData();
     void RefuseTransfer(const std::string& reply);
-    std::size_t AllowedBytes(std::size_t wanted) const; // bytes left before a fault happens; 0: it happens now
+    std::size_t AllowedBytes(std::size_t wanted) const; // for the next call; 0: a fault happens now
+    void CountTransferred(std::size_t bytes);
+    void WaitAtRate(std::uint64_t bytes, std::uint64_t rate, std::chrono::steady_clock::time_point start);
     TransferResult CutData();
     TransferResult SendData(std::string_view bytes);
     TransferResult SendFile(int file);
@@ -123,6 +127,7 @@ private:
     std::size_t exchange_ = 0;    // index of its record
     int replies_ = 0;             // sent so far
     std::size_t transferred_ = 0; // bytes on the data connection
+    std::chrono::steady_clock::time_point transfer_start_;
 
     std::string user_;
     bool logged_on_ = false;

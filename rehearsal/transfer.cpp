@@ -4,6 +4,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstdint>
 #include <ctime>
 
@@ -30,6 +32,8 @@ namespace {
 constexpr int ConnectWait = 5000; // for the client to open the data connection
 constexpr int RefusedWait = 200;  // the same for a refused transfer
 constexpr int DrainWait = 2000;   // for more data of a refused transfer
+
+constexpr std::uint64_t PiecesPerSecond = 20; // of a transfer with a rate
 
 bool IsZero(std::span<const char> bytes) {
     return bytes[0] == 0 && std::equal(bytes.begin() + 1, bytes.end(), bytes.begin());
@@ -81,6 +85,7 @@ bool Session::OpenData(int wait_milliseconds) {
         return false;
     ReplaceSocket(data_, Descriptor(::accept4(passive_.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
     ReplaceSocket(passive_, Descriptor());
+    transfer_start_ = std::chrono::steady_clock::now();
     return data_.IsOpen();
 }
 
@@ -106,7 +111,25 @@ std::size_t Session::AllowedBytes(std::size_t wanted) const {
     for (const auto kind : {Fault::Kind::DataClose, Fault::Kind::DataReset, Fault::Kind::DataSilent})
         if (const Fault* fault = Active(kind))
             wanted = std::min(wanted, fault->bytes - std::min(fault->bytes, transferred_));
-    return wanted;
+    const std::uint64_t rate = shared_.options.transfer_rate;
+    return rate == 0 ? wanted
+                     : std::min(wanted, static_cast<std::size_t>(std::max(rate / PiecesPerSecond, std::uint64_t{1})));
+}
+
+void Session::CountTransferred(std::size_t bytes) {
+    transferred_ += bytes;
+    WaitAtRate(transferred_, shared_.options.transfer_rate, transfer_start_);
+}
+
+// Waits until the time that `bytes` take at `rate` bytes a second has passed since `start`, or until the client leaves.
+// A rate of 0 has no limit.
+void Session::WaitAtRate(std::uint64_t bytes, std::uint64_t rate, std::chrono::steady_clock::time_point start) {
+    if (rate == 0)
+        return;
+    const std::chrono::duration<double, std::milli> passed = std::chrono::steady_clock::now() - start;
+    const double wait = 1000.0 * static_cast<double>(bytes) / static_cast<double>(rate) - passed.count();
+    if (wait > 0)
+        WaitFor(control_.Get(), POLLRDHUP, static_cast<int>(std::min(std::ceil(wait), double{INT_MAX})));
 }
 
 Session::TransferResult Session::CutData() {
@@ -125,7 +148,7 @@ Session::TransferResult Session::SendData(std::string_view bytes) {
             return CutData();
         if (!WriteAll(data_.Get(), bytes.data(), allowed))
             return TransferResult::Broken;
-        transferred_ += allowed;
+        CountTransferred(allowed);
         bytes.remove_prefix(allowed);
     }
     return AllowedBytes(1) == 0 ? CutData() : TransferResult::Complete;
@@ -141,7 +164,7 @@ Session::TransferResult Session::SendFile(int file) {
             continue;
         if (count <= 0)
             return count == 0 ? TransferResult::Complete : TransferResult::Broken;
-        transferred_ += static_cast<std::size_t>(count);
+        CountTransferred(static_cast<std::size_t>(count));
     }
 }
 
@@ -162,7 +185,7 @@ Session::TransferResult Session::ReceiveFile(int file) {
             ::lseek(file, static_cast<off_t>(transferred_), SEEK_SET);
             WriteOrThrow(file, block);
         }
-        transferred_ += block.size();
+        CountTransferred(block.size());
     }
 }
 

@@ -114,7 +114,9 @@ void Session::Mkd(const std::string& parameter) {
 void Session::Rcmd(const std::string& parameter) {
     if (parameter.size() > CommandLimit)
         return Reply(text::RemoteTooLong);
-    const Job job{shared_.options, shared_.store, *library_};
+    const auto start = std::chrono::steady_clock::now();
+    std::uint64_t saved_bytes = 0;
+    const Job job{shared_.options, shared_.store, *library_, saved_bytes};
     std::string reply;
     try {
         reply = Substitute(text::RemoteDone, {RunCommand(job, parameter)});
@@ -123,6 +125,7 @@ void Session::Rcmd(const std::string& parameter) {
     } catch (const std::exception& error) { // an error of this machine, a full disk for example
         reply = Substitute(text::RemoteFailed, {parameter, error.what()});
     }
+    WaitAtRate(saved_bytes, shared_.options.save_rate, start);
     Reply(reply);
 }
 

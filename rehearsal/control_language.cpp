@@ -109,13 +109,6 @@ std::array<int, 3> ReleaseNumbers(std::string_view release) {
     return numbers;
 }
 
-bool IsListed(std::string_view word, std::string_view words) {
-    for (std::string_view each = ConsumeField(words); !each.empty(); each = ConsumeField(words))
-        if (each == word)
-            return true;
-    return false;
-}
-
 void CheckKnown(const Command& command, const std::string& name, const std::vector<Keyword>& keywords,
                 const std::string& release) {
     const auto known =

@@ -1,5 +1,7 @@
 #include "texts.h"
 
+#include "text.h"
+
 namespace rehearsal {
 
 std::string Substitute(std::string_view text, std::initializer_list<std::string> arguments) {
@@ -15,6 +17,13 @@ std::string Substitute(std::string_view text, std::initializer_list<std::string>
         }
     }
     return filled;
+}
+
+bool IsListed(std::string_view word, std::string_view words) {
+    for (std::string_view each = ConsumeField(words); !each.empty(); each = ConsumeField(words))
+        if (each == word)
+            return true;
+    return false;
 }
 
 } // namespace rehearsal

@@ -13,6 +13,9 @@ namespace rehearsal {
 // Returns the text with &1 to &9 replaced by the arguments.
 std::string Substitute(std::string_view text, std::initializer_list<std::string> arguments);
 
+// Whether `word` is in `words`, a list separated by blanks.
+bool IsListed(std::string_view word, std::string_view words);
+
 namespace text {
 
 // FTP replies

@@ -59,11 +59,6 @@ bool IsWithin(std::string_view path, std::string_view base) {
     return base == "/" || (path.starts_with(base) && (path.size() == base.size() || path[base.size()] == '/'));
 }
 
-std::string ParentOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 std::string NameOf(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }

@@ -56,8 +56,7 @@ std::optional<std::string> NormalPath(const std::string& current, std::string_vi
 // Whether the normal path `path` is `base` or below it.
 bool IsWithin(std::string_view path, std::string_view base);
 
-// The part before the last slash ("/" for a path of one component), and the part after it.
-std::string ParentOf(const std::string& path);
+// The part after the last slash.
 std::string NameOf(const std::string& path);
 // The path of `name` in `directory`.
 std::string Join(const std::string& directory, const std::string& name);

@@ -245,11 +245,10 @@ void Session::List(const std::string& parameter) {
     Reply(text::ListStarted);
     const auto rows =
         S_ISDIR(status->mode) ? shared_.store.Children(*path) : std::vector<Child>{{NameOf(*path), *status}};
-    const std::string directory = S_ISDIR(status->mode) ? *path : ParentOf(*path);
     std::string block;
     TransferResult result = TransferResult::Complete;
     for (std::size_t row = 0; row < rows.size() && result == TransferResult::Complete; row++) {
-        block += ListRow(directory, rows[row]);
+        block += ListRow(*path, rows[row]);
         if (block.size() >= TransferPiece) {
             result = SendData(block);
             block.clear();

@@ -244,6 +244,9 @@ TEST(Rehearsal, RatesAreLimits) {
         if (*command == 'S') {
             EXPECT_TRUE(WriteAll(data.Get(), string(2000, 'g').data(), 2000));
             data.Reset();
+        } else {
+            EXPECT_EQ(Receive(data, 2000).size(), 2000U);
+            EXPECT_GE(Clock::now() - start, least / 2); // the data itself is slow, not just the reply
         }
         EXPECT_EQ(client.Reply(), "250 File transfer completed successfully.\r\n");
         EXPECT_GE(Clock::now() - start, least) << command;
@@ -264,6 +267,8 @@ TEST(Rehearsal, TheEndOfTheServerEndsASlowSave) {
 }
 
 TEST(Rehearsal, FaultsAreReadAndHappen) {
+    EXPECT_EQ(rehearsal::ParseBytes("3M"), 3U << 20);
+    EXPECT_EQ(rehearsal::ParseBytes("2g"), 2U << 30);
     const string good = "250 Data structure is File.\r\n";
     enum class After {
         Reply,
@@ -405,7 +410,7 @@ TEST(Rehearsal, ServesUntilTold) {
     command.outputs[STDOUT_FILENO] = output / "log";
     const pid_t process = command.Start();
     string line;
-    while (!line.ends_with('\n') && ::kill(process, 0) == 0) {
+    for (int tries = 0; !line.ends_with('\n') && tries < 10000; ++tries) {
         ::usleep(1000);
         line = ReadFile(output / "log");
     }

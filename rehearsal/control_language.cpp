@@ -2,15 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <sstream>
 #include <string_view>
 
+#include "text.h"
 #include "texts.h"
 
 namespace rehearsal {
-
-// ---- parser
 
 namespace {
 
@@ -20,54 +17,51 @@ public:
     Command Parse();
 
 private:
-    void SkipBlanks() { rest_.remove_prefix(std::min(rest_.find_first_not_of(' '), rest_.size())); }
-    std::string Word();
-    std::string String();
-    Value One();
-    std::vector<Value> Values(); // up to and with the closing parenthesis
+    std::string ParseWord();
+    std::string ParseString();
+    Value ParseValue();
+    std::vector<Value> ParseList(); // from the opening to the closing parenthesis, both included
 
     std::string_view rest_;
-    std::string name_;
 };
 
-std::string Parser::Word() {
+std::string Parser::ParseWord() {
     const std::size_t length = std::min(rest_.find_first_of(" ()'"), rest_.size());
-    const std::string word = Upper(std::string(rest_.substr(0, length)));
+    const std::string word = ToUpper(std::string(rest_.substr(0, length)));
     rest_.remove_prefix(length);
     return word;
 }
 
-std::string Parser::String() {
+std::string Parser::ParseString() {
     std::string text;
     rest_.remove_prefix(1);
     for (;;) {
         const std::size_t length = rest_.find('\'');
         if (length == std::string_view::npos)
-            throw Escape{text::NoApostrophe};
+            throw EscapeMessage{text::NoApostrophe};
         text += rest_.substr(0, length);
         rest_.remove_prefix(length + 1);
-        if (!rest_.starts_with('\''))
+        if (!ConsumePrefix(rest_, "'"))
             return text;
         text += '\'';
-        rest_.remove_prefix(1);
     }
 }
 
-Value Parser::One() {
+Value Parser::ParseValue() {
     if (rest_.starts_with('\''))
-        return {Value::Kind::String, String(), {}};
+        return {Value::Kind::String, ParseString(), {}};
     if (!rest_.starts_with('('))
-        return {Value::Kind::Word, Word(), {}};
-    return {Value::Kind::List, "", Values()};
+        return {Value::Kind::Word, ParseWord(), {}};
+    return {Value::Kind::List, "", ParseList()};
 }
 
-std::vector<Value> Parser::Values() {
+std::vector<Value> Parser::ParseList() {
     std::vector<Value> values;
     rest_.remove_prefix(1);
-    for (SkipBlanks(); !rest_.starts_with(')'); SkipBlanks()) {
+    for (SkipSpace(rest_); !rest_.starts_with(')'); SkipSpace(rest_)) {
         if (rest_.empty())
-            throw Escape{text::NoParenthesis};
-        values.push_back(One());
+            throw EscapeMessage{text::NoParenthesis};
+        values.push_back(ParseValue());
     }
     rest_.remove_prefix(1);
     return values;
@@ -75,14 +69,14 @@ std::vector<Value> Parser::Values() {
 
 Command Parser::Parse() {
     Command command;
-    SkipBlanks();
-    command.name = Word();
-    for (SkipBlanks(); !rest_.empty(); SkipBlanks()) {
-        const std::string keyword = Word();
+    SkipSpace(rest_);
+    command.name = ParseWord();
+    for (SkipSpace(rest_); !rest_.empty(); SkipSpace(rest_)) {
+        const std::string keyword = ParseWord();
         if (keyword.empty() || !rest_.starts_with('('))
-            throw Escape{Fill(text::BadSyntax, {command.name})};
-        if (!command.parameters.emplace(keyword, Values()).second)
-            throw Escape{Fill(text::TwiceKeyword, {keyword})};
+            throw EscapeMessage{Substitute(text::BadSyntax, {command.name})};
+        if (!command.parameters.emplace(keyword, ParseList()).second)
+            throw EscapeMessage{Substitute(text::TwiceKeyword, {keyword})};
     }
     return command;
 }
@@ -93,36 +87,26 @@ Command ParseCommand(const std::string& line) {
     return Parser(line).Parse();
 }
 
-std::string Command::One(const std::string& keyword, const std::string& absent) const {
+std::string Command::SingleValue(const std::string& keyword, const std::string& absent) const {
     const auto found = parameters.find(keyword);
     if (found == parameters.end())
         return absent;
     if (found->second.size() != 1 || found->second[0].kind == Value::Kind::List)
-        throw Escape{Fill(text::BadValue, {"", keyword})};
+        throw EscapeMessage{Substitute(text::BadValue, {"", keyword})};
     return found->second[0].text;
 }
 
-// ---- definitions
-
 namespace {
 
-// "V5R4M0" as its numbers, so that V10R1M0 is later than V7R5M0.
+// The three numbers of "V5R4M0", so that V10R1M0 compares as later than V7R5M0.
 std::array<int, 3> ReleaseNumbers(std::string_view release) {
     std::array<int, 3> numbers{};
     for (int& number : numbers) {
-        release.remove_prefix(std::min(release.find_first_of("0123456789"), release.size()));
-        const auto end = std::from_chars(release.data(), release.data() + release.size(), number).ptr;
-        release.remove_prefix(static_cast<std::size_t>(end - release.data()));
+        while (!release.empty() && !IsDigit(release.front()))
+            release.remove_prefix(1);
+        number = ConsumeNumber<int>(release).value_or(0);
     }
     return numbers;
-}
-
-bool IsListed(const std::string& word, const char* words) {
-    std::istringstream stream(words);
-    for (std::string each; stream >> each;)
-        if (each == word)
-            return true;
-    return false;
 }
 
 void CheckKnown(const Command& command, const std::string& name, const std::vector<Keyword>& keywords,
@@ -130,9 +114,9 @@ void CheckKnown(const Command& command, const std::string& name, const std::vect
     const auto known =
         std::find_if(keywords.begin(), keywords.end(), [&](const Keyword& keyword) { return keyword.name == name; });
     if (known == keywords.end() || (known->since && ReleaseNumbers(release) < ReleaseNumbers(known->since)))
-        throw Escape{Fill(text::NoKeyword, {name})};
-    if (known->values && !IsListed(command.One(name), known->values))
-        throw Escape{Fill(text::BadValue, {command.One(name), name})};
+        throw EscapeMessage{Substitute(text::NoKeyword, {name})};
+    if (known->values && !IsListed(command.SingleValue(name), known->values))
+        throw EscapeMessage{Substitute(text::BadValue, {command.SingleValue(name), name})};
 }
 
 } // namespace
@@ -142,7 +126,7 @@ void CheckKeywords(const Command& command, const std::vector<Keyword>& keywords,
         CheckKnown(command, parameter.first, keywords, release);
     for (const Keyword& keyword : keywords)
         if (keyword.required && !command.Has(keyword.name))
-            throw Escape{Fill(text::WantsParameter, {keyword.name})};
+            throw EscapeMessage{Substitute(text::WantsParameter, {keyword.name})};
 }
 
 void CheckName(const std::string& name, const std::string& keyword) {
@@ -150,14 +134,12 @@ void CheckName(const std::string& name, const std::string& keyword) {
     constexpr std::string_view other = "ABCDEFGHIJKLMNOPQRSTUVWXYZ$#@0123456789_.";
     if (name.empty() || name.size() > 10 || first.find(name[0]) == std::string_view::npos ||
         name.find_first_not_of(other) != std::string::npos)
-        throw Escape{Fill(text::BadName, {name, keyword})};
+        throw EscapeMessage{Substitute(text::BadName, {name, keyword})};
 }
-
-// ---- OBJ
 
 namespace {
 
-// The path in a string value: between double quotes, where a double quote stands twice, or as it is.
+// The path in a string value: the whole string, or what is between double quotes (doubled inside).
 std::string QuotedPath(const std::string& text) {
     if (!text.starts_with('"'))
         return text;
@@ -168,7 +150,7 @@ std::string QuotedPath(const std::string& text) {
         at += text[at] == '"';
     }
     if (at + 1 != text.size())
-        throw Escape{Fill(text::BadValue, {text, "OBJ"})};
+        throw EscapeMessage{Substitute(text::BadValue, {text, "OBJ"})};
     return path;
 }
 
@@ -190,7 +172,7 @@ ObjectElement ToElement(const Value& value) {
             element.new_name.clear();
     }
     if (!good)
-        throw Escape{Fill(text::BadValue, {items.empty() ? "" : items.back().text, "OBJ"})};
+        throw EscapeMessage{Substitute(text::BadValue, {items.empty() ? "" : items.back().text, "OBJ"})};
     return element;
 }
 

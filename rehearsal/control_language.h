@@ -1,6 +1,6 @@
-// Control language commands as RCMD brings them: NAME KEYWORD(value ...) in any order, values being words,
-// strings between apostrophes (an apostrophe inside stands twice) or parenthesised lists of values. What is
-// not right ends in an Escape, the message that the server would send.
+// Control language commands, as RCMD delivers them: NAME KEYWORD(value ...) in any order. A value is a word, a string
+// between apostrophes (doubled inside it) or a list of values in parentheses. Every error is thrown as an
+// EscapeMessage. Pure functions, for any thread.
 
 #pragma once
 
@@ -11,10 +11,10 @@
 
 namespace rehearsal {
 
-constexpr std::size_t CommandLimit = 1000; // characters of a command that RCMD takes
+constexpr std::size_t CommandLimit = 1000; // longest command that RCMD accepts, in characters
 
-// A command has failed; `text` is why, as the client is told.
-struct Escape {
+// Thrown when a command fails; `text` is the message for the client.
+struct EscapeMessage {
     std::string text;
 };
 
@@ -30,34 +30,36 @@ struct Command {
     std::map<std::string, std::vector<Value>> parameters; // by keyword
 
     bool Has(const std::string& keyword) const { return parameters.contains(keyword); }
-    // The one word or string of a parameter, or `absent` without it. Throws Escape when it is anything else.
-    std::string One(const std::string& keyword, const std::string& absent = "") const;
+    // The only word or string of a parameter, or `absent` when the command does not have the parameter. Throws
+    // EscapeMessage when the value is anything else.
+    std::string SingleValue(const std::string& keyword, const std::string& absent = "") const;
 };
 
+// A keyword in the definition of a command.
 struct Keyword {
     const char* name;
     bool required = false;
-    const char* values = nullptr; // the words it can have, with blanks between; none: not checked here
-    const char* since = nullptr;  // the first release that knows it; none: all do
+    const char* values = nullptr; // the allowed words, separated by blanks; nullptr: any value
+    const char* since = nullptr;  // first release that has the keyword; nullptr: all of them
 };
 
-// Takes a command apart. Throws Escape.
+// Throws EscapeMessage.
 Command ParseCommand(const std::string& line);
 
-// Throws Escape when the keywords of `command` are not those of its definition on a server of `release`.
+// Throws EscapeMessage when the parameters do not match the definition of the command in `release`.
 void CheckKeywords(const Command& command, const std::vector<Keyword>& keywords, const std::string& release);
 
-// Throws Escape unless `name` can name an object: 10 characters at most, a letter or one of $#@ first.
+// Throws EscapeMessage unless `name` is a valid object name: at most 10 characters, the first a letter or one of $#@.
 void CheckName(const std::string& name, const std::string& keyword);
 
-// An element of an OBJ parameter: a path, saved or restored or left out, perhaps under another name.
+// An element of an OBJ parameter: a path to save, restore or omit.
 struct ObjectElement {
     std::string path;
     bool omit = false;
-    std::string new_name; // empty: the same
+    std::string new_name; // path to restore to; empty: the same path
 };
 
-// The elements of OBJ. Paths come as written, without the double quotes around them. Throws Escape.
+// The elements of OBJ. Paths are returned as written, without the double quotes around them. Throws EscapeMessage.
 std::vector<ObjectElement> ObjectElements(const Command& command);
 
 } // namespace rehearsal

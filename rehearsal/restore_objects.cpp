@@ -15,56 +15,61 @@ namespace rehearsal {
 
 namespace {
 
-constexpr std::size_t LinkLimit = 4096; // bytes of a link's target
+constexpr std::size_t LinkLimit = 4096; // longest target of a link, in bytes
 
-// A file or link in the making: it stands beside its place under a name of its own until it takes that place,
-// so that whatever stood there is replaced whole or not at all, and a link there is never written through.
+// What is restored of an object's permissions. The set-user-ID and set-group-ID bits are not: a save file may come from
+// anywhere, and the server may run as root.
+constexpr mode_t RestoredPermissions = 01777;
+
+// A file or link that is created under a temporary name in its directory and renamed when it is complete. So an
+// existing object is replaced as a whole or not at all, and a link in its place is never followed.
 class NewObject {
 public:
     explicit NewObject(const Place& place)
-        : beside_{Descriptor(::fcntl(place.directory.get(), F_DUPFD_CLOEXEC, 0)),
-                  ".rehearsal-unfinished" + std::to_string(::gettid())},
+        : temporary_{Descriptor(::fcntl(place.directory.Get(), F_DUPFD_CLOEXEC, 0)),
+                     ".rehearsal-unfinished" + std::to_string(::gettid())},
           place_(place) {
-        ::unlinkat(beside_.directory.get(), beside_.name.c_str(), 0);
+        ::unlinkat(temporary_.directory.Get(), temporary_.name.c_str(), 0);
     }
-    ~NewObject() { ::unlinkat(beside_.directory.get(), beside_.name.c_str(), 0); }
+    ~NewObject() { ::unlinkat(temporary_.directory.Get(), temporary_.name.c_str(), 0); }
     NewObject(const NewObject&) = delete;
     NewObject& operator=(const NewObject&) = delete;
 
-    Descriptor Create() const { return beside_.Open(O_WRONLY | O_CREAT | O_EXCL, 0600); }
+    Descriptor Create() const { return temporary_.Open(O_WRONLY | O_CREAT | O_EXCL, 0600); }
     bool CreateLink(const std::string& target) const {
-        return ::symlinkat(target.c_str(), beside_.directory.get(), beside_.name.c_str()) == 0;
+        return ::symlinkat(target.c_str(), temporary_.directory.Get(), temporary_.name.c_str()) == 0;
     }
     bool SetTime(std::timespec changed) const {
         const std::array<std::timespec, 2> times{changed, changed};
-        return ::utimensat(beside_.directory.get(), beside_.name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) == 0;
+        return ::utimensat(temporary_.directory.Get(), temporary_.name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) == 0;
     }
-    bool TakePlace() const {
-        return ::renameat(beside_.directory.get(), beside_.name.c_str(), place_.directory.get(), place_.name.c_str()) ==
-               0;
+    bool MoveIntoPlace() const {
+        return ::renameat(temporary_.directory.Get(), temporary_.name.c_str(), place_.directory.Get(),
+                          place_.name.c_str()) == 0;
     }
 
 private:
-    const Place beside_;
+    const Place temporary_;
     const Place& place_;
 };
 
 bool RestoreFile(SaveFileReader& reader, const Entry& entry, const Place& place) {
     const NewObject object(place);
     const Descriptor file = object.Create();
-    for (auto block = reader.Data(); file && !block.empty(); block = reader.Data())
-        WriteFully(file.get(), block);
-    reader.Finish();
-    return file && ::fchmod(file.get(), entry.mode) == 0 && object.SetTime(entry.changed) && object.TakePlace();
+    for (auto block = reader.ReadData(); file.IsOpen() && !block.empty(); block = reader.ReadData())
+        WriteOrThrow(file.Get(), block);
+    reader.FinishEntry();
+    return file.IsOpen() && ::fchmod(file.Get(), entry.mode) == 0 && object.SetTime(entry.changed) &&
+           object.MoveIntoPlace();
 }
 
 bool RestoreLink(SaveFileReader& reader, const Entry& entry, const Place& place) {
     std::string target;
-    for (auto block = reader.Data(); !block.empty() && target.size() < LinkLimit; block = reader.Data())
+    for (auto block = reader.ReadData(); !block.empty() && target.size() < LinkLimit; block = reader.ReadData())
         target.append(block.begin(), block.end());
-    reader.Finish();
+    reader.FinishEntry();
     const NewObject object(place);
-    return object.CreateLink(target) && object.SetTime(entry.changed) && object.TakePlace();
+    return object.CreateLink(target) && object.SetTime(entry.changed) && object.MoveIntoPlace();
 }
 
 } // namespace
@@ -72,27 +77,28 @@ bool RestoreLink(SaveFileReader& reader, const Entry& entry, const Place& place)
 void Restore::Run(SaveFileReader& reader, const Destination& destination) {
     std::uint64_t seen = 0;
     try {
-        Objects(reader, destination, seen);
+        RestoreObjects(reader, destination, seen);
     } catch (const DamagedStream&) {
-        refused_ += std::max(reader.objects(), seen + 1) - seen;
+        not_restored_ += std::max(reader.ObjectCount(), seen + 1) - seen;
         FinishDirectories();
         throw;
     }
     FinishDirectories();
 }
 
-void Restore::Objects(SaveFileReader& reader, const Destination& destination, std::uint64_t& seen) {
-    for (Entry entry; reader.Next(entry); seen++) {
+void Restore::RestoreObjects(SaveFileReader& reader, const Destination& destination, std::uint64_t& seen) {
+    for (Entry entry; reader.ReadEntry(entry); seen++) {
+        entry.mode &= RestoredPermissions;
         const auto path = destination(entry.path);
-        const bool good = path && One(reader, entry, *path);
+        const bool done = path && RestoreObject(reader, entry, *path);
         if (!path)
-            reader.Finish();
-        restored_ += good;
-        refused_ += path && !good;
+            reader.FinishEntry();
+        restored_ += done;
+        not_restored_ += path && !done;
     }
 }
 
-bool Restore::One(SaveFileReader& reader, const Entry& entry, const std::string& path) {
+bool Restore::RestoreObject(SaveFileReader& reader, const Entry& entry, const std::string& path) {
     const bool reachable = !path.empty() && !locked_.contains(path);
     if (make_parents_ && reachable)
         MakeParents(store_, path);
@@ -101,13 +107,13 @@ bool Restore::One(SaveFileReader& reader, const Entry& entry, const std::string&
         return RestoreFile(reader, entry, *place);
     if (place && entry.type == Entry::Type::Link)
         return RestoreLink(reader, entry, *place);
-    reader.Finish();
-    return place && Directory(entry, path, *place);
+    reader.FinishEntry();
+    return place && RestoreDirectory(entry, path, *place);
 }
 
-bool Restore::Directory(const Entry& entry, const std::string& path, const Place& place) {
-    const bool made = ::mkdirat(place.directory.get(), place.name.c_str(), 0700) == 0;
-    const auto status = place.Look();
+bool Restore::RestoreDirectory(const Entry& entry, const std::string& path, const Place& place) {
+    const bool made = ::mkdirat(place.directory.Get(), place.name.c_str(), 0700) == 0;
+    const auto status = place.ReadStatus();
     if (!made && (!status || !S_ISDIR(status->mode)))
         return false;
     directories_.push_back({path, entry.mode, entry.changed});
@@ -115,13 +121,14 @@ bool Restore::Directory(const Entry& entry, const std::string& path, const Place
 }
 
 void Restore::FinishDirectories() {
-    std::for_each(directories_.rbegin(), directories_.rend(), [this](const Made& made) {
-        const auto place = store_.Locate(made.path, false);
+    std::for_each(directories_.rbegin(), directories_.rend(), [this](const RestoredDirectory& restored) {
+        const auto place = store_.Locate(restored.path, false);
         const Descriptor directory = place ? place->Open(O_RDONLY | O_DIRECTORY) : Descriptor();
-        const std::array<std::timespec, 2> times{made.changed, made.changed};
-        if (!directory || ::fchmod(directory.get(), made.mode) != 0 || ::futimens(directory.get(), times.data()) != 0) {
+        const std::array<std::timespec, 2> times{restored.changed, restored.changed};
+        if (!directory.IsOpen() || ::fchmod(directory.Get(), restored.mode) != 0 ||
+            ::futimens(directory.Get(), times.data()) != 0) {
             restored_--;
-            refused_++;
+            not_restored_++;
         }
     });
 }
@@ -129,46 +136,46 @@ void Restore::FinishDirectories() {
 void MakeParents(const Store& store, const std::string& path) {
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         const auto place = store.Locate(path.substr(0, slash), true);
-        if (place && !place->Look())
-            ::mkdirat(place->directory.get(), place->name.c_str(), 0777);
+        if (place && !place->ReadStatus())
+            ::mkdirat(place->directory.Get(), place->name.c_str(), 0777);
     }
 }
 
-// ---- files without a frame
-
 namespace {
 
-// Copies what is data in `from` to the same offsets of the empty file `to`.
+// Copies the data of `from` to the empty file `to` and keeps the holes.
 bool CopyWithHoles(const Descriptor& from, const Descriptor& to) {
-    off_t data = ::lseek(from.get(), 0, SEEK_DATA);
+    off_t data = ::lseek(from.Get(), 0, SEEK_DATA);
     while (data >= 0) {
-        const off_t end = ::lseek(from.get(), data, SEEK_HOLE);
-        if (end < 0 || ::lseek(to.get(), data, SEEK_SET) != data)
+        const off_t end = ::lseek(from.Get(), data, SEEK_HOLE);
+        if (end < 0 || ::lseek(to.Get(), data, SEEK_SET) != data)
             return false;
         while (data < end)
-            if (::sendfile(to.get(), from.get(), &data, static_cast<std::size_t>(end - data)) <= 0)
+            if (::sendfile(to.Get(), from.Get(), &data, static_cast<std::size_t>(end - data)) <= 0)
                 return false;
-        data = ::lseek(from.get(), end, SEEK_DATA);
+        data = ::lseek(from.Get(), end, SEEK_DATA);
     }
-    return errno == ENXIO && ::ftruncate(to.get(), ::lseek(from.get(), 0, SEEK_END)) == 0; // ENXIO: no more data
+    return errno == ENXIO &&
+           ::ftruncate(to.Get(), ::lseek(from.Get(), 0, SEEK_END)) == 0; // ENXIO: there is no more data
 }
 
 bool CopyFile(const std::filesystem::path& source, const Place& place) {
     const Descriptor from(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
     const NewObject object(place);
     const Descriptor to = object.Create();
-    return from && to && CopyWithHoles(from, to) && ::fchmod(to.get(), 0644) == 0 && object.TakePlace();
+    return from.IsOpen() && to.IsOpen() && CopyWithHoles(from, to) && ::fchmod(to.Get(), 0644) == 0 &&
+           object.MoveIntoPlace();
 }
 
 } // namespace
 
 bool PutFile(const std::filesystem::path& source, const Place& place) {
     if (std::filesystem::is_symlink(source) ||
-        ::renameat(AT_FDCWD, source.c_str(), place.directory.get(), place.name.c_str()) != 0)
+        ::renameat(AT_FDCWD, source.c_str(), place.directory.Get(), place.name.c_str()) != 0)
         return CopyFile(source, place);
     const Descriptor file = place.Open(O_RDONLY);
-    std::filesystem::create_symlink(OpenedAs(file), source);
-    return ::fchmod(file.get(), 0644) == 0;
+    std::filesystem::create_symlink(HostPath(file), source);
+    return ::fchmod(file.Get(), 0644) == 0;
 }
 
 } // namespace rehearsal

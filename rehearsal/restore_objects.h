@@ -1,4 +1,5 @@
-// Writing restored objects into the store: the part of the restore commands that is the same for all of them.
+// Writes restored objects into the store: the part that all restore commands share. One Restore per command, used by
+// the thread of its session.
 
 #pragma once
 
@@ -16,29 +17,29 @@
 
 namespace rehearsal {
 
-// Where an object of the save file goes, by its path there; nothing: it is not wanted; an empty path: it is
-// wanted and must not go there. Throws DamagedStream for a path that the save operation cannot have written.
+// Maps the path of an object in the save file to the path to restore it to. Nothing: the object is not selected. An
+// empty path: it is selected, but may not be restored there. Throws DamagedStream for a path that no save writes.
 using Destination = std::function<std::optional<std::string>(const std::string& path)>;
 
 class Restore {
 public:
-    // Objects at a path of `locked` are refused.
+    // Objects whose path is in `locked` are not restored.
     Restore(const Store& store, const std::set<std::string>& locked, bool make_parents)
         : store_(store), locked_(locked), make_parents_(make_parents) {}
 
-    // Recreates objects until the stream ends. A damaged stream throws DamagedStream after what came before
-    // the damage was restored; what the header promised beyond that then counts as refused.
+    // Restores objects until the stream ends. When the stream is damaged, throws DamagedStream after restoring what
+    // precedes the damage; the other objects that the header announces then count as not restored.
     void Run(SaveFileReader& reader, const Destination& destination);
-    std::uint64_t restored() const { return restored_; }
-    std::uint64_t refused() const { return refused_; }
+    std::uint64_t Restored() const { return restored_; }
+    std::uint64_t NotRestored() const { return not_restored_; }
 
 private:
-    void Objects(SaveFileReader& reader, const Destination& destination, std::uint64_t& seen);
-    bool One(SaveFileReader& reader, const Entry& entry, const std::string& path);
-    bool Directory(const Entry& entry, const std::string& path, const Place& place);
+    void RestoreObjects(SaveFileReader& reader, const Destination& destination, std::uint64_t& seen);
+    bool RestoreObject(SaveFileReader& reader, const Entry& entry, const std::string& path);
+    bool RestoreDirectory(const Entry& entry, const std::string& path, const Place& place);
     void FinishDirectories();
 
-    struct Made {
+    struct RestoredDirectory {
         std::string path;
         mode_t mode;
         std::timespec changed;
@@ -47,15 +48,15 @@ private:
     const std::set<std::string>& locked_;
     const bool make_parents_;
     std::uint64_t restored_ = 0;
-    std::uint64_t refused_ = 0;
-    std::vector<Made> directories_; // their modes and times are set when nothing more is put into them
+    std::uint64_t not_restored_ = 0;
+    std::vector<RestoredDirectory> directories_; // get their modes and times last, when nothing more is put into them
 };
 
-// Creates the directories above `path` that are missing, as far as it can.
+// Creates the missing directories above `path`. Errors show when the object itself is created.
 void MakeParents(const Store& store, const std::string& path);
 
-// Puts the plain file `source` at `place`, holes kept, and leaves a link to it in its stead; a source that is
-// a link already is copied. False when it cannot.
+// Moves the regular file `source` to `place` and puts a link to it where it was. A source that is a link already, or
+// cannot be moved, is copied with its holes. Returns false on failure.
 bool PutFile(const std::filesystem::path& source, const Place& place);
 
 } // namespace rehearsal

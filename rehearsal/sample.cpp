@@ -1,5 +1,4 @@
-// The sample store: what a small server holds, with everything in names and dates that a backup must get
-// right.
+// The sample store: the objects of a small server, with the names and dates that are hard for a backup.
 
 #include <array>
 #include <cerrno>
@@ -33,7 +32,7 @@ struct Sample {
     throw std::filesystem::filesystem_error(call, file, std::error_code(errno, std::generic_category()));
 }
 
-// Bytes that never repeat, and are the same on every run.
+// Bytes without a pattern, the same in every run.
 std::string LargeContent() {
     std::string bytes;
     bytes.reserve(LargeLength);

@@ -8,46 +8,45 @@
 
 #include <unistd.h>
 
+#include "resources.h"
+
 namespace rehearsal {
 
 namespace {
 
-constexpr std::size_t PathLimit = 16 * 1024; // no path is longer; more is damage
+constexpr std::size_t PathLimit = 16 * 1024; // bytes; a longer path means that the stream is damaged
 
-void Append(std::string& bytes, std::uint64_t number, int width) {
+void AppendNumber(std::string& bytes, std::uint64_t number, int width) {
     for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
         bytes += static_cast<char>(number >> shift & 0xFF);
 }
 
-std::uint64_t Number(std::string_view bytes) {
+std::uint64_t DecodeNumber(std::string_view bytes) {
     std::uint64_t number = 0;
     for (const char byte : bytes)
         number = number << 8 | static_cast<unsigned char>(byte);
     return number;
 }
 
-} // namespace
-
-std::size_t ReadFully(int file, std::span<char> buffer) {
+// Reads up to buffer.size() bytes; fewer only at the end of the file.
+std::size_t ReadOrThrow(int file, std::span<char> buffer) {
     std::size_t filled = 0;
     while (filled < buffer.size()) {
-        const ssize_t count = ::read(file, buffer.data() + filled, buffer.size() - filled);
+        const ssize_t count = ReadSome(file, buffer.data() + filled, buffer.size() - filled);
+        if (count < 0)
+            throw std::system_error(errno, std::generic_category(), "read");
         if (count == 0)
             break;
-        if (count < 0 && errno != EINTR)
-            throw std::system_error(errno, std::generic_category(), "read");
-        filled += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+        filled += static_cast<std::size_t>(count);
     }
     return filled;
 }
 
-void WriteFully(int file, std::span<const char> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(file, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR)
-            throw std::system_error(errno, std::generic_category(), "write");
-        bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
+} // namespace
+
+void WriteOrThrow(int file, std::span<const char> bytes) {
+    if (!WriteAll(file, bytes.data(), bytes.size()))
+        throw std::system_error(errno, std::generic_category(), "write");
 }
 
 void CheckValue::Add(std::span<const char> block) {
@@ -62,92 +61,90 @@ void CheckValue::Add(std::span<const char> block) {
     }
 }
 
-// ---- writer
-
 SaveFileWriter::SaveFileWriter(int file, SaveKind kind, std::string name)
-    : file_(file), kind_(kind), name_(std::move(name)), block_(BlockSize) {
-    held_.reserve(2 * BlockSize);
+    : file_(file), kind_(kind), name_(std::move(name)), block_(TransferPiece) {
+    buffer_.reserve(2 * TransferPiece);
     Write(Header());
 }
 
 std::string SaveFileWriter::Header() const {
     std::string header(SaveFileMagic);
     header += static_cast<char>(kind_);
-    Append(header, objects_, 8);
-    Append(header, name_.size(), 2);
+    AppendNumber(header, objects_, 8);
+    AppendNumber(header, name_.size(), 2);
     header += name_;
     CheckValue check;
     check.Add(header);
-    Append(header, check.value(), 8);
+    AppendNumber(header, check.Value(), 8);
     return header;
 }
 
-void SaveFileWriter::Begin(const Entry& entry) {
+void SaveFileWriter::BeginEntry(const Entry& entry) {
     std::string head(1, static_cast<char>(entry.type));
-    Append(head, entry.mode, 4);
-    Append(head, static_cast<std::uint64_t>(entry.changed.tv_sec), 8);
-    Append(head, static_cast<std::uint64_t>(entry.changed.tv_nsec), 4);
-    Append(head, entry.length, 8);
-    Append(head, entry.path.size(), 2);
+    AppendNumber(head, entry.mode, 4);
+    AppendNumber(head, static_cast<std::uint64_t>(entry.changed.tv_sec), 8);
+    AppendNumber(head, static_cast<std::uint64_t>(entry.changed.tv_nsec), 4);
+    AppendNumber(head, entry.length, 8);
+    AppendNumber(head, entry.path.size(), 2);
     check_ = CheckValue();
-    Data(head);
+    WriteData(head);
     if (!entry.path.empty())
-        Data(entry.path);
+        WriteData(entry.path);
     objects_ += entry.type != Entry::Type::End;
 }
 
-void SaveFileWriter::Data(std::span<const char> block) {
+void SaveFileWriter::WriteData(std::span<const char> block) {
     check_.Add(block);
     Write(block);
 }
 
-void SaveFileWriter::End() {
+void SaveFileWriter::EndEntry() {
     std::string check;
-    Append(check, check_.value(), 8);
+    AppendNumber(check, check_.Value(), 8);
     Write(check);
 }
 
 void SaveFileWriter::Write(std::span<const char> bytes) {
-    held_.insert(held_.end(), bytes.begin(), bytes.end());
+    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
     length_ += bytes.size();
-    if (held_.size() >= BlockSize)
+    if (buffer_.size() >= TransferPiece)
         Flush();
 }
 
 void SaveFileWriter::Flush() {
-    WriteFully(file_, held_);
-    held_.clear();
+    WriteOrThrow(file_, buffer_);
+    buffer_.clear();
 }
 
 void SaveFileWriter::AddFile(Entry entry, int source) {
-    Begin(entry);
+    BeginEntry(entry);
     while (entry.length > 0) {
-        const std::size_t wanted = std::min<std::uint64_t>(entry.length, BlockSize);
+        const std::size_t wanted = std::min<std::uint64_t>(entry.length, TransferPiece);
         const std::span<char> block(block_.data(), wanted);
-        const std::size_t filled = ReadFully(source, block);
+        const std::size_t filled = ReadOrThrow(source, block);
         std::fill(block.begin() + static_cast<std::ptrdiff_t>(filled), block.end(), '\0');
-        Data(block);
+        WriteData(block);
         entry.length -= wanted;
     }
-    End();
+    EndEntry();
 }
 
 void SaveFileWriter::AddLink(Entry entry, const std::string& target) {
     entry.length = target.size();
-    Begin(entry);
-    Data(target);
-    End();
+    BeginEntry(entry);
+    WriteData(target);
+    EndEntry();
 }
 
 void SaveFileWriter::AddDirectory(Entry entry) {
     entry.length = 0;
-    Begin(entry);
-    End();
+    BeginEntry(entry);
+    EndEntry();
 }
 
 void SaveFileWriter::Finish() {
-    Begin(Entry());
-    End();
+    BeginEntry(Entry());
+    EndEntry();
     Write(std::vector<char>((RecordLength - length_ % RecordLength) % RecordLength));
     Flush();
     const std::string header = Header();
@@ -155,56 +152,54 @@ void SaveFileWriter::Finish() {
         throw std::system_error(errno, std::generic_category(), "pwrite");
 }
 
-// ---- reader
-
-SaveFileReader::SaveFileReader(int file) : file_(file), held_(BlockSize), block_(BlockSize) {
-    std::string header = Text(SaveFileMagic.size());
+SaveFileReader::SaveFileReader(int file) : file_(file), buffer_(TransferPiece), block_(TransferPiece) {
+    std::string header = ReadText(SaveFileMagic.size());
     if (header != SaveFileMagic)
         throw DamagedStream();
-    header += Text(1 + 8 + 2);
+    header += ReadText(1 + 8 + 2);
     const std::string_view fields = std::string_view(header).substr(SaveFileMagic.size());
     kind_ = static_cast<SaveKind>(fields[0]);
-    objects_ = Number(fields.substr(1, 8));
-    name_ = Text(Number(fields.substr(9, 2)));
+    objects_ = DecodeNumber(fields.substr(1, 8));
+    name_ = ReadText(DecodeNumber(fields.substr(9, 2)));
     header += name_;
     CheckValue check;
     check.Add(header);
-    if (Number(Text(8)) != check.value())
+    if (DecodeNumber(ReadText(8)) != check.Value())
         throw DamagedStream();
 }
 
-void SaveFileReader::Take(std::span<char> to) {
-    while (!to.empty()) {
+void SaveFileReader::Read(std::span<char> bytes) {
+    while (!bytes.empty()) {
         if (used_ == filled_) {
-            filled_ = ReadFully(file_, held_);
+            filled_ = ReadOrThrow(file_, buffer_);
             used_ = 0;
             if (filled_ == 0)
                 throw DamagedStream();
         }
-        const std::size_t count = std::min(to.size(), filled_ - used_);
-        std::memcpy(to.data(), held_.data() + used_, count);
+        const std::size_t count = std::min(bytes.size(), filled_ - used_);
+        std::memcpy(bytes.data(), buffer_.data() + used_, count);
         used_ += count;
-        to = to.subspan(count);
+        bytes = bytes.subspan(count);
     }
 }
 
-void SaveFileReader::TakeChecked(std::span<char> to) {
-    Take(to);
-    check_.Add(to);
+void SaveFileReader::ReadChecked(std::span<char> bytes) {
+    Read(bytes);
+    check_.Add(bytes);
 }
 
-std::string SaveFileReader::Text(std::size_t length) {
+std::string SaveFileReader::ReadText(std::size_t length) {
     std::string text(length, '\0');
-    Take(text);
+    Read(text);
     return text;
 }
 
-bool SaveFileReader::Next(Entry& entry) {
+bool SaveFileReader::ReadEntry(Entry& entry) {
     std::string head(27, '\0');
     check_ = CheckValue();
-    TakeChecked(head);
+    ReadChecked(head);
     const auto number = [&](std::size_t at, std::size_t width) {
-        return Number(std::string_view(head).substr(at, width));
+        return DecodeNumber(std::string_view(head).substr(at, width));
     };
     entry.type = static_cast<Entry::Type>(head[0]);
     entry.mode = static_cast<mode_t>(number(1, 4)) & 07777;
@@ -214,23 +209,23 @@ bool SaveFileReader::Next(Entry& entry) {
     if (std::string_view("FDLE").find(head[0]) == std::string_view::npos || path_length > PathLimit)
         throw DamagedStream();
     entry.path.assign(path_length, '\0');
-    TakeChecked(entry.path);
+    ReadChecked(entry.path);
     if (entry.type == Entry::Type::End)
-        Finish();
+        FinishEntry();
     return entry.type != Entry::Type::End;
 }
 
-std::span<const char> SaveFileReader::Data() {
-    const std::span<char> block(block_.data(), std::min<std::uint64_t>(left_, BlockSize));
-    TakeChecked(block);
+std::span<const char> SaveFileReader::ReadData() {
+    const std::span<char> block(block_.data(), std::min<std::uint64_t>(left_, TransferPiece));
+    ReadChecked(block);
     left_ -= block.size();
     return block;
 }
 
-void SaveFileReader::Finish() {
-    while (!Data().empty())
+void SaveFileReader::FinishEntry() {
+    while (!ReadData().empty())
         continue;
-    if (Number(Text(8)) != check_.value())
+    if (DecodeNumber(ReadText(8)) != check_.Value())
         throw DamagedStream();
 }
 

@@ -13,11 +13,10 @@
 #include "control_language.h"
 #include "restore_objects.h"
 #include "save_file.h"
+#include "text.h"
 #include "texts.h"
 
 namespace rehearsal {
-
-// ---- QTEMP
 
 TemporaryLibrary::TemporaryLibrary() {
     std::string name = (std::filesystem::temp_directory_path() / "rehearsal-qtemp-XXXXXX").string();
@@ -43,13 +42,13 @@ Descriptor TemporaryLibrary::Open(const std::string& name) const {
 Descriptor TemporaryLibrary::Replace(const std::string& name) const {
     ::unlink(File(name).c_str());
     Descriptor file(::open(File(name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file)
+    if (!file.IsOpen())
         throw std::system_error(errno, std::generic_category(), "open(" + File(name).string() + ")");
     return file;
 }
 
 std::optional<std::string> SaveFileName(const std::string& path, const std::string& suffix) {
-    const std::string upper = Upper(path);
+    const std::string upper = ToUpper(path);
     const std::string library = "/QSYS.LIB/QTEMP.LIB/";
     if (!upper.starts_with(library) || !upper.ends_with(suffix) || upper.size() <= library.size() + suffix.size())
         return std::nullopt;
@@ -59,53 +58,50 @@ std::optional<std::string> SaveFileName(const std::string& path, const std::stri
 
 namespace {
 
-// ---- what a command names
-
 constexpr char SystemLibrary[] = "/QSYS.LIB";
 constexpr char DocumentRoot[] = "/QDLS";
 
-// LIBRARY/NAME of a FILE or SAVF parameter; only save files in QTEMP exist here.
+// The save file in a FILE or SAVF parameter, LIBRARY/NAME. No library but QTEMP has save files.
 std::string QualifiedSaveFile(const Command& command, const std::string& keyword, const char* elsewhere) {
-    const std::string value = command.One(keyword);
+    const std::string value = command.SingleValue(keyword);
     const std::size_t slash = value.find('/');
     const std::string library = slash == std::string::npos ? "*LIBL" : value.substr(0, slash);
     const std::string name = value.substr(slash + 1);
     CheckName(name, keyword);
     if (library != "QTEMP")
-        throw Escape{Fill(elsewhere, {name, library})};
+        throw EscapeMessage{Substitute(elsewhere, {name, library})};
     return name;
 }
 
-// The save file a save or restore command uses: DEV('/QSYS.LIB/QTEMP.LIB/NAME.FILE'), or DEV(*SAVF) with
-// SAVF.
+// The save file that a save or restore command uses: DEV('/QSYS.LIB/QTEMP.LIB/NAME.FILE'), or DEV(*SAVF) with SAVF.
 std::string UsedSaveFile(const Job& job, const Command& command) {
     std::string name;
     if (command.Has("SAVF")) {
         name = QualifiedSaveFile(command, "SAVF", text::FileMissing);
     } else {
-        const auto device = SaveFileName(command.One("DEV"), ".FILE");
+        const auto device = SaveFileName(command.SingleValue("DEV"), ".FILE");
         if (!device)
-            throw Escape{Fill(text::BadValue, {command.One("DEV"), "DEV"})};
+            throw EscapeMessage{Substitute(text::BadValue, {command.SingleValue("DEV"), "DEV"})};
         name = *device;
     }
     if (!job.library.Has(name))
-        throw Escape{Fill(text::FileMissing, {name, "QTEMP"})};
+        throw EscapeMessage{Substitute(text::FileMissing, {name, "QTEMP"})};
     return name;
 }
 
 std::string LibraryPath(const Command& command, const std::string& keyword) {
-    const std::string name = command.One(keyword);
+    const std::string name = command.SingleValue(keyword);
     CheckName(name, keyword);
     return std::string(SystemLibrary) + "/" + name + ".LIB";
 }
 
-// A path of an OBJ element in normal form. Libraries have commands of their own.
+// The normal form of a path in an OBJ element. Libraries are refused; they have their own commands.
 std::string ObjectPath(const std::string& path, const Command& command) {
     const auto normal = path.empty() ? std::nullopt : NormalPath("/", path);
     if (!normal)
-        throw Escape{Fill(text::ObjectMissing, {path})};
+        throw EscapeMessage{Substitute(text::ObjectMissing, {path})};
     if (IsWithin(*normal, SystemLibrary))
-        throw Escape{Fill(text::ObjectNotAllowed, {path, command.name})};
+        throw EscapeMessage{Substitute(text::ObjectNotAllowed, {path, command.name})};
     return *normal;
 }
 
@@ -124,38 +120,46 @@ bool IsOmitted(const std::vector<ObjectElement>& elements, const std::string& pa
                        [&](const ObjectElement& element) { return element.omit && IsWithin(path, element.path); });
 }
 
-// ---- save files
-
 std::string CreateSaveFile(const Job& job, const Command& command) {
     const std::string name = QualifiedSaveFile(command, "FILE", text::FileNotCreated);
     if (job.library.Has(name))
-        throw Escape{Fill(text::FileNotCreated, {name, "QTEMP"})};
+        throw EscapeMessage{Substitute(text::FileNotCreated, {name, "QTEMP"})};
     job.library.Replace(name);
-    return Fill(text::FileCreated, {name, "QTEMP"});
+    return Substitute(text::FileCreated, {name, "QTEMP"});
 }
 
 std::string ClearSaveFile(const Job& job, const Command& command) {
     const std::string name = QualifiedSaveFile(command, "FILE", text::FileMissing);
     if (!job.library.Has(name))
-        throw Escape{Fill(text::FileMissing, {name, "QTEMP"})};
+        throw EscapeMessage{Substitute(text::FileMissing, {name, "QTEMP"})};
     job.library.Replace(name);
-    return Fill(text::FileCleared, {name, "QTEMP"});
+    return Substitute(text::FileCleared, {name, "QTEMP"});
 }
 
-// ---- saving
+bool IsInUse(const Job& job, const std::string& path) {
+    return job.options.locked.contains(path) || job.options.busy.contains(path);
+}
 
-// One save operation. Collect is called for every path to save; then Write does it.
+// What the completion message of a save or restore counts, in objects.
+struct Counts {
+    std::uint64_t done = 0;
+    std::uint64_t not_done = 0;
+};
+
+// One save operation: Collect is called for every path to save, then Write.
 class Save {
 public:
     Save(const Job& job, const Command& command)
-        : job_(job), save_file_(UsedSaveFile(job, command)), precheck_(command.One("PRECHK", "*NO") == "*YES") {}
+        : job_(job), save_file_(UsedSaveFile(job, command)), precheck_(command.SingleValue("PRECHK", "*NO") == "*YES") {
+    }
 
     void ChangedSince(std::time_t time) { since_ = time; }
-    void Leave(std::vector<ObjectElement> elements) { left_out_ = std::move(elements); }
+    void Omit(std::vector<ObjectElement> elements) { omitted_ = std::move(elements); }
+    // Adds the object and everything below it.
     void Collect(const std::string& path, const Status& status);
-    // Gives the number of objects saved and not saved; when there are none, or a preliminary check fails,
-    // `nothing` or the check's own message escapes and the save file stays empty.
-    std::pair<std::uint64_t, std::uint64_t> Write(SaveKind kind, const std::string& name, const std::string& nothing);
+    // Returns the counts of the completion message. When no object can be saved or the preliminary check fails, throws
+    // `nothing` or the message of the check, and the save file is empty.
+    Counts Write(SaveKind kind, const std::string& name, const std::string& nothing);
 
 private:
     struct Object {
@@ -169,18 +173,18 @@ private:
     const std::string save_file_;
     const bool precheck_;
     std::optional<std::time_t> since_;
-    std::vector<ObjectElement> left_out_;
-    std::vector<Object> objects_; // a directory before what is in it
-    std::uint64_t refused_ = 0;   // locked, unreadable or neither file, directory nor link
+    std::vector<ObjectElement> omitted_;
+    std::vector<Object> objects_; // a directory precedes what is in it
+    std::uint64_t not_saved_ = 0; // locked, busy, unreadable, or of another type than file, directory and link
 };
 
 void Save::Collect(const std::string& path, const Status& status) {
-    if (IsOmitted(left_out_, path))
+    if (IsOmitted(omitted_, path))
         return;
     const bool old = since_ && status.changed.tv_sec < *since_;
     const bool directory = S_ISDIR(status.mode);
-    if (job_.options.locked.contains(path)) {
-        refused_ += !old || directory;
+    if (IsInUse(job_, path)) {
+        not_saved_ += !old || directory;
         return;
     }
     if (old && !directory)
@@ -190,7 +194,7 @@ void Save::Collect(const std::string& path, const Status& status) {
     const std::size_t before = objects_.size();
     for (const Child& child : directory ? job_.store.Children(path) : std::vector<Child>()) {
         const std::string below = Join(path, child.name);
-        if (below != SystemLibrary && below != DocumentRoot) // these have commands of their own
+        if (below != SystemLibrary && below != DocumentRoot) // these have their own commands
             Collect(below, child.status);
     }
     if (old && directory && objects_.size() == before && path != "/")
@@ -200,7 +204,7 @@ void Save::Collect(const std::string& path, const Status& status) {
 bool Save::IsReadable(const Object& object) const {
     const auto place = job_.store.Locate(object.path, false);
     const mode_t mode = object.status.mode;
-    return place && (S_ISLNK(mode) || ((S_ISREG(mode) || S_ISDIR(mode)) && place->Open(O_RDONLY)));
+    return place && (S_ISLNK(mode) || ((S_ISREG(mode) || S_ISDIR(mode)) && place->Open(O_RDONLY).IsOpen()));
 }
 
 bool Save::WriteObject(SaveFileWriter& writer, const Object& object) const {
@@ -213,51 +217,52 @@ bool Save::WriteObject(SaveFileWriter& writer, const Object& object) const {
         return true;
     }
     const Descriptor file = place ? place->Open(O_RDONLY) : Descriptor();
-    if (file && S_ISDIR(status.mode)) {
+    if (file.IsOpen() && S_ISDIR(status.mode)) {
         entry.type = Entry::Type::Directory;
         writer.AddDirectory(std::move(entry));
-    } else if (file && S_ISREG(status.mode)) {
-        writer.AddFile(std::move(entry), file.get());
+    } else if (file.IsOpen() && S_ISREG(status.mode)) {
+        writer.AddFile(std::move(entry), file.Get());
     } else {
         return false;
     }
     return true;
 }
 
-std::pair<std::uint64_t, std::uint64_t> Save::Write(SaveKind kind, const std::string& name,
-                                                    const std::string& nothing) {
+Counts Save::Write(SaveKind kind, const std::string& name, const std::string& nothing) {
     const Descriptor file = job_.library.Replace(save_file_);
     if (precheck_) {
-        refused_ += static_cast<std::uint64_t>(
+        not_saved_ += static_cast<std::uint64_t>(
             std::count_if(objects_.begin(), objects_.end(), [&](const Object& each) { return !IsReadable(each); }));
-        if (refused_ > 0)
-            throw Escape{Fill(text::PrecheckFailed, {std::to_string(refused_)})};
+        if (not_saved_ > 0)
+            throw EscapeMessage{Substitute(text::PrecheckFailed, {std::to_string(not_saved_)})};
     }
     if (objects_.empty())
-        throw Escape{nothing};
-    SaveFileWriter writer(file.get(), kind, name);
+        throw EscapeMessage{nothing};
+    SaveFileWriter writer(file.Get(), kind, name);
     std::uint64_t saved = 0;
     for (const Object& object : objects_)
         saved += WriteObject(writer, object);
-    refused_ += objects_.size() - saved;
+    not_saved_ += objects_.size() - saved;
     if (saved > 0) {
         writer.Finish();
-        return {saved, refused_};
+        job_.saved_bytes = writer.Length();
+        return {saved, not_saved_};
     }
     job_.library.Replace(save_file_);
-    throw Escape{nothing};
+    throw EscapeMessage{nothing};
 }
 
-std::string Report(std::pair<std::uint64_t, std::uint64_t> counts, const char* good, const char* partial,
-                   const std::string& from = "", const std::string& to = "") {
-    const auto text = Fill(counts.second == 0 ? good : partial,
-                           {std::to_string(counts.first), std::to_string(counts.second), from, to});
-    if (counts.second > 0)
-        throw Escape{text};
+// Returns the message `complete` or throws the message `partial`: counts, from and to are &1 to &4 in both.
+std::string CompletionMessage(Counts counts, const char* complete, const char* partial, const std::string& from = "",
+                              const std::string& to = "") {
+    const auto text = Substitute(counts.not_done == 0 ? complete : partial,
+                                 {std::to_string(counts.done), std::to_string(counts.not_done), from, to});
+    if (counts.not_done > 0)
+        throw EscapeMessage{text};
     return text;
 }
 
-// CHGPERIOD('mm/dd/yy' 'hh:mm:ss'), local time; years from 40 on are of the last century.
+// CHGPERIOD('mm/dd/yy' 'hh:mm:ss'), local time; years 40 to 99 are 1940 to 1999.
 std::time_t ChangePeriod(const Command& command) {
     std::string moment;
     for (const Value& value : command.parameters.at("CHGPERIOD"))
@@ -265,60 +270,61 @@ std::time_t ChangePeriod(const Command& command) {
     std::tm time{};
     const char* const end = ::strptime(moment.c_str(), "%m/%d/%y %H:%M:%S ", &time);
     if (!end || *end != '\0')
-        throw Escape{Fill(text::BadValue, {moment, "CHGPERIOD"})};
+        throw EscapeMessage{Substitute(text::BadValue, {moment, "CHGPERIOD"})};
     if (time.tm_year >= 140)
         time.tm_year -= 100;
     time.tm_isdst = -1;
     return std::mktime(&time);
 }
 
-// A save file that is nothing but the bytes of one file is a link to that file.
+// Saves a file as nothing but its bytes: the save file is a link to it.
 std::string SaveRaw(const Job& job, const std::string& path, const std::string& save_file) {
     const auto place = job.store.Locate(path, true);
     const Descriptor file = place ? place->Open(O_RDONLY) : Descriptor();
-    if (!file)
-        throw Escape{Fill(text::ObjectMissing, {path})};
+    if (!file.IsOpen())
+        throw EscapeMessage{Substitute(text::ObjectMissing, {path})};
     ::unlink(job.library.File(save_file).c_str());
-    std::filesystem::create_symlink(OpenedAs(file), job.library.File(save_file));
-    return Fill(text::Saved, {"1"});
+    std::filesystem::create_symlink(HostPath(file), job.library.File(save_file));
+    job.saved_bytes = std::filesystem::file_size(job.library.File(save_file));
+    return Substitute(text::Saved, {"1"});
 }
 
 std::string SavePaths(const Job& job, const Command& command) {
     const std::vector<ObjectElement> elements = NormalElements(command);
     Save save(job, command);
-    save.Leave(elements);
+    save.Omit(elements);
     if (command.Has("CHGPERIOD"))
         save.ChangedSince(ChangePeriod(command));
     for (const ObjectElement& element : elements) {
-        const auto status = job.store.Look(element.path, false);
+        const auto status = job.store.ReadStatus(element.path, false);
         if (!status)
-            throw Escape{Fill(text::ObjectMissing, {element.path})};
-        if (job.options.raw.contains(element.path) && !job.options.locked.contains(element.path))
+            throw EscapeMessage{Substitute(text::ObjectMissing, {element.path})};
+        if (job.options.raw.contains(element.path) && !IsInUse(job, element.path))
             return SaveRaw(job, element.path, UsedSaveFile(job, command));
         if (!element.omit)
             save.Collect(element.path, *status);
     }
-    return Report(save.Write(SaveKind::Paths, command.name, text::Nothing), text::Saved, text::SavedPartly);
+    return CompletionMessage(save.Write(SaveKind::Paths, command.name, text::Nothing), text::Saved, text::SavedPartly);
 }
 
 std::string SaveLibrary(const Job& job, const Command& command) {
     const std::string path = LibraryPath(command, "LIB");
-    const std::string name = command.One("LIB");
+    const std::string name = command.SingleValue("LIB");
     Save save(job, command);
-    const auto status = job.store.Look(path, false);
+    const auto status = job.store.ReadStatus(path, false);
     if (!status || !S_ISDIR(status->mode))
-        throw Escape{Fill(text::LibraryMissing, {name})};
+        throw EscapeMessage{Substitute(text::LibraryMissing, {name})};
     save.Collect(path, *status);
-    return Report(save.Write(SaveKind::Library, name, Fill(text::NothingInLibrary, {name})), text::LibrarySaved,
-                  text::LibrarySavedPartly, name);
+    return CompletionMessage(save.Write(SaveKind::Library, name, Substitute(text::NothingInLibrary, {name})),
+                             text::LibrarySaved, text::LibrarySavedPartly, name);
 }
 
-// The commands that name no object: each saves or restores what stands at one path.
+// The commands without a choice of objects: each saves or restores the same path every time.
 struct FixedCommand {
     const char* name;
     SaveKind kind;
     const char* path;
-    const char* good;
+    const char* complete;
     const char* partial;
 };
 
@@ -338,51 +344,48 @@ const FixedCommand& FixedCommandOf(const Command& command) {
 std::string SaveFixed(const Job& job, const Command& command) {
     const FixedCommand& fixed = FixedCommandOf(command);
     Save save(job, command);
-    if (const auto status = job.store.Look(fixed.path, false))
+    if (const auto status = job.store.ReadStatus(fixed.path, false))
         save.Collect(fixed.path, *status);
-    return Report(save.Write(fixed.kind, command.name, text::Nothing), fixed.good, fixed.partial);
+    return CompletionMessage(save.Write(fixed.kind, command.name, text::Nothing), fixed.complete, fixed.partial);
 }
 
-// ---- restoring
-
-// Opens the save file that `command` restores from. Escapes when it holds nothing.
+// Opens a save file to restore from. Throws EscapeMessage when it is missing or empty.
 Descriptor OpenSaveFile(const Job& job, const std::string& name) {
     Descriptor file = job.library.Open(name);
     struct stat info {};
-    if (!file || ::fstat(file.get(), &info) != 0)
-        throw Escape{Fill(text::FileMissing, {name, "QTEMP"})};
+    if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0)
+        throw EscapeMessage{Substitute(text::FileMissing, {name, "QTEMP"})};
     if (info.st_size == 0)
-        throw Escape{Fill(text::NoData, {name, "QTEMP"})};
+        throw EscapeMessage{Substitute(text::NoData, {name, "QTEMP"})};
     return file;
 }
 
-// Restores what `destination` gives a path for. The counts are those of the completion message; objects that
-// damage to the stream kept back count as not restored when some were.
-std::pair<std::uint64_t, std::uint64_t> RestoreFrom(const Job& job, const Command& command, SaveKind kind,
-                                                    const std::string& library, const std::string& nothing,
-                                                    const Destination& destination) {
+// Restores the objects that `destination` maps to a path. Objects lost to a damaged stream count as not restored. When
+// nothing was restored from a damaged stream, or nothing was selected, throws EscapeMessage.
+Counts RestoreFrom(const Job& job, const Command& command, SaveKind kind, const std::string& library,
+                   const std::string& nothing, const Destination& destination) {
     const std::string name = UsedSaveFile(job, command);
     const Descriptor file = OpenSaveFile(job, name);
     Restore restore(job.store, job.options.locked,
-                    command.One("CRTPRNDIR", "*NO") == "*YES" || kind != SaveKind::Paths);
+                    command.SingleValue("CRTPRNDIR", "*NO") == "*YES" || kind != SaveKind::Paths);
     try {
-        SaveFileReader reader(file.get());
-        if (reader.kind() != kind)
-            throw Escape{Fill(text::WrongKind, {name, "QTEMP", command.name})};
-        if (!library.empty() && reader.name() != library)
-            throw Escape{nothing};
+        SaveFileReader reader(file.Get());
+        if (reader.Kind() != kind)
+            throw EscapeMessage{Substitute(text::WrongKind, {name, "QTEMP", command.name})};
+        if (!library.empty() && reader.Name() != library)
+            throw EscapeMessage{nothing};
         restore.Run(reader, destination);
     } catch (const DamagedStream&) {
-        if (restore.restored() == 0)
-            throw Escape{Fill(text::Damaged, {name, "QTEMP"})};
+        if (restore.Restored() == 0)
+            throw EscapeMessage{Substitute(text::Damaged, {name, "QTEMP"})};
     }
-    if (restore.restored() + restore.refused() == 0)
-        throw Escape{nothing};
-    return {restore.restored(), restore.refused()};
+    if (restore.Restored() + restore.NotRestored() == 0)
+        throw EscapeMessage{nothing};
+    return {restore.Restored(), restore.NotRestored()};
 }
 
-// The new path of `path` when all of `from` becomes `to`, or stays where it was without one.
-std::string Moved(const std::string& path, const std::string& from, const std::string& to) {
+// `path` after `from`, which contains it, is renamed to `to`; an empty `to` renames nothing.
+std::string RenamedPath(const std::string& path, const std::string& from, const std::string& to) {
     if (to.empty())
         return path;
     const std::string below = path.substr(from == "/" ? 0 : from.size());
@@ -391,17 +394,17 @@ std::string Moved(const std::string& path, const std::string& from, const std::s
 
 bool HasMagic(const Descriptor& file) {
     std::array<char, SaveFileMagic.size()> start{};
-    const ssize_t count = ::pread(file.get(), start.data(), start.size(), 0);
+    const ssize_t count = ::pread(file.Get(), start.data(), start.size(), 0);
     return std::string_view(start.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))) == SaveFileMagic;
 }
 
-// A save file that is one file's bytes becomes that file; the save file stays as a link to it.
+// Restores a file from a save file that is nothing but its bytes. The save file becomes a link to the file.
 std::string RestoreRaw(const Job& job, const std::string& path, const std::string& save_file) {
     MakeParents(job.store, path);
     const auto place = job.store.Locate(path, false);
     if (!place || !PutFile(job.library.File(save_file), *place))
-        throw Escape{Fill(text::RestoredPartly, {"0", "1"})};
-    return Fill(text::Restored, {"1"});
+        throw EscapeMessage{Substitute(text::RestoredPartly, {"0", "1"})};
+    return Substitute(text::Restored, {"1"});
 }
 
 std::string RestorePaths(const Job& job, const Command& command) {
@@ -420,48 +423,47 @@ std::string RestorePaths(const Job& job, const Command& command) {
         for (const ObjectElement& element : elements) {
             if (element.omit || !IsWithin(path, element.path) || IsOmitted(elements, path))
                 continue;
-            const std::string moved = Moved(path, element.path, element.new_name);
-            return NormalPath("/", moved) && !IsWithin(moved, SystemLibrary) ? moved : "";
+            const std::string renamed = RenamedPath(path, element.path, element.new_name);
+            return NormalPath("/", renamed) && !IsWithin(renamed, SystemLibrary) ? renamed : "";
         }
         return std::nullopt;
     };
-    return Report(RestoreFrom(job, command, SaveKind::Paths, "", text::Nothing, destination), text::Restored,
-                  text::RestoredPartly);
+    return CompletionMessage(RestoreFrom(job, command, SaveKind::Paths, "", text::Nothing, destination), text::Restored,
+                             text::RestoredPartly);
 }
 
-// Everything in the save file is at or below `from` and goes to `to`.
+// Restores everything in the save file, all of it at or below `from`, to `to`.
 Destination WholeTree(const std::string& from, const std::string& to) {
     return [from, to](const std::string& path) {
         const auto normal = NormalPath("/", path);
         if (path != from && (!normal || *normal != path || !IsWithin(path, from)))
             throw DamagedStream();
-        return std::optional(Moved(path, from, to));
+        return std::optional(RenamedPath(path, from, to));
     };
 }
 
 std::string RestoreLibrary(const Job& job, const Command& command) {
     const std::string from = LibraryPath(command, "SAVLIB");
-    const std::string name = command.One("SAVLIB");
-    const bool renamed = command.One("RSTLIB", "*SAVLIB") != "*SAVLIB";
+    const std::string name = command.SingleValue("SAVLIB");
+    const bool renamed = command.SingleValue("RSTLIB", "*SAVLIB") != "*SAVLIB";
     const std::string to = renamed ? LibraryPath(command, "RSTLIB") : from;
-    const auto counts =
-        RestoreFrom(job, command, SaveKind::Library, name, Fill(text::NothingInLibrary, {name}), WholeTree(from, to));
-    return Report(counts, text::LibraryRestored, text::LibraryRestoredPartly, name,
-                  renamed ? command.One("RSTLIB") : name);
+    const auto counts = RestoreFrom(job, command, SaveKind::Library, name, Substitute(text::NothingInLibrary, {name}),
+                                    WholeTree(from, to));
+    return CompletionMessage(counts, text::LibraryRestored, text::LibraryRestoredPartly, name,
+                             renamed ? command.SingleValue("RSTLIB") : name);
 }
 
 std::string RestoreFixed(const Job& job, const Command& command) {
     const FixedCommand& fixed = FixedCommandOf(command);
     const Destination destination = WholeTree(fixed.path, fixed.path);
-    return Report(RestoreFrom(job, command, fixed.kind, "", text::Nothing, destination), fixed.good, fixed.partial);
+    return CompletionMessage(RestoreFrom(job, command, fixed.kind, "", text::Nothing, destination), fixed.complete,
+                             fixed.partial);
 }
 
-// Restored objects carry their permissions already; there is nothing left to grant.
+// Objects are restored with their permissions, so there is nothing left to grant.
 std::string RestoreAuthority(const Job&, const Command&) {
     return text::AuthorityRestored;
 }
-
-// ---- the commands
 
 struct Definition {
     const char* name;
@@ -469,7 +471,7 @@ struct Definition {
     std::vector<Keyword> keywords;
 };
 
-// Keywords that several commands share
+// Keywords of several commands.
 const Keyword PathDevice{"DEV", true};
 const Keyword FileDevice{"DEV", true, "*SAVF"};
 const Keyword SaveFile{"SAVF", true};
@@ -521,7 +523,7 @@ std::string RunCommand(const Job& job, const std::string& line) {
             CheckKeywords(command, definition.keywords, job.options.release);
             return definition.run(job, command);
         }
-    throw Escape{Fill(text::NoCommand, {command.name})};
+    throw EscapeMessage{Substitute(text::NoCommand, {command.name})};
 }
 
 } // namespace rehearsal

@@ -25,8 +25,8 @@ namespace {
     throw std::system_error(errno, std::generic_category(), call);
 }
 
-// The server's threads take no signals: they belong to the program around, and a broken connection must reach
-// sendfile as an error instead of SIGPIPE.
+// Signals belong to the program around the server, so its threads block all of them. A broken connection is then an
+// error of write or sendfile instead of SIGPIPE.
 class SignalsBlocked {
 public:
     SignalsBlocked() {
@@ -52,11 +52,11 @@ Descriptor Listen(const std::string& address, std::uint16_t port) {
         Fail("inet_pton(" + address + ")");
     Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
-    if (!socket || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
+    if (!socket.IsOpen() || ::setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
         Fail("socket");
-    if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
+    if (::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
         Fail("bind(" + place + ")");
-    if (::listen(socket.get(), SOMAXCONN) != 0)
+    if (::listen(socket.Get(), SOMAXCONN) != 0)
         Fail("listen(" + place + ")");
     return socket;
 }
@@ -71,64 +71,67 @@ struct Server::State {
 
     void Accept();
     void Start(Descriptor control);
-    void ForgetEnded();
+    void RemoveEndedSessions();
 
-    struct Running {
+    struct RunningSession {
         Session session;
         std::atomic<bool> ended = false;
         std::thread thread;
-        Running(Shared& shared, Descriptor control, int number) : session(shared, std::move(control), number) {}
+        RunningSession(SharedState& shared, Descriptor control, int number)
+            : session(shared, std::move(control), number) {}
     };
 
-    Shared shared;
+    SharedState shared;
     Descriptor listener;
     std::atomic<bool> ending = false;
     std::atomic<int> accepted = 0;
-    std::list<Running> sessions; // changed by the accepting thread, and after its end by the destructor
+    std::list<RunningSession> sessions; // changed by the accepting thread; after its end, by the destructor
     std::thread accepting;
 };
 
 Server::State::State(Options options)
     : shared(std::move(options)), listener(Listen(shared.options.address, shared.options.port)) {
+    if (shared.options.sample)
+        MakeSample(shared.options.root);
     const SignalsBlocked blocked;
     accepting = std::thread([this] { Accept(); });
 }
 
 Server::State::~State() {
     ending = true;
-    ::shutdown(listener.get(), SHUT_RDWR);
+    ::shutdown(listener.Get(), SHUT_RDWR);
     accepting.join();
-    for (Running& running : sessions)
+    for (RunningSession& running : sessions)
         running.session.Interrupt();
-    for (Running& running : sessions)
+    for (RunningSession& running : sessions)
         running.thread.join();
 }
 
 void Server::State::Accept() {
     while (!ending) {
-        Descriptor control(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (control && !ending)
+        Descriptor control(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (control.IsOpen() && !ending)
             Start(std::move(control));
         else if (!ending && errno != EINTR && errno != ECONNABORTED)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // out of descriptors, perhaps not for long
+            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // out of descriptors, probably for a short time
     }
 }
 
 void Server::State::Start(Descriptor control) {
     const int on = 1;
-    ::setsockopt(control.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    ForgetEnded();
+    ::setsockopt(control.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    RemoveEndedSessions();
     shared.open++;
-    Running& running = sessions.emplace_back(shared, std::move(control), accepted++);
+    RunningSession& running = sessions.emplace_back(shared, std::move(control), accepted++);
     running.thread = std::thread([&running] {
         running.session.Run();
         running.ended = true;
     });
 }
 
-void Server::State::ForgetEnded() {
-    sessions.remove_if([](Running& running) {
-        const bool ended = running.ended; // asked once: it may end meanwhile, and must be joined before it goes
+void Server::State::RemoveEndedSessions() {
+    sessions.remove_if([](RunningSession& running) {
+        const bool ended = running.ended; // read once: what is removed must have been joined
         if (ended)
             running.thread.join();
         return ended;
@@ -142,7 +145,7 @@ Server::~Server() = default;
 std::uint16_t Server::Port() const {
     sockaddr_in name{};
     socklen_t length = sizeof name;
-    if (::getsockname(state_->listener.get(), reinterpret_cast<sockaddr*>(&name), &length) != 0)
+    if (::getsockname(state_->listener.Get(), reinterpret_cast<sockaddr*>(&name), &length) != 0)
         Fail("getsockname");
     return ntohs(name.sin_port);
 }

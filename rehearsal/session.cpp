@@ -9,13 +9,16 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "resources.h"
+#include "text.h"
 #include "texts.h"
 
 namespace rehearsal {
 
 namespace {
 
-constexpr std::size_t LineLimit = 64 * 1024; // a longer command line ends the session
+constexpr std::size_t FloodBlock = 64 * 1024; // least bytes of a flood that are sent at once
+constexpr std::size_t LineLimit = 64 * 1024;  // bytes; a longer command line ends the session
 
 } // namespace
 
@@ -33,33 +36,35 @@ void CloseByReset(int socket) {
     ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
 }
 
-// ---- what sessions share
-
-std::size_t Shared::Record(int session, const std::string& line) {
-    const bool secret = Upper(line.substr(0, 5)) == "PASS ";
-    const std::lock_guard lock(guard_);
+std::size_t SharedState::RecordCommand(int session, const std::string& line) {
+    if (!options.record)
+        return 0;
+    const bool secret = StartsWithIgnoringCase(line, "PASS ");
+    const std::lock_guard lock(mutex_);
     exchanges_.push_back({session, secret ? line.substr(0, 5) + "****" : line, {}, 0});
     return exchanges_.size() - 1;
 }
 
-void Shared::RecordReply(std::size_t exchange, const std::string& reply) {
-    const std::lock_guard lock(guard_);
-    exchanges_[exchange].replies.push_back(reply);
+void SharedState::RecordReply(std::size_t exchange, const std::string& reply) {
+    const std::lock_guard lock(mutex_);
+    if (options.record)
+        exchanges_[exchange].replies.push_back(reply);
 }
 
-void Shared::RecordMoved(std::size_t exchange, std::size_t bytes) {
-    const std::lock_guard lock(guard_);
-    exchanges_[exchange].moved = bytes;
+void SharedState::RecordTransferred(std::size_t exchange, std::size_t bytes) {
+    const std::lock_guard lock(mutex_);
+    if (options.record)
+        exchanges_[exchange].moved = bytes;
 }
 
-std::vector<Exchange> Shared::Exchanges() const {
-    const std::lock_guard lock(guard_);
+std::vector<Exchange> SharedState::Exchanges() const {
+    const std::lock_guard lock(mutex_);
     return exchanges_;
 }
 
-std::vector<const Fault*> Shared::FaultsOf(const std::string& line) {
+std::vector<const Fault*> SharedState::FaultsOf(const std::string& line) {
     std::vector<const Fault*> faults;
-    const std::lock_guard lock(guard_);
+    const std::lock_guard lock(mutex_);
     for (std::size_t index = 0; index < counts_.size(); index++) {
         const Fault& fault = options.faults[index];
         const bool match = fault.command.empty() ? line.empty() : line.starts_with(fault.command);
@@ -70,61 +75,59 @@ std::vector<const Fault*> Shared::FaultsOf(const std::string& line) {
     return faults;
 }
 
-// ---- life of a session
-
 void Session::Run() {
     try {
         const TemporaryLibrary library;
         library_ = &library;
         Serve();
-    } catch (const Gone&) {
+    } catch (const SessionEnded&) {
     } catch (const std::exception& error) {
-        const std::string text = Fill(text::NoService, {error.what()}) + "\r\n";
-        ::send(control_.get(), text.data(), text.size(), MSG_NOSIGNAL);
+        const std::string text = Substitute(text::NoService, {error.what()}) + "\r\n";
+        ::send(control_.Get(), text.data(), text.size(), MSG_NOSIGNAL);
     }
-    // QTEMP and the count are gone before the client can see the end of its connection.
+    // A client that sees the connection end may rely on QTEMP being removed and the session no longer being counted.
     library_ = nullptr;
     shared_.open--;
-    Install(passive_, Descriptor());
-    Install(data_, Descriptor());
-    Install(control_, Descriptor());
+    ReplaceSocket(passive_, Descriptor());
+    ReplaceSocket(data_, Descriptor());
+    ReplaceSocket(control_, Descriptor());
 }
 
 void Session::Interrupt() {
-    const std::lock_guard lock(guard_);
+    const std::lock_guard lock(mutex_);
     ending_ = true;
     for (const Descriptor* socket : {&control_, &passive_, &data_})
-        if (*socket)
-            ::shutdown(socket->get(), SHUT_RDWR);
+        if (socket->IsOpen())
+            ::shutdown(socket->Get(), SHUT_RDWR);
 }
 
-void Session::Install(Descriptor& slot, Descriptor value) {
-    const std::lock_guard lock(guard_);
+void Session::ReplaceSocket(Descriptor& slot, Descriptor value) {
+    const std::lock_guard lock(mutex_);
     std::swap(slot, value);
-    if (ending_ && slot)
-        ::shutdown(slot.get(), SHUT_RDWR);
+    if (ending_ && slot.IsOpen())
+        ::shutdown(slot.Get(), SHUT_RDWR);
 }
 
 void Session::Serve() {
     faults_ = shared_.FaultsOf("");
-    exchange_ = shared_.Record(number_, "");
+    exchange_ = shared_.RecordCommand(number_, "");
     Reply(text::Greeting);
     for (;;) {
         const std::string line = ReadLine(idle_seconds_);
         if (!line.empty())
-            Perform(line);
+            ProcessCommand(line);
     }
 }
 
-void Session::Perform(const std::string& line) {
-    exchange_ = shared_.Record(number_, line);
+void Session::ProcessCommand(const std::string& line) {
+    exchange_ = shared_.RecordCommand(number_, line);
     if (shared_.options.on_command)
         shared_.options.on_command(line);
     faults_ = shared_.FaultsOf(line);
     replies_ = 0;
-    moved_ = 0;
+    transferred_ = 0;
     const std::size_t blank = std::min(line.find(' '), line.size());
-    verb_ = Upper(line.substr(0, blank));
+    verb_ = ToUpper(line.substr(0, blank));
     const std::string parameter = line.substr(std::min(line.find_first_not_of(' ', blank), line.size()));
     const auto verb =
         std::find_if(Verbs().begin(), Verbs().end(), [&](const Verb& each) { return each.name == verb_; });
@@ -135,7 +138,7 @@ void Session::Perform(const std::string& line) {
         if (transfers)
             CloseData();
     } else if (verb == Verbs().end()) {
-        Reply(Fill(text::UnknownCommand, {verb_}));
+        Reply(Substitute(text::UnknownCommand, {verb_}));
     } else if (!logged_on_ && !verb->before_logon) {
         Reply(text::NotLoggedOn);
     } else {
@@ -143,22 +146,20 @@ void Session::Perform(const std::string& line) {
     }
 }
 
-// ---- control connection
-
 std::string Session::ReadLine(int wait_seconds) {
     std::size_t end = 0;
-    while ((end = held_.find('\n')) == std::string::npos) {
+    while ((end = received_.find('\n')) == std::string::npos) {
         std::array<char, 4096> buffer{};
         const int wait = wait_seconds < 0 ? -1 : std::min(wait_seconds, INT_MAX / 1000) * 1000;
-        if (held_.size() > LineLimit || !WaitFor(control_.get(), POLLIN, wait))
-            throw Gone();
-        const ssize_t count = ::recv(control_.get(), buffer.data(), buffer.size(), 0);
+        if (received_.size() > LineLimit || !WaitFor(control_.Get(), POLLIN, wait))
+            throw SessionEnded();
+        const ssize_t count = ::recv(control_.Get(), buffer.data(), buffer.size(), 0);
         if (count == 0 || (count < 0 && errno != EINTR))
-            throw Gone();
-        held_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+            throw SessionEnded();
+        received_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
-    std::string line = held_.substr(0, end);
-    held_.erase(0, end + 1);
+    std::string line = received_.substr(0, end);
+    received_.erase(0, end + 1);
     if (line.ends_with('\r'))
         line.pop_back();
     return line;
@@ -180,7 +181,7 @@ void Session::Reply(std::string text) {
     using Kind = Fault::Kind;
     const int reply = replies_++;
     if (shared_.options.capitals)
-        text = Upper(text);
+        text = ToUpper(text);
     if (const Fault* fault = Active(Kind::Replace, reply))
         text = fault->text;
     text += "\r\n";
@@ -188,22 +189,24 @@ void Session::Reply(std::string text) {
     if (const Fault* fault = Active(Kind::Silent, reply)) {
         if (fault->pause_ms == 0)
             AwaitClientLeaving();
-        WaitFor(control_.get(), POLLRDHUP, fault->pause_ms);
-        throw Gone();
+        WaitFor(control_.Get(), POLLRDHUP, fault->pause_ms);
+        throw SessionEnded();
     }
     const Fault* reset = Active(Kind::Reset, reply);
     if (const Fault* fault = reset ? reset : Active(Kind::Close, reply)) {
         SendControl(std::string_view(text).substr(0, fault->bytes));
         if (reset)
-            CloseByReset(control_.get());
-        throw Gone();
+            CloseByReset(control_.Get());
+        throw SessionEnded();
     }
+    if (const Fault* fault = Active(Kind::Flood, reply))
+        SendFlood(text, *fault);
     if (const Fault* fault = Active(Kind::Pieces, reply))
         SendPieces(text, *fault);
     else
         SendControl(text);
     if (Active(Kind::CloseAfter, reply))
-        throw Gone();
+        throw SessionEnded();
 }
 
 void Session::SendPieces(const std::string& bytes, const Fault& fault) {
@@ -212,18 +215,25 @@ void Session::SendPieces(const std::string& bytes, const Fault& fault) {
         const std::size_t end = std::clamp(cut, sent, bytes.size());
         SendControl(std::string_view(bytes).substr(sent, end - sent));
         sent = end;
-        WaitFor(control_.get(), POLLRDHUP, fault.pause_ms); // a pause, cut short when the connection ends
+        WaitFor(control_.Get(), POLLRDHUP, fault.pause_ms); // the pause ends early when the connection ends
     }
     SendControl(std::string_view(bytes).substr(sent));
 }
 
+void Session::SendFlood(const std::string& reply, const Fault& fault) {
+    const std::string text = fault.text.empty() ? reply.substr(0, 3) + "-Still running.\r\n" : fault.text;
+    std::string block = text;
+    while (fault.pause_ms == 0 && block.size() < FloodBlock)
+        block += text;
+    do
+        SendControl(block);
+    while (fault.pause_ms == 0 || !WaitFor(control_.Get(), POLLRDHUP, fault.pause_ms));
+    throw SessionEnded();
+}
+
 void Session::SendControl(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::send(control_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (count < 0 && errno != EINTR)
-            throw Gone();
-        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
+    if (!WriteAll(control_.Get(), bytes.data(), bytes.size()))
+        throw SessionEnded();
 }
 
 void Session::AwaitClientLeaving() {

@@ -1,9 +1,10 @@
-// One FTP session: the control connection with its commands, and the data connection of a transfer. Each runs
-// in a thread of its own; only Interrupt may be called from another.
+// One FTP session: the control connection with its commands, and the data connection of a transfer. Each session runs
+// in its own thread; only Interrupt may be called from another one.
 
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -17,16 +18,18 @@
 
 namespace rehearsal {
 
-// Waits until `events` (of poll) happen to the socket, or it ends; -1 waits for ever. False after the time.
+// Waits for `events` (as for poll) on the socket, or for its end. Returns false when the time is over; -1 waits
+// forever.
 bool WaitFor(int socket, short events, int milliseconds);
 
-// Makes the coming close of the socket a reset.
+// Makes the next close of the socket send a reset.
 void CloseByReset(int socket);
 
 // What all sessions of a server share. Any thread may call the functions.
-class Shared {
+class SharedState {
 public:
-    explicit Shared(Options given) : options(std::move(given)), store(options.root), counts_(options.faults.size()) {}
+    explicit SharedState(Options given)
+        : options(std::move(given)), store(options.root), counts_(options.faults.size()) {}
 
     const Options options;
     const Store store;
@@ -34,31 +37,31 @@ public:
     std::atomic<int> open = 0;  // sessions not yet ended
     std::atomic<int> met_faults = 0;
 
-    // Begins the record of an exchange; gives its index, by which replies and data are added.
-    std::size_t Record(int session, const std::string& line);
+    // Starts the record of an exchange. Returns its index, which the next two functions need.
+    std::size_t RecordCommand(int session, const std::string& line);
     void RecordReply(std::size_t exchange, const std::string& reply);
-    void RecordMoved(std::size_t exchange, std::size_t bytes);
+    void RecordTransferred(std::size_t exchange, std::size_t bytes);
     std::vector<Exchange> Exchanges() const;
-    // The faults that befall this command line ("": the greeting). Counts the match.
+    // Counts the command line ("" is the greeting) for all faults and returns those that happen to it.
     std::vector<const Fault*> FaultsOf(const std::string& line);
 
 private:
-    mutable std::mutex guard_;
-    std::vector<Exchange> exchanges_; // under guard_
-    std::vector<int> counts_;         // matches so far, by fault; under guard_
+    mutable std::mutex mutex_;
+    std::vector<Exchange> exchanges_; // guarded by mutex_
+    std::vector<int> counts_;         // matches so far, by fault; guarded by mutex_
 };
 
 class Session {
 public:
-    Session(Shared& shared, Descriptor control, int number)
+    Session(SharedState& shared, Descriptor control, int number)
         : shared_(shared), number_(number), control_(std::move(control)) {}
 
-    void Run();       // until the client leaves, QUIT, a fault or Interrupt ends it
-    void Interrupt(); // makes Run end soon; any thread
+    void Run();       // returns after QUIT, a fault that ends the session, Interrupt, or when the client leaves
+    void Interrupt(); // makes Run return soon; any thread may call it
 
 private:
-    struct Gone {}; // the control connection is no more, or shall be no more
-    enum class Moved { All, Cut, Broken };
+    struct SessionEnded {}; // thrown when the control connection is closed or must be closed now
+    enum class TransferResult { Complete, Cut, Broken };
     using Handler = void (Session::*)(const std::string& parameter);
     struct Verb {
         const char* name;
@@ -70,26 +73,29 @@ private:
 
     // Control connection
     void Serve();
-    void Perform(const std::string& line);
-    std::string ReadLine(int wait_seconds); // -1: for ever; throws Gone
-    void Reply(std::string text);           // the one place where replies leave, with the faults of the command
+    void ProcessCommand(const std::string& line);
+    std::string ReadLine(int wait_seconds); // -1 waits forever; throws SessionEnded
+    void Reply(std::string text);           // all replies are sent here, with the faults of the command
     void SendPieces(const std::string& bytes, const Fault& fault);
+    [[noreturn]] void SendFlood(const std::string& reply, const Fault& fault);
     void SendControl(std::string_view bytes);
     [[noreturn]] void AwaitClientLeaving();
-    const Fault* Active(Fault::Kind kind) const; // of this command, whatever reply it is for
+    const Fault* Active(Fault::Kind kind) const; // of this command, for any of its replies
     const Fault* Active(Fault::Kind kind, int reply) const;
 
     // Data connection
     bool OpenData(int wait_milliseconds);
     void CloseData();
     void RefuseTransfer(const std::string& reply);
-    std::size_t Allowance(std::size_t wanted) const; // bytes up to where a fault strikes; 0: it strikes now
-    Moved CutData();
-    Moved SendData(std::string_view bytes);
-    Moved SendFile(int file);
-    Moved ReceiveFile(int file);
-    void FinishTransfer(Moved moved, const char* completed);
-    void Install(Descriptor& slot, Descriptor value);
+    std::size_t AllowedBytes(std::size_t wanted) const; // for the next call; 0: a fault happens now
+    void CountTransferred(std::size_t bytes);
+    void WaitAtRate(std::uint64_t bytes, std::uint64_t rate, std::chrono::steady_clock::time_point start);
+    TransferResult CutData();
+    TransferResult SendData(std::string_view bytes);
+    TransferResult SendFile(int file);
+    TransferResult ReceiveFile(int file);
+    void FinishTransfer(TransferResult result, const char* completed);
+    void ReplaceSocket(Descriptor& slot, Descriptor value);
 
     // Commands
     void User(const std::string& parameter);
@@ -110,26 +116,28 @@ private:
     Descriptor OpenToReceive(const std::string& parameter, std::string& refusal) const;
     bool NeedsImage(const std::string& parameter) const;
 
-    Shared& shared_;
+    SharedState& shared_;
     const int number_;
-    const TemporaryLibrary* library_ = nullptr; // while Run runs
-    std::string held_;                          // received and not yet consumed
-    std::vector<const Fault*> faults_;          // of the current command
-    std::string verb_;                          // likewise
-    std::size_t exchange_ = 0;                  // its record
-    int replies_ = 0;                           // of the current command, so far
-    std::size_t moved_ = 0;                     // bytes of data, likewise
+    const TemporaryLibrary* library_ = nullptr; // nullptr before and after Run
+    std::string received_;                      // not yet processed
+
+    // Of the current command
+    std::vector<const Fault*> faults_;
+    std::string verb_;
+    std::size_t exchange_ = 0;    // index of its record
+    int replies_ = 0;             // sent so far
+    std::size_t transferred_ = 0; // bytes on the data connection
+    std::chrono::steady_clock::time_point transfer_start_;
 
     std::string user_;
     bool logged_on_ = false;
-    bool image_ = false;
+    bool image_ = false; // TYPE I
     std::string directory_ = "/";
     int idle_seconds_ = 300;
 
-    // The session's thread alone changes these, under guard_; others only shut them down, under guard_ as
-    // well.
-    std::mutex guard_;
-    bool ending_ = false; // under guard_
+    // Only the session's thread replaces the sockets. Other threads only shut them down.
+    std::mutex mutex_;
+    bool ending_ = false; // guarded by mutex_, as are the changes of the sockets below
     Descriptor control_;
     Descriptor passive_; // listens for the data connection that PASV announced
     Descriptor data_;

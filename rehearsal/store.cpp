@@ -17,8 +17,8 @@ namespace rehearsal {
 
 namespace {
 
-constexpr int LinkLimit = 40; // links followed for one path, so that a ring of links ends
-constexpr int PassThrough = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int LinkLimit = 40; // links followed for one path, so that a loop of links ends
+constexpr int PathOnly = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 std::vector<std::string> Components(std::string_view path) {
     std::vector<std::string> names;
@@ -42,8 +42,6 @@ Status ToStatus(const struct stat& info) {
 
 } // namespace
 
-// ---- paths
-
 std::optional<std::string> NormalPath(const std::string& current, std::string_view path) {
     if (path.find('\0') != std::string_view::npos)
         return std::nullopt;
@@ -61,11 +59,6 @@ bool IsWithin(std::string_view path, std::string_view base) {
     return base == "/" || (path.starts_with(base) && (path.size() == base.size() || path[base.size()] == '/'));
 }
 
-std::string ParentOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 std::string NameOf(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
@@ -74,85 +67,76 @@ std::string Join(const std::string& directory, const std::string& name) {
     return directory == "/" ? "/" + name : directory + "/" + name;
 }
 
-// ---- places
-
-Descriptor::~Descriptor() {
-    if (value_ >= 0)
-        ::close(value_);
-}
-
-std::optional<Status> Place::Look() const {
+std::optional<Status> Place::ReadStatus() const {
     struct stat info {};
-    if (::fstatat(directory.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+    if (::fstatat(directory.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return std::nullopt;
     return ToStatus(info);
 }
 
 Descriptor Place::Open(int flags, mode_t mode) const {
-    return Descriptor(::openat(directory.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode));
+    return Descriptor(::openat(directory.Get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode));
 }
 
 std::string Place::LinkTarget() const {
     std::array<char, PATH_MAX> target{};
-    const ssize_t length = ::readlinkat(directory.get(), name.c_str(), target.data(), target.size());
+    const ssize_t length = ::readlinkat(directory.Get(), name.c_str(), target.data(), target.size());
     return {target.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-std::filesystem::path OpenedAs(const Descriptor& file) {
-    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.get()));
+std::filesystem::path HostPath(const Descriptor& file) {
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.Get()));
 }
 
-// ---- store
-
 Store::Store(const std::filesystem::path& root) : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
-    if (!root_)
+    if (!root_.IsOpen())
         throw std::system_error(errno, std::generic_category(), "open(" + root.string() + ")");
 }
 
-Descriptor Store::Reopen(const std::vector<std::string>& names) const {
-    Descriptor directory(::openat(root_.get(), ".", PassThrough));
+Descriptor Store::OpenFromRoot(const std::vector<std::string>& names) const {
+    Descriptor directory(::openat(root_.Get(), ".", PathOnly));
     for (const std::string& name : names)
-        directory = Descriptor(::openat(directory.get(), name.c_str(), PassThrough));
+        directory = Descriptor(::openat(directory.Get(), name.c_str(), PathOnly));
     return directory;
 }
 
 std::optional<Place> Store::Locate(const std::string& path, bool follow) const {
     const auto first = Components(path);
-    std::deque<std::string> ahead(first.begin(), first.end());
-    std::vector<std::string> behind; // what `place.directory` was reached by, free of links
-    Place place{Reopen(behind), "."};
-    for (int links = 0; place.directory && !ahead.empty();) {
-        place.name = std::move(ahead.front());
-        ahead.pop_front();
-        if (links > 0 && behind.empty() && IsHidden(place.name))
+    std::deque<std::string> pending(first.begin(), first.end());
+    std::vector<std::string> resolved; // the path of `place.directory`, without links
+    Place place{OpenFromRoot(resolved), "."};
+    for (int links = 0; place.directory.IsOpen() && !pending.empty();) {
+        place.name = std::move(pending.front());
+        pending.pop_front();
+        if (links > 0 && resolved.empty() && IsHidden(place.name))
             return std::nullopt;
-        if (place.name == "..") { // only ever from a link
-            if (!behind.empty())
-                behind.pop_back();
-            place = {Reopen(behind), "."};
+        if (place.name == "..") { // only in the target of a link
+            if (!resolved.empty())
+                resolved.pop_back();
+            place = {OpenFromRoot(resolved), "."};
             continue;
         }
-        const auto status = place.Look();
-        if (status && S_ISLNK(status->mode) && (follow || !ahead.empty())) {
+        const auto status = place.ReadStatus();
+        if (status && S_ISLNK(status->mode) && (follow || !pending.empty())) {
             const std::string target = place.LinkTarget();
             const auto names = Components(target);
             if (++links > LinkLimit || target.empty())
                 return std::nullopt;
             if (target.starts_with('/'))
-                behind.clear();
-            ahead.insert(ahead.begin(), names.begin(), names.end());
-            place = {Reopen(behind), "."};
-        } else if (!ahead.empty()) {
-            behind.push_back(place.name);
-            place = {Descriptor(::openat(place.directory.get(), behind.back().c_str(), PassThrough)), "."};
+                resolved.clear();
+            pending.insert(pending.begin(), names.begin(), names.end());
+            place = {OpenFromRoot(resolved), "."};
+        } else if (!pending.empty()) {
+            resolved.push_back(place.name);
+            place = {Descriptor(::openat(place.directory.Get(), resolved.back().c_str(), PathOnly)), "."};
         }
     }
-    return place.directory ? std::optional(std::move(place)) : std::nullopt;
+    return place.directory.IsOpen() ? std::optional(std::move(place)) : std::nullopt;
 }
 
-std::optional<Status> Store::Look(const std::string& path, bool follow) const {
+std::optional<Status> Store::ReadStatus(const std::string& path, bool follow) const {
     const auto place = Locate(path, follow);
-    return place ? place->Look() : std::nullopt;
+    return place ? place->ReadStatus() : std::nullopt;
 }
 
 Descriptor Store::OpenDirectory(const std::string& path) const {
@@ -163,15 +147,15 @@ Descriptor Store::OpenDirectory(const std::string& path) const {
 std::vector<Child> Store::Children(const std::string& path) const {
     std::vector<Child> children;
     const Descriptor directory = OpenDirectory(path);
-    if (!directory)
+    if (!directory.IsOpen())
         return children;
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(::dup(directory.get())), ::closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(::dup(directory.Get())), ::closedir);
     while (const dirent* entry = stream ? ::readdir(stream.get()) : nullptr) {
         struct stat info {};
         std::string name = entry->d_name;
         if (name == "." || name == ".." || (path == "/" && IsHidden(name)))
             continue;
-        if (::fstatat(directory.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+        if (::fstatat(directory.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
             children.push_back({std::move(name), ToStatus(info)});
     }
     std::sort(children.begin(), children.end(), [](const Child& a, const Child& b) { return a.name < b.name; });

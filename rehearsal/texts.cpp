@@ -1,10 +1,10 @@
 #include "texts.h"
 
-#include <algorithm>
+#include "text.h"
 
 namespace rehearsal {
 
-std::string Fill(std::string_view text, std::initializer_list<std::string> arguments) {
+std::string Substitute(std::string_view text, std::initializer_list<std::string> arguments) {
     std::string filled;
     for (std::size_t at = 0; at < text.size(); at++) {
         const bool mark = text[at] == '&' && at + 1 < text.size();
@@ -19,10 +19,11 @@ std::string Fill(std::string_view text, std::initializer_list<std::string> argum
     return filled;
 }
 
-std::string Upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
-    return text;
+bool IsListed(std::string_view word, std::string_view words) {
+    for (std::string_view each = ConsumeField(words); !each.empty(); each = ConsumeField(words))
+        if (each == word)
+            return true;
+    return false;
 }
 
 } // namespace rehearsal

@@ -1,6 +1,6 @@
-// Every text the server says, once. &1, &2 ... are filled in by Fill, as in the server's own message
-// descriptions. Replies of FTP commands carry their code; messages of control language commands do not: the
-// session puts a good one behind "250 " and a failure into the two lines of RemoteFailed.
+// Every text that the server sends, once. Substitute fills in &1, &2 and so on, as in the message descriptions of a
+// real server. Replies to FTP commands include their code. Messages of control language commands do not: the session
+// sends a completion message after "250 ", and an escape message in the second line of RemoteFailed.
 
 #pragma once
 
@@ -10,11 +10,11 @@
 
 namespace rehearsal {
 
-// The text with &1 to &9 replaced by the arguments.
-std::string Fill(std::string_view text, std::initializer_list<std::string> arguments);
+// Returns the text with &1 to &9 replaced by the arguments.
+std::string Substitute(std::string_view text, std::initializer_list<std::string> arguments);
 
-// ASCII letters in upper case, everything else as it is.
-std::string Upper(std::string text);
+// Whether `word` is in `words`, a list separated by blanks.
+bool IsListed(std::string_view word, std::string_view words);
 
 namespace text {
 

@@ -1,10 +1,12 @@
-// The data connection of a session, and the commands that move files and listings over it.
+// The data connection of a session, and the commands that transfer files and listings.
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
+#include <cmath>
+#include <cstdint>
 #include <ctime>
 
 #include <arpa/inet.h>
@@ -16,27 +18,32 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "resources.h"
 #include "save_file.h"
 #include "session.h"
+#include "text.h"
 #include "texts.h"
 
 namespace rehearsal {
 
 namespace {
 
-constexpr int ConnectWait = 5000; // milliseconds for the client's data connection to arrive
-constexpr int RefusedWait = 200;  // the same when it is only to be closed in order
-constexpr int DrainWait = 2000;   // silence after which a client's refused data are no longer awaited
+// Milliseconds
+constexpr int ConnectWait = 5000; // for the client to open the data connection
+constexpr int RefusedWait = 200;  // the same for a refused transfer
+constexpr int DrainWait = 2000;   // for more data of a refused transfer
+
+constexpr std::uint64_t PiecesPerSecond = 20; // of a transfer with a rate
 
 bool IsZero(std::span<const char> bytes) {
     return bytes[0] == 0 && std::equal(bytes.begin() + 1, bytes.end(), bytes.begin());
 }
 
-// Binds to some port of the address. Ports are taken in turn, also those whose last connection has just ended: the
-// system does not give these away for a minute, and with thousands of transfers it searches ever longer for another
-// one.
+// Binds to any free port of the address. The ports are used in turn, including those whose last connection ended less
+// than a minute ago. The system would not choose those, and after thousands of transfers its search for another one is
+// slow.
 bool BindAnyPort(int socket, sockaddr_in address) {
-    constexpr unsigned first = 49152; // the dynamic ports
+    constexpr unsigned first = 49152; // start of the dynamic ports
     constexpr unsigned count = 65536 - first;
     static std::atomic<unsigned> next = static_cast<unsigned>(::getpid());
     const int on = 1;
@@ -53,48 +60,46 @@ bool BindAnyPort(int socket, sockaddr_in address) {
 
 } // namespace
 
-// ---- connection
-
 void Session::Pasv(const std::string&) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    ::getsockname(control_.get(), generic, &length);
+    ::getsockname(control_.Get(), generic, &length);
     Descriptor passive(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!passive || !BindAnyPort(passive.get(), address) || ::listen(passive.get(), 1) != 0 ||
-        ::getsockname(passive.get(), generic, &length) != 0)
+    if (!passive.IsOpen() || !BindAnyPort(passive.Get(), address) || ::listen(passive.Get(), 1) != 0 ||
+        ::getsockname(passive.Get(), generic, &length) != 0)
         return Reply(text::NoDataConnection);
-    Install(data_, Descriptor());
+    ReplaceSocket(data_, Descriptor());
     if (Active(Fault::Kind::DataRefuse))
         passive = Descriptor();
-    Install(passive_, std::move(passive));
-    std::string list;
-    for (const unsigned shift : {24U, 16U, 8U, 0U})
-        list += std::to_string(ntohl(address.sin_addr.s_addr) >> shift & 0xFF) + ",";
+    ReplaceSocket(passive_, std::move(passive));
+    const std::uint32_t host = ntohl(address.sin_addr.s_addr);
     const unsigned port = ntohs(address.sin_port);
-    list += std::to_string(port >> 8) + "," + std::to_string(port & 0xFF);
-    Reply(Fill(text::Passive, {list}));
+    const std::string numbers = FormatText("%u,%u,%u,%u,%u,%u", host >> 24, host >> 16 & 0xFF, host >> 8 & 0xFF,
+                                           host & 0xFF, port >> 8, port & 0xFF);
+    Reply(Substitute(text::Passive, {numbers}));
 }
 
 bool Session::OpenData(int wait_milliseconds) {
-    if (!passive_ || !WaitFor(passive_.get(), POLLIN, wait_milliseconds))
+    if (!passive_.IsOpen() || !WaitFor(passive_.Get(), POLLIN, wait_milliseconds))
         return false;
-    Install(data_, Descriptor(::accept4(passive_.get(), nullptr, nullptr, SOCK_CLOEXEC)));
-    Install(passive_, Descriptor());
-    return static_cast<bool>(data_);
+    ReplaceSocket(data_, Descriptor(::accept4(passive_.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
+    ReplaceSocket(passive_, Descriptor());
+    transfer_start_ = std::chrono::steady_clock::now();
+    return data_.IsOpen();
 }
 
-// Closes the data connection in order: what the client is still sending is read away first, since closing
-// over unread data would reset the connection and with it the client's view of the whole session.
+// Closes the data connection after reading what the client is still sending. With unread data, close would send a
+// reset, and the client would see a broken connection instead of a refused transfer.
 void Session::CloseData() {
-    if (data_ || OpenData(RefusedWait)) {
-        std::vector<char> ignored(BlockSize);
-        ::shutdown(data_.get(), SHUT_WR);
-        while (WaitFor(data_.get(), POLLIN, DrainWait) && ::recv(data_.get(), ignored.data(), ignored.size(), 0) > 0)
+    if (data_.IsOpen() || OpenData(RefusedWait)) {
+        std::vector<char> ignored(TransferPiece);
+        ::shutdown(data_.Get(), SHUT_WR);
+        while (WaitFor(data_.Get(), POLLIN, DrainWait) && ::recv(data_.Get(), ignored.data(), ignored.size(), 0) > 0)
             continue;
     }
-    Install(data_, Descriptor());
-    Install(passive_, Descriptor());
+    ReplaceSocket(data_, Descriptor());
+    ReplaceSocket(passive_, Descriptor());
 }
 
 void Session::RefuseTransfer(const std::string& reply) {
@@ -102,82 +107,93 @@ void Session::RefuseTransfer(const std::string& reply) {
     CloseData();
 }
 
-// ---- moving data, with the faults of the data connection
-
-std::size_t Session::Allowance(std::size_t wanted) const {
+std::size_t Session::AllowedBytes(std::size_t wanted) const {
     for (const auto kind : {Fault::Kind::DataClose, Fault::Kind::DataReset, Fault::Kind::DataSilent})
         if (const Fault* fault = Active(kind))
-            wanted = std::min(wanted, fault->bytes - std::min(fault->bytes, moved_));
-    return wanted;
+            wanted = std::min(wanted, fault->bytes - std::min(fault->bytes, transferred_));
+    const std::uint64_t rate = shared_.options.transfer_rate;
+    return rate == 0 ? wanted
+                     : std::min(wanted, static_cast<std::size_t>(std::max(rate / PiecesPerSecond, std::uint64_t{1})));
 }
 
-Session::Moved Session::CutData() {
+void Session::CountTransferred(std::size_t bytes) {
+    transferred_ += bytes;
+    WaitAtRate(transferred_, shared_.options.transfer_rate, transfer_start_);
+}
+
+// Waits until the time that `bytes` take at `rate` bytes a second has passed since `start`, or until the client leaves.
+// A rate of 0 has no limit.
+void Session::WaitAtRate(std::uint64_t bytes, std::uint64_t rate, std::chrono::steady_clock::time_point start) {
+    if (rate == 0)
+        return;
+    const std::chrono::duration<double, std::milli> passed = std::chrono::steady_clock::now() - start;
+    const double wait = 1000.0 * static_cast<double>(bytes) / static_cast<double>(rate) - passed.count();
+    if (wait > 0)
+        WaitFor(control_.Get(), POLLRDHUP, static_cast<int>(std::min(std::ceil(wait), double{INT_MAX})));
+}
+
+Session::TransferResult Session::CutData() {
     if (Active(Fault::Kind::DataSilent))
         AwaitClientLeaving();
     if (Active(Fault::Kind::DataReset))
-        CloseByReset(data_.get());
-    Install(data_, Descriptor());
-    return Moved::Cut;
+        CloseByReset(data_.Get());
+    ReplaceSocket(data_, Descriptor());
+    return TransferResult::Cut;
 }
 
-Session::Moved Session::SendData(std::string_view bytes) {
+Session::TransferResult Session::SendData(std::string_view bytes) {
     while (!bytes.empty()) {
-        const std::size_t allowed = Allowance(bytes.size());
+        const std::size_t allowed = AllowedBytes(bytes.size());
         if (allowed == 0)
             return CutData();
-        const ssize_t count = ::send(data_.get(), bytes.data(), allowed, MSG_NOSIGNAL);
-        if (count < 0 && errno != EINTR)
-            return Moved::Broken;
-        moved_ += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        if (!WriteAll(data_.Get(), bytes.data(), allowed))
+            return TransferResult::Broken;
+        CountTransferred(allowed);
+        bytes.remove_prefix(allowed);
     }
-    return Allowance(1) == 0 ? CutData() : Moved::All;
+    return AllowedBytes(1) == 0 ? CutData() : TransferResult::Complete;
 }
 
-Session::Moved Session::SendFile(int file) {
+Session::TransferResult Session::SendFile(int file) {
     for (;;) {
-        const std::size_t allowed = Allowance(4 * BlockSize);
+        const std::size_t allowed = AllowedBytes(4 * TransferPiece);
         if (allowed == 0)
             return CutData();
-        const ssize_t count = ::sendfile(data_.get(), file, nullptr, allowed);
-        if (count == 0)
-            return Moved::All;
-        if (count < 0 && errno != EINTR)
-            return Moved::Broken;
-        moved_ += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-    }
-}
-
-// Whole blocks of zeros become holes: a save file of some gigabytes of nothing takes no room.
-Session::Moved Session::ReceiveFile(int file) {
-    std::vector<char> buffer(BlockSize);
-    for (;;) {
-        const std::size_t allowed = Allowance(buffer.size());
-        const ssize_t count = allowed == 0 ? 0 : ::recv(data_.get(), buffer.data(), allowed, MSG_WAITALL);
-        if (count < 0 && errno != EINTR)
-            return Moved::Broken;
-        if (count == 0 && ::ftruncate(file, static_cast<off_t>(moved_)) != 0)
-            return Moved::Broken;
-        if (count == 0)
-            return allowed == 0 ? CutData() : Moved::All;
-        if (count < 0)
+        const ssize_t count = ::sendfile(data_.Get(), file, nullptr, allowed);
+        if (count < 0 && errno == EINTR)
             continue;
+        if (count <= 0)
+            return count == 0 ? TransferResult::Complete : TransferResult::Broken;
+        CountTransferred(static_cast<std::size_t>(count));
+    }
+}
+
+// Blocks of zeros become holes, so that a save file of gigabytes of zeros needs no disk space.
+Session::TransferResult Session::ReceiveFile(int file) {
+    std::vector<char> buffer(TransferPiece);
+    for (;;) {
+        const std::size_t allowed = AllowedBytes(buffer.size());
+        const ssize_t count = allowed == 0 ? 0 : ::recv(data_.Get(), buffer.data(), allowed, MSG_WAITALL);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0 || (count == 0 && ::ftruncate(file, static_cast<off_t>(transferred_)) != 0))
+            return TransferResult::Broken;
+        if (count == 0)
+            return allowed == 0 ? CutData() : TransferResult::Complete;
         const std::span<const char> block(buffer.data(), static_cast<std::size_t>(count));
         if (!IsZero(block)) {
-            ::lseek(file, static_cast<off_t>(moved_), SEEK_SET);
-            WriteFully(file, block);
+            ::lseek(file, static_cast<off_t>(transferred_), SEEK_SET);
+            WriteOrThrow(file, block);
         }
-        moved_ += block.size();
+        CountTransferred(block.size());
     }
 }
 
-void Session::FinishTransfer(Moved moved, const char* completed) {
-    Install(data_, Descriptor());
-    shared_.RecordMoved(exchange_, moved_);
-    Reply(moved == Moved::Broken ? text::DataBroken : completed);
+void Session::FinishTransfer(TransferResult result, const char* completed) {
+    ReplaceSocket(data_, Descriptor());
+    shared_.RecordTransferred(exchange_, transferred_);
+    Reply(result == TransferResult::Broken ? text::DataBroken : completed);
 }
-
-// ---- LIST
 
 namespace {
 
@@ -189,7 +205,7 @@ std::string ModeText(mode_t mode) {
     return text;
 }
 
-// The time of day within the last 180 days, otherwise the year.
+// With the time of day for the last 180 days, otherwise with the year.
 std::string DateText(std::time_t changed) {
     constexpr std::time_t recent = 180 * 24 * 60 * 60;
     const std::time_t age = std::time(nullptr) - changed;
@@ -210,43 +226,38 @@ std::string Session::ListRow(const std::string& directory, const Child& child) c
     std::string name = child.name;
     if (S_ISLNK(status.mode)) {
         const std::string path = Join(directory, name);
-        if (const auto target = shared_.store.Look(path, true))
+        if (const auto target = shared_.store.ReadStatus(path, true))
             status = *target;
         else if (const auto place = shared_.store.Locate(path, false))
             name += " -> " + place->LinkTarget();
     }
-    std::array<char, 96> fields{};
-    std::snprintf(fields.data(), fields.size(), "%s %3d %-8s %-8s %7llu %s ", ModeText(status.mode).c_str(), 1, "QPGMR",
-                  "0", static_cast<unsigned long long>(status.size), DateText(status.changed.tv_sec).c_str());
-    return fields.data() + name + "\r\n";
+    return FormatText("%s %3d %-8s %-8s %7ju %s %s\r\n", ModeText(status.mode).c_str(), 1, "QPGMR", "0",
+                      std::uintmax_t{status.size}, DateText(status.changed.tv_sec).c_str(), name.c_str());
 }
 
 void Session::List(const std::string& parameter) {
     const auto path = NormalPath(directory_, parameter);
-    const auto status = path ? shared_.store.Look(*path, true) : std::nullopt;
+    const auto status = path ? shared_.store.ReadStatus(*path, true) : std::nullopt;
     if (!status)
-        return RefuseTransfer(Fill(text::NoPath, {parameter}));
+        return RefuseTransfer(Substitute(text::NoPath, {parameter}));
     if (!OpenData(ConnectWait))
         return Reply(text::NoDataConnection);
     Reply(text::ListStarted);
     const auto rows =
         S_ISDIR(status->mode) ? shared_.store.Children(*path) : std::vector<Child>{{NameOf(*path), *status}};
-    const std::string directory = S_ISDIR(status->mode) ? *path : ParentOf(*path);
     std::string block;
-    Moved moved = Moved::All;
-    for (std::size_t row = 0; row < rows.size() && moved == Moved::All; row++) {
-        block += ListRow(directory, rows[row]);
-        if (block.size() >= BlockSize) {
-            moved = SendData(block);
+    TransferResult result = TransferResult::Complete;
+    for (std::size_t row = 0; row < rows.size() && result == TransferResult::Complete; row++) {
+        block += ListRow(*path, rows[row]);
+        if (block.size() >= TransferPiece) {
+            result = SendData(block);
             block.clear();
         }
     }
-    FinishTransfer(moved == Moved::All ? SendData(block) : moved, text::ListCompleted);
+    FinishTransfer(result == TransferResult::Complete ? SendData(block) : result, text::ListCompleted);
 }
 
-// ---- RETR and STOR
-
-// Save files are records, which only an image transfer keeps.
+// Whether this is a save file and the type is ASCII, which would destroy its records.
 bool Session::NeedsImage(const std::string& parameter) const {
     return !image_ && SaveFileName(parameter, ".SAVF");
 }
@@ -258,15 +269,15 @@ Descriptor Session::OpenToSend(const std::string& parameter, std::string& refusa
     Descriptor file = save_file ? library_->Open(*save_file) : place ? place->Open(O_RDONLY) : Descriptor();
     struct stat info {};
     if (NeedsImage(parameter))
-        refusal = Fill(text::WantsImage, {parameter});
-    else if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
-        refusal = Fill(text::NoFile, {parameter});
+        refusal = Substitute(text::WantsImage, {parameter});
+    else if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode))
+        refusal = Substitute(text::NoFile, {parameter});
     return file;
 }
 
 Descriptor Session::OpenToReceive(const std::string& parameter, std::string& refusal) const {
     if (NeedsImage(parameter)) {
-        refusal = Fill(text::WantsImage, {parameter});
+        refusal = Substitute(text::WantsImage, {parameter});
         return Descriptor();
     }
     if (const auto save_file = SaveFileName(parameter, ".SAVF"))
@@ -274,8 +285,8 @@ Descriptor Session::OpenToReceive(const std::string& parameter, std::string& ref
     const auto path = NormalPath(directory_, parameter);
     const auto place = path ? shared_.store.Locate(*path, true) : std::nullopt;
     Descriptor file = place ? place->Open(O_WRONLY | O_CREAT | O_TRUNC, 0666) : Descriptor();
-    if (!file)
-        refusal = Fill(text::NotWritable, {parameter});
+    if (!file.IsOpen())
+        refusal = Substitute(text::NotWritable, {parameter});
     return file;
 }
 
@@ -286,8 +297,8 @@ void Session::Retr(const std::string& parameter) {
         return RefuseTransfer(refusal);
     if (!OpenData(ConnectWait))
         return Reply(text::NoDataConnection);
-    Reply(Fill(text::Retrieving, {parameter}));
-    FinishTransfer(SendFile(file.get()), text::TransferCompleted);
+    Reply(Substitute(text::Retrieving, {parameter}));
+    FinishTransfer(SendFile(file.Get()), text::TransferCompleted);
 }
 
 void Session::Stor(const std::string& parameter) {
@@ -297,8 +308,8 @@ void Session::Stor(const std::string& parameter) {
     const Descriptor file = OpenToReceive(parameter, refusal);
     if (!refusal.empty())
         return RefuseTransfer(refusal);
-    Reply(Fill(text::Sending, {parameter}));
-    FinishTransfer(ReceiveFile(file.get()), text::TransferCompleted);
+    Reply(Substitute(text::Sending, {parameter}));
+    FinishTransfer(ReceiveFile(file.Get()), text::TransferCompleted);
 }
 
 } // namespace rehearsal

@@ -1,6 +1,5 @@
-// The commands of a session that move no data: logging on, settings, directories, RCMD.
+// The commands of a session that have no data connection: logging on, settings, directories, RCMD.
 
-#include <charconv>
 #include <exception>
 #include <map>
 #include <optional>
@@ -9,6 +8,7 @@
 
 #include "control_language.h"
 #include "session.h"
+#include "text.h"
 #include "texts.h"
 
 namespace rehearsal {
@@ -35,107 +35,97 @@ const std::vector<Session::Verb>& Session::Verbs() {
     return verbs;
 }
 
-// ---- logging on and off
-
 void Session::User(const std::string& parameter) {
-    user_ = Upper(parameter);
+    user_ = ToUpper(parameter);
     logged_on_ = false;
     Reply(text::EnterPassword);
 }
 
 void Session::Pass(const std::string& parameter) {
-    logged_on_ = !user_.empty() && user_ == Upper(shared_.options.user) && parameter == shared_.options.password;
-    Reply(Fill(logged_on_ ? text::LoggedOn : text::LogonRejected, {user_}));
+    logged_on_ =
+        !user_.empty() && EqualsIgnoringCase(user_, shared_.options.user) && parameter == shared_.options.password;
+    Reply(Substitute(logged_on_ ? text::LoggedOn : text::LogonRejected, {user_}));
 }
 
 void Session::Quit(const std::string&) {
     shared_.quits++;
     Reply(text::Goodbye);
-    throw Gone();
+    throw SessionEnded();
 }
-
-// ---- settings
 
 namespace {
 
-// A number of 1 to 9,999,999 at the start of `text`, which is cut behind it.
-std::optional<int> TakeSeconds(std::string& text) {
-    int number = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    text.erase(0, static_cast<std::size_t>(result.ptr - text.data()));
-    return result.ec == std::errc() && number >= 1 && number <= 9'999'999 ? std::optional(number) : std::nullopt;
+// Consumes a number of 1 to 9,999,999.
+std::optional<int> ConsumeSeconds(std::string_view& text) {
+    const auto number = ConsumeNumber<int>(text);
+    return number && *number >= 1 && *number <= 9'999'999 ? number : std::nullopt;
 }
 
 } // namespace
 
 void Session::Time(const std::string& parameter) {
-    std::string rest = parameter;
-    const auto idle = TakeSeconds(rest);
-    bool good = idle.has_value();
-    if (good && rest.starts_with(' ')) {
-        rest.erase(0, 1);
-        good = TakeSeconds(rest).has_value();
-    }
-    if (!good || !rest.empty())
-        return Reply(Fill(text::BadParameter, {"TIME"}));
+    std::string_view rest = parameter;
+    const auto idle = ConsumeSeconds(rest);
+    const bool valid = idle && (!ConsumePrefix(rest, " ") || ConsumeSeconds(rest)) && rest.empty();
+    if (!valid)
+        return Reply(Substitute(text::BadParameter, {"TIME"}));
     idle_seconds_ = *idle;
-    Reply(Fill(text::TimeSet, {std::to_string(*idle)}));
+    Reply(Substitute(text::TimeSet, {std::to_string(*idle)}));
 }
 
-// STRU, MODE, TYPE and SITE: one value of each is of any use here, two of TYPE.
+// STRU, MODE, TYPE and SITE, with the values that a backup client needs.
 void Session::Setting(const std::string& parameter) {
     static const std::map<std::string, std::string> replies = {
         {"STRU F", text::Structure},
         {"MODE S", text::Mode},
         {"TYPE A", text::TypeAscii},
         {"TYPE I", text::TypeImage},
-        {"SITE LISTFMT 1", Fill(text::ListFormat, {"1"})},
-        {"SITE NAMEFMT 1", Fill(text::NameFormat, {"1"})},
+        {"SITE LISTFMT 1", Substitute(text::ListFormat, {"1"})},
+        {"SITE NAMEFMT 1", Substitute(text::NameFormat, {"1"})},
     };
-    const auto reply = replies.find(verb_ + " " + Upper(parameter));
+    const auto reply = replies.find(verb_ + " " + ToUpper(parameter));
     if (reply == replies.end())
-        return Reply(Fill(text::BadParameter, {verb_}));
+        return Reply(Substitute(text::BadParameter, {verb_}));
     if (verb_ == "TYPE")
-        image_ = Upper(parameter) == "I";
+        image_ = ToUpper(parameter) == "I";
     Reply(reply->second);
 }
 
 void Session::Syst(const std::string&) {
-    Reply(Fill(text::System, {shared_.options.release}));
+    Reply(Substitute(text::System, {shared_.options.release}));
 }
-
-// ---- directories
 
 void Session::Cwd(const std::string& parameter) {
     const auto path = NormalPath(directory_, parameter);
-    const auto status = path ? shared_.store.Look(*path, true) : std::nullopt;
+    const auto status = path ? shared_.store.ReadStatus(*path, true) : std::nullopt;
     if (!status || !S_ISDIR(status->mode))
-        return Reply(Fill(text::NoPath, {parameter}));
+        return Reply(Substitute(text::NoPath, {parameter}));
     directory_ = *path;
-    Reply(Fill(text::CurrentDirectory, {directory_}));
+    Reply(Substitute(text::CurrentDirectory, {directory_}));
 }
 
 void Session::Mkd(const std::string& parameter) {
     const auto path = NormalPath(directory_, parameter);
     const auto place = path ? shared_.store.Locate(*path, false) : std::nullopt;
-    const bool made = place && ::mkdirat(place->directory.get(), place->name.c_str(), 0777) == 0;
-    Reply(Fill(made ? text::DirectoryMade : text::DirectoryNotMade, {made ? *path : parameter}));
+    const bool made = place && ::mkdirat(place->directory.Get(), place->name.c_str(), 0777) == 0;
+    Reply(Substitute(made ? text::DirectoryMade : text::DirectoryNotMade, {made ? *path : parameter}));
 }
-
-// ---- control language
 
 void Session::Rcmd(const std::string& parameter) {
     if (parameter.size() > CommandLimit)
         return Reply(text::RemoteTooLong);
-    const Job job{shared_.options, shared_.store, *library_};
+    const auto start = std::chrono::steady_clock::now();
+    std::uint64_t saved_bytes = 0;
+    const Job job{shared_.options, shared_.store, *library_, saved_bytes};
     std::string reply;
     try {
-        reply = Fill(text::RemoteDone, {RunCommand(job, parameter)});
-    } catch (const Escape& escape) {
-        reply = Fill(text::RemoteFailed, {parameter, escape.text});
-    } catch (const std::exception& error) { // the host's refusal, a full disk for example
-        reply = Fill(text::RemoteFailed, {parameter, error.what()});
+        reply = Substitute(text::RemoteDone, {RunCommand(job, parameter)});
+    } catch (const EscapeMessage& escape) {
+        reply = Substitute(text::RemoteFailed, {parameter, escape.text});
+    } catch (const std::exception& error) { // an error of this machine, a full disk for example
+        reply = Substitute(text::RemoteFailed, {parameter, error.what()});
     }
+    WaitAtRate(saved_bytes, shared_.options.save_rate, start);
     Reply(reply);
 }
 

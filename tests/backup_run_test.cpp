@@ -140,6 +140,12 @@ TEST(ListMode, ListsOneLevelOfEachPath) {
     Night empty;
     WriteFile(empty.work / "include", "");
     EXPECT_EQ(empty.Run({"-l", "1", "-i", (empty.work / "include").string()}).status, 255);
+    Night nothing; // in a directory
+    fs::create_directory(nothing.root / "tmp");
+    WriteFile(nothing.work / "include", "/tmp\n");
+    nothing.program.outputs[7] = nothing.work / "list";
+    EXPECT_EQ(nothing.Run({"-l", "7", "-i", (nothing.work / "include").string()}).status, 0);
+    EXPECT_EQ(ReadFile(nothing.work / "list"), "");
 }
 
 TEST(Modes, WithoutOneTheUsageIsShown) {
@@ -239,9 +245,15 @@ TEST(Backup, AFailureNeverEndsWithZero) {
 }
 
 TEST(Backup, AShareOfFailuresMakesTheStatus) {
-    for (const auto& [failing, status] : {std::pair{1, 1}, {2, 1}, {3, 2}}) { // of 26
+    struct Row {
+        int libraries; // besides six other objects
+        int failing;
+        int status;
+    };
+    for (const auto& [libraries, failing, status] : {Row{20, 1, 1}, {16, 2, 1}, {14, 2, 2}, {19, 3, 2}}) {
         Night night;
-        for (int library = 0; library < 20; ++library)
+        fs::remove_all(night.root / "home/it's");
+        for (int library = 0; library < libraries; ++library)
             WriteFile(night.root / ("QSYS.LIB/L" + std::to_string(library) + ".LIB/X.PGM"), "x");
         for (int library = 0; library < failing; ++library)
             night.options.locked.insert("/QSYS.LIB/L" + std::to_string(library) + ".LIB/X.PGM");
@@ -267,6 +279,15 @@ TEST(Backup, IncludesExcludesAndDates) {
                   ": line 4 does not begin with a slash and matches nothing\n"
                   "vondral[backup.cpp]: Invalid object: relative\nvondral[backup.cpp]: wild card error: /ho*/x\n");
     EXPECT_EQ(Messages(ReadFile(night.work / "missed")), "/none\nrelative\n");
+
+    Night special; // named as well: saved once, and nothing is listed for them
+    WriteFile(special.work / "include", "/Security Data\n/System Configuration\n");
+    const std::time_t begun = std::time(nullptr);
+    EXPECT_EQ(special.RunBackup({"-i", (special.work / "include").string()}).err, "");
+    EXPECT_EQ(special.Archived(), (std::vector<std::string>{"/Security Data", "/System Configuration"}));
+    EXPECT_THAT(special.Received(0), testing::Not(testing::HasSubstr("LIST")));
+    const std::time_t stored = std::stoll(ReadFile(special.archive).substr(136, 11), nullptr, 8);
+    EXPECT_TRUE(stored >= begun && stored <= std::time(nullptr)) << stored - begun; // seconds count
 
     Night dated; // only what is younger, and libraries that hold something younger
     const auto old = fs::file_time_type::clock::now() - std::chrono::hours(24 * 400);

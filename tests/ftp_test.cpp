@@ -193,6 +193,34 @@ TEST(Login, ABrokenConnectionHasNoRecoveryHere) {
     EXPECT_TRUE(Holds(messages, "vondral[ftp.cpp]: QUIT command failed\n")) << messages;
 }
 
+TEST(Save, FailuresSayWhy) {
+    struct Row {
+        std::string path;
+        std::vector<rehearsal::Fault> faults;
+        const char* messages;
+    };
+    const std::string quotes(2100, '\'');
+    for (const Row& row : {Row{"/" + quotes, {}, "vondral[ftp.cpp]: SAV command too long\n"},
+                           {"/QSYS.LIB/A B.LIB", {}, "vondral[ftp.cpp]: bad library name\n"},
+                           // a reply that never gets its end leaves nothing of the one before
+                           {"/home",
+                            {Replace("RCMD CLRSAVF", "550 first"), Replace("RCMD SAV", std::string(5000, 'x'))},
+                            "vondral[ftp.cpp]: SAV command failed\n  \n"}}) {
+        Session session(row.faults);
+        ASSERT_EQ(session.LogIn(), 0);
+        ArchiveFile archive;
+        ArchiveWriter writer{archive};
+        ObjectFile object;
+        object.name = row.path;
+        SaveTimes times;
+        Capture capture;
+        EXPECT_EQ(SaveObject(SaveMemberFor(row.path), session.session.get(), {object, 1, {}, nullptr}, times,
+                             {writer, nullptr, nullptr, nullptr}),
+                  -1);
+        EXPECT_EQ(capture.Take(), row.messages);
+    }
+}
+
 TEST(Parents, EveryDirectoryAboveAndNothingElse) {
     Session session;
     ASSERT_EQ(session.LogIn(), 0);

@@ -62,6 +62,8 @@ struct Saved {
 TEST(Restore, BringsEverythingBackOnEveryRelease) {
     const Saved saved;
     for (const char* release : {"V5R3M0", "V5R4M0"}) {
+        // On the older release the disk refuses direct reads as well.
+        ::setenv("VONDRAL_TEST_DISK", release == std::string("V5R3M0") ? "direct:" : "", 1);
         Site fresh;
         fresh.options.release = release;
         const Outcome outcome = fresh.Run({"-r", saved.archive.string(), "-v2"});
@@ -76,6 +78,10 @@ TEST(Restore, BringsEverythingBackOnEveryRelease) {
         EXPECT_EQ(commands[commands.size() - 2], "RCMD RSTAUT USRPRF(*ALL)");
         EXPECT_EQ(Holds(fresh.Restores(), "CRTPRNDIR(*Yes)"), std::string(release) == "V5R4M0");
     }
+    ::unsetenv("VONDRAL_TEST_DISK");
+    Site silent;
+    const Outcome outcome = silent.Run({"-r", saved.archive.string()});
+    EXPECT_FALSE(Holds(outcome.out, "Object   :")) << outcome.out; // only with -v
 }
 
 TEST(Restore, AnArchiveMadeByTheLayoutAloneIsAsGoodAsOurOwn) {

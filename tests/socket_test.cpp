@@ -1,5 +1,6 @@
 #include "socket.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -253,6 +254,45 @@ TEST(Transfer, DownloadEndsAfterAsManySilentMinutesAsAllowed) {
     EXPECT_EQ(capture.Take(), silent + "(1 times)\n" + silent + "(2 times)\n" + silent + "(3 times)\n" + head +
                                   "Timeout limit reached (3 times).\n");
     EXPECT_EQ(collector.bytes, "abc"); // what had come was handed over before the silence counted
+}
+
+// Silent minutes count in a row: any data starts the count over.
+TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
+    Peer peer;
+    peer.SetTimeout(8);
+    peer.OpenData();
+    peer.Send("150 coming\r\n");
+    ::setenv("VONDRAL_TEST_MINUTE", "30", 1);
+    std::thread server([&peer] {
+        for (int piece = 0; piece < 12; ++piece) {
+            ::usleep(45000); // a minute and a half
+            EXPECT_EQ(::write(peer.data_server.Get(), "x", 1), 1);
+        }
+        peer.data_server.Reset();
+        peer.Send("226 done\r\n");
+    });
+    Collector collector;
+    Capture capture;
+    EXPECT_EQ(SendCommand(&peer.control, "RETR x", {}, {Collector::Take, nullptr, &collector}), 0) << capture.Take();
+    server.join();
+    EXPECT_EQ(collector.bytes, std::string(12, 'x'));
+}
+
+// A peer that has gone is a failed write, not a signal.
+TEST(Transfer, AGoneReaderIsNoSignal) {
+    std::signal(SIGPIPE, SIG_DFL);
+    Peer peer;
+    peer.Leave();
+    EXPECT_EQ(SendCommand(&peer.control, "NOOP"), -1);
+    Peer other;
+    other.OpenData();
+    other.Send("150 coming\r\n");
+    other.Send("426 gone\r\n");
+    const linger at_once{1, 0};
+    ::setsockopt(other.data_server.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    other.data_server.Reset();
+    const DataCallback endless = [](void*, char*, int*) { return 0; };
+    EXPECT_NE(SendCommand(&other.control, "STOR x", {}, {.send = endless}), 0);
 }
 
 TEST(Transfer, AbortingCallbackFailsTheCommandAfterItsReply) {

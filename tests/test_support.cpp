@@ -128,6 +128,11 @@ pid_t Program::Start() {
         const rlimit limit{file_size_limit, file_size_limit};
         ::setrlimit(RLIMIT_FSIZE, &limit);
     }
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int signal = 1; signal < NSIG; ++signal) // whatever the parent of the tests ignores
+        std::signal(signal, SIG_DFL);
     ::execve(argument_vector[0], argument_vector.data(), environment_vector.data());
     ::_exit(127);
 }
@@ -149,6 +154,8 @@ Outcome Program::Wait() {
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1 - WTERMSIG(status);
     outcome.out = ReadFile(logs_ / "out");
     outcome.err = ReadFile(logs_ / "err");
+    if (WIFSIGNALED(status))
+        outcome.err += FormatText("killed by signal %d\n", WTERMSIG(status));
     return outcome;
 }
 

@@ -67,10 +67,10 @@ TEST(Options, WhatARunNeeds) {
 }
 
 TEST(Options, Values) {
-    ::setenv("TZ", "UTC", 1);
     struct Row {
         std::vector<std::string> words;
         bool (*holds)(const Settings&);
+        const char* zone = "UTC";
     };
     for (const Row& row : {
              Row{{"-v", "-v"}, [](const Settings& s) { return s.transport.verbosity == 2; }},
@@ -92,10 +92,15 @@ TEST(Options, Values) {
               [](const Settings& s) {
                   return s.cutoff == 86399 && s.save.changed_date == "01/01/70" && s.save.changed_clock == "23:59:59";
               }},
+             {{"-d", "1700000000"}, // in the zone of TZ below
+              [](const Settings& s) { return s.save.changed_date == "11/15/23" && s.save.changed_clock == "03:13:20"; },
+              "XXX-5"},
              {{"-t", "-t"}, [](const Settings& s) { return s.test_count == 2; }},
              {{"-b", "a", "-r", "-", "-b", "b"},
               [](const Settings& s) { return s.backup_path == "b" && s.restore_path == "-"; }},
          }) {
+        ::setenv("TZ", row.zone, 1);
+        ::tzset();
         const CommandLine line(row.words);
         EXPECT_TRUE(row.holds(line.settings)) << testing::PrintToString(row.words);
     }

@@ -5,18 +5,17 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-static void Feed(int file, std::string_view rest, std::int64_t size, bool ahead) {
-    RestoredEntry entry{{}, "archive"};
-    BeginEntryData(entry.data, file, size);
-    if (ahead)
-        entry.data.ahead.Begin(file, RoundToBlocks(size));
+static void Feed(const std::string& path, std::string_view rest, std::int64_t size) {
+    RestoredArchive archive{{}, path};
+    assert(archive.reader.Open(path));
+    archive.reader.BeginEntry(size);
     alignas(4096) static std::array<char, 65536> buffer;
-    for (int count = buffer.size(); ArchiveReadCallback(&entry, buffer.data(), &count) == 0 && count > 0;
+    for (int count = buffer.size(); ArchiveReadCallback(&archive, buffer.data(), &count) == 0 && count > 0;
          count = buffer.size()) {
         assert(rest.starts_with(std::string_view(buffer.data(), static_cast<std::size_t>(count))));
         rest.remove_prefix(static_cast<std::size_t>(count));
     }
-    assert(rest.empty() || entry.data.left <= 0);
+    assert(rest.empty() || archive.reader.Left() <= 0);
 }
 
 void Run(FuzzedDataProvider& input) {
@@ -42,11 +41,7 @@ void Run(FuzzedDataProvider& input) {
     settings.exclude = TextStream(exclude);
     const bool wanted = !settings.include && !settings.exclude; // every entry
     assert(RestoreArchive(nullptr, settings) == -1 || !wanted || IsCtarSentinel(block(0)));
-    if (through_pipe || archive.size() < BlockSize)
-        return;
-    for (const std::int64_t size : {std::int64_t{700}, ReadAhead::Shortest, INT64_MAX - 1025})
-        for (const bool ahead : {false, true}) {
-            ::lseek(file.Get(), BlockSize, SEEK_SET);
-            Feed(file.Get(), std::string_view(archive).substr(BlockSize), size, ahead);
-        }
+    if (!through_pipe)
+        for (const std::int64_t size : {std::int64_t{700}, ReadAhead::PieceSize, INT64_MAX - 1025})
+            Feed(*settings.restore_path, archive, size);
 }

@@ -27,35 +27,6 @@ enum class BlockKind {
 // Judges a block of which `held` bytes were read. Sets `size` for a Header: bytes of the entry's data.
 BlockKind ClassifyBlock(std::span<const char, BlockSize> block, std::size_t held, std::int64_t& size);
 
-// Opens an archive for reading; "-" is standard input. A file is read past the page cache where its file system allows
-// that: data that is read once gains nothing from it. The result is not open, with errno set, after a failure.
-Descriptor OpenArchiveForReading(const std::string& path);
-
-// Reads until `length` bytes are in or the archive ends: a pipe that delivers odd pieces must not shift the block grid.
-// Returns the bytes read, or -1 when the first read fails. `buffer` and `length` must suit direct I/O: whole blocks at
-// an address that is a multiple of 512.
-ssize_t ReadArchive(int descriptor, char* buffer, std::size_t length);
-
-// The data of one entry.
-struct EntryReader {
-    int descriptor = -1;
-    std::int64_t size = 0; // of the entry's data, bytes
-    std::int64_t left = 0; // not yet delivered; below 0 once the padding of the last block has been read
-    ReadAhead ahead{};     // under way for large entries that wait for a disk
-};
-
-// Starts at the first byte of an entry's data, the archive being positioned there.
-void BeginEntryData(EntryReader& reader, int descriptor, std::int64_t size);
-// Reads ahead of ReadEntryData where that pays: for an entry that is wanted.
-void ReadEntryAhead(EntryReader& reader);
-
-// Delivers the next data bytes, at most `count` (a multiple of 512): 0 at the end of the entry and where the archive
-// ends early, -1 with errno set when a read failed. The padding goes with the last data, so that the archive's position
-// stays on the block grid.
-ssize_t ReadEntryData(EntryReader& reader, char* buffer, int count);
-// How many bytes ReadEntryData(reader, ..., count) asks for.
-std::int64_t WantedBytes(const EntryReader& reader, int count);
-
 enum class SkipStep {
     Seek, // the archive cannot be positioned, and is read instead
     Map,  // no memory to read into
@@ -69,7 +40,46 @@ struct SkipFailure {
 };
 std::string DescribeFailure(const SkipFailure& failure);
 
-// Moves on by `count` bytes rounded up to whole blocks, by seeking where that works and else by reading. Returns false
-// when the archive ends before or cannot be read; `failures` receives what happened, in order, also where seeking
-// failed and reading did it.
-bool SkipArchive(int descriptor, std::int64_t count, std::vector<SkipFailure>& failures);
+// One archive on its way from front to back. A file is read directly, past the page cache where its file system allows
+// that, because data that is read once gains nothing from the cache; but what is in the cache already is taken from
+// there. Standard input and anything but a file is read as it comes.
+//
+// `buffer` and `length` of the reads must suit direct I/O: whole blocks at an address that is a multiple of 512.
+class ArchiveReader {
+public:
+    // Opens the archive; "-" is standard input. Returns false with errno set.
+    bool Open(const std::string& path);
+
+    // Reads until `length` bytes are in or the archive ends: a pipe that delivers odd pieces must not shift the block
+    // grid. Returns the bytes read, or -1 with errno set when the first read fails.
+    ssize_t Read(char* buffer, std::size_t length);
+
+    // Moves on by `count` bytes rounded up to whole blocks, by seeking where that works and else by reading. Returns
+    // false when the archive ends before or cannot be read; `failures` receives what happened, in order, also where
+    // seeking failed and reading did it.
+    bool Skip(std::int64_t count, std::vector<SkipFailure>& failures);
+
+    // Starts at the first byte of an entry's data, which is what follows.
+    void BeginEntry(std::int64_t size);
+    // Delivers the next data bytes, at most `count` (a multiple of 512): 0 at the end of the entry and where the
+    // archive ends early, -1 with errno set when a read failed. The padding is read with the last data, so that the
+    // archive's position stays on the block grid.
+    ssize_t ReadData(char* buffer, int count);
+    // How many bytes ReadData(..., count) asks for.
+    std::size_t WantedBytes(int count) const;
+    // Data bytes not yet delivered; below 0 once the padding of the last block has been read.
+    std::int64_t Left() const { return left_; }
+
+private:
+    ssize_t ReadFromCache(char* buffer, std::size_t length);
+    ssize_t ReadAheadOf(char* buffer, std::size_t length);
+    ssize_t ReadSomeAt(char* buffer, std::size_t length);
+    bool StopDirectReads();
+
+    Descriptor descriptor_;
+    Descriptor cached_;       // the same file without direct I/O; open while the cache is worth asking
+    bool has_offset_ = false; // a file of our own, read at `offset_`; its own position is not used
+    std::int64_t offset_ = 0;
+    std::int64_t left_ = 0;
+    ReadAhead ahead_;
+};

@@ -3,55 +3,52 @@
 #pragma once
 
 #include <array>
-#include <condition_variable>
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <thread>
 
 #include "resources.h"
 
-// Direct I/O has no read-ahead of its own: each read waits for the disk, and the disk for the next read. This keeps
-// several reads of a file under way at once, in threads of their own, and delivers their data in order.
+// Direct I/O has no read-ahead of its own: each read waits for the disk, and the disk for the next read. This reads
+// large pieces of a file ahead of their reader, in one thread of its own, and delivers their data in order.
 //
-// The file's position moves only with Deliver(), as with read(). Anything but a whole block of data (the end of the
-// file, an error) is left to the caller's own read to find and report.
+// Anything but whole blocks of data (the end of the file, an error) is left to the reader's own read to find and
+// report.
 class ReadAhead {
 public:
-    // Shorter stretches are not worth the threads.
-    static constexpr std::int64_t Shortest = std::int64_t{1} << 20; // bytes
+    static constexpr std::int64_t PieceSize = std::int64_t{1}
+                                              << 20; // bytes; shorter stretches are not worth the thread
 
     ReadAhead() = default;
-    ~ReadAhead();
+    ~ReadAhead() { End(); }
 
-    // Begins, once, at the file's position, for `length` bytes from there. Does nothing, so that Deliver() delivers
-    // nothing, without threads or memory, for a short stretch, and where there is no position.
-    void Begin(int descriptor, std::int64_t length);
-
-    // Delivers the next block, when it is `length` bytes long, and moves the file's position past it. False when that
-    // is for read() to do, from then on.
-    bool Deliver(char* buffer, std::size_t length);
-
-private:
-    enum class State { Empty, Full, Failed };
-    struct Slot {
-        State state = State::Empty;
-        std::condition_variable changed;
-        Mapping block; // suits direct input
-        std::thread reader;
-    };
-
-    static constexpr std::size_t Depth = 8; // reads at once
-    static constexpr std::int64_t Block = 65536;
-
-    void Fill(Slot& slot, std::int64_t first) noexcept;
-    State AwaitBlock(Slot& slot);
+    // Starts reading at `from`, a multiple of the page size, up to `to`, whole blocks later. Does nothing without
+    // threads or memory, and for a stretch of less than a piece.
+    void Begin(int descriptor, std::int64_t from, std::int64_t to);
+    // Whether it was begun and still has something to deliver.
+    bool IsActive() const { return reader_.joinable(); }
+    // Copies the next bytes, at most `length`, whole blocks. Returns 0 when there are none, and then is not active any
+    // more.
+    std::size_t Deliver(char* buffer, std::size_t length);
     void End();
 
+private:
+    static constexpr std::size_t Depth = 3; // pieces
+    struct Piece {
+        Mapping bytes; // suits direct I/O
+        std::size_t length = 0;
+    };
+
+    void Fill(std::int64_t from, std::int64_t to) noexcept;
+
     int descriptor_ = -1;
-    std::int64_t from_ = 0; // offsets in the file
-    std::int64_t to_ = 0;
-    std::size_t delivered_ = 0; // blocks
-    std::array<Slot, Depth> slots_;
-    std::mutex mutex_; // guards the states and ended_
-    bool ended_ = true;
+    std::array<Piece, Depth> pieces_;
+    std::size_t used_ = 0; // bytes delivered of the piece that is being drained
+    // Counts of pieces. A piece belongs to the thread from its draining to its filling, and else to the caller. The
+    // last one is not a full one.
+    std::atomic<std::uint32_t> filled_ = 0;
+    std::atomic<std::uint32_t> drained_ = 0;
+    std::atomic<bool> stopped_ = false;
+    std::thread reader_;
 };

@@ -3,19 +3,21 @@
 
 #pragma once
 
+#include <string>
+
 #include "archive_reader.h"
 #include "ftp.h"
 #include "settings.h"
 
-// The entry whose data an upload sends.
-struct RestoredEntry {
-    EntryReader data;
-    const char* archive_path; // for messages
+// The archive whose current entry an upload sends.
+struct RestoredArchive {
+    ArchiveReader reader;
+    std::string path; // for messages
 };
 
-// The DataCallback for STOR: delivers the data of a RestoredEntry. An archive that ends early ends the data. Returns 0,
-// or -1 after a failed read.
-int ArchiveReadCallback(void* entry, char* buffer, int* count);
+// The DataCallback for STOR: delivers the data of the current entry of an RestoredArchive. An archive that ends early
+// ends the data. Returns 0, or -1 after a failed read.
+int ArchiveReadCallback(void* archive, char* buffer, int* count);
 
 // The run mode. Returns 0 or -1: a later entry that is restored or skipped hides an earlier failure. Returns
 // TerminatedStatus when termination was requested.

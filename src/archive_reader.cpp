@@ -5,10 +5,8 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <linux/magic.h>
-#include <poll.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "text.h"
@@ -23,44 +21,71 @@ BlockKind ClassifyBlock(std::span<const char, BlockSize> block, std::size_t held
     return ReadCtarSize(block, size) ? BlockKind::Header : BlockKind::BadSize;
 }
 
-// A named pipe must not be opened twice, so direct I/O is switched on afterwards, for what has it.
-Descriptor OpenArchiveForReading(const std::string& path) {
-    if (path == "-")
-        return Descriptor(STDIN_FILENO);
-    Descriptor archive(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat status;
-    if (archive.IsOpen() && ::fstat(archive.Get(), &status) == 0 &&
-        (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)))
-        ::fcntl(archive.Get(), F_SETFL, O_RDONLY | O_DIRECT);
-    return archive;
-}
+// Opening and reading
 
 namespace {
+
+constexpr std::int64_t PageSize = 4096; // direct reads from a page boundary on are the fastest
 
 bool IsReadDirectly(int descriptor) {
     const int flags = ::fcntl(descriptor, F_GETFL);
     return flags >= 0 && (flags & O_DIRECT) != 0;
 }
 
-// Whether reads wait for a disk: direct reads do, but for those of files that are in memory anyway.
-bool WaitsForDisk(int descriptor) {
-    struct statfs system;
-    return IsReadDirectly(descriptor) && (::fstatfs(descriptor, &system) != 0 || system.f_type != TMPFS_MAGIC);
+} // namespace
+
+// A named pipe must not be opened twice, so direct I/O is switched on afterwards, for what has it.
+bool ArchiveReader::Open(const std::string& path) {
+    if (path == "-") {
+        descriptor_.Reset(STDIN_FILENO);
+        return true;
+    }
+    descriptor_.Reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status;
+    if (!descriptor_.IsOpen() || ::fstat(descriptor_.Get(), &status) != 0 ||
+        !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)))
+        return descriptor_.IsOpen();
+    has_offset_ = true;
+    if (::fcntl(descriptor_.Get(), F_SETFL, O_RDONLY | O_DIRECT) == 0)
+        cached_.Reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return true;
 }
 
 // Continues without direct I/O; false when it was off already.
-bool StopDirectReads(int descriptor) {
-    return IsReadDirectly(descriptor) && ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_DIRECT) == 0;
+bool ArchiveReader::StopDirectReads() {
+    cached_.Reset();
+    const int flags = ::fcntl(descriptor_.Get(), F_GETFL);
+    return (flags & O_DIRECT) != 0 && ::fcntl(descriptor_.Get(), F_SETFL, flags & ~O_DIRECT) == 0;
 }
 
-} // namespace
+// What the page cache has of the bytes at the offset, whole blocks; 0 when it has none, or cannot be asked.
+ssize_t ArchiveReader::ReadFromCache(char* buffer, std::size_t length) {
+    if (!cached_.IsOpen())
+        return 0;
+    iovec room{buffer, length};
+    const ssize_t count = ::preadv2(cached_.Get(), &room, 1, offset_, RWF_NOWAIT);
+    if (count < 0 && errno != EAGAIN) // no system or file system that can tell
+        cached_.Reset();
+    return std::max<ssize_t>(count, 0) / static_cast<ssize_t>(BlockSize) * static_cast<ssize_t>(BlockSize);
+}
 
-ssize_t ReadArchive(int descriptor, char* buffer, std::size_t length) {
+// One read, moving the offset.
+ssize_t ArchiveReader::ReadSomeAt(char* buffer, std::size_t length) {
+    if (!has_offset_)
+        return ReadSome(descriptor_.Get(), buffer, length);
+    ssize_t count = ReadFromCache(buffer, length);
+    if (count == 0)
+        do
+            count = ::pread(descriptor_.Get(), buffer, length, offset_);
+        while (count < 0 && (errno == EINTR || (errno == EINVAL && StopDirectReads())));
+    offset_ += std::max<ssize_t>(count, 0);
+    return count;
+}
+
+ssize_t ArchiveReader::Read(char* buffer, std::size_t length) {
     std::size_t held = 0;
     while (held < length) {
-        const ssize_t count = ReadSome(descriptor, buffer + held, length - held);
-        if (count < 0 && errno == EINVAL && StopDirectReads(descriptor))
-            continue;
+        const ssize_t count = ReadSomeAt(buffer + held, length - held);
         if (count < 0 && held == 0)
             return -1;
         if (count <= 0)
@@ -72,31 +97,46 @@ ssize_t ReadArchive(int descriptor, char* buffer, std::size_t length) {
 
 // The data of an entry
 
-void BeginEntryData(EntryReader& reader, int descriptor, std::int64_t size) {
-    reader.descriptor = descriptor;
-    reader.size = reader.left = size;
+void ArchiveReader::BeginEntry(std::int64_t size) {
+    left_ = size;
+    ahead_.End();
 }
 
-void ReadEntryAhead(EntryReader& reader) {
-    if (WaitsForDisk(reader.descriptor))
-        reader.ahead.Begin(reader.descriptor, RoundToBlocks(reader.size));
+// An entry's data begins a block into a page: a short first read brings the others onto page boundaries.
+std::size_t ArchiveReader::WantedBytes(int count) const {
+    const std::int64_t most = has_offset_ ? count - offset_ % PageSize : count;
+    return static_cast<std::size_t>(RoundToBlocks(std::min<std::int64_t>(left_, most)));
 }
 
-std::int64_t WantedBytes(const EntryReader& reader, int count) {
-    return RoundToBlocks(std::min<std::int64_t>(reader.left, count));
+// The next bytes of a large entry that is not in the cache, from the thread that reads ahead; 0 when that has none.
+ssize_t ArchiveReader::ReadAheadOf(char* buffer, std::size_t length) {
+    std::int64_t end;
+    if (!ahead_.IsActive()) {
+        if (!has_offset_ || !IsReadDirectly(descriptor_.Get()) || offset_ % PageSize != 0 ||
+            __builtin_add_overflow(offset_, RoundToBlocks(left_), &end))
+            return 0;
+        const ssize_t count = ReadFromCache(buffer, length);
+        offset_ += count;
+        if (count > 0)
+            return count;
+        ahead_.Begin(descriptor_.Get(), offset_, end);
+    }
+    const auto count = static_cast<ssize_t>(ahead_.Deliver(buffer, length));
+    offset_ += count;
+    return count;
 }
 
-ssize_t ReadEntryData(EntryReader& reader, char* buffer, int count) {
-    if (reader.left <= 0)
+ssize_t ArchiveReader::ReadData(char* buffer, int count) {
+    if (left_ <= 0)
         return 0;
-    const auto length = static_cast<std::size_t>(WantedBytes(reader, count));
-    ssize_t read = static_cast<ssize_t>(length);
-    if (!reader.ahead.Deliver(buffer, length))
-        read = ReadArchive(reader.descriptor, buffer, length);
+    const std::size_t length = WantedBytes(count);
+    ssize_t read = ReadAheadOf(buffer, length);
+    if (read == 0)
+        read = Read(buffer, length);
     if (read < 0)
         return -1;
-    const std::int64_t delivered = std::min<std::int64_t>(read, reader.left);
-    reader.left -= read;
+    const std::int64_t delivered = std::min<std::int64_t>(read, left_);
+    left_ -= read;
     return static_cast<ssize_t>(delivered);
 }
 
@@ -121,7 +161,7 @@ std::string DescribeFailure(const SkipFailure& failure) {
 namespace {
 
 // Reads `count` bytes, whole blocks, one page at a time, and drops them.
-bool ReadOver(int descriptor, std::int64_t count, std::vector<SkipFailure>& failures) {
+bool ReadOver(ArchiveReader& archive, std::int64_t count, std::vector<SkipFailure>& failures) {
     const int page = ::getpagesize();
     Mapping scratch; // suits direct I/O
     if (!scratch.Map(static_cast<std::size_t>(page))) {
@@ -130,7 +170,7 @@ bool ReadOver(int descriptor, std::int64_t count, std::vector<SkipFailure>& fail
     }
     while (count > 0) {
         const std::int64_t length = std::min<std::int64_t>(page, count);
-        const ssize_t read = ReadArchive(descriptor, scratch.Data(), static_cast<std::size_t>(length));
+        const ssize_t read = archive.Read(scratch.Data(), static_cast<std::size_t>(length));
         if (read < 0)
             failures.push_back({SkipStep::Read, errno, length});
         if (read <= 0) {
@@ -144,12 +184,19 @@ bool ReadOver(int descriptor, std::int64_t count, std::vector<SkipFailure>& fail
 
 } // namespace
 
-bool SkipArchive(int descriptor, std::int64_t count, std::vector<SkipFailure>& failures) {
+bool ArchiveReader::Skip(std::int64_t count, std::vector<SkipFailure>& failures) {
+    ahead_.End();
     const std::int64_t length = RoundToBlocks(count);
-    errno = 0;
-    if (::lseek(descriptor, length, SEEK_CUR) >= 0 || errno == 0)
+    std::int64_t target;
+    errno = EINVAL; // as lseek() has it for an offset that no file can have
+    if (has_offset_ && !__builtin_add_overflow(offset_, length, &target) &&
+        ::lseek(descriptor_.Get(), target, SEEK_SET) == target) {
+        offset_ = target;
+        return true;
+    }
+    if (!has_offset_ && ::lseek(descriptor_.Get(), length, SEEK_CUR) >= 0)
         return true;
     if (errno != ESPIPE)
         failures.push_back({SkipStep::Seek, errno, length});
-    return ReadOver(descriptor, length, failures);
+    return ReadOver(*this, length, failures);
 }

@@ -6,81 +6,75 @@
 
 #include <unistd.h>
 
-ReadAhead::~ReadAhead() {
-    End();
-}
+namespace {
 
-void ReadAhead::Begin(int descriptor, std::int64_t length) {
-    const off_t position = ::lseek(descriptor, 0, SEEK_CUR);
-    constexpr std::int64_t furthest = INT64_MAX - static_cast<std::int64_t>(Depth) * Block; // no offset goes beyond
-    if (length < Shortest || position < 0 || length > furthest - position)
+constexpr std::size_t Block = 512;
+
+} // namespace
+
+void ReadAhead::Begin(int descriptor, std::int64_t from, std::int64_t to) {
+    if (IsActive() || to - from < PieceSize)
         return;
-    for (Slot& slot : slots_)
-        if (!slot.block.Map(static_cast<std::size_t>(Block)))
+    for (Piece& piece : pieces_)
+        if (!piece.bytes && !piece.bytes.Map(PieceSize))
             return;
     descriptor_ = descriptor;
-    from_ = position;
-    to_ = position + length;
-    ended_ = false;
-    std::int64_t first = from_;
+    used_ = 0;
+    filled_ = drained_ = 0;
+    stopped_ = false;
     try {
-        for (Slot& slot : slots_) {
-            slot.reader = std::thread([this, &slot, first] { Fill(slot, first); });
-            first += Block;
-        }
+        reader_ = std::thread([this, from, to] { Fill(from, to); });
     } catch (const std::system_error&) {
-        End();
     }
 }
 
-// Reads every Depth-th block, each once the one before it has been delivered.
-void ReadAhead::Fill(Slot& slot, std::int64_t first) noexcept {
-    for (std::int64_t at = first; at < to_; at += static_cast<std::int64_t>(Depth) * Block) {
-        const auto length = static_cast<std::size_t>(std::min(Block, to_ - at));
-        const bool whole = ::pread(descriptor_, slot.block.Data(), length, at) == static_cast<ssize_t>(length);
-        std::unique_lock lock(mutex_);
-        slot.state = whole ? State::Full : State::Failed;
-        slot.changed.notify_one();
-        if (!whole)
+// Ends with a piece that is not full: short, empty after a failure, or empty at the end of the stretch.
+void ReadAhead::Fill(std::int64_t from, std::int64_t to) noexcept {
+    for (std::uint32_t number = 0;; ++number) {
+        for (std::uint32_t drained; number - (drained = drained_) >= Depth;)
+            drained_.wait(drained);
+        if (stopped_)
             return;
-        slot.changed.wait(lock, [&] { return ended_ || slot.state == State::Empty; });
-        if (ended_)
+        Piece& piece = pieces_[number % Depth];
+        const auto wanted = static_cast<std::size_t>(std::clamp<std::int64_t>(to - from, 0, PieceSize));
+        const ssize_t count = wanted == 0 ? 0 : ::pread(descriptor_, piece.bytes.Data(), wanted, from);
+        piece.length = static_cast<std::size_t>(std::max<ssize_t>(count, 0)) / Block * Block;
+        from += static_cast<std::int64_t>(piece.length);
+        const bool is_last = piece.length < static_cast<std::size_t>(PieceSize);
+        filled_ = number + 1;
+        filled_.notify_one();
+        if (is_last)
             return;
     }
 }
 
-bool ReadAhead::Deliver(char* buffer, std::size_t length) {
-    if (ended_)
-        return false;
-    Slot& slot = slots_[delivered_ % Depth];
-    const std::int64_t left = to_ - from_ - static_cast<std::int64_t>(delivered_) * Block;
-    if (static_cast<std::int64_t>(length) != std::min(Block, left) || AwaitBlock(slot) != State::Full ||
-        ::lseek(descriptor_, static_cast<off_t>(length), SEEK_CUR) < 0) {
+std::size_t ReadAhead::Deliver(char* buffer, std::size_t length) {
+    if (!IsActive())
+        return 0;
+    const std::uint32_t number = drained_;
+    filled_.wait(number);
+    const Piece& piece = pieces_[number % Depth];
+    const std::size_t count = std::min(length, piece.length - used_);
+    if (count == 0) { // of the last piece
         End();
-        return false;
+        return 0;
     }
-    std::memcpy(buffer, slot.block.Data(), length); // no reader touches a full block
-    ++delivered_;
-    const std::lock_guard lock(mutex_);
-    slot.state = State::Empty;
-    slot.changed.notify_one();
-    return true;
-}
-
-ReadAhead::State ReadAhead::AwaitBlock(Slot& slot) {
-    std::unique_lock lock(mutex_);
-    slot.changed.wait(lock, [&slot] { return slot.state != State::Empty; });
-    return slot.state;
+    std::memcpy(buffer, piece.bytes.Data() + used_, count);
+    used_ += count;
+    if (used_ == static_cast<std::size_t>(PieceSize)) {
+        used_ = 0;
+        drained_ = number + 1;
+        drained_.notify_one();
+    }
+    return count;
 }
 
 void ReadAhead::End() {
-    {
-        const std::lock_guard lock(mutex_);
-        ended_ = true;
-    }
-    for (Slot& slot : slots_)
-        slot.changed.notify_one();
-    for (Slot& slot : slots_)
-        if (slot.reader.joinable())
-            slot.reader.join();
+    if (!IsActive())
+        return;
+    stopped_ = true;
+    drained_ += Depth;
+    drained_.notify_one();
+    reader_.join();
+    reader_ = std::thread();
 }

@@ -2,20 +2,21 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "path_file.h"
 
 int ArchiveReadCallback(void* argument, char* buffer, int* count) {
-    auto* const entry = static_cast<RestoredEntry*>(argument);
-    if (entry == nullptr) {
+    auto* const archive = static_cast<RestoredArchive*>(argument);
+    if (archive == nullptr) {
         LogFailure("bad argument\n");
         return -1;
     }
-    const int wanted = static_cast<int>(WantedBytes(entry->data, *count));
-    const ssize_t delivered = ReadEntryData(entry->data, buffer, *count);
+    const auto wanted = static_cast<int>(archive->reader.WantedBytes(*count));
+    const ssize_t delivered = archive->reader.ReadData(buffer, *count);
     if (delivered < 0) {
-        LogFailure("read(%s,, %d): %s\n", entry->archive_path, wanted, std::strerror(errno));
+        LogFailure("read(%s,, %d): %s\n", archive->path.c_str(), wanted, std::strerror(errno));
         return -1;
     }
     *count = static_cast<int>(delivered);
@@ -26,9 +27,9 @@ namespace {
 
 // The run over one archive.
 struct RestoreRun {
-    FtpSession* session = nullptr;
+    FtpSession* session;
     const Settings& settings;
-    int archive = -1;
+    RestoredArchive& archive;
     alignas(BlockSize) CtarBlock header{};
     ssize_t header_read = 0;   // result of the last read of a header
     int header_error = 0;      // its errno
@@ -36,10 +37,6 @@ struct RestoreRun {
     int result = 0;            // of the last entry, or of what ended the run
     int restored_profiles = 0; // user profile entries restored: their authorities follow at the end
 };
-
-const char* ArchivePath(const RestoreRun& run) {
-    return run.settings.restore_path->c_str();
-}
 
 unsigned long long Printable(std::uint64_t number) {
     return number;
@@ -96,24 +93,23 @@ void RemoveExcluded(StringList& parts, const Settings& settings) {
 }
 
 // Restores what is wanted of an entry. Returns whether that went well.
-bool RestoreWanted(RestoreRun& run, RestoreRequest& request, RestoredEntry& entry) {
+bool RestoreWanted(RestoreRun& run, RestoreRequest& request, std::int64_t size) {
     const RestoreMember& member = RestoreMemberFor(request.name);
     RestoreTimes times;
-    ReadEntryAhead(entry.data);
-    if (RestoreObject(member, run.session, request, times, ArchiveReadCallback, &entry) != 0) {
+    if (RestoreObject(member, run.session, request, times, ArchiveReadCallback, &run.archive) != 0) {
         LogFailure("%s\n", member.failure);
         return false;
     }
     if (member.profiles)
         ++run.restored_profiles;
     if (run.settings.Verbosity() >= 2)
-        ReportEntry(entry.data.size, times);
+        ReportEntry(size, times);
     return true;
 }
 
-bool Skip(const RestoreRun& run, std::int64_t count) {
+bool Skip(RestoreRun& run, std::int64_t count) {
     std::vector<SkipFailure> failures;
-    const bool skipped = SkipArchive(run.archive, count, failures);
+    const bool skipped = run.archive.reader.Skip(count, failures);
     for (const SkipFailure& failure : failures)
         LogFailure("%s\n", DescribeFailure(failure).c_str());
     return skipped;
@@ -135,21 +131,20 @@ bool ProcessEntry(RestoreRun& run) {
     if (TerminationRequested != 0)
         return false; // a pipe may never deliver the next header
     run.header.fill('\0');
-    run.header_read = ReadArchive(run.archive, run.header.data(), run.header.size());
+    run.header_read = run.archive.reader.Read(run.header.data(), run.header.size());
     run.header_error = errno;
     std::int64_t size = 0;
     if (!BeginsEntry(run, size))
         return false;
-    RestoredEntry entry{{}, ArchivePath(run)};
-    BeginEntryData(entry.data, run.archive, size);
+    run.archive.reader.BeginEntry(size);
     RestoreRequest request{std::string(CutNameSuffix(ReadCtarName(run.header))), {}, run.settings.exclude.get()};
     LogMessage("Archive  : %s\n", MaskControls(request.name).c_str());
     request.objects = IncludedParts(request.name, run.settings);
     if (run.settings.exclude)
         RemoveExcluded(request.objects, run.settings);
-    if (request.objects.empty() ? Skip(run, size) : RestoreWanted(run, request, entry))
+    if (request.objects.empty() ? Skip(run, size) : RestoreWanted(run, request, size))
         run.result = 0;
-    else if (!SkipFailedEntry(run, entry.data.left))
+    else if (!SkipFailedEntry(run, run.archive.reader.Left()))
         return false;
     run.offset += BlockSize + static_cast<std::uint64_t>(RoundToBlocks(size));
     return true;
@@ -170,13 +165,14 @@ void RestoreAuthorities(RestoreRun& run) {
 
 int RestoreArchive(FtpSession* session, const Settings& settings) {
     const std::string& path = *settings.restore_path;
-    Descriptor archive = OpenArchiveForReading(path);
-    if (!archive.IsOpen()) {
+    std::optional<RestoredArchive> archive(std::in_place);
+    archive->path = path;
+    if (!archive->reader.Open(path)) {
         LogFailure("open(%s): %s\n", path.c_str(), std::strerror(errno));
         return -1;
     }
     const double begun = SecondsNow();
-    RestoreRun run{.session = session, .settings = settings, .archive = archive.Get()};
+    RestoreRun run{.session = session, .settings = settings, .archive = *archive};
     while (ProcessEntry(run)) {
     }
     if (run.header_read < 0) {
@@ -185,7 +181,7 @@ int RestoreArchive(FtpSession* session, const Settings& settings) {
                    static_cast<int>(BlockSize), std::strerror(run.header_error));
         run.result = -1;
     }
-    archive.Reset();
+    archive.reset(); // before the authorities, which may take long
     RestoreAuthorities(run);
     if (TerminationRequested != 0) {
         LogFailure("Restore Terminated Cleanly\n");

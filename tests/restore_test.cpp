@@ -4,6 +4,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "test_support.h"
@@ -18,134 +19,118 @@ std::string Bytes(std::size_t size) {
     return bytes;
 }
 
-enum class From { File, FileAhead, Pipe };
+enum class From { File, Cache, Disk, Pipe };
 
-// Feeds an entry of `size` bytes from an archive that begins with its data. The position of a file is behind what was
-// fed, padding included.
-std::string Fed(const std::string& archive, std::int64_t size, From from, std::int64_t& left) {
+// Feeds the entry of `size` bytes that begins in the archive at `start`. Nothing is left in the page cache for Disk.
+std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, From from, std::int64_t& left) {
     const TempDir temp;
-    WriteFile(temp / "a", archive);
-    Descriptor input(::open((temp / "a").c_str(), O_RDONLY));
+    const std::string path = from == From::Pipe ? temp / "pipe" : temp / "file";
     std::thread feeder;
     if (from == From::Pipe) {
-        int ends[2];
-        EXPECT_EQ(::pipe(ends), 0);
-        input.Reset(ends[0]);
-        feeder = std::thread([&archive, out = ends[1]] {
-            const Descriptor owner(out);
-            for (std::size_t at = 0; at < archive.size(); at += 700) // pieces that are no blocks
-                EXPECT_GT(::write(out, archive.data() + at, std::min<std::size_t>(700, archive.size() - at)), 0);
+        EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+        feeder = std::thread([&] {
+            const Descriptor out(::open(path.c_str(), O_WRONLY));
+            for (std::size_t at = 0; at < bytes.size(); at += 700) // pieces that are no blocks
+                EXPECT_GT(::write(out.Get(), bytes.data() + at, std::min<std::size_t>(700, bytes.size() - at)), 0);
         });
+    } else {
+        WriteFile(path, bytes);
+        const Descriptor file(::open(path.c_str(), O_RDONLY));
+        EXPECT_EQ(::fsync(file.Get()), 0);
+        if (from == From::Disk) {
+            EXPECT_EQ(::posix_fadvise(file.Get(), 0, 0, POSIX_FADV_DONTNEED), 0);
+        }
     }
-    RestoredEntry entry{{}, "the archive"};
-    BeginEntryData(entry.data, input.Get(), size);
-    if (from == From::FileAhead)
-        entry.data.ahead.Begin(input.Get(), (size + 511) / 512 * 512);
+    ::setenv("VONDRAL_TEST_DISK", from == From::File ? "plain:" : "", 1);
+    RestoredArchive archive{{}, "the archive"};
+    EXPECT_TRUE(archive.reader.Open(path));
     std::string fed;
-    std::vector<char> buffer(65536);
+    Mapping buffer;
+    EXPECT_TRUE(buffer.Map(65536));
+    std::vector<SkipFailure> failures;
+    EXPECT_TRUE(archive.reader.Skip(static_cast<std::int64_t>(start), failures));
+    archive.reader.BeginEntry(size);
     for (int count = 65536;; count = 65536) {
-        EXPECT_EQ(ArchiveReadCallback(&entry, buffer.data(), &count), 0);
+        EXPECT_EQ(ArchiveReadCallback(&archive, buffer.Data(), &count), 0);
         if (count <= 0)
             break;
-        fed.append(buffer.data(), static_cast<std::size_t>(count));
-        if (from != From::Pipe) {
-            const std::size_t position = std::min((fed.size() + 511) / 512 * 512, archive.size());
-            EXPECT_EQ(::lseek(input.Get(), 0, SEEK_CUR), static_cast<off_t>(position));
-        }
+        fed.append(buffer.Data(), static_cast<std::size_t>(count));
+    }
+    left = archive.reader.Left();
+    // The position is behind the padding.
+    const std::size_t next = start + static_cast<std::size_t>(size - left);
+    if (next + 512 <= bytes.size()) {
+        EXPECT_EQ(archive.reader.Read(buffer.Data(), 512), 512);
+        EXPECT_EQ(std::string(buffer.Data(), 512), bytes.substr(next, 512));
     }
     if (feeder.joinable())
         feeder.join();
-    left = entry.data.left;
+    ::unsetenv("VONDRAL_TEST_DISK");
     return fed;
 }
 
-TEST(ArchiveReader, DeliversTheDataAndTakesThePadding) {
-    for (const From from : {From::File, From::FileAhead, From::Pipe}) {
-        for (const std::size_t size :
-             std::initializer_list<std::size_t>{1, 511, 512, 513, 65535, 65536, 65537, 200000, 1 << 20, 1800000}) {
+TEST(ArchiveReader, DeliversTheDataAndConsumesThePadding) {
+    for (const From from : {From::File, From::Cache, From::Disk, From::Pipe}) {
+        std::int64_t left = 0;
+        for (const std::size_t size : {1, 511, 512, 513, 65024, 65535, 65536, 65537, 200000, 1 << 20, 5000000}) {
             const std::string data = Bytes(size);
             const std::size_t padded = (size + 511) / 512 * 512;
-            std::int64_t left = 0;
-            EXPECT_TRUE(Fed(data + std::string(padded - size, '\0') + "next", static_cast<std::int64_t>(size), from,
-                            left) == data);
+            const std::string archive =
+                std::string(512, 'h') + data + std::string(padded - size, '\0') + std::string(512, 'n');
+            EXPECT_TRUE(Fed(archive, 512, static_cast<std::int64_t>(size), from, left) == data) << size;
             EXPECT_EQ(left, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(padded));
         }
-        std::int64_t left = 0;
-        for (const std::size_t cut :
-             std::initializer_list<std::size_t>{7, 65536, 70000, 1000000}) { // an archive that ends early
-            EXPECT_TRUE(Fed(Bytes(cut), 2000000, from, left) == Bytes(cut));
-            EXPECT_EQ(left, 2000000 - static_cast<std::int64_t>(cut));
+        for (const std::size_t cut : {7, 65536, 70000, 3000000}) { // an archive that ends early
+            EXPECT_TRUE(Fed(Bytes(cut), 0, 9000000, from, left) == Bytes(cut)) << cut;
+            EXPECT_EQ(left, 9000000 - static_cast<std::int64_t>(cut));
         }
-        EXPECT_EQ(Fed("data", 0, from, left), "");
+        EXPECT_EQ(Fed("data", 0, 0, from, left), "");
     }
 }
 
 TEST(ArchiveReader, FailedReadsAreReported) {
-    RestoredEntry entry{{}, "the archive"};
-    BeginEntryData(entry.data, -1, 10);
+    RestoredArchive archive{{}, "the archive"};
+    EXPECT_TRUE(archive.reader.Open("/")); // a directory opens, and cannot be read
+    archive.reader.BeginEntry(10);
     int count = 65536;
+    char block[512];
     Capture capture;
-    EXPECT_EQ(ArchiveReadCallback(&entry, nullptr, &count), -1);
+    EXPECT_EQ(ArchiveReadCallback(&archive, block, &count), -1);
     EXPECT_EQ(ArchiveReadCallback(nullptr, nullptr, &count), -1);
-    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Bad file descriptor\n"
+    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Is a directory\n"
                               "vondral[restore.cpp]: bad argument\n");
-}
-
-TEST(ReadAhead, LeavesOddRequestsToTheCaller) {
-    const TempDir temp;
-    const std::string bytes = Bytes(2 << 20);
-    WriteFile(temp / "a", bytes);
-    const Descriptor file(::open((temp / "a").c_str(), O_RDONLY));
-    std::vector<char> buffer(65536);
-    ReadAhead whole;
-    EXPECT_FALSE(whole.Deliver(buffer.data(), buffer.size()));
-    whole.Begin(file.Get(), 2 << 20);
-    for (int i = 0; i < 20; ++i)
-        ASSERT_TRUE(whole.Deliver(buffer.data(), buffer.size()));
-    EXPECT_EQ(std::memcmp(buffer.data(), bytes.data() + 19 * 65536, 65536), 0);
-    EXPECT_FALSE(whole.Deliver(buffer.data(), 512));
-    EXPECT_FALSE(whole.Deliver(buffer.data(), buffer.size())); // it has ended
-    EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 20 * 65536);
-    ReadAhead left; // its readers wait for room when it goes
-    left.Begin(file.Get(), ReadAhead::Shortest);
-    ReadAhead none;
-    none.Begin(file.Get(), ReadAhead::Shortest - 1);
-    EXPECT_FALSE(none.Deliver(buffer.data(), buffer.size()));
+    EXPECT_FALSE(RestoredArchive().reader.Open("/nowhere"));
 }
 
 // Skips in an archive; "ok", or what failed.
-std::string Skipped(int descriptor, std::int64_t count) {
+std::string Skipped(ArchiveReader& archive, std::int64_t count) {
     std::vector<SkipFailure> failures;
-    std::string said = SkipArchive(descriptor, count, failures) ? "ok" : "failed";
+    std::string said = archive.Skip(count, failures) ? "ok" : "failed";
     for (const SkipFailure& failure : failures)
         said += "; " + DescribeFailure(failure);
     return said;
 }
 
-TEST(Skip, SeeksInFilesAndReadsPipes) {
+TEST(ArchiveReader, SkipsBySeekingOrReading) {
     const TempDir temp;
-    WriteFile(temp / "a", std::string(2048, 'x'));
-    const Descriptor file(::open((temp / "a").c_str(), O_RDONLY));
-    EXPECT_EQ(Skipped(file.Get(), 513), "ok");
-    EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 1024);
-    EXPECT_EQ(Skipped(file.Get(), -200), "ok"); // what an upload took too much is no step back
-    EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 1024);
+    WriteFile(temp / "a", std::string(1024, 'x') + std::string(512, 'y'));
+    ArchiveReader file;
+    ASSERT_TRUE(file.Open(temp / "a"));
+    alignas(512) char block[512];
+    EXPECT_EQ(Skipped(file, 513), "ok");
+    EXPECT_EQ(Skipped(file, -200), "ok"); // what an upload took too much is no step back
+    EXPECT_EQ(file.Read(block, 512), 512);
+    EXPECT_EQ(block[0], 'y');
+    EXPECT_EQ(Skipped(file, LargestSize), "failed; lseek64(, 0x7FFFFFFFFFFFFC00,, SEEK_CUR): Invalid argument; "
+                                          "didn't finish consuming 0x7FFFFFFFFFFFFC00 bytes");
 
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    const Descriptor out(ends[0]);
-    const Descriptor in(ends[1]);
-    ASSERT_EQ(::write(in.Get(), std::string(20000, 'x').data(), 20000), 20000);
-    EXPECT_EQ(Skipped(out.Get(), 10000), "ok"); // 10240 with padding
-    std::string rest(20000, '\0');
-    EXPECT_EQ(::read(out.Get(), rest.data(), rest.size()), 20000 - 10240);
-    ASSERT_EQ(::write(in.Get(), "12345", 5), 5);
-    Descriptor closed(::dup(in.Get()));
-    closed.Reset();
-    const_cast<Descriptor&>(in).Reset();
-    EXPECT_EQ(Skipped(out.Get(), 1024), "failed; didn't finish consuming 0x3FB bytes");
-    EXPECT_EQ(Skipped(-1, 512), "failed; lseek64(, 0x200,, SEEK_CUR): Bad file descriptor; "
-                                "read(list, 512): Bad file descriptor; didn't finish consuming 0x200 bytes");
+    ASSERT_EQ(::mkfifo((temp / "p").c_str(), 0600), 0);
+    std::thread feeder([&] { WriteFile(temp / "p", std::string(10240, 'x') + "y12345"); });
+    ArchiveReader pipe;
+    ASSERT_TRUE(pipe.Open(temp / "p"));
+    EXPECT_EQ(Skipped(pipe, 10000), "ok"); // 10240 with padding
+    EXPECT_EQ(Skipped(pipe, 1024), "failed; didn't finish consuming 0x3FA bytes");
+    feeder.join();
 }
 
 } // namespace

@@ -26,13 +26,15 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 extern "C" {
 int __real_poll(pollfd* set, nfds_t count, int milliseconds);
 int __real_clock_gettime(clockid_t clock, timespec* time);
 servent* __real_getservbyname(const char* name, const char* protocol);
-ssize_t __real_read(int descriptor, void* bytes, size_t count);
+ssize_t __real_pread64(int descriptor, void* bytes, size_t count, off_t offset);
+ssize_t __real_preadv64v2(int descriptor, const iovec* room, int count, off_t offset, int flags);
 ssize_t __real_write(int descriptor, const void* bytes, size_t count);
 off_t __real_lseek64(int descriptor, off_t offset, int whence);
 int __real_ftruncate64(int descriptor, off_t length);
@@ -45,7 +47,7 @@ namespace {
 
 // The order's text behind the call, when it is about this one.
 const char* OrderFor(const char* call) {
-    static const char* const order = std::getenv("VONDRAL_TEST_DISK");
+    const char* const order = std::getenv("VONDRAL_TEST_DISK");
     const size_t name = std::strlen(call);
     return order != nullptr && std::strncmp(order, call, name) == 0 && order[name] == ':' ? order + name + 1 : nullptr;
 }
@@ -180,13 +182,20 @@ servent* __wrap_getservbyname(const char* name, const char* protocol) {
     return entry;
 }
 
-// With VONDRAL_TEST_DISK=direct the disk has sectors of 4096 bytes, which no header suits.
-ssize_t __wrap_read(int descriptor, void* bytes, size_t count) {
-    static const bool refuses = OrderFor("direct") != nullptr;
-    if (!refuses || (::fcntl(descriptor, F_GETFL) & O_DIRECT) == 0)
-        return __real_read(descriptor, bytes, count);
+// With VONDRAL_TEST_DISK=direct: direct reads are refused, as of blocks by a disk with sectors of 4096 bytes.
+ssize_t __wrap_pread64(int descriptor, void* bytes, size_t count, off_t offset) {
+    if (OrderFor("direct") == nullptr || (::fcntl(descriptor, F_GETFL) & O_DIRECT) == 0)
+        return __real_pread64(descriptor, bytes, count, offset);
     Mark();
     errno = EINVAL;
+    return -1;
+}
+
+// With VONDRAL_TEST_DISK=plain: or direct: the system cannot tell what is in its cache.
+ssize_t __wrap_preadv64v2(int descriptor, const iovec* room, int count, off_t offset, int flags) {
+    if (OrderFor("plain") == nullptr && OrderFor("direct") == nullptr)
+        return __real_preadv64v2(descriptor, room, count, offset, flags);
+    errno = EOPNOTSUPP;
     return -1;
 }
 

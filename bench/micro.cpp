@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 
 #include <unistd.h>
@@ -35,10 +36,10 @@ Stream MakePathFile(int lines) {
 }
 
 // Lines parsed and placed into a tree of one directory, in blocks as a transfer hands them over.
-void ParseAndPlace(benchmark::State& state) {
+void ParseAndPlaceWith(benchmark::State& state, const std::function<void(Settings&)>& adjust) {
     const std::string listing = MakeListing(100000);
     Settings settings;
-    settings.exclude = state.range(0) > 0 ? MakePathFile(static_cast<int>(state.range(0))) : nullptr;
+    adjust(settings);
     for (auto _ : state) {
         const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
         ObjectNode& dir = AppendDirectory(*root, "/home", 0040755, 0, {});
@@ -54,6 +55,20 @@ void ParseAndPlace(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * 100000);
 }
+
+// With an exclude file of so many lines, or none.
+void ParseAndPlace(benchmark::State& state) {
+    ParseAndPlaceWith(state, [&state](Settings& settings) {
+        settings.exclude = state.range(0) > 0 ? MakePathFile(static_cast<int>(state.range(0))) : nullptr;
+    });
+}
+
+// The same with --date, which converts each entry's time.
+void ParseAndPlaceDated(benchmark::State& state) {
+    ParseAndPlaceWith(state, [](Settings& settings) { settings.cutoff = 0; });
+}
+BENCHMARK(ParseAndPlaceDated)->Unit(benchmark::kMillisecond);
+
 BENCHMARK(ParseAndPlace)->Arg(0)->Arg(1)->Arg(10)->Arg(100)->Unit(benchmark::kMillisecond);
 
 void ParseLine(benchmark::State& state) {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "ftp.h"
+#include "local_time.h"
 #include "run_report.h"
 #include "settings.h"
 #include "tree.h"
@@ -25,6 +26,7 @@ struct ListingContext {
     ObjectNode* directory = nullptr; // entries are appended below it
     int parse_errors = 0;            // lines of the current listing that failed to parse
     std::optional<std::tm> now{};    // local time at the listing's start, which dates without a year refer to
+    LocalTimes times{};              // of entries
     std::string entry_name{};        // "/" and the name of the current entry; kept for its storage
 };
 

@@ -3,8 +3,7 @@
 // by the thread that owns its session.
 //
 // When the control connection fails, its socket is closed and the session's BrokenHandler is called. That either
-// throws, to the protected operation that is under way (see ftp.h), or returns -1; each procedure below then returns
-// -1.
+// throws, to the protected operation that is under way (see ftp.h), or returns; each procedure below then returns -1.
 
 #pragma once
 
@@ -30,8 +29,8 @@ struct TransportOptions {
     int timeout = 8; // minutes of silence that a transfer survives
 };
 
-// Called when the control connection has failed and is closed: throws, or returns -1.
-using BrokenHandler = std::function<int()>;
+// Called when the control connection has failed and is closed: throws, or returns when there is no way out.
+using BrokenHandler = std::function<void()>;
 
 constexpr int LongestReplies = 300000;          // bytes of replies to one command, or of one greeting
 constexpr std::size_t TransferCapacity = 65536; // bytes handed to a DataCallback at once

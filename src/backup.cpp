@@ -41,12 +41,11 @@ bool DropExcluded(ListingContext& context) {
     return excluded;
 }
 
-bool DropOld(const ListingContext& context, const ListingEntry& entry) {
+bool DropOld(ListingContext& context, const ListingEntry& entry) {
     const std::optional<std::int64_t> cutoff = context.settings.cutoff;
     if (!cutoff || S_ISDIR(entry.mode))
         return false;
-    std::tm time = UnpackTime(entry.mtime);
-    if (std::mktime(&time) >= *cutoff)
+    if (context.times.ToEpoch(entry.mtime) >= *cutoff)
         return false;
     if (context.settings.Verbosity() >= 1)
         LogError("excluding %s since it's older than given time\n", MaskControls(context.entry_name).c_str());

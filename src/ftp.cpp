@@ -64,15 +64,15 @@ struct ConnectionBroken {
     const void* operation;
 };
 
-// Takes control to the session's checkpoint, or returns -1 after logging that none is armed.
-int AbortToCheckpoint(const FtpSession& session) {
+// Takes control to the session's checkpoint, or returns after logging that none is armed.
+void AbortToCheckpoint(const FtpSession& session) {
     if (!IsSession(&session)) {
         LogFailure("not a session\n");
-        return -1;
+        return;
     }
     if ((session.checkpoint.flags & CHECKPOINT_ARMED) == 0) {
         LogFailure("jump buffer invalid\n");
-        return -1;
+        return;
     }
     throw ConnectionBroken{session.checkpoint.operation};
 }
@@ -88,7 +88,7 @@ std::unique_ptr<FtpSession> NewSession(const char* host, const char* service, co
         return nullptr;
     }
     session->control =
-        OpenConnections(host, service, options, [broken = session.get()] { return AbortToCheckpoint(*broken); });
+        OpenConnections(host, service, options, [broken = session.get()] { AbortToCheckpoint(*broken); });
     if (session->control == nullptr)
         return nullptr;
     session->tag = SessionTag;

@@ -42,9 +42,19 @@ struct PathFile {
     std::FILE* stream = nullptr;
     struct stat status {};
     std::time_t read_at = 0;
+    std::time_t checked_at = 0; // when it was last found to be the same
     std::vector<PathLine> lines;
 
-    bool IsCurrent(std::FILE* asked) const {
+    // Looks at the file once a second; a change is noticed as late as that.
+    bool IsCurrent(std::FILE* asked) {
+        const std::time_t second = std::time(nullptr);
+        if (stream == asked && checked_at == second)
+            return true;
+        const bool is_current = IsSame(asked);
+        checked_at = is_current ? second : 0;
+        return is_current;
+    }
+    bool IsSame(std::FILE* asked) const {
         struct stat now;
         constexpr std::time_t clock_grain = 1; // seconds
         return stream == asked && ::fstat(::fileno(asked), &now) == 0 && now.st_ino == status.st_ino &&
@@ -161,7 +171,6 @@ int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream, Wi
     }
     const std::string whole(path);
     const std::ptrdiff_t levels = CountLevels(path);
-    const std::string below = whole + "/";
     int result = 1;
     for (const PathLine& line : file.lines) {
         const std::string& pattern = line.pair.first;
@@ -172,7 +181,7 @@ int MatchPathFile(std::string_view path, StringList* list, std::FILE* stream, Wi
                 list->push_back({whole, line.pair.second});
             return 0;
         }
-        if (list != nullptr && pattern.starts_with(below)) {
+        if (list != nullptr && pattern.starts_with(whole) && pattern.substr(whole.size()).starts_with('/')) {
             list->push_back(line.pair);
             result = 0;
         }

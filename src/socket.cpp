@@ -33,13 +33,14 @@ int Port(const FtpConnection& connection) {
 }
 
 // Offers the session its way out of a connection that has failed.
-int CallBroken(FtpConnection& control) {
-    return control.on_broken ? control.on_broken() : -1;
+void CallBroken(FtpConnection& control) {
+    if (control.on_broken)
+        control.on_broken();
 }
 
-int FailControl(FtpConnection& control) {
+void FailControl(FtpConnection& control) {
     control.socket.Reset();
-    return CallBroken(control);
+    CallBroken(control);
 }
 
 // Opening a session's connections
@@ -540,7 +541,8 @@ int AwaitCompletion(Exchange& exchange) {
     do {
         if (exchange.AwaitsReply() && !exchange.control.socket.IsOpen()) {
             LogFailure("control connection gone\n");
-            return CallBroken(exchange.control);
+            CallBroken(exchange.control);
+            return -1;
         }
         PollSet set = BuildPollSet(exchange);
         if (set.count == 0)

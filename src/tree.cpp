@@ -117,7 +117,6 @@ void ReleaseName(ObjectNode& dir) {
 
 void AdoptDirectory(ObjectNode& root, const ObjectNode& dir) {
     ObjectNode& copy = AppendDirectory(root, DirectoryPath(dir), dir.mode, dir.size, dir.mtime);
-    copy.partial = dir.partial;
     copy.count = dir.count;
     copy.borrowed_from = &dir;
     RollUp(root, 0, dir.count);

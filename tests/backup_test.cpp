@@ -148,6 +148,30 @@ TEST(Listing, LinesThatFail) {
     }
 }
 
+// The same epochs as mktime, also on the days on which clocks are put forward or back.
+TEST(LocalTimes, AreThoseOfTheSystem) {
+    for (const char* const zone : {"UTC", "EST5EDT,M3.2.0,M11.1.0", "XXX-5:45", "MID3MDT,M3.2.0/0,M11.1.0/0"}) {
+        ::setenv("TZ", zone, 1);
+        ::tzset();
+        LocalTimes times;
+        for (int day = 0; day < 800; ++day)
+            for (int minute = day % 30; minute < 24 * 60; minute += 30) {
+                std::tm time{};
+                time.tm_year = 124;
+                time.tm_mday = 1 + day;
+                time.tm_isdst = -1;
+                std::mktime(&time); // the date
+                time.tm_hour = minute / 60;
+                time.tm_min = minute % 60;
+                time.tm_isdst = -1;
+                const CalendarTime packed = PackTime(time);
+                ASSERT_EQ(times.ToEpoch(packed), std::mktime(&time)) << zone << " " << day << " " << minute;
+            }
+    }
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+}
+
 // The listing callback
 
 struct Listing {

@@ -62,6 +62,7 @@ TEST(Commands, RestoreRepliesAreJudgedByFirstLetters) {
                            {"550 5 OBJECTS RESTORED", 5},
                            {"550 job log: 5 objects restored", -1}, // an 'o' stands before
                            {"550 0 objects restored", 0},
+                           {"550 1 objects restored", 1},
                            {"550 5objects restored", 0},
                            {"550 010 objects restored", 8},
                            {"5 objects restored", 0}, // looks like the reply code

@@ -58,6 +58,7 @@ TEST(Options, ErrorsAreCollectedAndReportedTogether) {
 TEST(Options, WhatARunNeeds) {
     EXPECT_EQ(CommandLine({}).Complaints(), "vondral: you must provide a server name\n");
     EXPECT_EQ(CommandLine({"-s", "h"}).Complaints(), "vondral: you must provide login credentials\n");
+    EXPECT_EQ(CommandLine({"-s", "h"}).result, -1);
     EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:there:x"}).Complaints(), "vondral: bad where following user name\n");
     EXPECT_EQ(CommandLine({"--help"}).Complaints(), "");
     EXPECT_EQ(CommandLine({"--help"}).result, -1);

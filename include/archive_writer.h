@@ -1,10 +1,10 @@
 // Writing a CTAR archive (its format is in ctar.h): open, append data, close an entry, cut back, flush. A silent part:
 // it returns what failed, and the module that drives it logs that.
 //
-// Between entries the file is always a valid archive: entries, then one sentinel. An entry's data is appended behind
-// that sentinel, in whole blocks; closing the entry pads the last block, writes a new sentinel behind the data, and
-// only then the entry's header over the old sentinel. A program that dies before that last write leaves an archive that
-// ends at the old sentinel.
+// Between entries the file is always a valid archive: entries, then one sentinel. An entry's data is appended after
+// that sentinel, in whole blocks; closing the entry pads the last block, writes a new sentinel after the data, and only
+// then the entry's header over the old sentinel. A program that dies before that last write leaves an archive that ends
+// at the old sentinel.
 //
 // Several workers share one ArchiveFile and append to it one at a time: whoever appends holds `appending`. Each has an
 // ArchiveWriter of its own.

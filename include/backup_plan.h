@@ -15,16 +15,17 @@ struct PlanOptions {
     bool changed_only = false;                 // the trees contain only what changed: what contains no file is left out
 };
 
-// Whether a directory is saved as one unit: nothing below it was left out, and it is not too large.
-bool IsOneUnit(const ObjectNode& dir, const PlanOptions& options);
-
 // One root per kind of object. The objects below are borrowed from the include tree, which must live longer.
 using KindTrees = std::array<ObjectTree, ObjectKindCount>;
 struct BackupPlan {
     KindTrees trees;
     std::uint64_t objects_found = 0; // files to save, those inside units included, libraries not
-    // Directories and libraries of which something is missing because the server did not list them, and no unit above
-    // them is saved whole.
+    // Directories that the server did not list, so that something of them is missing: no unit above them is saved
+    // whole.
     std::vector<std::string> unlisted;
 };
+// Appends the paths of the directories that the server did not list, among this one and all below it. `path` is that of
+// the directory's parent.
+void AppendUnlisted(const ObjectNode& dir, std::string path, std::vector<std::string>& unlisted);
+
 BackupPlan BuildBackupPlan(const ObjectNode& include_tree, const PlanOptions& options);

@@ -34,10 +34,10 @@ struct Checkpoint {
 };
 
 struct FtpSession {
-    RecordTag tag{};                     // set last, when the session is connected
-    std::optional<std::string> user;     // of the last successful login
-    std::optional<std::string> password; //
-    Release release = Release::Other;    // as SYST reported it at the last login that told it
+    RecordTag tag{};                 // set last, when the session is connected
+    std::optional<std::string> user; // of the last successful login, as the password
+    std::optional<std::string> password;
+    Release release = Release::Other; // as SYST reported it at the last login that told it
     // Transfer parameters as last set on the server, 0 when unknown: the character of MODE, STRU, TYPE, SITE NAMEFMT
     // and SITE LISTFMT.
     char mode = 0;

@@ -16,6 +16,9 @@ constexpr std::size_t PathLineCapacity = 4096; // a line and its terminator; lon
 // end of the file.
 bool ReadPathLine(std::string& line, std::FILE* stream);
 
+// Whether a pattern contains "*" or "?".
+bool HasWildCard(std::string_view pattern);
+
 enum class PathFileUse { BackupInclude, BackupExclude, Restore };
 
 // What in a path file is surely a mistake, a sentence for each, such as "line 3 is empty and matches everything"; the

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "commands.h"
+#include "path_file.h"
 #include "resources.h"
 #include "socket.h"
 
@@ -21,14 +22,16 @@ struct Settings {
     Stream catalog;                          // paths of saved files
     Stream include;
     Stream exclude;
-    Stream list;                               // selects list mode
-    Stream not_backed_up;                      // paths of objects that were not saved
-    std::optional<std::int64_t> cutoff;        // --date: epoch; older files are left out
-    SaveOptions save;                          //
+    Stream list;                        // selects list mode
+    Stream not_backed_up;               // paths of objects that were not saved
+    std::optional<std::int64_t> cutoff; // --date: epoch; older files are left out
+    SaveOptions save;
     std::uint64_t max_block_size = UINT64_MAX; // bytes; a larger directory is saved object by object
     bool threading = true;
     TransportOptions transport; // its verbosity is that of the run
     int test_count = 0;         // above 0: log in, and nothing more
 
     int Verbosity() const { return transport.verbosity; }
+    // A restore path switches wild cards off in both path files, whatever the run does.
+    WildCards PathFileRule() const { return restore_path ? WildCards::Ignore : WildCards::Match; }
 };

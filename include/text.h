@@ -66,6 +66,11 @@ bool ParseAnyBase(const char* text, Number (*convert)(const char*, char**, int),
 std::string FormatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string FormatArguments(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
+// The number in the type of %llu and %llX, whose size is the same on every machine.
+constexpr unsigned long long Printable(std::uint64_t number) {
+    return number;
+}
+
 // Reads the next line, including its newline, as fgets does with a buffer of `capacity` bytes: a longer line comes in
 // pieces of capacity - 1 bytes, and a NUL ends the line early. Returns false at the end of the stream and after a read
 // error.

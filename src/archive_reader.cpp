@@ -5,8 +5,10 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "text.h"
@@ -46,7 +48,9 @@ bool ArchiveReader::Open(const std::string& path) {
         !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)))
         return descriptor_.IsOpen();
     has_offset_ = true;
-    if (::fcntl(descriptor_.Get(), F_SETFL, O_RDONLY | O_DIRECT) == 0)
+    struct statfs system;
+    const bool is_in_memory = ::fstatfs(descriptor_.Get(), &system) == 0 && system.f_type == TMPFS_MAGIC;
+    if (!is_in_memory && ::fcntl(descriptor_.Get(), F_SETFL, O_RDONLY | O_DIRECT) == 0)
         cached_.Reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     return true;
 }

@@ -56,9 +56,9 @@ void OpenArchive(ArchiveFile& file, const std::string& path) {
     file.descriptor.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     const int descriptor = file.descriptor.Get();
     struct stat status;
-    const bool taken = descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    if (taken || (descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
-                  ::ftruncate(descriptor, 0) != 0))
+    const bool locked = descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (locked || (descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+                   ::ftruncate(descriptor, 0) != 0))
         file.descriptor.Reset();
 }
 

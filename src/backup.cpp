@@ -23,7 +23,7 @@ namespace {
 constexpr int PathMatchFlags = FNM_PATHNAME | FNM_LEADING_DIR;
 
 bool IsExcluded(std::string_view path, const Settings& settings) {
-    return MatchPathFile(path, nullptr, settings.exclude.get(), WildCards::Match) == 0;
+    return MatchPathFile(path, nullptr, settings.exclude.get(), settings.PathFileRule()) == 0;
 }
 
 // Requires: context.entry_name is set.
@@ -52,7 +52,7 @@ bool DropOld(ListingContext& context, const ListingEntry& entry) {
     return true;
 }
 
-void AppendEntry(ListingContext& context, std::string_view name, const ListingEntry& entry, bool as_directory) {
+void AppendListed(ListingContext& context, std::string_view name, const ListingEntry& entry, bool as_directory) {
     ObjectNode& dir = *context.directory;
     if (as_directory)
         AppendDirectory(dir, name, entry.mode, entry.size, entry.mtime);
@@ -74,7 +74,7 @@ void PlaceIncluded(ListingContext& context, const ListingEntry& entry) {
         full_name = root.name.substr(0, slash) + name;
     }
     const bool as_directory = S_ISDIR(entry.mode);
-    AppendEntry(context, full_name, entry, as_directory);
+    AppendListed(context, full_name, entry, as_directory);
     if (as_directory && name == LibrariesPath)
         MarkPartial(*root.last_dir);
 }
@@ -85,10 +85,10 @@ void PlaceEntry(ListingContext& context, const ListingEntry& entry) {
     if (dir.parent == nullptr)
         PlaceIncluded(context, entry);
     else if (dir.name != LibrariesPath)
-        AppendEntry(context, name, entry, S_ISDIR(entry.mode));
+        AppendListed(context, name, entry, S_ISDIR(entry.mode));
     else if (HasLibrarySuffix(name) && name != LibrariesPath)
-        AppendEntry(context, name, entry,
-                    context.settings.cutoff.has_value()); // a directory, to find what changed in it
+        // With a cut-off a library is a directory, to find what changed in it.
+        AppendListed(context, name, entry, context.settings.cutoff.has_value());
 }
 
 // A library, and the document library, is one object to save.
@@ -96,6 +96,11 @@ void RetypeWholeObjects(const ListingContext& context, ListingEntry& entry) {
     const std::string& name = context.entry_name;
     if ((HasLibrarySuffix(name) && name != LibrariesPath) || name == DocumentsPath)
         entry.mode = (entry.mode & ~static_cast<std::uint32_t>(S_IFMT)) | S_IFREG;
+}
+
+// The text without the carriage return that ends a listing's line.
+std::string_view WithoutReturn(std::string_view text) {
+    return text.ends_with('\r') ? text.substr(0, text.size() - 1) : text;
 }
 
 // Returns false after logging the reason.
@@ -106,7 +111,7 @@ bool ParseLine(const ListingContext& context, std::string_view line, ListingEntr
     }
     const std::optional<ListingFailure> failure = ParseListingLine(line, *context.now, entry);
     if (failure)
-        LogFailure("%s: %s\n", failure->what, MaskControls(failure->text).c_str());
+        LogFailure("%s: %s\n", failure->what, MaskControls(WithoutReturn(failure->text)).c_str());
     return !failure;
 }
 
@@ -123,7 +128,7 @@ void ProcessLine(ListingContext& context, std::string_view line) {
         return;
     }
     if (!entry.leftover.empty())
-        LogFailure("leftover %s\n", MaskControls(entry.leftover).c_str());
+        LogFailure("leftover %s\n", MaskControls(WithoutReturn(entry.leftover)).c_str());
     if (entry.name == "." || entry.name == "..") // a walk into these would never end
         return;
     context.entry_name.assign(1, '/').append(entry.name);
@@ -197,7 +202,7 @@ PlanOptions PlanFor(const Settings& settings) {
 void ReportUnfinishedLine(ListingContext& context) {
     if (context.carry.find_first_not_of(" \r") == std::string::npos)
         return;
-    LogFailure("unfinished line: %s\n", MaskControls(context.carry).c_str());
+    LogFailure("unfinished line: %s\n", MaskControls(WithoutReturn(context.carry)).c_str());
     CountParseError(context);
 }
 
@@ -251,10 +256,6 @@ void AppendSpecialObject(ObjectNode& root, std::string_view path, const Calendar
         AppendFile(root, path, S_IFREG | 0600, 0, now);
 }
 
-bool HasWildCard(std::string_view path) {
-    return path.find_first_of("*?") != path.npos;
-}
-
 // Adds what one include path names to the root. Returns -1 when the server's listing failed, which ends the build.
 int ResolveIncludePath(FtpSession* session, const std::string& include, ObjectNode& root, ListingContext& context) {
     root.name = include;
@@ -290,8 +291,8 @@ int ResolveIncludePaths(FtpSession* session, ObjectNode& root, ListingContext& c
     if (stream == nullptr)
         return ResolveIncludePath(session, include, root, context);
     if (!ReadPathLine(include, stream)) {
-        constexpr SourceLocation here =
-            SourceLocation::Here(); // the one message with a colon and a blank in its prefix
+        // The one message with a colon and a blank in its prefix.
+        constexpr SourceLocation here = SourceLocation::Here();
         LogMessageTo(stderr, "%s[%s:%d] : Error reading from include stream\n", ProgramName, here.Module(), here.line);
         return -1;
     }
@@ -375,7 +376,7 @@ bool ProcessObject(WorkerRun& run, ObjectFile& object) {
         LogMessageTo(stderr, "Backup Failure: %s\n", MaskControls(object.name).c_str());
         NoteNotBackedUp(object.name, settings);
         ++run.totals.failures;
-        // Without a connection every further object would fail as well: a request to end leaves them alone.
+        // The socket is closed only when a recovery was refused: a request to end then leaves the next objects alone.
         if (TerminationRequested != 0 && run.session != nullptr && !run.session->control->socket.IsOpen())
             throw WorkerEnd{};
         return false;
@@ -419,7 +420,7 @@ void SaveTree(WorkerRun& run, const ObjectNode& kind_tree) {
 // Workers
 
 // What the workers of a run share.
-struct Workshop {
+struct WorkerContext {
     const Settings& settings;
     ArchiveFile& archive;
 };
@@ -434,13 +435,13 @@ std::unique_ptr<FtpSession> OpenWorkerSession(const Settings& settings) {
     return session;
 }
 
-BackupTotals BackupWorker(const Workshop& shop, const ObjectNode& kind_tree) {
+BackupTotals BackupWorker(const WorkerContext& context, const ObjectNode& kind_tree) {
     const std::uint32_t number = RegisterThread(-1);
-    std::unique_ptr<FtpSession> session = OpenWorkerSession(shop.settings);
-    WorkerRun run{session.get(), number, shop.settings, shop.archive};
+    std::unique_ptr<FtpSession> session = OpenWorkerSession(context.settings);
+    WorkerRun run{session.get(), number, context.settings, context.archive};
     SaveTree(run, kind_tree);
     Quit(std::move(session));
-    if (shop.settings.Verbosity() >= 1)
+    if (context.settings.Verbosity() >= 1)
         ReportWorker(number, run.totals);
     return run.totals;
 }
@@ -451,11 +452,11 @@ struct Worker {
     std::jthread thread;
 };
 
-void StartWorker(Worker& worker, const Workshop& shop, const ObjectNode& kind_tree) {
+void StartWorker(Worker& worker, const WorkerContext& context, const ObjectNode& kind_tree) {
     try {
-        worker.thread = std::jthread([&worker, &shop, &kind_tree] {
+        worker.thread = std::jthread([&worker, &context, &kind_tree] {
             try {
-                worker.totals = BackupWorker(shop, kind_tree);
+                worker.totals = BackupWorker(context, kind_tree);
             } catch (const WorkerEnd&) {
             } catch (const std::bad_alloc&) {
                 LogError("out of memory\n");
@@ -483,17 +484,17 @@ void JoinWorker(Worker& worker, std::size_t kind, const ObjectNode& kind_tree, B
 // A kind without files gets no worker, so its empty directories are not saved; nor are those whose listing failed,
 // which may contain anything: returns their number.
 std::uint64_t NoteEmptyTree(const ObjectNode& kind_tree, const Settings& settings) {
-    std::uint64_t unlisted = 0;
+    std::vector<std::string> unlisted;
     for (const ObjectNode* dir = kind_tree.first_dir.get(); dir != nullptr; dir = dir->next.get()) {
         NoteNotBackedUp(dir->name, settings);
-        unlisted += dir->borrowed_from->unlisted ? 1 : 0;
+        AppendUnlisted(*dir, "", unlisted);
     }
-    return unlisted;
+    return unlisted.size();
 }
 
 // One worker per kind that has objects: security data and configuration first and alone, the others together when
 // threading is on. After a termination request no further one starts.
-BackupTotals RunWorkers(const Workshop& shop, const KindTrees& trees, ListingTotals& listing) {
+BackupTotals RunWorkers(const WorkerContext& context, const KindTrees& trees, ListingTotals& listing) {
     std::array<Worker, ObjectKindCount> workers;
     std::array<bool, ObjectKindCount> running{};
     BackupTotals totals;
@@ -501,12 +502,12 @@ BackupTotals RunWorkers(const Workshop& shop, const KindTrees& trees, ListingTot
         if (TerminationRequested != 0)
             continue;
         if (trees[kind]->count == 0) {
-            listing.parse_errors += NoteEmptyTree(*trees[kind], shop.settings);
+            listing.parse_errors += NoteEmptyTree(*trees[kind], context.settings);
             continue;
         }
-        StartWorker(workers[kind], shop, *trees[kind]);
+        StartWorker(workers[kind], context, *trees[kind]);
         running[kind] = true;
-        if (kind == static_cast<std::size_t>(ObjectKind::System) || !shop.settings.threading) {
+        if (kind == static_cast<std::size_t>(ObjectKind::System) || !context.settings.threading) {
             JoinWorker(workers[kind], kind, *trees[kind], totals);
             running[kind] = false;
         }

@@ -9,6 +9,11 @@ bool IsUnchanged(const ObjectNode& dir, const PlanOptions& options) {
     return options.changed_only && dir.count == 0;
 }
 
+// Whether a directory is saved as one unit: nothing below it was left out, and it is not too large.
+bool IsOneUnit(const ObjectNode& dir, const PlanOptions& options) {
+    return dir.parent != nullptr && !dir.partial && (dir.size <= options.max_block_size || dir.count == 0);
+}
+
 ObjectNode& KindTree(KindTrees& trees, std::string_view path) {
     return *trees[static_cast<std::size_t>(ClassifyPath(path))];
 }
@@ -19,18 +24,16 @@ void PlaceDirectory(BackupPlan& plan, const ObjectNode& dir, std::string& path, 
     AppendToPath(path, dir.name);
     const std::size_t length = path.size();
     const bool is_library = path.starts_with(LibraryPrefix);
-    const bool is_saved_whole = (is_library || IsOneUnit(dir, options)) && !IsUnchanged(dir, options);
-    if (dir.unlisted && !is_saved_whole)
-        plan.unlisted.push_back(path);
-    if (is_library) {
-        if (is_saved_whole)
-            AppendFile(KindTree(plan.trees, path), path, dir.mode, dir.size, dir.mtime);
+    if ((is_library || IsOneUnit(dir, options)) && IsUnchanged(dir, options)) {
+        AppendUnlisted(dir, path.substr(0, parent_length), plan.unlisted);
+    } else if (is_library) {
+        AppendFile(KindTree(plan.trees, path), path, dir.mode, dir.size, dir.mtime);
     } else if (IsOneUnit(dir, options)) {
-        if (is_saved_whole) {
-            AdoptDirectory(KindTree(plan.trees, path), dir);
-            plan.objects_found += dir.count;
-        }
+        AdoptDirectory(KindTree(plan.trees, path), dir);
+        plan.objects_found += dir.count;
     } else {
+        if (dir.unlisted)
+            plan.unlisted.push_back(path);
         for (const ObjectFile* file = dir.first_file.get(); file != nullptr; file = file->next.get()) {
             AppendToPath(path, file->name);
             AdoptFile(KindTree(plan.trees, path), *file);
@@ -46,8 +49,13 @@ void PlaceDirectory(BackupPlan& plan, const ObjectNode& dir, std::string& path, 
 
 } // namespace
 
-bool IsOneUnit(const ObjectNode& dir, const PlanOptions& options) {
-    return dir.parent != nullptr && !dir.partial && (dir.size <= options.max_block_size || dir.count == 0);
+void AppendUnlisted(const ObjectNode& dir, std::string path, std::vector<std::string>& unlisted) {
+    const ObjectNode& source = dir.borrowed_from != nullptr ? *dir.borrowed_from : dir;
+    AppendToPath(path, dir.name);
+    if (source.unlisted)
+        unlisted.push_back(path);
+    for (const ObjectNode* child = source.first_dir.get(); child != nullptr; child = child->next.get())
+        AppendUnlisted(*child, path, unlisted);
 }
 
 BackupPlan BuildBackupPlan(const ObjectNode& include_tree, const PlanOptions& options) {

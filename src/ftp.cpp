@@ -6,8 +6,6 @@
 #include <functional>
 #include <mutex>
 
-#include <unistd.h>
-
 #include "path_file.h"
 #include "recovery_pace.h"
 
@@ -97,7 +95,7 @@ std::unique_ptr<FtpSession> NewSession(const char* host, const char* service, co
 
 namespace {
 
-// One half of the credentials: the command that carries it and how messages call it.
+// One half of the credentials: the command that carries it, and its name in messages.
 struct LoginStep {
     const char* verb;
     const char* name;
@@ -383,8 +381,8 @@ int CloseRetrieved(const EntryTarget& target, const ObjectFile& object, off_t st
 
 // Appends one save file of the server as the object's entry. Puts `outer` back as soon as the retrieval has its reply.
 // Requires: the archive is this thread's.
-int AppendEntry(FtpSession& session, const Checkpoint& outer, const ObjectFile& object, const std::string& save_file,
-                const EntryTarget& target) {
+int AppendSaveFile(FtpSession& session, const Checkpoint& outer, const ObjectFile& object, const std::string& save_file,
+                   const EntryTarget& target) {
     const off_t start = BeginEntry(target.writer);
     if (start < 0) {
         session.checkpoint = outer;
@@ -408,7 +406,7 @@ int RetrieveToArchive(FtpSession& session, const Checkpoint& outer, const Object
     {
         const std::lock_guard<std::mutex> appending(target.writer.file.appending);
         started = SecondsNow();
-        result = AppendEntry(session, outer, object, save_file, target);
+        result = AppendSaveFile(session, outer, object, save_file, target);
     }
     if (TerminationRequested != 0)
         throw WorkerEnd{};

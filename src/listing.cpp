@@ -99,7 +99,7 @@ bool ConsumeYear(std::string_view& text, CalendarTime& time) {
     return year >= 0;
 }
 
-// Takes the name: up to " -> ", else up to the line's last character, which is the carriage return.
+// Parses the name: up to " -> ", else up to the line's last character, which is the carriage return.
 void ConsumeName(std::string_view text, ListingEntry& entry) {
     constexpr std::string_view arrow = " -> ";
     const std::size_t link = text.find(arrow);

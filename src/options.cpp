@@ -40,9 +40,9 @@ bool ParseSwitch(const char* text) {
 // The file that holds or receives the archive, when that can be destroyed by writing.
 std::optional<struct stat> ArchiveStatus(const std::optional<std::string>& path) {
     struct stat status;
-    if (!path || ::stat(path->c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)))
+    if (!path || (path == "-" ? ::fstat(STDIN_FILENO, &status) : ::stat(path->c_str(), &status)) != 0)
         return std::nullopt;
-    return status;
+    return S_ISREG(status.st_mode) || S_ISBLK(status.st_mode) ? std::optional(status) : std::nullopt;
 }
 
 // Whether both are one file; logs the path when they are.
@@ -56,7 +56,7 @@ bool IsArchive(const std::optional<struct stat>& archive, const struct stat& oth
 
 // Requires: the first pass over the options is done.
 PathFileUse UseOf(const Settings& settings, PathFileUse in_backup) {
-    return settings.restore_path && !settings.backup_path ? PathFileUse::Restore : in_backup;
+    return settings.restore_path ? PathFileUse::Restore : in_backup;
 }
 
 int OpenPathFile(Stream& stream, const char* path, PathFileUse use) {
@@ -339,7 +339,6 @@ bool SharesArchive(const Settings& settings) {
         const char* name;
     };
     const auto number = [](const Stream& stream) { return stream ? ::fileno(stream.get()) : -1; };
-    const std::optional<struct stat> archive = ArchiveStatus(settings.backup_path);
     for (const Other& other : {Other{number(settings.catalog), "the catalog"},
                                {number(settings.not_backed_up), "the list of what was not backed up"},
                                {number(settings.list), "the list"},
@@ -348,9 +347,11 @@ bool SharesArchive(const Settings& settings) {
                                {STDOUT_FILENO, "standard output"},
                                {STDERR_FILENO, "standard error"}}) {
         struct stat status;
-        if (::fstat(other.descriptor, &status) == 0 &&
-            IsArchive(archive, status, settings.backup_path->c_str(), other.name))
-            return true;
+        if (::fstat(other.descriptor, &status) != 0)
+            continue;
+        for (const std::optional<std::string>& path : {settings.backup_path, settings.restore_path})
+            if (IsArchive(ArchiveStatus(path), status, path.value_or("").c_str(), other.name))
+                return true;
     }
     return false;
 }

@@ -102,10 +102,15 @@ bool Matches(const PathLine& line, const std::string& path, std::ptrdiff_t level
 
 // Mistakes
 
-namespace {
-
 bool HasWildCard(std::string_view pattern) {
     return pattern.find_first_of("*?") != pattern.npos;
+}
+
+namespace {
+
+// Whether a pattern such as "*" matches the leading part of every path, which is empty.
+bool MatchesEverything(const std::string& pattern) {
+    return ::fnmatch(pattern.c_str(), "/", FNM_PATHNAME | FNM_LEADING_DIR) == 0 && pattern != "/";
 }
 
 // What is wrong with a line, without its newline; empty when nothing surely is.
@@ -115,10 +120,12 @@ std::string MistakeIn(const std::string& line, PathFileUse use) {
         return use == PathFileUse::BackupInclude ? "is empty and names no object" : "is empty and matches everything";
     if (line.ends_with('\r'))
         return "ends in a carriage return, which is part of its path";
-    if (IsSpace(line.back()))
-        return "ends in a blank, which is part of its path";
+    if (IsSpace(pattern.back()) || IsSpace(line.back()))
+        return "has a blank at the end of a path, which is part of it";
+    if (use == PathFileUse::BackupExclude && MatchesEverything(pattern))
+        return "matches everything";
     if (!pattern.starts_with('/'))
-        return "does not begin with a slash and matches nothing";
+        return "does not begin with a slash";
     if (use == PathFileUse::Restore && HasWildCard(pattern))
         return "contains a wild card and is ignored by a restore";
     return {};

@@ -38,10 +38,6 @@ struct RestoreRun {
     int restored_profiles = 0; // user profile entries restored: their authorities follow at the end
 };
 
-unsigned long long Printable(std::uint64_t number) {
-    return number;
-}
-
 // One entry
 
 // Whether the header just read begins an entry, whose size is then set. Otherwise the run over the archive ends.

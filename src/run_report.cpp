@@ -36,10 +36,6 @@ constexpr const char* ObjectUnits[] = {" ", "K", "M", "G"};
 constexpr const char* TotalUnits[] = {" ", "k", "M", "G"};
 constexpr const char* RestoreUnits[] = {"", "K", "M", "G"};
 
-unsigned long long Printable(std::uint64_t number) {
-    return number;
-}
-
 // "name: seconds s rate", for one phase of an object.
 void ReportPhase(const char* name, double seconds, std::int64_t bytes, const char* const* units) {
     if (seconds <= 0)

@@ -16,7 +16,7 @@ namespace {
 
 constexpr double PollSeconds = PollMilliseconds / 1000.0;
 
-bool IsControl(const FtpConnection* connection) {
+bool IsControlRecord(const FtpConnection* connection) {
     return connection != nullptr && connection->tag == ControlTag;
 }
 
@@ -128,7 +128,7 @@ bool ConnectToServer(FtpConnection& control) {
 } // namespace
 
 int ConnectControl(FtpConnection* control) {
-    if (!IsControl(control))
+    if (!IsControlRecord(control))
         return -1;
     if (control->socket.IsOpen()) {
         LogFailure("reopening open control connection\n");
@@ -197,7 +197,7 @@ int FillReplyBuffer(FtpConnection& control) {
 } // namespace
 
 int ReadReply(FtpConnection* control, std::span<char, ReplyCapacity> line) {
-    if (!IsControl(control))
+    if (!IsControlRecord(control))
         return -1;
     ReplyBuffer& replies = control->replies;
     while (replies.Lines() < 1) {
@@ -332,7 +332,7 @@ int SendData(FtpConnection& data, const Transfer& transfer) {
 
 // Runs the whole transfer. Closing the socket tells a receiving server that the file has ended.
 int RunTransfer(FtpConnection& control, const Transfer& transfer) {
-    if (!IsControl(&control) || !HasDataRecord(&control))
+    if (!IsControlRecord(&control) || !HasDataRecord(&control))
         return -1;
     FtpConnection& data = *control.data;
     if (!data.socket.IsOpen()) {
@@ -388,9 +388,8 @@ constexpr std::size_t CommandCapacity = 4096;
 struct Exchange {
     FtpConnection& control;
     const Transfer& transfer;
-    std::span<char> reply; // the caller's, may be empty
-    std::array<char, ReplyCapacity> last{
-        '1'}; // the last reply line; while it begins with '1' the final reply is to come
+    std::span<char> reply;                     // the caller's, may be empty
+    std::array<char, ReplyCapacity> last{'1'}; // the last reply line; '1' in front: the final reply is to come
     int result = 0;
     std::int64_t waited = 0; // milliseconds without any event
 
@@ -559,7 +558,7 @@ int AwaitCompletion(Exchange& exchange) {
 } // namespace
 
 int SendCommand(FtpConnection* control, const char* command, std::span<char> reply, const Transfer& transfer) {
-    if (!IsControl(control))
+    if (!IsControlRecord(control))
         return -1;
     Exchange exchange{*control, transfer, reply};
     if (exchange.HasTransfer() && PrepareTransfer(*control) != 0)
@@ -581,7 +580,7 @@ int SendCommand(FtpConnection* control, const char* command, std::span<char> rep
 // Closing
 
 int CloseConnection(std::unique_ptr<FtpConnection> connection) {
-    if (!IsControl(connection.get()))
+    if (!IsControlRecord(connection.get()))
         return -1; // a data record's socket goes with the record
     CloseConnection(std::move(connection->data));
     return connection->socket.Close();

@@ -156,7 +156,7 @@ void PrintFilePath(std::FILE* stream, const ObjectFile& file) {
 
 namespace {
 
-// `path` is the directory's own and comes back as it was.
+// `path` is the directory's own, and is the same on return.
 void DumpBelow(std::FILE* stream, const ObjectNode& dir, std::string& path) {
     const ObjectNode& shown = dir.borrowed_from != nullptr ? *dir.borrowed_from : dir;
     const std::size_t length = path.size();

@@ -91,7 +91,7 @@ namespace {
 
 sigset_t TerminationSignals;
 
-// Takes the one SIGTERM that counts; a second one stays pending.
+// Waits for the one SIGTERM that counts; a second one stays pending.
 void SignalThread() {
     int signal = 0;
     ::sigwait(&TerminationSignals, &signal);

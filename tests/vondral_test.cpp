@@ -131,6 +131,7 @@ TEST(Options, TheArchiveIsNoOtherFileOfTheRun) {
     for (const Row& row : {Row{{"-b", archive, "-C", link}, "the catalog"},
                            {{"-C", archive, "-b", link}, "the catalog"},
                            {{"-r", archive, "-C", archive}, "the catalog"},
+                           {{"-r", link, "-l", "77"}, "the list"},
                            {{"-b", archive, "-i", link}, "the include file"},
                            {{"-b", archive, "-e", archive}, "the exclude file"},
                            {{"-b", archive, "-n", "77"}, "the list of what was not backed up"},
@@ -162,8 +163,11 @@ TEST(Options, MistakesInPathFilesAreSaid) {
                            {"\n", "-i", false, "line 1 is empty and names no object"},
                            {" :: /x\n", "-e", false, "line 1 is empty and matches everything"},
                            {"/a\r\n", "-i", false, "line 1 ends in a carriage return, which is part of its path"},
-                           {"/a \n/b", "-e", false, "line 1 ends in a blank, which is part of its path"},
-                           {"home\n", "-e", false, "line 1 does not begin with a slash and matches nothing"},
+                           {"/a \n/b", "-e", false, "line 1 has a blank at the end of a path, which is part of it"},
+                           {"/a  :: /b\n", "-i", true, "line 1 has a blank at the end of a path, which is part of it"},
+                           {"*\n", "-e", false, "line 1 matches everything"},
+                           {"/\n", "-e", false, ""},
+                           {"home\n", "-e", false, "line 1 does not begin with a slash"},
                            {"/home/*\n", "-e", false, ""},
                            {"/home/*\n", "-e", true, "line 1 contains a wild card and is ignored by a restore"}}) {
         WriteFile(temp / "f", row.file);

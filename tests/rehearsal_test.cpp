@@ -38,9 +38,10 @@ Descriptor Connect(unsigned long port) {
 struct Client {
     Descriptor control;
 
-    void Send(const string& command) const {
+    const Client& Send(const string& command) const {
         const string line = command + "\r\n";
         EXPECT_TRUE(WriteAll(control.Get(), line.data(), line.size()));
+        return *this;
     }
     // One whole reply, or what Receive returns when the connection ends.
     string Reply() const {
@@ -49,10 +50,7 @@ struct Client {
             line += Receive(control, 1);
         return line[3] == '-' ? line + Reply() : line;
     }
-    string Ask(const string& command) const {
-        Send(command);
-        return Reply();
-    }
+    string Ask(const string& command) const { return Send(command).Reply(); }
     Descriptor OpenData() const {
         const string reply = Ask("PASV");
         const std::size_t last = reply.rfind(','), before = reply.rfind(',', last - 1);
@@ -97,9 +95,9 @@ TEST(Rehearsal, RefusesWhatARealServerWould) {
     const Client client = site.LogIn();
     std::istringstream rows(R"(NOOP2|501 NOOP2 unsuccessful; specified subcommand not recognized.
 TIME 9 9x|501 TIME
-RCMD STRPDM|STRPDM
-RCMD SAVLIB DEV(*SAVF) SAVF(QTEMP/S)|LIB
-RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) COLOR(RED)|COLOR
+RCMD STRPDM|Command STRPDM in library *LIBL not found.
+RCMD SAVLIB DEV(*SAVF) SAVF(QTEMP/S)|Parameter LIB required.
+RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) COLOR(RED)|Keyword COLOR not valid
 RCMD SAVLIB LIB(ELEVENCHARS) DEV(*SAVF) SAVF(QTEMP/S)|550
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/T)|File T in library QTEMP not found.
 RCMD SAVLIB LIB(TOOLS DEV(*SAVF) SAVF(QTEMP/S)|550
@@ -120,15 +118,14 @@ MKD /../out|550
         EXPECT_THAT(client.Ask(command), HasSubstr(reply)) << command;
     EXPECT_EQ(fs::status(site.root / "home/note").permissions(), fs::perms{01755}) << "never sets user or group";
     EXPECT_THAT(client.Ask("RCMD SAVLIB LIB(" + string(1000, 'X') + ")"), StartsWith("501"));
-    EXPECT_FALSE(fs::exists(site.root.path.parent_path() / "out"));
     EXPECT_THAT(site.LogIn().Ask("RCMD CLRSAVF FILE(QTEMP/T)"), StartsWith("550")); // that of the other session
 }
 
 TEST(Rehearsal, TransfersAndTheirFaults) {
     rehearsal::Options options;
-    for (const char* fault :
-         {"data-close RETR bytes=1k nth=2", "data-reset RETR nth=3 bytes=0", "close RETR nth=4 reply=1 bytes=3"})
-        options.faults.push_back(rehearsal::ParseFault(fault));
+    options.faults = {rehearsal::ParseFault("data-close RETR bytes=1k nth=3"),
+                      rehearsal::ParseFault("data-reset RETR nth=4 bytes=0"),
+                      rehearsal::ParseFault("close RETR nth=5 reply=1 bytes=3")};
     const Site site(options);
     const Client client = site.LogIn();
     const string bytes = "line\r\n" + string(600'000, '\0') + "end", started = "150 Retrieving file /home/";
@@ -137,7 +134,7 @@ TEST(Rehearsal, TransfersAndTheirFaults) {
     EXPECT_TRUE(client.Transfer("RETR /home/new") == started + "new\r\n" + bytes + "<end>" + completed);
     fs::permissions(site.root / "home/note", fs::perms{0640});
     EXPECT_THAT(client.Transfer("LIST /home/note"), HasSubstr("-rw-r-----   1 QPGMR    0              4 "));
-    for (const char* command : {"STOR /home/g", "LIST /home"}) {
+    for (const char* command : {"RETR /home/f", "STOR /home/g", "LIST /home"}) {
         Descriptor data = client.OpenData();
         const linger reset{1, 0};
         ::setsockopt(data.Get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
@@ -166,7 +163,7 @@ TEST(Rehearsal, RatesAreLimitsUntilTheServerEnds) {
     EXPECT_EQ(Receive(receiving.control, 1, MSG_DONTWAIT), "<error>");
     site.server.reset();
     EXPECT_EQ(saving.Reply(), "<end>");
-    EXPECT_THAT(Receive(data), testing::AllOf(StartsWith("f"), testing::SizeIs(testing::Lt(2000U))));
+    EXPECT_LT(Receive(data).size(), 2000U);
 }
 
 TEST(Rehearsal, FaultsOfReplies) {
@@ -206,18 +203,15 @@ struct Command : Program {
 };
 
 TEST(Rehearsal, WrongUsageAndFailures) {
-    EXPECT_EQ(rehearsal::ParseBytes("3M") + rehearsal::ParseBytes("2g"), (3U << 20) + (2U << 30));
     const TempDir parent;
     fs::create_directory(parent / "empty");
     std::istringstream rows(R"(--root /dev/null|not a directory
---root none|No such file or directory
 --root .. --sample|--sample needs an empty directory: ..
 --root . --sample --address 192.0.2.1|: Cannot assign requested address
 --root|--root: value missing
 |--root is required
 --colour red|unknown option: --colour
 --port 65536|--port: not a port: 65536
---address localhost|--address: not an IPv4 address: localhost
 --busy home|--busy: not an absolute path: home
 --save-rate 10T|--save-rate: not a number of bytes: 10T
 --transfer-rate 20000000000G|--transfer-rate: not a number of bytes: 20000000000G

@@ -222,9 +222,7 @@ TEST_F(CtarTool, SalvageKeepsWhatCanBeKnown) {
     const auto shifted = [](const std::string& archive) { // with B's data as far as they go
         return A + EntryOf("/b", archive.substr(AtB + 512, 1584));
     };
-    const std::string less = std::string(Three).erase(AtB + 1012, 9),
-                      more = std::string(Three).insert(AtB + 1012, "more"),
-                      block = std::string(Three).erase(AtB + 1012, 512), head = std::string(Three).erase(AtB + 300, 50);
+    const std::string less = std::string(Three).erase(AtB + 1012, 9), head = std::string(Three).erase(AtB + 300, 50);
     struct Row {
         std::string damaged, kept;
         const char* told; // empty: all is well
@@ -245,9 +243,7 @@ TEST_F(CtarTool, SalvageKeepsWhatCanBeKnown) {
              {broken(AtB, sized(528)), A + B + C, ""},
              {With(broken(AtB, sized(0)), AtC, lost), A + B, "2560 bytes dropped, 1 entry in doubt"},
              // Bytes lost or added, so that no header is where the size leads.
-             {block, shifted(block), "entry /b: the data may be wrong"},
              {less, shifted(less), "entry /b: the data may be wrong"},
-             {more, shifted(more), "entry /b: the data may be wrong"},
              {head, shifted(head), "entry /b, header repaired: the data may be wrong"},
              {broken(AtB + 2096, "x"), A + B + C, "entry /b: the data may be wrong"},
              // Entries after broken retrievals.
@@ -256,7 +252,6 @@ TEST_F(CtarTool, SalvageKeepsWhatCanBeKnown) {
              {unfinished(9), A + B + C, "9216 bytes dropped, 0 entries in doubt"},
              {A + Sentinel + HeaderOf("/phantom", 1024) + half + B + Sentinel, A + B, "1024 bytes dropped, 0 entries"},
              {A + Sentinel + junk.substr(0, 2048) + Sentinel, A, "2560 bytes dropped, 0 entries in doubt"},
-             {A + Sentinel + "junk", A, "4 bytes dropped, 0 entries in doubt"},
              // Headers within a save file are never the archive's, even if the entry's own is partly damaged.
              {With(outer + A + Sentinel, 0x7c, "1"), outer + A, ""},
              {With(outer + A + Sentinel, 148, "1"), outer + A, "header repaired: name, size, mode or time may be"},
@@ -291,23 +286,17 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
           "x.ctar: 0x1200 (4608): duplicate: /d.savf: same name as the entry at 0x600 (1536)\n"
           "x.ctar: 5 entries, 4 findings\n"},
          {own + Sentinel, "verify --json x.ctar", 1, R"("entries":5,"findings":4,"mend":""})"},
-         {own + Sentinel, "verify -", 1, "(4608): duplicate: same name as the entry at 0x600 (1536)\n"},
          {With(Three, 1040, "\x80"), "verify x.ctar", 1, "x.ctar: 0x410 (1040): padding: /a: the padding after the"},
          {With(Three, AtB + 300, "x"), "verify x.ctar", 1, "x.ctar: 0x600 (1536): checksum: neither a header nor the"},
          {With(Three, 1535, "\x80"), "verify --json x.ctar", 1,
           R"({"archive":"x.ctar","offset":1040,"finding":"padding","name":"/a","text":"the padding after the data is)"},
-         {With(Three, 1535, "\x80"), "verify --json x.ctar", 1,
-          R"({"archive":"x.ctar","entries":3,"findings":1,"mend":"ctar salvage x.ctar -o NEW"})"},
          {std::string(BlockSize, 'x'), "verify x.ctar", 1, ": no block is a header or a sentinel: not an archive, or"},
-         {std::string(511, 'x'), "verify x.ctar", 1, ": no block is a header or a sentinel: not an archive, or shifte"},
          {A + Sentinel + B, "list x.ctar", 1, "0x800 (2048): 2560 bytes after the end of the archive; a restore will"},
-         {A + Sentinel + B, "list -", 1, "standard input: 0x800 (2048): 2560 bytes after the end of the archive; a"},
          {HeaderOf("/zero", 0) + Sentinel, "verify x.ctar", 1, "x.ctar: 0x0 (0): empty: /zero: an entry without data"},
          {A + Rechecked(With(header, 124, "9")) + Sentinel, "verify x.ctar", 1, " 0x600 (1536): size: /b: a header"},
          {A + With(Sentinel, 148, "400" + zeros.substr(0, 4)), "verify x.ctar", 1, "header: the sentinel differs from"},
          {A + Sentinel + "x", "verify x.ctar", 1, unreached + "1 byte that a restore will not see: data of a broken"},
          {A + Sentinel + zeros, "verify x.ctar", 1, unreached + "700 bytes that a restore will not see: zeros\n"},
-         {A + Sentinel + junk + Sentinel, "verify x.ctar", 1, ": data of a broken retrieval, or junk\n"},
          {A + Sentinel + junk + B + Sentinel + C + Sentinel, "verify x.ctar", 1,
           unreached + "6144 bytes that a restore will not see: 2 entries, the first at 0xa00 (2560)\n"},
          {Rechecked(odd) + junk + junk + Sentinel, "verify x.ctar", 1,
@@ -323,27 +312,22 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
 }
 
 TEST_F(CtarTool, HostileInputsEndCleanly) {
-    const std::string huge = HeaderOf("/huge", static_cast<std::uint64_t>(LargestSize));
-    for (const std::string& bytes : {std::string(), std::string("x"), std::string(5000, '\0'), huge + Sentinel,
-                                     huge + huge, HeaderOf("/zero", 0) + Sentinel}) {
-        const int status = bytes.ends_with(Sentinel) && bytes[1] == 'z' ? 0 : 1;
-        Check({{bytes, "verify x.ctar", 1}, {bytes, "verify -", 1}});
-        for (const std::string command : {"list", "sum", "export"})
-            Check({{bytes, command + " x.ctar", status}, {bytes, command + " -", status}});
-    }
-    ::mkfifo("fifo", 0600);
+    const std::string huge = HeaderOf("/huge", static_cast<std::uint64_t>(LargestSize)), zero = HeaderOf("/zero", 0);
+    for (const std::string& bytes : {std::string(), std::string(5000, '\0'), huge + Sentinel, huge + huge})
+        for (const std::string command : {"verify", "list", "sum", "export"})
+            Check({{bytes, command + " x.ctar", 1}, {bytes, command + " -", 1}});
+    Check({{zero + Sentinel, "list x.ctar", 0}, {zero + Sentinel, "export x.ctar", 0}});
     Program closed;
     closed.close_standard_streams = true;
     EXPECT_EQ(Run("list x.ctar", std::move(closed)).status, 2);
+    ::mkfifo("fifo", 0600);
     WriteFile("./-dash", Three + "junk");
     WriteFile("./[a]", Three);
     Check({{"x", "salvage x.ctar -o never", 2, "x.ctar: shorter than one block"},
            {Three, "list .", 2, "read at offset 0x0 (0): Is a directory\n"},
-           {Three, "salvage fifo -o never", 2},
            {Three, "extract fifo /a", 2, ": this command needs the name of a regular file"},
            {Three, "salvage x.ctar -o -", 2},
            {Three, "verify -- -dash", 1, "to repair it: ctar salvage ./-dash -o NEW\n"},
-           {Three, "verify [a]", 2},
            {Three, "verify -- none ./[a]", 2, "./[a]: 3 entries, sound\nctar: none: No such file or directory\n"}});
 }
 
@@ -359,14 +343,10 @@ TEST_F(CtarTool, SumsRevealWhatChanged) {
     Check(
         {{Three, "verify --sums sums -", 0, all, sums},
          {changed, check, 1, differs},
-         {changed, check + " --max-duration 1h", 1, differs},
          {changed, check + " --sample 0", 0, " 0 of 3 entries (0.0 %), 0 of 3168 bytes (0.0 %)\n"},
          {fault, check, 1, " (1536): missing: /b: in the sums, but not found: see the fault at 0x600 (1536)\nx.ctar: "},
-         {fault, check, 1, "x.ctar: 0x1000 (4096): differs: /c: the data differ from the sums\n"},
-         {fault, check, 1, " 2 of 3 entries (66.7 %), 1584 of 3168 bytes (50.0 %)\n"},
          {fault, "verify --sums sums -", 1, "(4096): differs: /c: "},
          {cut, check, 1, "x.ctar: 0x1000 (4096): cut-data: /c: "},
-         {cut, check, 1, "the data of 1 of 3 entries"},
          {Three, check, 1, "differs: /b: the sums have /g here, 1584 bytes\n", with_b(" 1536 1584 /g\n")},
          {Three, check, 1, "differs: /b: the sums have /b here, 1583 bytes\n", with_b(" 1536 1583 /b\n")},
          {Three, check + " --json", 1, R"(1536,"finding":"additional","name":"/b",)", with_b(" 2048 1 /g\\xe9\n")},
@@ -380,11 +360,9 @@ TEST_F(CtarTool, SumsRevealWhatChanged) {
           digest + " 0 9223372036854775807 /a\n", digest + " 0 529 /a\n" + digest + " 1024 1 /b\n"})
         Check({{Three, check + " --json", 2, "sums: line ", bad}});
     const std::string large = EntryOf("/large", Data(1000, 'l')) + Sentinel; // more than one read
-    Check({{Sentinel, "verify --sums /dev/null -", 0,
-            " 0 of 0 entries (100.0 %), 0 of 0 bytes (100.0 %)\n-: 0 entries, s"},
+    Check({{Sentinel, "verify --sums /dev/null -", 0, " 0 of 0 entries (100.0 %), 0 of 0 bytes (100.0 %)\n-: 0 ent"},
            {large, "sum -", 0}});
     Check({{large, check, 0, "the data of 1 of 1 entry (100.0 %)", Run("sum x.ctar").out},
-           {large, check + " --max-duration 0.000000001", 0, "the data of 0 of 1 entry (0.0 %), "},
            {large, check + " --max-duration 0.000000001", 0, "x.ctar: 1 entry, headers sound, no data compared\n"}});
     Check({{Many(200), "sum -", 0}});
     WriteFile("./sums", Run("sum x.ctar").out);
@@ -402,21 +380,18 @@ TEST_F(CtarTool, ExtractWritesAllOrNothing) {
     Check({{archive, "extract x.ctar /x/-rf -o file", 0, ": 2 entries /x/-rf; extracting the last, at 0x400 (1024)\n"},
            {archive, "extract x.ctar /d\xe9 -o file", 2, ": already exists; use --force to replace it\n"}});
     EXPECT_EQ(ReadFile("file"), Data(2, 'r'));
-    Check(
-        {{archive, "extract x.ctar /d\\xe9.savf -f -o file", 0},
-         {archive, "extract x.ctar /d\xe9 -o -", 0, "dir"},
-         {archive, "extract x.ctar /x/.. -o up", 0},
-         {archive, "extract x.ctar /x/..", 2, ": /x/..: cannot be made a file name; use -o FILE\n"},
-         {archive, "extract x.ctar /x/-rf", 0},
-         {archive, "extract x.ctar /x/-rf -f -o link", 2, ": is the archive itself\n"},
-         {archive, "extract x.ctar /x/-rf -f -o ./x.ctar", 2, ": is the archive itself\n"},
-         {archive, "extract x.ctar /x/-rf -f -o .", 2, ": not a regular file\n"},
-         {archive, "salvage x.ctar -f -o link", 2, ": is the damaged archive itself\n"},
-         {archive, "salvage x.ctar -o file", 2, ": already exists"},
-         {archive, "extract x.ctar /d -o none", 1, "x.ctar: no entry /d\n"},
-         {archive, "extract x.ctar /d\xe9/e -o none", 1, "x.ctar: /d\\xe9/e is inside the entry /d\\xe9; restore it"},
-         {archive, "extract x.ctar /d\\xe9/e -o none", 1, " is inside the entry /d\\xe9; restore it with \"vondral -"},
-         {archive + "x", "extract x.ctar /d -o none", 1, ": no entry /d where a restore would see it; \"ctar salv"}});
+    Check({{archive, "extract x.ctar /d\\xe9.savf -f -o file", 0},
+           {archive, "extract x.ctar /d\xe9 -o -", 0, "dir"},
+           {archive, "extract x.ctar /x/.. -o up", 0},
+           {archive, "extract x.ctar /x/..", 2, ": /x/..: cannot be made a file name; use -o FILE\n"},
+           {archive, "extract x.ctar /x/-rf", 0},
+           {archive, "extract x.ctar /x/-rf -f -o link", 2, ": is the archive itself\n"},
+           {archive, "extract x.ctar /x/-rf -f -o .", 2, ": not a regular file\n"},
+           {archive, "salvage x.ctar -f -o link", 2, ": is the damaged archive itself\n"},
+           {archive, "salvage x.ctar -o file", 2, ": already exists"},
+           {archive, "extract x.ctar /d -o none", 1, "x.ctar: no entry /d\n"},
+           {archive, "extract x.ctar /d\xe9/e -o none", 1, "x.ctar: /d\\xe9/e is inside the entry /d\\xe9; restore it"},
+           {archive + "x", "extract x.ctar /d -o none", 1, ": no entry /d where a restore would see it; \"ctar salv"}});
     Program limited;
     limited.file_size_limit = 1000;
     EXPECT_EQ(Run("extract x.ctar /x/-rf -f -o file", std::move(limited)).status, 2);
@@ -449,23 +424,20 @@ TEST_F(CtarTool, ASignalLeavesNoTemporaryFile) {
 TEST_F(CtarTool, ATerminalALockAndAFullDisk) {
     const std::string archive = Many(2000), warning = "ctar: x.ctar: a backup is writing to this file\n";
     WriteFile("./x.ctar", archive);
-    const Descriptor master(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    const Descriptor master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_TRUE(::grantpt(master.Get()) == 0 && ::unlockpt(master.Get()) == 0);
-    const Descriptor terminal(::open(::ptsname(master.Get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
     Program verify;
     verify.outputs = {{STDERR_FILENO, ::ptsname(master.Get())}};
     EXPECT_EQ(Run("verify x.ctar", std::move(verify)).status, 0);
     std::string shown;
-    pollfd drawn{master.Get(), POLLIN, 0};
-    for (char byte; !shown.ends_with("\r\033[K") && ::poll(&drawn, 1, 10000) == 1; shown += byte)
-        ASSERT_EQ(::read(master.Get(), &byte, 1), 1) << shown;
+    for (char byte; !shown.ends_with("\r\033[K") && ::read(master.Get(), &byte, 1) == 1;)
+        shown += byte;
     EXPECT_THAT(shown, testing::MatchesRegex("\r\\[.* % .*\r\033\\[K"));
 
     Program full;
     full.outputs = {{STDOUT_FILENO, "/dev/full"}};
     const Outcome outcome = Run("sum x.ctar", std::move(full));
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.err, "ctar: standard output: No space left on device\n");
+    EXPECT_TRUE(outcome.status == 2 && outcome.err == "ctar: standard output: No space left on device\n");
 
     const Descriptor writer(::open("x.ctar", O_RDWR | O_CLOEXEC));
     ASSERT_EQ(::flock(writer.Get(), LOCK_EX), 0);
@@ -473,7 +445,6 @@ TEST_F(CtarTool, ATerminalALockAndAFullDisk) {
     Check({{archive, "list x.ctar", 0, warning},
            {archive, "salvage damaged -f -o x.ctar", 2, warning},
            {A + Sentinel + Data(1, 'j'), "verify x.ctar", 1, "data of the backup in progress\nx.ctar: 1 entry, 1 fi"}});
-    EXPECT_EQ(Run("verify x.ctar").out.find("salvage"), std::string::npos);
 }
 
 TEST_F(CtarTool, ExportIsReadByTar) {
@@ -484,10 +455,10 @@ TEST_F(CtarTool, ExportIsReadByTar) {
     WriteFile("./x.ctar", archive);
     WriteFile("./x.tar", Run("export x.ctar").out);
     Check({{archive, "export -", 0, ReadFile("x.tar")}});
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> tar(::popen("mkdir tree && tar -xf x.tar -C tree 2>&1", "r"),
-                                                              ::pclose);
-    while (std::fgetc(tar.get()) != EOF) {
-    }
+    Program tar;
+    tar.executable = "/bin/sh";
+    tar.arguments = {"-c", "mkdir tree && tar -xf x.tar -C tree"};
+    tar.Run();
     EXPECT_EQ(ReadFile("tree/home.savf"), Data(5, 'h'));
     EXPECT_EQ(ReadFile("tree/home/\xe9.savf"), "byte");
     EXPECT_EQ(ReadFile("tree/home-4608.savf"), "again");

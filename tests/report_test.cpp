@@ -87,8 +87,7 @@ std::vector<std::string> Lines(const std::string& text, const std::string& patte
 
 LoggedRun ParseRun(const std::string& log) {
     LoggedRun run;
-    std::istringstream stream(log);
-    for (std::string line; std::getline(stream, line);)
+    for (const std::string& line : Lines(log, ""))
         ProcessLogLine(run, line);
     FinishRun(run);
     return run;
@@ -147,15 +146,13 @@ TEST(Report, LogsOfTheProgramWholeAndCut) {
     Night night;
     const std::string backup = night.Log({"-v2", "-b", night.archive});
     const LoggedRun whole = ParseRun(backup);
-    const auto entries = ReadArchiveFile(night.archive);
+    const auto entries = ReadArchiveFile(night.archive).value();
     double bytes = 0;
-    for (const ArchiveEntry& entry : entries.value())
+    for (const ArchiveEntry& entry : entries)
         bytes += static_cast<double>(entry.data.size());
-    EXPECT_EQ(whole.bytes, bytes);
-    EXPECT_EQ(whole.Results(), entries->size());
+    EXPECT_TRUE(whole.bytes == bytes && whole.Results() == entries.size() && Omissions(whole).empty());
     for (const Result& result : whole.longest)
         EXPECT_TRUE(result.save_seconds && result.transfer_seconds) << result.name;
-    EXPECT_THAT(Omissions(whole), SizeIs(0));
     for (std::size_t length = 0; length < backup.rfind("** Total Run Time: ") + 19; length += 7) {
         const LoggedRun run = ParseRun(backup.substr(0, length));
         EXPECT_TRUE(StatusOf(run) == Status::Unfinished && !ExpectedExitStatus(run)) << length;
@@ -164,7 +161,7 @@ TEST(Report, LogsOfTheProgramWholeAndCut) {
     for (const std::string verbosity : {"-v0", "-v2"}) {
         const LoggedRun run = ParseRun(night.Log({verbosity, "-r", night.archive, "-e", night.work / "exclude"}));
         EXPECT_TRUE(StatusOf(run) == Status::Complete && run.not_understood == 0);
-        EXPECT_EQ(run.Count(Outcome::Saved), entries->size() - 2);
+        EXPECT_EQ(run.Count(Outcome::Saved), entries.size() - 2);
         EXPECT_EQ(run.Count(Outcome::NotRestored), 2U);
         EXPECT_EQ(run.unexplained, verbosity == "-v0" ? 2U : 0U);
     }
@@ -172,14 +169,12 @@ TEST(Report, LogsOfTheProgramWholeAndCut) {
     const std::string restore = night.Log({"-r", night.archive});
     const LoggedRun partial = ParseRun(restore);
     EXPECT_TRUE(partial.Missing() == 1 && partial.missing.at(0).name == "/home");
-    // Two runs in one log; the first is cut, and the first line of the second may follow on the same line.
+    // Two runs in one log. The first may be cut, and the second's first line follow on the same line.
     const LoggedRun last = ParseRun(night.Log({"-b", night.archive}) + backup);
     EXPECT_TRUE(last.earlier_runs == 1 && StatusOf(last) == Status::Complete && last.Missing() == 0);
-    EXPECT_EQ(ParseRun(backup.substr(0, backup.size() / 2) + "\n" + backup).Results(), whole.Results());
     for (const std::size_t length : {backup.find("Backup Success: ") + 20, backup.rfind("** Total Run Time: ") + 5}) {
-        const std::string cut = backup.substr(0, length);
-        EXPECT_EQ(ParseRun(cut + backup).Results(), whole.Results()) << length;
-        EXPECT_EQ(ParseRun(cut + restore).Results() + 1, partial.Results()) << length;
+        EXPECT_EQ(ParseRun(backup.substr(0, length) + backup).Results(), whole.Results()) << length;
+        EXPECT_EQ(ParseRun(backup.substr(0, length) + restore).Results() + 1, partial.Results()) << length;
     }
 }
 
@@ -241,27 +236,13 @@ TEST(Report, AllOutputsOfABackup) {
 {"type":"total","name":"run_seconds","value":20.026}
 {"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":1,"not found":1},"bytes":2892000,"lines":25,"lines_not_understood":0,"omissions":["Earlier runs in the same log: 1. This is the last one."]}
 )");
-    EXPECT_EQ(std::regex_replace(tool.Read("gauges"), std::regex("#[^\n]*\n|[^\n]* 0\n"), ""),
-              R"(vondral_run_status{status="failures"} 1
-vondral_run_end_time_seconds 1772323210
-vondral_run_exit_status 1
-vondral_run_files_attempted 17
-vondral_run_files_failed 1
-vondral_run_saves 5
-vondral_run_saves_failed 1
-vondral_run_saves_missing 4
-vondral_run_bytes 28512
-vondral_run_duration_seconds 20.026
-)");
-    EXPECT_EQ(
-        tool.Read("err"),
-        R"(vondral-report: failures: 5 saves (1 saved, 1 failed, 1 saved in part, 1 no data, 1 not found), 28.512 KB in 20.026 s
-vondral-report: newly missing: /nowhere
-vondral-report: newly missing: /QSYS.LIB/A.LIB
-vondral-report: newly missing: /QDLS
-vondral-report: no longer named: /gone
-vondral-report: no longer missing: /home
-)");
+    EXPECT_EQ(std::regex_replace(tool.Read("gauges"), std::regex("#[^\n]*\n|[^\n]* 0\n|vondral_run_"), ""),
+              "status{status=\"failures\"} 1\nend_time_seconds 1772323210\nexit_status 1\nfiles_attempted 17\n"
+              "files_failed 1\nsaves 5\nsaves_failed 1\nsaves_missing 4\nbytes 28512\nduration_seconds 20.026\n");
+    EXPECT_EQ(std::regex_replace(tool.Read("err"), std::regex("vondral-report: "), ""),
+              "failures: 5 saves (1 saved, 1 failed, 1 saved in part, 1 no data, 1 not found), 28.512 KB in 20.026 s\n"
+              "newly missing: /nowhere\nnewly missing: /QSYS.LIB/A.LIB\nnewly missing: /QDLS\n"
+              "no longer named: /gone\nno longer missing: /home\n");
     std::string page = std::regex_replace(tool.Read("page"), std::regex("\n"), " ");
     page = std::regex_replace(page.substr(page.find("<h1>")), std::regex("</section>"), "\n");
     EXPECT_EQ(
@@ -276,11 +257,10 @@ vondral-report: no longer missing: /home
 | )");
 }
 
-// What the outputs say about made-up logs; after "!", what they do not.
+// What some output says about made-up logs; after "!", what none says.
 TEST(Report, Outputs) {
-    using Row = std::tuple<std::string, std::string, std::vector<std::string>>;
+    using Row = std::pair<std::string, std::vector<std::string>>;
     const std::string good = Ended(Success("/a")), exit_status = "Exit status according to the log: ";
-    const std::string terminated = Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly");
     const std::string failed = Line("01:00:00", "vondral[a.cpp,1]: login failed");
     const std::string restore =
         Line("01:00:00", "Archive  : /a") + Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
@@ -288,35 +268,31 @@ TEST(Report, Outputs) {
                              Line("23:59:51", "Save: 999999999999999999 s", "01") + Success("/b", "23:59:52");
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
     const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 1"));
-    for (const auto& [log, file, parts] :
-         {Row{good, "page", {"<title>Backup: complete<", "\"pill complete\">complete<", "!id=\"missing\""}},
-          {good, "err", {"vondral-report: complete: 1 save in 10 s\n"}},
-          {terminated, "page", {exit_status + "143."}},
-          {terminated, "err", {": terminated: 0 saves in 0 s\n"}},
-          {good + failed, "page", {exit_status + "255.", "<li>login failed</li>"}},
-          {good + failed, "err", {": failed (login failed): 0 saves in 0 s\n"}},
+    for (const auto& [log, parts] :
+         {Row{good, {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", ": 1 save in 10 s\n"}},
+          {Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly"),
+           {exit_status + "143.", ": terminated: 0 saves"}},
+          {good + failed, {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
-           "page",
            {exit_status + "2."}},
           {BackupLog,
-           "page",
            {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>", "outcome failed\">failed<"}},
-          {restore, "page", {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored"}},
-          {restore, "records", {"{\"type\":\"entry\",", "\"seconds\":30", "\"entries\":{\"restored\":1,"}},
-          {restore, "gauges", {"\nvondral_run_entries 2\n"}},
-          {huge, "records", {"\"bytes\":999999999000000000,", "!\":-"}},
-          {huge, "page", {"!>-", ">backed up so far<"}},
-          {huge, "err", {": unfinished: 2 saves, 999999999.000 GB in "}},
-          {plain, "gauges", {"!_saves_failed", "!_saves_missing"}},
-          {plain, "records", {"!\"failed\":", "!\"saved in part\":"}},
-          {plain, "err", {", 1 file failed in"}},
-          {plain, "page", {"</b>files failed<", "<li>What failed and why: ", "<li>What was saved in part (-p no): "}},
-          {plain, "page", {"!" + exit_status, "<li>Sizes and times of the saves: "}},
-          {plain + Failure("/b"), "gauges", {"_saves_failed 1\n", "!_saves_missing"}}}) {
+          {restore,
+           {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored", "{\"type\":\"entry\",",
+            "\"seconds\":30", "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
+          {huge,
+           {"\"bytes\":999999999000000000,", "!\":-", "!>-", ">backed up so far<",
+            ": unfinished: 2 saves, 999999999.000 GB in "}},
+          {plain,
+           {"!_saves_failed", "!_saves_missing", "!\"failed\":", "!\"saved in part\":", ", 1 file failed in",
+            "</b>files failed<", "<li>What failed and why: ", "<li>What was saved in part (-p no): ", "!" + exit_status,
+            "<li>Sizes and times of the saves: "}},
+          {plain + Failure("/b"), {"_saves_failed 1\n", "!_saves_missing"}}}) {
         Tool tool;
         EXPECT_EQ(tool.Run(log, AllOutputs), 0);
+        const std::string all = tool.Read("page") + tool.Read("records") + tool.Read("gauges") + tool.Read("err");
         for (const std::string& part : parts)
-            EXPECT_EQ(tool.Read(file).find(part.substr(part[0] == '!')) == std::string::npos, part[0] == '!') << part;
+            EXPECT_EQ(all.find(part.substr(part[0] == '!')) == all.npos, part[0] == '!') << part;
     }
 }
 
@@ -325,12 +301,10 @@ TEST(Report, LinesOfEveryKind) {
     for (const auto& [text, kind, expected] :
          {Row{"Backup Success: vondral: sent command \"PASS x\"", LineKind::Saved, "vondral: sent command \"PASS x\""},
           {"vondral[backup.cpp:250] : Error reading", LineKind::Message, "Error reading"},
-          {"other-name: Error reading", LineKind::Message, "Error reading"},
           {"vondral: sent command \"PASS secret\"", LineKind::Command, ""},
           {"vondral: sent command \"RCMD SAVLIB LIB(PAY) DEV(*SAVF)\"", LineKind::Command, "PAY"},
           {"vondral: sent command \"RCMD SAV DEV('x') OBJ(('\"/home/a b\"')) X\"", LineKind::Command, "/home/a b"},
           {"vondral: sent command \"LIST /home\"", LineKind::Command, "/home"},
-          {"0.000 B/s", LineKind::Ignored, ""},
           {"93.509 MB/s", LineKind::Ignored, ""}}) {
         const std::string tagged = "[23:59:58] [T03] " + text;
         const LogLine line = ParseLogLine(tagged);
@@ -355,7 +329,6 @@ TEST(Report, TimeOfTheLog) {
     std::tm noon_here{};
     noon_here.tm_year = 126, noon_here.tm_mday = 1, noon_here.tm_hour = 12, noon_here.tm_isdst = -1;
     const std::time_t noon = std::mktime(&noon_here);
-    EXPECT_EQ((LogClock{0, 12 * 3600, 0, 0}).LastMoment(noon), noon);
     EXPECT_EQ((LogClock{0, 12 * 3600 + 60, 0, 0}).LastMoment(noon), noon + 60); // clocks may differ by a minute
     EXPECT_EQ((LogClock{0, 12 * 3600 + 61, 0, 0}).LastMoment(noon), noon + 61 - 86400);
 }
@@ -382,8 +355,7 @@ TEST(Report, HostileBytesStayText) {
          {Row{"a\x1b[K\xC3\xA9\xFF", "a\uFFFD[K\u00E9\uFFFD", "a?[K??"},
           {"\xE2\x80\xAE\xED\xA0\x80\xF5", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD", "?????"},
           {"\xF0\x9F\x98\x80.", "\U0001F600.", "?."},
-          {"\xF0\x8F\xBF\xBF", "\uFFFD\uFFFD\uFFFD\uFFFD", "????"}, // too long for its character
-          {"\xF4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD", "????"}, // beyond the last character
+          {"\xF0\x8F\xBF\xBF\xF4\x90", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD", "??????"},
           {"\xF0\x9F\x98", "\uFFFD\uFFFD\uFFFD", "???"}}) {
         EXPECT_EQ(VisibleText(bytes), visible);
         EXPECT_EQ(TerminalText(bytes), terminal);
@@ -393,11 +365,11 @@ TEST(Report, HostileBytesStayText) {
 TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
     const std::string good = Ended(Success("/a")), bad = Ended(Failure("/a"));
     const std::string name = "vondral_last_good_run_end_time_seconds", labels = "{server=\"x\",a_1=\"\\\"=\\\\\"";
-    for (const std::string& series : {name + ' ', name + labels + "} "}) {
+    for (const auto& [series, given, every] :
+         {std::tuple(name + ' ', "", std::string()),
+          {name + labels + "} ", " --label server=x --label 'a_1=\"=\\'", labels}}) {
         Tool tool;
-        const bool has_labels = series.find('{') != series.npos;
-        const std::string arguments =
-            std::string("input --fail ") + AllOutputs + (has_labels ? " --label server=x --label 'a_1=\"=\\'" : "");
+        const std::string arguments = std::string("input --fail ") + AllOutputs + given;
         WriteFile(tool.work / "linked", series + "1234\njunk\n" + series + "x\n" + name + "{server=\"y\"} 5\n");
         fs::create_symlink("linked", tool.work / "gauges");
         fs::create_symlink("not there", tool.work / "page");
@@ -409,7 +381,7 @@ TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
             EXPECT_THAT(last_good(), ElementsAre(series + "1772323190"));
         }
         EXPECT_THAT(tool.Read("gauges"), HasSubstr("status=\"unknown\"} 1\n"));
-        EXPECT_THAT(Lines(tool.Read("gauges"), "^vondral"), Each(HasSubstr(has_labels ? labels : "")));
+        EXPECT_THAT(Lines(tool.Read("gauges"), "^vondral"), Each(HasSubstr(every)));
         for (const char* const file : {"linked", "records", "not there"}) // as the umask wants it
             EXPECT_EQ(fs::status(tool.work / file).permissions(), fs::perms(0640)) << file;
         EXPECT_TRUE(fs::is_symlink(tool.work / "gauges") && fs::is_symlink(tool.work / "page"));
@@ -429,16 +401,14 @@ TEST(Report, Trouble) {
     using Row = std::tuple<std::string, int, std::string>;
     for (const auto& [arguments, status, error] :
          {Row{"--against none/x", 1, "none/x" + no_file},
-          {"--json none/x --html none/y", 1, "none/x" + no_file + "none/y" + no_file},
-          {"--prometheus none/x", 1, "none/x" + no_file},
+          {"--json none/x --html none/y --prometheus none/z", 1,
+           "none/x" + no_file + "none/y" + no_file + "none/z" + no_file},
           {"--against /dev/null", 1, "/dev/null" + twice},
-          {"--against .", 1, "." + twice},
           {"--json full --html full --prometheus full", 1, no_space + no_space + no_space},
           {"--json pipe --html pipe --prometheus pipe", 1, no_reader + no_reader + no_reader},
           {"none", 1, "none" + no_file},
           {"--every 0", 2, "--every: must be from one second to a week (see --help)\n"},
           {"input --html input", 2, "input" + refused},
-          {"input --json ./input", 2, "./input" + refused},
           {"input --prometheus log", 2, "log" + refused},
           {"--json old --against old", 2, "old" + refused},
           {"input --no-log --json - 1>>input #", 2, "standard output" + refused},
@@ -514,17 +484,10 @@ TEST(Report, ProgressOnATerminal) {
     }
     std::string seen;
     const auto read_until = [&](const std::string& wanted) {
-        char buffer[1000];
-        while (seen.find(wanted) == seen.npos) {
-            const ssize_t count = ::read(terminal, buffer, sizeof buffer);
-            if (count <= 0)
-                break;
-            seen.append(buffer, static_cast<std::size_t>(count));
-        }
+        for (char byte; !seen.ends_with(wanted) && ::read(terminal, &byte, 1) == 1;)
+            seen += byte;
     };
-    const auto send = [&](const std::string& text) {
-        EXPECT_EQ(::write(input[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    };
+    const auto send = [&](const std::string& text) { EXPECT_TRUE(WriteAll(input[1], text.data(), text.size())); };
     send(Line("01:00:00", "vondral: sent command \"PASS 4711\"", "01") + Success("/first"));
     read_until("1 save | ");
     send("[01:00:01] [T01] half a li");
@@ -533,13 +496,11 @@ TEST(Report, ProgressOnATerminal) {
          Line("01:00:02", "vondral: sent command \"RCMD SAV OBJ(('\"/" + std::string(99, 'w') + "\"'))\"", "01"));
     read_until("T01 saving /w");
     ::close(input[1]);
-    read_until("vondral-report: unfinished");
+    read_until("unfinished: 1 save in");
     ::close(terminal);
     ::waitpid(process, nullptr, 0);
     EXPECT_THAT(seen, HasSubstr("\r\x1b[K[01:00:01] [T01] half a line\r\n"));
-    std::smatch line;
-    ASSERT_TRUE(std::regex_search(seen, line, std::regex("\r(1 save [^\r\x1b]*saving /w*)\x1b\\[K")));
-    EXPECT_EQ(line[1].length(), 39);
+    EXPECT_TRUE(std::regex_search(seen, std::regex("\r(?=[^\r\x1b]{39}\x1b)1 save [^\r\x1b]*saving /w*\x1b\\[K")));
     EXPECT_THAT(seen, HasSubstr("\r\x1b[Kvondral-report: unfinished: 1 save in"));
     EXPECT_EQ(seen.find("4711"), seen.rfind("4711")); // only where it passed through
 }

@@ -104,6 +104,7 @@ RCMD CRTSAVF FILE(QTEMP/T)|250 File T created in library QTEMP.
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('"/home/../home/f"')) SUBTREE(*ALL)|550
 RCMD RSTLIB SAVLIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S)|Save file S in QTEMP contains no data.
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note'))|550 1 objects saved. 1 objects not saved..
+RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note' *OMIT))|250 1 objects saved.
 RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/locked'))|550 0 objects restored. 1 not
 RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/note'))|250 1 objects restored.
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/T.FILE') OBJ(('/home')) SUBTREE(*ALL) PRECHK(*YES)|550 Preliminary check failed for 1
@@ -171,18 +172,16 @@ TEST(Rehearsal, FaultsOfReplies) {
                                        {"flood STRU", "530-Still running.\r\n530-Still running.\r\n530"},
                                        {"flood STRU pause=1 text=\"\\\\\\r\\n\"", "\\\r\n\\\r\n\\"},
                                        {"flood greeting nth=0 text=220", "2202202202"}}) {
-        const bool again = fault.find("nth=0") != fault.npos;
         rehearsal::Options options;
         options.faults = {rehearsal::ParseFault(fault)};
         const Site site(options);
-        for (const string& wanted : {bytes, again ? bytes : good}) {
+        for (const string& wanted : {bytes, fault.find("nth=0") != fault.npos ? bytes : good}) {
             const Client client{Connect(site.server->Port())};
             if (!wanted.starts_with("220"))
                 client.Reply();
             client.Send("STRU F");
             EXPECT_EQ(Receive(client.control, wanted.size()), wanted) << fault;
         }
-        EXPECT_EQ(site.server->FaultCount(), again ? 2 : 1) << fault;
     }
 }
 
@@ -202,7 +201,6 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 --root|--root: value missing
 |--root is required
 --colour red|unknown option: --colour
---port 65536|--port: not a port: 65536
 --busy home|--busy: not an absolute path: home
 --save-rate 10T|--save-rate: not a number of bytes: 10T
 --fault 'shut STRU'|--fault: unknown kind of fault: shut

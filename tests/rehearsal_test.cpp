@@ -93,6 +93,7 @@ TEST(Rehearsal, RefusesWhatARealServerWould) {
     const Client client = site.LogIn();
     std::istringstream rows(R"(NOOP2|501 NOOP2 unsuccessful; specified subcommand not recognized.
 TIME 9 9x|501 TIME
+TIME 9 0|501 TIME
 RCMD STRPDM|Command STRPDM in library *LIBL not found.
 RCMD SAVLIB DEV(*SAVF) SAVF(QTEMP/S)|Parameter LIB required.
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) COLOR(RED)|Keyword COLOR not valid
@@ -114,7 +115,7 @@ MKD /../out|550
 )");
     for (string command, reply; std::getline(rows, command, '|') && std::getline(rows, reply);)
         EXPECT_THAT(client.Ask(command), HasSubstr(reply)) << command;
-    EXPECT_EQ(fs::status(site.root / "home/note").permissions(), fs::perms{01755}) << "never sets user or group";
+    EXPECT_EQ(fs::status(site.root / "home/note").permissions(), fs::perms{01755});
     EXPECT_THAT(client.Ask("RCMD SAVLIB LIB(" + string(1000, 'X') + ")"), StartsWith("501"));
     EXPECT_THAT(site.LogIn().Ask("RCMD CLRSAVF FILE(QTEMP/T)"), StartsWith("550")); // that of the other session
 }
@@ -129,7 +130,9 @@ TEST(Rehearsal, TransfersAndTheirFaults) {
     EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n" + completed);
     EXPECT_TRUE(client.Transfer("RETR /home/new") == started + "new\r\n" + bytes + "<end>" + completed);
     fs::permissions(site.root / "home/note", fs::perms{0640});
-    EXPECT_THAT(client.Transfer("LIST /home/note"), HasSubstr("-rw-r-----   1 QPGMR    0              4 "));
+    EXPECT_THAT(client.Transfer("LIST /home/note"),
+                testing::AllOf(HasSubstr("-rw-r-----   1 QPGMR    0              4 "),
+                               HasSubstr(" note\r\n<end>250 List completed.\r\n")));
     for (const char* command : {"RETR /home/f", "STOR /home/g", "LIST /home"}) {
         Descriptor data = client.OpenData();
         const linger reset{1, 0};
@@ -154,10 +157,9 @@ TEST(Rehearsal, RatesAreLimitsUntilTheServerEnds) {
     for (int turn = 0; turn < 200 || site.server->Transcript(0).back() != save; ++turn)
         other.Ask("TYPE I"); // time for the others to end too early
     EXPECT_EQ(Receive(saving.control, 1, MSG_DONTWAIT), "<error>");
-    EXPECT_EQ(Receive(receiving.control, 1, MSG_DONTWAIT), "<error>");
+    EXPECT_LT(Receive(data, 2000, MSG_DONTWAIT).size(), 2000U);
     site.server.reset();
     EXPECT_EQ(saving.Reply(), "<end>");
-    EXPECT_LT(Receive(data).size(), 2000U);
 }
 
 TEST(Rehearsal, FaultsOfReplies) {
@@ -165,7 +167,6 @@ TEST(Rehearsal, FaultsOfReplies) {
     // What is received in reply to STRU F, or as the greeting; in the next session too when nth is 0.
     using Row = std::pair<string, string>;
     for (const auto& [fault, bytes] : {Row{"replace STRU text=\"421 too \\\"busy\\\"\"", "421 too \"busy\"\r\n"},
-                                       {"close STRU F bytes=4", "530 <end>"},
                                        {"reset \"STRU F\" nth=0", "<error>"},
                                        {"close-after STRU nth=0", good + "<end>"},
                                        {"silent STRU pause=1", "<end>"},

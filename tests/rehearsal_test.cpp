@@ -93,6 +93,7 @@ TEST(Rehearsal, RefusesWhatARealServerWould) {
     const Client client = site.LogIn();
     std::istringstream rows(R"(NOOP2|501 NOOP2 unsuccessful; specified subcommand not recognized.
 TIME 9 9x|501 TIME
+TIME 9 0|501 TIME
 RCMD STRPDM|Command STRPDM in library *LIBL not found.
 RCMD SAVLIB DEV(*SAVF) SAVF(QTEMP/S)|Parameter LIB required.
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) COLOR(RED)|Keyword COLOR not valid
@@ -104,6 +105,7 @@ RCMD CRTSAVF FILE(QTEMP/T)|250 File T created in library QTEMP.
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('"/home/../home/f"')) SUBTREE(*ALL)|550
 RCMD RSTLIB SAVLIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S)|Save file S in QTEMP contains no data.
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note'))|550 1 objects saved. 1 objects not saved..
+RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note' *OMIT))|250 1 objects saved.
 RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/locked'))|550 0 objects restored. 1 not
 RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/note'))|250 1 objects restored.
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/T.FILE') OBJ(('/home')) SUBTREE(*ALL) PRECHK(*YES)|550 Preliminary check failed for 1
@@ -113,7 +115,7 @@ MKD /../out|550
 )");
     for (string command, reply; std::getline(rows, command, '|') && std::getline(rows, reply);)
         EXPECT_THAT(client.Ask(command), HasSubstr(reply)) << command;
-    EXPECT_EQ(fs::status(site.root / "home/note").permissions(), fs::perms{01755}) << "never sets user or group";
+    EXPECT_EQ(fs::status(site.root / "home/note").permissions(), fs::perms{01755});
     EXPECT_THAT(client.Ask("RCMD SAVLIB LIB(" + string(1000, 'X') + ")"), StartsWith("501"));
     EXPECT_THAT(site.LogIn().Ask("RCMD CLRSAVF FILE(QTEMP/T)"), StartsWith("550")); // that of the other session
 }
@@ -128,7 +130,9 @@ TEST(Rehearsal, TransfersAndTheirFaults) {
     EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n" + completed);
     EXPECT_TRUE(client.Transfer("RETR /home/new") == started + "new\r\n" + bytes + "<end>" + completed);
     fs::permissions(site.root / "home/note", fs::perms{0640});
-    EXPECT_THAT(client.Transfer("LIST /home/note"), HasSubstr("-rw-r-----   1 QPGMR    0              4 "));
+    EXPECT_THAT(client.Transfer("LIST /home/note"),
+                testing::AllOf(HasSubstr("-rw-r-----   1 QPGMR    0              4 "),
+                               HasSubstr(" note\r\n<end>250 List completed.\r\n")));
     for (const char* command : {"RETR /home/f", "STOR /home/g", "LIST /home"}) {
         Descriptor data = client.OpenData();
         const linger reset{1, 0};
@@ -153,10 +157,9 @@ TEST(Rehearsal, RatesAreLimitsUntilTheServerEnds) {
     for (int turn = 0; turn < 200 || site.server->Transcript(0).back() != save; ++turn)
         other.Ask("TYPE I"); // time for the others to end too early
     EXPECT_EQ(Receive(saving.control, 1, MSG_DONTWAIT), "<error>");
-    EXPECT_EQ(Receive(receiving.control, 1, MSG_DONTWAIT), "<error>");
+    EXPECT_LT(Receive(data, 2000, MSG_DONTWAIT).size(), 2000U);
     site.server.reset();
     EXPECT_EQ(saving.Reply(), "<end>");
-    EXPECT_LT(Receive(data).size(), 2000U);
 }
 
 TEST(Rehearsal, FaultsOfReplies) {
@@ -164,25 +167,22 @@ TEST(Rehearsal, FaultsOfReplies) {
     // What is received in reply to STRU F, or as the greeting; in the next session too when nth is 0.
     using Row = std::pair<string, string>;
     for (const auto& [fault, bytes] : {Row{"replace STRU text=\"421 too \\\"busy\\\"\"", "421 too \"busy\"\r\n"},
-                                       {"close STRU F bytes=4", "530 <end>"},
                                        {"reset \"STRU F\" nth=0", "<error>"},
                                        {"close-after STRU nth=0", good + "<end>"},
                                        {"silent STRU pause=1", "<end>"},
                                        {"flood STRU", "530-Still running.\r\n530-Still running.\r\n530"},
                                        {"flood STRU pause=1 text=\"\\\\\\r\\n\"", "\\\r\n\\\r\n\\"},
                                        {"flood greeting nth=0 text=220", "2202202202"}}) {
-        const bool again = fault.find("nth=0") != fault.npos;
         rehearsal::Options options;
         options.faults = {rehearsal::ParseFault(fault)};
         const Site site(options);
-        for (const string& wanted : {bytes, again ? bytes : good}) {
+        for (const string& wanted : {bytes, fault.find("nth=0") != fault.npos ? bytes : good}) {
             const Client client{Connect(site.server->Port())};
             if (!wanted.starts_with("220"))
                 client.Reply();
             client.Send("STRU F");
             EXPECT_EQ(Receive(client.control, wanted.size()), wanted) << fault;
         }
-        EXPECT_EQ(site.server->FaultCount(), again ? 2 : 1) << fault;
     }
 }
 
@@ -202,7 +202,6 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 --root|--root: value missing
 |--root is required
 --colour red|unknown option: --colour
---port 65536|--port: not a port: 65536
 --busy home|--busy: not an absolute path: home
 --save-rate 10T|--save-rate: not a number of bytes: 10T
 --fault 'shut STRU'|--fault: unknown kind of fault: shut

@@ -315,7 +315,7 @@ TEST(Report, LinesOfEveryKind) {
         EXPECT_EQ(ParseLogLine("[00:00:00] [T00] " + text).kind, LineKind::Unknown) << text;
     for (const char* const untagged :
          {"", "[", "[23:59:58] [T03]", "[2:59:58] [T03] x", "[24:00:00] [T03] x", "[23:60:00] [T03] x",
-          "[23:59:61] [T03] x", "[23:59:58] [T9999999] x", "[23:59:58] [T0x] ", "  550 no", "\xFF\xFE"})
+          "[23:59:61] [T03] x", "[23:59:58] [T9999999] x", "[23:59:58] [T0x] x", "  550 no", "\xFF\xFE"})
         EXPECT_EQ(ParseLogLine(untagged).kind, LineKind::Reply) << untagged;
 }
 
@@ -370,7 +370,8 @@ TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
           {name + labels + "} ", " --label server=x --label 'a_1=\"=\\'", labels}}) {
         Tool tool;
         const std::string arguments = std::string("input --fail ") + AllOutputs + given;
-        WriteFile(tool.work / "linked", series + "1234\njunk\n" + series + "x\n" + name + "{server=\"y\"} 5\n");
+        WriteFile(tool.work / "linked",
+                  series + "1234\njunk\n" + series + "x\n" + series + "0\n" + name + "{server=\"y\"} 5\n");
         fs::create_symlink("linked", tool.work / "gauges");
         fs::create_symlink("not there", tool.work / "page");
         const auto last_good = [&] { return Lines(tool.Read("gauges"), "^" + name); };

@@ -96,7 +96,7 @@ void Session::Run() {
 void Session::Interrupt() {
     const std::lock_guard lock(mutex_);
     ending_ = true;
-    for (const Descriptor* socket : {&control_, &passive_, &data_})
+    for (const Descriptor* socket : {&data_, &passive_, &control_}) // a slow transfer ends before its session
         if (socket->IsOpen())
             ::shutdown(socket->Get(), SHUT_RDWR);
 }

@@ -86,9 +86,7 @@ TEST(ArchiveReader, FailedReadsAreReported) {
     int count = 65536;
     Capture capture;
     EXPECT_EQ(ArchiveReadCallback(&entry, nullptr, &count), -1);
-    EXPECT_EQ(ArchiveReadCallback(nullptr, nullptr, &count), -1);
-    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Bad file descriptor\n"
-                              "vondral[restore.cpp]: bad argument\n");
+    EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Bad file descriptor\n");
 }
 
 TEST(ReadAhead, LeavesOddRequestsToTheCaller) {
@@ -134,15 +132,13 @@ TEST(Skip, SeeksInFilesAndReadsPipes) {
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     const Descriptor out(ends[0]);
-    const Descriptor in(ends[1]);
+    Descriptor in(ends[1]);
     ASSERT_EQ(::write(in.Get(), std::string(20000, 'x').data(), 20000), 20000);
     EXPECT_EQ(Skipped(out.Get(), 10000), "ok"); // 10240 with padding
     std::string rest(20000, '\0');
     EXPECT_EQ(::read(out.Get(), rest.data(), rest.size()), 20000 - 10240);
     ASSERT_EQ(::write(in.Get(), "12345", 5), 5);
-    Descriptor closed(::dup(in.Get()));
-    closed.Reset();
-    const_cast<Descriptor&>(in).Reset();
+    in.Reset();
     EXPECT_EQ(Skipped(out.Get(), 1024), "failed; didn't finish consuming 0x3FB bytes");
     EXPECT_EQ(Skipped(-1, 512), "failed; lseek64(, 0x200,, SEEK_CUR): Bad file descriptor; "
                                 "read(list, 512): Bad file descriptor; didn't finish consuming 0x200 bytes");

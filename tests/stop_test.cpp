@@ -116,7 +116,7 @@ TEST_P(Disk, EndsAtEveryBlock) {
     const Rehearsal rehearsal(GetParam());
     std::vector<Disturbance> all;
     for (std::size_t limit = 0; limit < rehearsal.Undisturbed().archive_bytes.size(); limit += 512)
-        for (const std::size_t odd : {0, 1, 511}) {
+        for (const std::size_t odd : {0U, 1U, 511U}) {
             const std::string disk = "limit:" + std::to_string(limit + odd);
             all.push_back({.what = disk, .disk = disk});
         }

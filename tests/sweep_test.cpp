@@ -236,8 +236,8 @@ TEST_P(FaultSweep, GivesUpOnACommandThatIsNeverAnswered) {
         // A directory that cannot be listed is saved with the one above it; a later entry hides that one was not
         // restored.
         const std::string& command = disturbance.faults[0].command;
-        const bool harmless =
-            command == "QUIT" || mode == Mode::Restore || (mode != Mode::List && command.starts_with("LIST"));
+        const bool harmless = command == "QUIT" || rehearsal.mode == Mode::Restore ||
+                              (rehearsal.mode != Mode::List && command.starts_with("LIST"));
         EXPECT_TRUE(run.outcome.status != 0 || harmless) << disturbance.what;
         if (run.outcome.status != 143)
             return;

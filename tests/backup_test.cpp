@@ -13,6 +13,8 @@
 
 namespace {
 
+using testing::AllOf, testing::EndsWith, testing::StartsWith;
+
 // The object tree
 
 TEST(Tree, KindsOfPaths) {
@@ -237,10 +239,6 @@ TEST(ListingCallback, EndsTheProgramForAnEndlessLine) {
     EXPECT_EXIT(feed(std::string(4096, 'x'), ""), testing::ExitedWithCode(255), "listing line too long");
     EXPECT_EXIT(feed(std::string(96, 'x') + "\n", std::string(4000, 'x')), testing::ExitedWithCode(255),
                 "listing line too long");
-    int length = 0;
-    Capture capture;
-    EXPECT_EQ(ListingCallback(nullptr, nullptr, &length), -1);
-    EXPECT_EQ(capture.Take(), "vondral[backup.cpp]: bad argument\n");
 }
 
 TEST(ListingCallback, PlacesByTheDirectoryListed) {
@@ -357,10 +355,8 @@ TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     Capture capture;
     EXPECT_EQ(ArchiveWriteCallback(&writer, data.data(), &count), 1);
     EXPECT_EQ(count, 1000);
-    const std::string bulk = capture.Take();
-    EXPECT_TRUE(bulk.starts_with("vondral[backup.cpp]: write(, 0x") &&
-                bulk.ends_with(", -1): No space left on device\n"))
-        << bulk;
+    EXPECT_THAT(capture.Take(),
+                AllOf(StartsWith("vondral[backup.cpp]: write(, 0x"), EndsWith(", -1): No space left on device\n")));
     count = 500;
     EXPECT_EQ(ArchiveWriteCallback(&writer, data.data(), &count), 0);
     count = 12; // completes the block, which stays pending
@@ -369,9 +365,6 @@ TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     EXPECT_EQ(again.Take(), "vondral[backup.cpp]: write(): No space left on device\n");
     EXPECT_EQ(writer.pending, 512);
     EXPECT_EQ(writer.bytes, 0);
-    Capture missing;
-    EXPECT_EQ(ArchiveWriteCallback(nullptr, data.data(), &count), -1);
-    EXPECT_EQ(missing.Take(), "vondral[backup.cpp]: bad argument\n");
     archive.descriptor.Reset();
     EXPECT_EQ(DescribeFailure(CutBack(archive, 0).at(0)), "lseek(): Bad file descriptor");
 }

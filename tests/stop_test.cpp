@@ -19,9 +19,8 @@ void Disturb(std::vector<Disturbance>& all, const Rehearsal& rehearsal, const ch
              const std::vector<std::string>& whats) {
     for (std::size_t nth = 1; nth <= rehearsal.Undisturbed().calls.at(call); ++nth)
         for (const std::string& what : whats) {
-            Disturbance disturbance;
-            disturbance.disk = disturbance.what = std::string(call) + ":" + std::to_string(nth) + ":" + what;
-            all.push_back(disturbance);
+            const std::string disk = std::string(call) + ":" + std::to_string(nth) + ":" + what;
+            all.push_back({.what = disk, .disk = disk});
         }
 }
 
@@ -67,14 +66,9 @@ TEST_P(Stop, TerminatedAtEveryCommand) {
     const Rehearsal rehearsal(GetParam());
     std::vector<Disturbance> all;
     int commands = 0;
-    for (const rehearsal::Exchange& exchange : rehearsal.Undisturbed().exchanges) {
-        if (exchange.command.empty())
-            continue;
-        Disturbance disturbance;
-        disturbance.what = "SIGTERM at " + exchange.command;
-        disturbance.terminate_at = commands++;
-        all.push_back(disturbance);
-    }
+    for (const rehearsal::Exchange& exchange : rehearsal.Undisturbed().exchanges)
+        if (!exchange.command.empty())
+            all.push_back({.what = "SIGTERM at " + exchange.command, .terminate_at = commands++});
     Sweep("sigterm", rehearsal, all, [&](const Finished& run, const Disturbance& disturbance) {
         if (disturbance.terminate_at + 1 < commands) { // at the last one, QUIT, it comes too late
             EXPECT_EQ(run.outcome.status, 143) << disturbance.what;
@@ -122,10 +116,9 @@ TEST_P(Disk, EndsAtEveryBlock) {
     const Rehearsal rehearsal(GetParam());
     std::vector<Disturbance> all;
     for (std::size_t limit = 0; limit < rehearsal.Undisturbed().archive_bytes.size(); limit += 512)
-        for (const std::size_t odd : std::initializer_list<std::size_t>{0, 1, 511}) {
-            Disturbance disturbance;
-            disturbance.disk = disturbance.what = "limit:" + std::to_string(limit + odd);
-            all.push_back(disturbance);
+        for (const std::size_t odd : {0U, 1U, 511U}) {
+            const std::string disk = "limit:" + std::to_string(limit + odd);
+            all.push_back({.what = disk, .disk = disk});
         }
     Sweep("size_limit", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {
         EXPECT_NE(run.outcome.status, 0) << disturbance.what;

@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string Passphrase = "not-to-be-seen";
+const std::string Passphrase = rehearsal::Options().password;
 
 std::set<std::string> Lines(const std::string& text) {
     std::set<std::string> lines;
@@ -38,16 +38,10 @@ std::map<std::string, std::string> FilesBelow(const fs::path& root) {
 
 // Every kind of object twice where a kind can have two, sizes around the block and the transfer buffer.
 void FillStore(const fs::path& root, bool large) {
+    WriteObjects(root);
+    WriteFile(root / "etc/hosts", "127.0.0.1 localhost");
     if (large)
         WriteFile(root / "var/large", std::string(1300000, 'l'));
-    WriteFile(root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR", std::string(700, 'r'));
-    WriteFile(root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", "run");
-    WriteFile(root / "QDLS/FOLDER/LETTER", "dear all");
-    WriteFile(root / "home/it's/a file", std::string(140000, 'f'));
-    WriteFile(root / "home/note", "note");
-    WriteFile(root / "etc/hosts", "127.0.0.1 localhost");
-    WriteFile(root / "Security Data", "profiles");
-    WriteFile(root / "System Configuration", "lines");
 }
 
 std::string ObjectName(const ArchiveEntry& entry) {
@@ -70,14 +64,6 @@ bool IsSaved(const std::string& file, const std::string& log) {
 
 bool HasSanitizerReport(const std::string& err) {
     return Holds(err, "Sanitizer") || Holds(err, "runtime error:");
-}
-
-// A loopback address for each run: closed connections keep their ports for a minute.
-std::string NextAddress() {
-    static std::atomic<unsigned> runs = 0;
-    const unsigned run = runs++;
-    const unsigned process = static_cast<unsigned>(::getpid()) % 250;
-    return FormatText("127.%u.%u.%u", 1 + process, run / 250 % 250, 1 + run % 250);
 }
 
 // Whether some message says that objects may be missing which no message names.
@@ -125,18 +111,14 @@ Rehearsal::Rehearsal(Mode chosen, bool large) : mode(chosen) {
 }
 
 Finished Rehearsal::Run(const Disturbance& disturbance) const {
-    const TempDir restored;
-    const TempDir files;
-    Program program;
+    TestSite site;
     std::atomic<pid_t> process = 0;
     std::atomic<int> commands = 0;
-    rehearsal::Options options;
-    options.root = mode == Mode::Restore ? restored.path : root_.path;
-    options.address = NextAddress();
-    options.password = Passphrase;
-    options.faults = disturbance.faults;
     Finished run;
-    options.on_command = [&](const std::string&) {
+    if (mode != Mode::Restore)
+        site.options.root = root_.path;
+    site.options.faults = disturbance.faults;
+    site.options.on_command = [&](const std::string&) {
         const int index = commands++;
         while (process == 0)
             ::usleep(100);
@@ -151,45 +133,43 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
             run.signalled = commands;
         }
     };
-    const rehearsal::Server server(options);
-    program.port = server.Port();
-    program.minute_ms = disturbance.minute_ms;
-    program.environment["TSAN_OPTIONS"] = "atexit_sleep_ms=20"; // its usual second a run would be an hour in all
-    program.environment["VONDRAL_TEST_DISK"] = disturbance.disk;
-    program.environment["VONDRAL_TEST_MARK"] = files / "mark";
-    program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-z", "2", "-v2"};
-    const std::vector<std::string> backup{"-b", (files / "archive").string(), "-C", (files / "catalog").string(), "-n",
-                                          "9"};
-    const std::map<Mode, std::vector<std::string>> arguments{
-        {Mode::List, {"-l", "9", "-i", (work_ / "include").string()}},
-        {Mode::Backup, backup},
-        {Mode::ThreadedBackup, backup},
-        {Mode::Restore, {"-r", (work_ / "saved").string()}}};
-    program.arguments.insert(program.arguments.end(), arguments.at(mode).begin(), arguments.at(mode).end());
-    if (mode == Mode::Backup)
-        program.arguments.insert(program.arguments.end(), {"-x", "no"});
-    program.outputs[9] = files / "output";
-    WriteFile(files / "archive", FormerArchive);
-    process = program.Start();
-    run.outcome = program.Wait();
+    const fs::path mark = site.work / "mark";
+    site.program.minute_ms = disturbance.minute_ms;
+    site.program.environment = {
+        {"TSAN_OPTIONS", "atexit_sleep_ms=20"}, // its usual second a run would be an hour in all
+        {"VONDRAL_TEST_DISK", disturbance.disk},
+        {"VONDRAL_TEST_MARK", mark}};
+    site.program.outputs[9] = site.work / "output";
+    site.File("archive", FormerArchive);
+    std::vector<std::string> arguments{"-z", "2", "-v2"};
+    if (mode == Mode::List)
+        arguments.insert(arguments.end(), {"-l", "9", "-i", work_ / "include"});
+    else if (mode == Mode::Restore)
+        arguments.insert(arguments.end(), {"-r", work_ / "saved"});
+    else
+        arguments.insert(arguments.end(), {"-b", site.archive, "-C", site.work / "catalog", "-n", "9", "-x",
+                                           mode == Mode::Backup ? "no" : "yes"});
+    process = site.Start(arguments);
+    run.outcome = site.program.Wait();
+    const rehearsal::Server& server = *site.server;
     for (int tries = 0; tries < 6000 && server.OpenSessions() > 0; ++tries)
         ::usleep(2500); // the server sees the end of the last one a moment later
     run.sessions_ended = server.OpenSessions() == 0;
     run.exchanges = server.Exchanges();
     run.sessions = server.SessionCount();
     run.quits = server.QuitCount();
-    run.struck = server.FaultCount() > 0 || fs::exists(files / "mark") ||
+    run.struck = server.FaultCount() > 0 || fs::exists(mark) ||
                  (disturbance.terminate_at >= 0 && disturbance.terminate_at < commands);
-    std::ifstream counts(disturbance.disk == "count" ? files / "mark" : "/dev/null");
+    std::ifstream counts(disturbance.disk == "count" ? mark : "/dev/null");
     for (std::string call; counts >> call;)
         counts >> run.calls[call];
-    (mode == Mode::List ? run.list : run.missed) = Messages(ReadFile(files / "output"));
+    (mode == Mode::List ? run.list : run.missed) = Messages(ReadFile(site.work / "output"));
     if (mode == Mode::Restore) {
-        run.files = FilesBelow(restored.path);
+        run.files = FilesBelow(site.root.path);
     } else if (mode != Mode::List) {
-        run.archive_bytes = ReadFile(files / "archive");
+        run.archive_bytes = ReadFile(site.archive);
         run.archive = ReadArchiveChain(run.archive_bytes);
-        run.catalog = Messages(ReadFile(files / "catalog"));
+        run.catalog = Messages(ReadFile(site.work / "catalog"));
     }
     return run;
 }
@@ -348,18 +328,8 @@ std::map<std::string, std::string> Rehearsal::FilesOf(const std::string& object)
 }
 
 std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
-    const TempDir restored;
-    const TempDir files;
-    WriteFile(files / "archive", backup.archive_bytes);
-    rehearsal::Options options;
-    options.root = restored.path;
-    options.password = Passphrase;
-    options.address = NextAddress();
-    const rehearsal::Server server(options);
-    Program program;
-    program.port = server.Port();
-    program.arguments = {"-s", options.address, "-c", "FRED:here:" + Passphrase, "-r", (files / "archive").string()};
-    const Outcome outcome = program.Run();
+    TestSite site;
+    const Outcome outcome = site.Run({"-r", site.File("archive", backup.archive_bytes)});
     std::string broken;
     if (backup.archive_bytes.empty())
         return outcome.status == 255 && Holds(outcome.err, "read short header") ? ""
@@ -369,7 +339,7 @@ std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
     std::map<std::string, std::string> expected;
     for (const ArchiveEntry& entry : backup.archive.entries)
         expected.merge(FilesOf(ObjectName(entry)));
-    if (FilesBelow(restored.path) != expected)
+    if (FilesBelow(site.root.path) != expected)
         broken += "a restore brought back something else than the entries\n";
     return broken;
 }

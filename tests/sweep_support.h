@@ -26,10 +26,10 @@ enum class Cost {
 
 // What is done to one run.
 struct Disturbance {
-    std::string what; // for the messages
-    std::vector<rehearsal::Fault> faults;
+    std::string what = {}; // for the messages
+    std::vector<rehearsal::Fault> faults = {};
     int minute_ms = 60000;
-    std::string disk;      // what befalls the program's own outputs, as VONDRAL_TEST_DISK takes it
+    std::string disk = {}; // what befalls the program's own outputs, as VONDRAL_TEST_DISK takes it
     int terminate_at = -1; // SIGTERM when the server receives the command of this index
     Cost cost = Cost::Any;
     bool server_lies = false; // the server calls complete what it has cut

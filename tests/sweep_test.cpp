@@ -128,12 +128,9 @@ private:
         return added;
     }
     Disturbance& Put(const Fault& fault, const std::string& how, int minute) {
-        Disturbance disturbance;
-        disturbance.what =
-            fault.command + " #" + std::to_string(fault.nth) + ", reply " + std::to_string(fault.reply) + ": " + how;
-        disturbance.faults = {fault};
-        disturbance.minute_ms = minute;
-        return all.emplace_back(disturbance);
+        const std::string reply = " #" + std::to_string(fault.nth) + ", reply " + std::to_string(fault.reply) + ": ";
+        return all.emplace_back(
+            Disturbance{.what = fault.command + reply + how, .faults = {fault}, .minute_ms = minute});
     }
 
     const bool same_each_run_;
@@ -200,16 +197,12 @@ TEST(Workers, RecoverTogether) {
                                Place{{retrieve + "2", retrieve + "3", retrieve + "4"}, 1, Cost::Any}})
         for (const Kind kind : {Kind::Close, Kind::Reset})
             for (const int terminate_at : {-1, commands + 5, commands + 20, commands + 30}) {
-                Disturbance disturbance;
-                disturbance.what = "every worker at " + place.commands[0];
-                disturbance.terminate_at = terminate_at;
-                disturbance.cost = terminate_at < 0 ? place.cost : Cost::Any;
-                for (std::size_t worker = 0; worker < place.commands.size(); ++worker) {
-                    Fault fault;
-                    fault.kind = kind;
-                    fault.command = place.commands[worker];
-                    fault.nth = place.nth + (place.nth > 1 ? static_cast<int>(worker) : 0);
-                    disturbance.faults.push_back(fault);
+                Disturbance disturbance{.what = "every worker at " + place.commands[0],
+                                        .terminate_at = terminate_at,
+                                        .cost = terminate_at < 0 ? place.cost : Cost::Any};
+                for (int worker = 0; const std::string& command : place.commands) {
+                    disturbance.faults.push_back(Close(command, place.nth + (place.nth > 1 ? worker++ : 0)));
+                    disturbance.faults.back().kind = kind;
                 }
                 all.push_back(disturbance);
             }
@@ -233,25 +226,18 @@ TEST_P(FaultSweep, GivesUpOnACommandThatIsNeverAnswered) {
         index += exchange.command.empty() ? 0 : 1;
         if (!commands.insert(CommonPart(exchange.command)).second || commands.size() % PartCount != part)
             continue;
-        for (const int terminate_at : {-1, index + 60}) {
-            Disturbance disturbance;
-            disturbance.what = "dropped each time: " + exchange.command;
-            disturbance.minute_ms = 60;
-            disturbance.terminate_at = exchange.session > 0 || terminate_at < 0 ? terminate_at : -1;
-            Fault fault;
-            fault.kind = Kind::Close;
-            fault.command = CommonPart(exchange.command);
-            fault.nth = 0;
-            disturbance.faults = {fault};
-            all.push_back(disturbance);
-        }
+        for (const int terminate_at : {-1, index + 60})
+            all.push_back({.what = "dropped each time: " + exchange.command,
+                           .faults = {Close(CommonPart(exchange.command), 0)},
+                           .minute_ms = 60,
+                           .terminate_at = exchange.session > 0 ? terminate_at : -1});
     }
     Sweep("dropped", rehearsal, all, [&](const Finished& run, const Disturbance& disturbance) {
         // A directory that cannot be listed is saved with the one above it; a later entry hides that one was not
         // restored.
         const std::string& command = disturbance.faults[0].command;
-        const bool harmless =
-            command == "QUIT" || mode == Mode::Restore || (mode != Mode::List && command.starts_with("LIST"));
+        const bool harmless = command == "QUIT" || rehearsal.mode == Mode::Restore ||
+                              (rehearsal.mode != Mode::List && command.starts_with("LIST"));
         EXPECT_TRUE(run.outcome.status != 0 || harmless) << disturbance.what;
         if (run.outcome.status != 143)
             return;

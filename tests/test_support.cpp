@@ -159,6 +159,52 @@ Outcome Program::Wait() {
     return outcome;
 }
 
+rehearsal::Fault Replace(const std::string& command, const std::string& text, int nth) {
+    return {rehearsal::Fault::Kind::Replace, command, nth, 0, 0, text, {}, 0};
+}
+
+rehearsal::Fault Close(const std::string& command, int nth) {
+    return {rehearsal::Fault::Kind::Close, command, nth, 0, 0, "", {}, 0};
+}
+
+pid_t TestSite::Start(const std::vector<std::string>& arguments) {
+    if (options.root.empty())
+        options.root = root.path;
+    server = std::make_unique<rehearsal::Server>(options);
+    program.port = server->Port();
+    program.arguments = {"-s", options.address, "-c", options.user + ":here:" + options.password};
+    program.arguments.insert(program.arguments.end(), arguments.begin(), arguments.end());
+    return program.Start();
+}
+
+Outcome TestSite::Run(const std::vector<std::string>& arguments, const std::vector<rehearsal::Fault>& faults) {
+    options.faults = faults;
+    Start(arguments);
+    return program.Wait();
+}
+
+std::string TestSite::File(const std::string& name, const std::string& text) const {
+    WriteFile(work / name, text);
+    return work / name;
+}
+
+std::string TestSite::Received(int session) const {
+    std::string received;
+    for (const std::string& command : server->Transcript(session))
+        received += command + "|";
+    return received;
+}
+
+void WriteObjects(const fs::path& root) {
+    WriteFile(root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR", std::string(700, 'r'));
+    WriteFile(root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", "run");
+    WriteFile(root / "QDLS/FOLDER/LETTER", "dear all");
+    WriteFile(root / "home/it's/a file", std::string(140000, 'f'));
+    WriteFile(root / "home/note", "note");
+    WriteFile(root / "Security Data", "profiles");
+    WriteFile(root / "System Configuration", "lines");
+}
+
 // The archive format, a second time and without a look at the program's codec.
 
 namespace {

@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/types.h>
 
 #include "rehearsal.h"
@@ -78,6 +79,31 @@ private:
     pid_t process_ = -1;
     TempDir logs_;
 };
+
+// Faults of a rehearsal server: another reply to a command, and a connection that ends before the reply.
+rehearsal::Fault Replace(const std::string& command, const std::string& text, int nth = 1);
+rehearsal::Fault Close(const std::string& command, int nth = 1);
+
+// One server, and runs of the program against it.
+struct TestSite {
+    TempDir root; // the server's store
+    TempDir work; // the files of the runs
+    std::filesystem::path archive = work / "archive";
+    rehearsal::Options options;
+    std::unique_ptr<rehearsal::Server> server; // of the last run
+    Program program;
+
+    // Starts a server and the program with these arguments after those for the server and the login.
+    pid_t Start(const std::vector<std::string>& arguments);
+    Outcome Run(const std::vector<std::string>& arguments, const std::vector<rehearsal::Fault>& faults = {});
+    // Writes a file for the runs and returns its path.
+    std::string File(const std::string& name, const std::string& text) const;
+    // The commands received by one session, or by all of them, each followed by a bar.
+    std::string Received(int session = -1) const;
+};
+
+// Fills a store with an object or two of every kind.
+void WriteObjects(const std::filesystem::path& root);
 
 // One entry of an archive, read by the layout alone.
 struct ArchiveEntry {

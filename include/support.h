@@ -28,9 +28,6 @@ void LogMessageTo(std::FILE* stream, const char* format, ...) __attribute__((for
 // what belongs to the thread elsewhere (a worker's save file on the server).
 std::uint32_t RegisterThread(int number);
 
-// Forgets every registration; the next thread to log or register gets 0.
-void ClearThreadRegistry();
-
 // The place of a call. Stands in for std::source_location, which clang 14 lacks.
 struct SourceLocation {
     const char* file;

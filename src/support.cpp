@@ -96,11 +96,6 @@ std::uint32_t RegisterThread(int number) {
     return AddEntry(number == -1 ? Registry().count : static_cast<std::uint32_t>(number));
 }
 
-void ClearThreadRegistry() {
-    const std::lock_guard<std::mutex> lock(LogLock);
-    Registry() = ThreadRegistry{};
-}
-
 // Failure messages
 
 const char* SourceLocation::Module() const {

@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
     options.root = argv[1];
     options.address = argv[2];
     options.port = 21;
+    options.record = false;
     for (const std::string word : std::span(argv, static_cast<std::size_t>(argc)).subspan(3)) {
         const std::size_t colon = word.find(':');
         (word.starts_with("raw") ? options.raw : options.locked).insert(word.substr(colon + 1));

@@ -222,13 +222,13 @@ TEST(Transfer, DownloadEndsAfterAsManySilentMinutesAsAllowed) {
 // Silent minutes count in a row: any data starts the count over.
 TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
     Peer peer;
-    peer.SetTimeout(8);
+    peer.SetTimeout(12);
     peer.OpenData();
     peer.Send("150 coming\r\n");
     ::setenv("VONDRAL_TEST_MINUTE", "30", 1);
     std::thread server([&peer] {
-        for (int piece = 0; piece < 12; ++piece) {
-            ::usleep(45000); // a minute and a half
+        for (int piece = 0; piece < 8; ++piece) {
+            ::usleep(75000); // two and a half minutes
             peer.SendData("x");
         }
         peer.EndData();
@@ -236,7 +236,7 @@ TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
     });
     EXPECT_EQ(peer.Retrieve(), 0);
     server.join();
-    EXPECT_EQ(peer.collector.bytes, std::string(12, 'x'));
+    EXPECT_EQ(peer.collector.bytes, std::string(8, 'x'));
 }
 
 // A peer that has gone is a failed write, not a signal.

@@ -3,7 +3,6 @@
 #include <regex>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -26,27 +25,19 @@ using testing::AllOf, testing::Each, testing::ElementsAre, testing::HasSubstr, t
 constexpr char Passphrase[] = "pass\"phrase<4711>";
 
 // A server, and the logs of runs against it: both streams in one.
-struct Night {
-    TempDir root, work;
-    rehearsal::Options options;
-    std::string archive = work / "archive";
+struct Night : TestSite {
     int status = -1; // of the last run
 
     Night() {
-        for (const char* const name : {"QSYS.LIB/PAY.LIB/RATES.FILE/RATES.MBR", "QSYS.LIB/TOOLS.LIB/RUN.PGM",
-                                       "home/note", "home/<b>&\x1b[31m\xE9", "Security Data", "System Configuration"})
-            WriteFile(root / name, std::string(1000, 'r'));
-        options.root = root.path;
+        WriteObjects(root.path);
+        WriteFile(root / "home/<b>&\x1b[31m\xE9", "r");
         options.password = Passphrase;
-    }
-    std::string Log(std::vector<std::string> arguments) {
-        const rehearsal::Server server(options);
-        Program program;
-        program.port = server.Port();
-        program.arguments = {"-s", "127.0.0.1", "-c", std::string("FRED:here:") + Passphrase};
-        program.arguments.insert(program.arguments.end(), arguments.begin(), arguments.end());
         program.merged = true;
-        const auto outcome = program.Run();
+    }
+    // Runs the program with these arguments, separated by blanks, and -b or -r with the archive.
+    std::string Log(const std::string& arguments) {
+        std::istringstream words(arguments + " " + archive.string());
+        const auto outcome = Run({std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()});
         status = outcome.status;
         return outcome.out;
     }
@@ -62,15 +53,12 @@ struct Tool {
     // `feed` is the command that the tool reads from.
     int Run(const std::string& log, const std::string& arguments, const std::string& feed = "cat input") {
         WriteFile(work / "input", log);
-        fs::permissions(work / "input", fs::perms(0644));
-        const timespec changed[] = {{1772323210, 0}, {1772323210, 0}};
-        EXPECT_EQ(::utimensat(AT_FDCWD, (work / "input").c_str(), changed, 0), 0);
         Program shell;
         shell.executable = "/bin/bash";
         shell.environment["TZ"] = "UTC";
         shell.arguments = {"-o", "pipefail", "-c",
-                           "umask 026; cd '" + work.path.string() + "'; " + feed + " | 2>err '" + REPORT_UNDER_TEST +
-                               "' " + arguments + " >out"};
+                           "umask 026; cd '" + work.path.string() + "'; touch -d @1772323210 input; " + feed +
+                               " | 2>err '" + REPORT_UNDER_TEST + "' " + arguments + " >out"};
         return shell.Run().status;
     }
     std::string Read(const std::string& name) const { return ReadFile(work / name); }
@@ -97,8 +85,8 @@ std::string Line(const char* time, const std::string& text, const char* thread =
     return "[" + std::string(time) + "] [T" + thread + "] " + text + "\n";
 }
 
-std::string Success(const std::string& name, const char* time = "23:59:50", const char* thread = "01") {
-    return Line(time, "Backup Success: " + name, thread);
+std::string Success(const std::string& name, const char* time = "23:59:50") {
+    return Line(time, "Backup Success: " + name, "01");
 }
 
 std::string Failure(const std::string& name) {
@@ -115,21 +103,21 @@ std::string Ended(const std::string& saves) {
 // passphrase gets nowhere else.
 TEST(Report, StatusIsThatOfTheProgram) {
     const std::set<std::string> one{"/home/note"}, two{"/home/note", "/QSYS.LIB/TOOLS.LIB/RUN.PGM"};
-    using Row = std::tuple<std::set<std::string>, const char*, const char*, std::string, std::uint64_t, std::uint64_t>;
-    for (const auto& [locked, option, value, expected, failed, partial] : {Row{{}, "-x", "yes", "complete", 0, 0},
-                                                                           {one, "-x", "no", "failures", 1, 0},
-                                                                           {two, "-p", "yes", "failures", 2, 0},
-                                                                           {two, "-p", "no", "complete", 0, 2},
-                                                                           {{}, "-i", "/nowhere", "failed", 0, 0}})
-        for (const std::string verbosity : {"-v0", "-v2", "-v3", "-v5"}) {
+    using Row = std::tuple<std::set<std::string>, std::string, std::string, std::uint64_t, std::uint64_t>;
+    for (const auto& [locked, option, expected, failed, partial] : {Row{{}, "-x yes", "complete", 0, 0},
+                                                                    {one, "-x no", "failures", 1, 0},
+                                                                    {two, "-p yes", "failures", 2, 0},
+                                                                    {two, "-p no", "complete", 0, 2},
+                                                                    {{}, "-i /nowhere", "failed", 0, 0}})
+        for (const std::string verbosity : {"-v0 ", "-v2 ", "-v3 ", "-v5 "}) {
             Night night;
             night.options.locked = locked;
-            const std::string log = night.Log({"-b", night.archive, verbosity, option, value});
+            const std::string log = night.Log(verbosity + option + " -b");
             const LoggedRun run = ParseRun(log);
             EXPECT_EQ(StatusName(StatusOf(run)), expected) << log;
             EXPECT_EQ(ExpectedExitStatus(run), night.status) << log;
             EXPECT_EQ(run.Count(Outcome::Failed), failed) << log;
-            EXPECT_EQ(run.Count(Outcome::SavedInPart), verbosity == "-v0" ? 0 : partial) << log;
+            EXPECT_EQ(run.Count(Outcome::SavedInPart), verbosity == "-v0 " ? 0 : partial) << log;
             for (const Result& result : run.missing)
                 EXPECT_THAT(result.reason, HasSubstr(failed > 0 ? " command failed; 550 " : ""));
             Tool tool;
@@ -144,7 +132,7 @@ TEST(Report, StatusIsThatOfTheProgram) {
 
 TEST(Report, LogsOfTheProgramWholeAndCut) {
     Night night;
-    const std::string backup = night.Log({"-v2", "-b", night.archive});
+    const std::string backup = night.Log("-v2 -b");
     const LoggedRun whole = ParseRun(backup);
     const auto entries = ReadArchiveFile(night.archive).value();
     double bytes = 0;
@@ -159,18 +147,18 @@ TEST(Report, LogsOfTheProgramWholeAndCut) {
     }
     WriteFile(night.work / "exclude", "/Security Data\n/System Configuration\n");
     for (const std::string verbosity : {"-v0", "-v2"}) {
-        const LoggedRun run = ParseRun(night.Log({verbosity, "-r", night.archive, "-e", night.work / "exclude"}));
+        const LoggedRun run = ParseRun(night.Log(verbosity + " -e " + (night.work / "exclude").string() + " -r"));
         EXPECT_TRUE(StatusOf(run) == Status::Complete && run.not_understood == 0);
         EXPECT_EQ(run.Count(Outcome::Saved), entries.size() - 2);
         EXPECT_EQ(run.Count(Outcome::NotRestored), 2U);
         EXPECT_EQ(run.unexplained, verbosity == "-v0" ? 2U : 0U);
     }
     night.options.locked = {"/home/note"};
-    const std::string restore = night.Log({"-r", night.archive});
+    const std::string restore = night.Log("-r");
     const LoggedRun partial = ParseRun(restore);
     EXPECT_TRUE(partial.Missing() == 1 && partial.missing.at(0).name == "/home");
     // Two runs in one log. The first may be cut, and the second's first line follow on the same line.
-    const LoggedRun last = ParseRun(night.Log({"-b", night.archive}) + backup);
+    const LoggedRun last = ParseRun(night.Log("-b") + backup);
     EXPECT_TRUE(last.earlier_runs == 1 && StatusOf(last) == Status::Complete && last.Missing() == 0);
     for (const std::size_t length : {backup.find("Backup Success: ") + 20, backup.rfind("** Total Run Time: ") + 5}) {
         EXPECT_EQ(ParseRun(backup.substr(0, length) + backup).Results(), whole.Results()) << length;
@@ -261,18 +249,18 @@ TEST(Report, AllOutputsOfABackup) {
 TEST(Report, Outputs) {
     using Row = std::pair<std::string, std::vector<std::string>>;
     const std::string good = Ended(Success("/a")), exit_status = "Exit status according to the log: ";
-    const std::string failed = Line("01:00:00", "vondral[a.cpp,1]: login failed");
     const std::string restore =
         Line("01:00:00", "Archive  : /a") + Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
-    const std::string huge = Success("/a") + Line("23:59:51", "Size: 999999999 GB", "01") +
-                             Line("23:59:51", "Save: 999999999999999999 s", "01") + Success("/b", "23:59:52");
+    const std::string huge = Success("/a") + "[23:59:51] [T01] Size: 999999999 GB\n" +
+                             "[23:59:51] [T01] Save: 999999999999999999 s\n" + Success("/b");
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
     const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 1"));
     for (const auto& [log, parts] :
          {Row{good, {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", ": 1 save in 10 s\n"}},
           {Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly"),
            {exit_status + "143.", ": terminated: 0 saves"}},
-          {good + failed, {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
+          {good + Line("01:00:00", "vondral[a.cpp,1]: login failed"),
+           {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
            {exit_status + "2."}},
           {BackupLog,
@@ -326,8 +314,7 @@ TEST(Report, TimeOfTheLog) {
              {Line("02:59:59", "x") + Line("02:00:00", "a clock put back"), 10809},
              {Line("01:00:00", "x") + Line("14:00:00", "x") + Line("01:59:59", "x"), 86400 + 7209}})
         EXPECT_EQ(ParseRun(log += lines).clock.elapsed, elapsed) << lines;
-    std::tm noon_here{};
-    noon_here.tm_year = 126, noon_here.tm_mday = 1, noon_here.tm_hour = 12, noon_here.tm_isdst = -1;
+    std::tm noon_here{0, 0, 12, 1, 0, 126, 0, 0, -1, 0, nullptr};
     const std::time_t noon = std::mktime(&noon_here);
     EXPECT_EQ((LogClock{0, 12 * 3600 + 60, 0, 0}).LastMoment(noon), noon + 60); // clocks may differ by a minute
     EXPECT_EQ((LogClock{0, 12 * 3600 + 61, 0, 0}).LastMoment(noon), noon + 61 - 86400);
@@ -350,16 +337,11 @@ TEST(Report, HostileBytesStayText) {
         EXPECT_FALSE(std::regex_search(tool.Read(file), std::regex("[\\x01-\\x09\\x0b-\\x1f]"))) << file;
     EXPECT_THAT(tool.Read("gauges"), Not(HasSubstr("vondral_last_good_run")));
     EXPECT_THAT(Lines(tool.Read("records"), "/unfinished"), SizeIs(1));
-    using Row = std::tuple<const char*, const char*, const char*>;
-    for (const auto& [bytes, visible, terminal] :
-         {Row{"a\x1b[K\xC3\xA9\xFF", "a\uFFFD[K\u00E9\uFFFD", "a?[K??"},
-          {"\xE2\x80\xAE\xED\xA0\x80\xF5", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD", "?????"},
-          {"\xF0\x9F\x98\x80.", "\U0001F600.", "?."},
-          {"\xF0\x8F\xBF\xBF\xF4\x90", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD", "??????"},
-          {"\xF0\x9F\x98", "\uFFFD\uFFFD\uFFFD", "???"}}) {
-        EXPECT_EQ(VisibleText(bytes), visible);
-        EXPECT_EQ(TerminalText(bytes), terminal);
-    }
+    const char bytes[] =
+        "a\x1b[K\xC3\xA9\xFF \xE2\x80\xAE\xED\xA0\x80\xF5 \xF0\x9F\x98\x80. \xF0\x8F\xBF\xBF\xF4\x90 \xF0\x9F\x98";
+    const std::string visible = "a?[K\u00E9? ????? \U0001F600. ?????? ???"; // where ? is U+FFFD
+    EXPECT_EQ(VisibleText(bytes), std::regex_replace(visible, std::regex("\\?"), "\uFFFD"));
+    EXPECT_EQ(TerminalText(bytes), "a?[K?? ????? ?. ?????? ???");
 }
 
 TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
@@ -377,7 +359,7 @@ TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
         const auto last_good = [&] { return Lines(tool.Read("gauges"), "^" + name); };
         EXPECT_EQ(tool.Run(bad, arguments), 3);
         EXPECT_THAT(last_good(), ElementsAre(series + "1234"));
-        for (const auto& [log, status] : {std::pair(good, 0), {bad, 3}, {Night().Log({"-t"}), 3}}) {
+        for (const auto& [log, status] : {std::pair(good, 0), {bad, 3}, {Night().Log("-t -b"), 3}}) {
             EXPECT_EQ(tool.Run(log, arguments), status);
             EXPECT_THAT(last_good(), ElementsAre(series + "1772323190"));
         }
@@ -484,20 +466,18 @@ TEST(Report, ProgressOnATerminal) {
         ::_exit(127);
     }
     std::string seen;
-    const auto read_until = [&](const std::string& wanted) {
-        for (char byte; !seen.ends_with(wanted) && ::read(terminal, &byte, 1) == 1;)
+    const std::string sent = "[T01] vondral: sent command \"";
+    for (const auto& [text, shown] :
+         {std::pair("[01:00:00] " + sent + "PASS 4711\"\n" + Success("/first"), "1 save | "),
+          {"[01:00:01] [T01] half a li", "half a li"},
+          {"ne\n[01:00:02] " + sent + "RCMD SAV OBJ(('\"/" + std::string(99, 'w') + "\"'))\"\n", "T01 saving /w"},
+          {"", "unfinished: 1 save in"}}) {
+        if (text.empty())
+            ::close(input[1]);
+        EXPECT_TRUE(WriteAll(input[1], text.data(), text.size()));
+        for (char byte; !seen.ends_with(shown) && ::read(terminal, &byte, 1) == 1;)
             seen += byte;
-    };
-    const auto send = [&](const std::string& text) { EXPECT_TRUE(WriteAll(input[1], text.data(), text.size())); };
-    send(Line("01:00:00", "vondral: sent command \"PASS 4711\"", "01") + Success("/first"));
-    read_until("1 save | ");
-    send("[01:00:01] [T01] half a li");
-    read_until("half a li");
-    send("ne\n" +
-         Line("01:00:02", "vondral: sent command \"RCMD SAV OBJ(('\"/" + std::string(99, 'w') + "\"'))\"", "01"));
-    read_until("T01 saving /w");
-    ::close(input[1]);
-    read_until("unfinished: 1 save in");
+    }
     ::close(terminal);
     ::waitpid(process, nullptr, 0);
     EXPECT_THAT(seen, HasSubstr("\r\x1b[K[01:00:01] [T01] half a line\r\n"));

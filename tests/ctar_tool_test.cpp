@@ -1,23 +1,17 @@
 // The built ctar, run as users run it, on archives made here: sound, damaged in every place, and hostile.
 
-#include <algorithm>
 #include <csignal>
-#include <filesystem>
+#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "ctar.h"
-#include "resources.h"
 #include "test_support.h"
-#include "text.h"
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
@@ -25,11 +19,8 @@ using testing::HasSubstr;
 namespace {
 
 std::string HeaderOf(const std::string& path, std::uint64_t size, std::uint32_t mode = 0100640) {
-    std::tm time{};
-    time.tm_year = 126;
-    time.tm_mday = 2;
     bool cut;
-    const CtarBlock block = EncodeCtarHeader(path, size, mode, time, cut);
+    const CtarBlock block = EncodeCtarHeader(path, size, mode, {0, 0, 0, 2, 0, 126, 0, 0, 0, 0, nullptr}, cut);
     return {block.begin(), block.end()};
 }
 
@@ -70,35 +61,23 @@ std::string Many(int entries) {
     return archive + Sentinel;
 }
 
-// The sum of the ranges that salvage prints; -1 when there is a gap or an overlap.
-long long Covered(const std::string& report) {
-    static const std::regex range(R"(0x[0-9a-f]+ \((\d+)\): ([1-9]\d*) bytes: .+\n)");
-    long long end = 0;
-    for (std::sregex_iterator line(report.begin(), report.end(), range), last; line != last; ++line)
-        end = std::stoll((*line)[1]) == end ? end + std::stoll((*line)[2]) : -1;
-    return end;
-}
-
-// A command, what it must print on standard output or standard error, and the file x.ctar before it.
+// A command, what it must print on standard output or standard error, and the files x.ctar and sums before it. Without
+// `sums` that file stays as it was.
 struct Case {
-    std::string archive;
-    std::string command;
+    std::string archive, command;
     int status;
-    std::string text = {};
-    std::string sums = {}; // a further file; empty: as it was
+    std::string text = {}, sums = {};
 };
 
 // Each test runs in a directory of its own.
 class CtarTool : public testing::Test {
 protected:
     CtarTool() { fs::current_path(dir.path); }
-    ~CtarTool() override { fs::current_path(before); }
 
     pid_t Start(Program& program, const std::string& command) {
         std::istringstream words(command);
         program.executable = CTAR_UNDER_TEST;
-        for (std::string word; std::getline(words, word, ' ');)
-            program.arguments.push_back(word);
+        program.arguments.assign(std::istream_iterator<std::string>(words), {});
         program.input = fs::exists("x.ctar") ? "x.ctar" : "/dev/null";
         return program.Start();
     }
@@ -122,14 +101,17 @@ protected:
         WriteFile("./damaged", bytes);
         Outcome outcome = Run("salvage damaged -f -o new");
         EXPECT_EQ(outcome.err.empty(), outcome.status == 0) << outcome.err;
-        EXPECT_EQ(Covered(outcome.out), static_cast<long long>(bytes.size())) << outcome.out << outcome.err;
+        static const std::regex range(R"(0x[0-9a-f]+ \((\d+)\): ([1-9]\d*) bytes: .+\n)");
+        std::size_t end = 0; // of the ranges in the report, which neither overlap nor leave a gap
+        for (std::sregex_iterator line(outcome.out.begin(), outcome.out.end(), range), last; line != last; ++line)
+            end = std::stoull((*line)[1]) == end ? end + std::stoull((*line)[2]) : bytes.size() + 1;
+        EXPECT_EQ(end, bytes.size()) << outcome.out << outcome.err;
         EXPECT_EQ(ReadFile("damaged"), bytes);
         const Outcome verified = Run("verify new");
         EXPECT_EQ(verified.status, 0) << verified.out;
         return outcome;
     }
     TempDir dir;
-    const fs::path before = fs::current_path();
 };
 
 TEST_F(CtarTool, ListsEveryKindAndEscapesNames) {
@@ -171,20 +153,18 @@ TEST_F(CtarTool, ArchivesCutAnywhereAreFoundAndSalvaged) {
 
 // In doubt are the name but for its slash, the long-name flag, mode, time and the checksum itself.
 TEST_F(CtarTool, EveryDamagedByteOfAHeaderIsRepaired) {
-    struct Row {
-        std::size_t name_length;
-        std::vector<std::pair<std::size_t, std::size_t>> doubtful; // first byte, and the one after the last
-    };
-    for (const Row& row :
-         std::vector<Row>{{6, {{1, 7}, {100, 108}, {136, 156}}},
-                          {390, {{1, 108}, {136, 156}, {159, 257}, {293, 296}, {305, 358}, {368, 438}, {440, 510}}}})
+    using Ranges = std::vector<std::pair<std::size_t, std::size_t>>; // first byte, and the one after the last
+    const Ranges with_long{{1, 108}, {136, 156}, {159, 257}, {293, 296}, {305, 358}, {368, 438}, {440, 510}};
+    for (const auto& [name_length, ranges] : {std::pair(6, Ranges{{1, 7}, {100, 108}, {136, 156}}), {390, with_long}})
         for (const char mask : {'\x15', '\x80'}) {
-            std::string whole, damaged;
+            std::string whole, damaged, doubtful(BlockSize, '\0');
+            for (const auto& [first, end] : ranges)
+                doubtful.replace(first, end - first, end - first, '\1');
             for (std::size_t at = 0; at < BlockSize; ++at) {
                 std::string name = FormatText("/b%zu", 1000 + at);
-                name.resize(row.name_length, 'n');
-                const std::string sound = EntryOf(FormatText("/a%zu", at), DataA);
+                name.resize(name_length, 'n');
                 std::string entry = EntryOf(name, DataB);
+                const std::string sound = EntryOf(FormatText("/a%zu", at), DataA);
                 whole += entry + sound;
                 entry[at] ^= mask;
                 damaged += entry + sound;
@@ -194,13 +174,10 @@ TEST_F(CtarTool, EveryDamagedByteOfAHeaderIsRepaired) {
             ASSERT_EQ(repaired.size(), whole.size() + BlockSize) << told;
             for (std::size_t at = 0; at < BlockSize; ++at) {
                 const std::size_t line = told.find(FormatText("(%zu): 2560 bytes: kept as entry /", at * stride));
-                const std::string rest = told.substr(line, told.find('\n', line) - line);
-                const bool doubtful = std::any_of(row.doubtful.begin(), row.doubtful.end(), [at](const auto& range) {
-                    return at >= range.first && at < range.second;
-                });
                 EXPECT_THAT(
-                    rest, testing::EndsWith(doubtful ? "repaired: name, size, mode or time may be wrong" : "repaired"));
-                const std::size_t from = at * stride + (doubtful ? BlockSize : 0); // the data are kept in any case
+                    told.substr(line, told.find('\n', line) - line),
+                    testing::EndsWith(doubtful[at] ? "repaired: name, size, mode or time may be wrong" : "repaired"));
+                const std::size_t from = at * stride + (doubtful[at] ? BlockSize : 0); // the data are kept in any case
                 const std::size_t count = (at + 1) * stride - from;
                 EXPECT_TRUE(repaired.substr(from, count) == whole.substr(from, count)) << at;
             }
@@ -223,46 +200,42 @@ TEST_F(CtarTool, SalvageKeepsWhatCanBeKnown) {
         return A + EntryOf("/b", archive.substr(AtB + 512, 1584));
     };
     const std::string less = std::string(Three).erase(AtB + 1012, 9), head = std::string(Three).erase(AtB + 300, 50);
-    struct Row {
-        std::string damaged, kept;
-        const char* told; // empty: all is well
-    };
-    for (const Row& row : std::vector<Row>{
-             {Three, A + B + C, ""},
-             {With(broken(AtB + 1, "x"), AtC + 1, "y"), A + EntryOf("/x", DataB) + EntryOf("/y", DataC),
-              "0 bytes dropped, 2 entries in doubt"},
-             {With(broken(0, lost), AtC, lost), B, "4096 bytes dropped, 1 entry in doubt"},
-             {With(broken(AtC + 1, "x"), AtSentinel + 9, "x"), A + B + EntryOf("/x", DataC), " 1 entry in doubt"},
-             {With(broken(0, lost), AtB + 120, "7"), B + C, "1536 bytes dropped, 0 entries in doubt"},
-             {With(broken(0, lost), AtB + 1, "x"), EntryOf("/x", DataB) + C, "1536 bytes dropped, 1 entry in doubt"},
-             // Digits that changed places leave the sum as it was, and may lead astray.
-             {broken(AtB + 124, "00000003006"), A + B + C, "0 bytes dropped, 1 entry in doubt"},
-             {broken(AtB + 124, "00000006030"), A + B + C, ""},
-             // A size that leads to the sentinel, one too small, and none while what follows is lost.
-             {broken(AtB, sized(4096)), A + B + C, "0 bytes dropped, 1 entry in doubt"},
-             {broken(AtB, sized(528)), A + B + C, ""},
-             {With(broken(AtB, sized(0)), AtC, lost), A + B, "2560 bytes dropped, 1 entry in doubt"},
-             // Bytes lost or added, so that no header is where the size leads.
-             {less, shifted(less), "entry /b: the data may be wrong"},
-             {head, shifted(head), "entry /b, header repaired: the data may be wrong"},
-             {broken(AtB + 2096, "x"), A + B + C, "entry /b: the data may be wrong"},
-             // Entries after broken retrievals.
-             {unfinished(0), A + B + C, ""},
-             {unfinished(1), A + B + C, "512 bytes: dropped: follows a sentinel: data of a broken retrieval, or junk"},
-             {unfinished(9), A + B + C, "9216 bytes dropped, 0 entries in doubt"},
-             {A + Sentinel + HeaderOf("/phantom", 1024) + half + B + Sentinel, A + B, "1024 bytes dropped, 0 entries"},
-             {A + Sentinel + junk.substr(0, 2048) + Sentinel, A, "2560 bytes dropped, 0 entries in doubt"},
-             // Headers within a save file are never the archive's, even if the entry's own is partly damaged.
-             {With(outer + A + Sentinel, 0x7c, "1"), outer + A, ""},
-             {With(outer + A + Sentinel, 148, "1"), outer + A, "header repaired: name, size, mode or time may be"},
-             {outer.substr(0, 5000), "", "dropped: /outer is cut short: 4488 of 17424 bytes\n"},
-             {std::string(5000, '\0'), "", "5000 bytes: dropped: zeros\n"},
-             {huge + Sentinel, "", "dropped: /huge is cut short: 512 of 9223372036854774783 bytes\n"},
-             {HeaderOf("/zero", 0) + Sentinel, "", "512 bytes: dropped: entry without data: /zero\n"}}) {
-        const Outcome outcome = Salvage(row.damaged);
-        EXPECT_EQ(outcome.status, *row.told == '\0' ? 0 : 1) << outcome.out;
-        EXPECT_THAT(outcome.out + outcome.err, HasSubstr(row.told));
-        EXPECT_TRUE(ReadFile("new") == row.kept + Sentinel) << outcome.out;
+    using Row = std::tuple<std::string, std::string, std::string>; // what is told is empty if all is well
+    for (const auto& [damaged, kept, told] :
+         {Row{Three, A + B + C, ""},
+          {With(broken(AtB + 1, "x"), AtC + 1, "y"), A + EntryOf("/x", DataB) + EntryOf("/y", DataC),
+           "0 bytes dropped, 2 entries in doubt"},
+          {With(broken(0, lost), AtC, lost), B, "4096 bytes dropped, 1 entry in doubt"},
+          {With(broken(AtC + 1, "x"), AtSentinel + 9, "x"), A + B + EntryOf("/x", DataC), " 1 entry in doubt"},
+          {With(broken(0, lost), AtB + 120, "7"), B + C, "1536 bytes dropped, 0 entries in doubt"},
+          // Digits that changed places leave the sum as it was, and may lead astray.
+          {broken(AtB + 124, "00000003006"), A + B + C, "0 bytes dropped, 1 entry in doubt"},
+          {broken(AtB + 124, "00000006030"), A + B + C, ""},
+          // A size that leads to the sentinel, one too small, and none while what follows is lost.
+          {broken(AtB, sized(4096)), A + B + C, "0 bytes dropped, 1 entry in doubt"},
+          {broken(AtB, sized(528)), A + B + C, ""},
+          {With(broken(AtB, sized(0)), AtC, lost), A + B, "2560 bytes dropped, 1 entry in doubt"},
+          // Bytes lost or added, so that no header is where the size leads.
+          {less, shifted(less), "entry /b: the data may be wrong"},
+          {head, shifted(head), "entry /b, header repaired: the data may be wrong"},
+          {broken(AtB + 2096, "x"), A + B + C, "entry /b: the data may be wrong"},
+          // Entries after broken retrievals.
+          {unfinished(0), A + B + C, ""},
+          {unfinished(1), A + B + C, "512 bytes: dropped: follows a sentinel: data of a broken retrieval, or junk"},
+          {unfinished(9), A + B + C, "9216 bytes dropped, 0 entries in doubt"},
+          {A + Sentinel + HeaderOf("/phantom", 1024) + half + B + Sentinel, A + B, "1024 bytes dropped, 0 entries"},
+          {A + Sentinel + junk.substr(0, 2048) + Sentinel, A, "2560 bytes dropped, 0 entries in doubt"},
+          // Headers within a save file are never the archive's, even if the entry's own is partly damaged.
+          {With(outer + A + Sentinel, 0x7c, "1"), outer + A, ""},
+          {With(outer + A + Sentinel, 148, "1"), outer + A, "header repaired: name, size, mode or time may be"},
+          {outer.substr(0, 5000), "", "dropped: /outer is cut short: 4488 of 17424 bytes\n"},
+          {std::string(5000, '\0'), "", "5000 bytes: dropped: zeros\n"},
+          {huge + Sentinel, "", "dropped: /huge is cut short: 512 of 9223372036854774783 bytes\n"},
+          {HeaderOf("/zero", 0) + Sentinel, "", "512 bytes: dropped: entry without data: /zero\n"}}) {
+        const Outcome outcome = Salvage(damaged);
+        EXPECT_EQ(outcome.status, told.empty() ? 0 : 1) << outcome.out;
+        EXPECT_THAT(outcome.out + outcome.err, HasSubstr(told));
+        EXPECT_TRUE(ReadFile("new") == kept + Sentinel) << outcome.out;
     }
 }
 
@@ -278,32 +251,35 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
     odd[146] = 'x';
     const std::string differs = "x.ctar: 0x0 (0): header: /b: differs from what a backup writes: ";
     const std::string unreached = "x.ctar: 0x800 (2048): unreached: ";
+    const std::vector<std::pair<std::string, std::string>> findings = {
+        {own + Sentinel,
+         "n: the name has 400 characters, the maximum, and may be cut short\n"
+         "x.ctar: 0xc00 (3072): records: /cut: 529 bytes, not a multiple of 528: the save file was cut short\n"
+         "x.ctar: 0x1c00 (7168): name: relative: the name is not a full path\n"
+         "x.ctar: 0x1200 (4608): duplicate: /d.savf: same name as the entry at 0x600 (1536)\n"
+         "x.ctar: 5 entries, 4 findings\n"},
+        {With(Three, 1040, "\x80"), "x.ctar: 0x410 (1040): padding: /a: the padding after the"},
+        {With(Three, AtB + 300, "x"), "x.ctar: 0x600 (1536): checksum: neither a header nor the"},
+        {std::string(BlockSize, 'x'), ": no block is a header or a sentinel: not an archive, or"},
+        {HeaderOf("/zero", 0) + Sentinel, "x.ctar: 0x0 (0): empty: /zero: an entry without data"},
+        {A + Rechecked(With(header, 124, "9")) + Sentinel, " 0x600 (1536): size: /b: a header"},
+        {A + With(Sentinel, 148, "400" + zeros.substr(0, 4)), "header: the sentinel differs from"},
+        {A + Sentinel + "x", unreached + "1 byte that a restore will not see: data of a broken"},
+        {A + Sentinel + zeros, unreached + "700 bytes that a restore will not see: zeros\n"},
+        {A + Sentinel + junk + B + Sentinel + C + Sentinel,
+         unreached + "6144 bytes that a restore will not see: 2 entries, the first at 0xa00 (2560)\n"},
+        {Rechecked(odd) + junk + junk + Sentinel,
+         differs + "name, mode, user, group, modification time, type, third piece of the name, first fixed number, "
+                   "second fixed number, copy of the size, third fixed number, fourth fixed number, fifth piece of "
+                   "the name, second piece of the name, fourth piece of the name, bytes outside the fields\n"},
+        {With(header, 148, " ") + junk + zeros, differs + "form of the checksum\n"}};
+    for (const auto& [archive, finding] : findings)
+        Check({{archive, "verify x.ctar", 1, finding}});
     Check(
-        {{own + Sentinel, "verify x.ctar", 1,
-          "n: the name has 400 characters, the maximum, and may be cut short\n"
-          "x.ctar: 0xc00 (3072): records: /cut: 529 bytes, not a multiple of 528: the save file was cut short\n"
-          "x.ctar: 0x1c00 (7168): name: relative: the name is not a full path\n"
-          "x.ctar: 0x1200 (4608): duplicate: /d.savf: same name as the entry at 0x600 (1536)\n"
-          "x.ctar: 5 entries, 4 findings\n"},
-         {own + Sentinel, "verify --json x.ctar", 1, R"("entries":5,"findings":4,"mend":""})"},
-         {With(Three, 1040, "\x80"), "verify x.ctar", 1, "x.ctar: 0x410 (1040): padding: /a: the padding after the"},
-         {With(Three, AtB + 300, "x"), "verify x.ctar", 1, "x.ctar: 0x600 (1536): checksum: neither a header nor the"},
+        {{own + Sentinel, "verify --json x.ctar", 1, R"("entries":5,"findings":4,"mend":""})"},
          {With(Three, 1535, "\x80"), "verify --json x.ctar", 1,
           R"({"archive":"x.ctar","offset":1040,"finding":"padding","name":"/a","text":"the padding after the data is)"},
-         {std::string(BlockSize, 'x'), "verify x.ctar", 1, ": no block is a header or a sentinel: not an archive, or"},
-         {A + Sentinel + B, "list x.ctar", 1, "0x800 (2048): 2560 bytes after the end of the archive; a restore will"},
-         {HeaderOf("/zero", 0) + Sentinel, "verify x.ctar", 1, "x.ctar: 0x0 (0): empty: /zero: an entry without data"},
-         {A + Rechecked(With(header, 124, "9")) + Sentinel, "verify x.ctar", 1, " 0x600 (1536): size: /b: a header"},
-         {A + With(Sentinel, 148, "400" + zeros.substr(0, 4)), "verify x.ctar", 1, "header: the sentinel differs from"},
-         {A + Sentinel + "x", "verify x.ctar", 1, unreached + "1 byte that a restore will not see: data of a broken"},
-         {A + Sentinel + zeros, "verify x.ctar", 1, unreached + "700 bytes that a restore will not see: zeros\n"},
-         {A + Sentinel + junk + B + Sentinel + C + Sentinel, "verify x.ctar", 1,
-          unreached + "6144 bytes that a restore will not see: 2 entries, the first at 0xa00 (2560)\n"},
-         {Rechecked(odd) + junk + junk + Sentinel, "verify x.ctar", 1,
-          differs + "name, mode, user, group, modification time, type, third piece of the name, first fixed number, "
-                    "second fixed number, copy of the size, third fixed number, fourth fixed number, fifth piece of "
-                    "the name, second piece of the name, fourth piece of the name, bytes outside the fields\n"},
-         {With(header, 148, " ") + junk + zeros, "verify x.ctar", 1, differs + "form of the checksum\n"}});
+         {A + Sentinel + B, "list x.ctar", 1, "0x800 (2048): 2560 bytes after the end of the archive; a"}});
     // A second of the hour that a time zone repeats is sound.
     WriteFile("./x.ctar", Rechecked(With(A.substr(0, 512), 136, "12423013130")) + A.substr(512) + Sentinel);
     Program moscow;
@@ -401,19 +377,17 @@ TEST_F(CtarTool, ExtractWritesAllOrNothing) {
     EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), 5) << "no temporary file";
 }
 
-// Standard output is a pipe that nobody reads, so a salvage with a long report blocks halfway.
+// Standard output is a pipe that nobody empties, so a salvage with a long report blocks halfway.
 TEST_F(CtarTool, ASignalLeavesNoTemporaryFile) {
     WriteFile("./x.ctar", Many(2000));
     ::mkfifo("pipe", 0600);
     fs::create_directory("out");
     for (const int signal : {SIGTERM, SIGQUIT, SIGALRM, SIGXCPU}) {
-        const Descriptor reader(::open("pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         Program salvage;
         salvage.outputs = {{STDOUT_FILENO, "pipe"}};
         const pid_t process = Start(salvage, "salvage x.ctar -o out/new");
-        pollfd told{reader.Get(), POLLIN, 0};
-        while (::poll(&told, 1, -1) == 1 && (told.revents & POLLIN) == 0)
-            ::usleep(1000); // it has not opened the pipe yet
+        std::ifstream reader("pipe");
+        reader.peek();
         EXPECT_FALSE(fs::is_empty("out"));
         ::kill(process, signal);
         EXPECT_EQ(salvage.Wait().status, -1 - signal);
@@ -459,12 +433,13 @@ TEST_F(CtarTool, ExportIsReadByTar) {
     tar.executable = "/bin/sh";
     tar.arguments = {"-c", "mkdir tree && tar -xf x.tar -C tree"};
     tar.Run();
-    EXPECT_EQ(ReadFile("tree/home.savf"), Data(5, 'h'));
-    EXPECT_EQ(ReadFile("tree/home/\xe9.savf"), "byte");
-    EXPECT_EQ(ReadFile("tree/home-4608.savf"), "again");
-    EXPECT_EQ(ReadFile("tree/q/" + part.substr(0, 245) + "-5632.savf"), "long");
-    EXPECT_EQ(ReadFile("tree/" + longest + "/x.savf"), "1");
-    EXPECT_EQ(ReadFile("tree/entry-7680.savf"), "2");
+    for (const auto& [name, data] : {std::pair<std::string, std::string>("home", Data(5, 'h')),
+                                     {"home/\xe9", "byte"},
+                                     {"home-4608", "again"},
+                                     {"q/" + part.substr(0, 245) + "-5632", "long"},
+                                     {longest + "/x", "1"},
+                                     {"entry-7680", "2"}})
+        EXPECT_EQ(ReadFile("tree/" + name + ".savf"), data);
     EXPECT_EQ(fs::status("tree/home.savf").permissions(), static_cast<fs::perms>(0755));
     const std::string cut = archive.substr(0, 2000);
     Check({{cut, "export x.ctar", 1}, {cut, "export -", 1}});

@@ -60,8 +60,7 @@ std::string Many(int entries) {
     return archive + Sentinel;
 }
 
-// A command, what it must print on standard output or standard error, and the files x.ctar and sums before it. Without
-// `sums` that file stays as it was.
+// The files x.ctar and sums, a command, its status, and what it must print. Without `sums` that file stays as it was.
 struct Case {
     std::string archive, command;
     int status;

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <pty.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -327,8 +326,8 @@ TEST(Report, HostileBytesStayText) {
     Tool tool;
     EXPECT_EQ(tool.Run(log, AllOutputs), 0);
     EXPECT_EQ(tool.Read("out"), log);
-    EXPECT_THAT(tool.Read("page"),
-                AllOf(HasSubstr("/home/&lt;script&gt;&quot;&#39;&amp;\uFFFD]0;x\uFFFD"), Not(HasSubstr("<script"))));
+    EXPECT_THAT(tool.Read("page"), HasSubstr("/home/&lt;script&gt;&quot;&#39;&amp;\uFFFD]0;x\uFFFD"));
+    EXPECT_THAT(tool.Read("page"), Not(HasSubstr("<script")));
     EXPECT_THAT(tool.Read("records"), HasSubstr("\"/home/<script>\\\"'&\\u001b]0;x\\u0007\\ufffd"));
     for (const char* const file : {"page", "records", "gauges", "err"})
         EXPECT_FALSE(std::regex_search(tool.Read(file), std::regex("[\\x01-\\x09\\x0b-\\x1f]"))) << file;
@@ -393,11 +392,8 @@ TEST(Report, Trouble) {
           {"input --no-log --json - 1>>input #", 2, "standard output" + refused},
           {"--no-log", 0, ""}}) {
         Tool tool;
-        WriteFile(tool.work / "old", log);
-        fs::create_symlink("input", tool.work / "log");
-        fs::create_symlink("/dev/full", tool.work / "full");
-        ASSERT_EQ(::mkfifo((tool.work / "pipe").c_str(), 0600), 0);
-        EXPECT_EQ(tool.Run(log, "--quiet " + arguments), status);
+        const char feed[] = "cp input old; ln -s input log; ln -s /dev/full full; mkfifo pipe; cat input";
+        EXPECT_EQ(tool.Run(log, "--quiet " + arguments, feed), status);
         EXPECT_EQ(std::regex_replace(tool.Read("err"), std::regex("vondral-report: "), ""), error);
         EXPECT_EQ(tool.Read("input") + tool.Read("old"), log + log) << arguments;
         EXPECT_EQ(tool.Read("out"), status != 1 || arguments == "none" ? "" : log) << arguments;
@@ -441,6 +437,7 @@ TEST(Report, LimitOfTheLargestSaves) {
     for (int i = 0; i < 30; ++i)
         log += Success("/a") + FormatText("[23:59:50] [T01] Size: %d MB\n", i * 7 % 30 + 3);
     const LoggedRun run = ParseRun(log);
+    EXPECT_EQ(ShowBytes(17), "17 B");
     EXPECT_EQ(run.largest.size(), LoggedRun::MostLargest);
     EXPECT_EQ(Ranked(run.largest, BytesOf).back().bytes, 13e6); // of 3 to 32 MB
 }

@@ -3,9 +3,7 @@
 #include <regex>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <pty.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,30 +21,20 @@ namespace fs = std::filesystem;
 using testing::AllOf, testing::Each, testing::ElementsAre, testing::HasSubstr, testing::Ne, testing::Not,
     testing::SizeIs;
 
-constexpr char Passphrase[] = "pass\"phrase<4711>";
-
 // A server, and the logs of runs against it: both streams in one.
-struct Night {
-    TempDir root, work;
-    rehearsal::Options options;
-    std::string archive = work / "archive";
+struct Night : TestSite {
     int status = -1; // of the last run
 
     Night() {
-        for (const char* const name : {"QSYS.LIB/PAY.LIB/RATES.FILE/RATES.MBR", "QSYS.LIB/TOOLS.LIB/RUN.PGM",
-                                       "home/note", "home/<b>&\x1b[31m\xE9", "Security Data", "System Configuration"})
-            WriteFile(root / name, std::string(1000, 'r'));
-        options.root = root.path;
-        options.password = Passphrase;
-    }
-    std::string Log(std::vector<std::string> arguments) {
-        const rehearsal::Server server(options);
-        Program program;
-        program.port = server.Port();
-        program.arguments = {"-s", "127.0.0.1", "-c", std::string("FRED:here:") + Passphrase};
-        program.arguments.insert(program.arguments.end(), arguments.begin(), arguments.end());
+        WriteObjects(root.path);
+        WriteFile(root / "home/<b>&\x1b[31m\xE9", "r");
+        options.password = "pass\"phrase<4711>";
         program.merged = true;
-        const auto outcome = program.Run();
+    }
+    // Runs the program with these arguments, separated by blanks, and -b or -r with the archive.
+    std::string Log(const std::string& arguments) {
+        std::istringstream words(arguments + " " + archive.string());
+        const auto outcome = Run({std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()});
         status = outcome.status;
         return outcome.out;
     }
@@ -62,15 +50,12 @@ struct Tool {
     // `feed` is the command that the tool reads from.
     int Run(const std::string& log, const std::string& arguments, const std::string& feed = "cat input") {
         WriteFile(work / "input", log);
-        fs::permissions(work / "input", fs::perms(0644));
-        const timespec changed[] = {{1772323210, 0}, {1772323210, 0}};
-        EXPECT_EQ(::utimensat(AT_FDCWD, (work / "input").c_str(), changed, 0), 0);
         Program shell;
         shell.executable = "/bin/bash";
         shell.environment["TZ"] = "UTC";
         shell.arguments = {"-o", "pipefail", "-c",
-                           "umask 026; cd '" + work.path.string() + "'; " + feed + " | 2>err '" + REPORT_UNDER_TEST +
-                               "' " + arguments + " >out"};
+                           "umask 026; cd '" + work.path.string() + "'; touch -d @1772323210 input; " + feed +
+                               " | 2>err '" + REPORT_UNDER_TEST + "' " + arguments + " >out"};
         return shell.Run().status;
     }
     std::string Read(const std::string& name) const { return ReadFile(work / name); }
@@ -97,12 +82,12 @@ std::string Line(const char* time, const std::string& text, const char* thread =
     return "[" + std::string(time) + "] [T" + thread + "] " + text + "\n";
 }
 
-std::string Success(const std::string& name, const char* time = "23:59:50", const char* thread = "01") {
-    return Line(time, "Backup Success: " + name, thread);
+std::string Success(const std::string& name, const std::string& result = "Success") {
+    return Line("23:59:50", "Backup " + result + ": " + name, "01");
 }
 
 std::string Failure(const std::string& name) {
-    return Line("23:59:50", "Backup Failure: " + name, "01");
+    return Success(name, "Failure");
 }
 
 // A backup that reached its end.
@@ -115,21 +100,21 @@ std::string Ended(const std::string& saves) {
 // passphrase gets nowhere else.
 TEST(Report, StatusIsThatOfTheProgram) {
     const std::set<std::string> one{"/home/note"}, two{"/home/note", "/QSYS.LIB/TOOLS.LIB/RUN.PGM"};
-    using Row = std::tuple<std::set<std::string>, const char*, const char*, std::string, std::uint64_t, std::uint64_t>;
-    for (const auto& [locked, option, value, expected, failed, partial] : {Row{{}, "-x", "yes", "complete", 0, 0},
-                                                                           {one, "-x", "no", "failures", 1, 0},
-                                                                           {two, "-p", "yes", "failures", 2, 0},
-                                                                           {two, "-p", "no", "complete", 0, 2},
-                                                                           {{}, "-i", "/nowhere", "failed", 0, 0}})
-        for (const std::string verbosity : {"-v0", "-v2", "-v3", "-v5"}) {
+    using Row = std::tuple<std::set<std::string>, std::string, std::string, std::uint64_t, std::uint64_t>;
+    for (const auto& [locked, option, expected, failed, partial] : {Row{{}, "-x yes", "complete", 0, 0},
+                                                                    {one, "-x no", "failures", 1, 0},
+                                                                    {two, "-p yes", "failures", 2, 0},
+                                                                    {two, "-p no", "complete", 0, 2},
+                                                                    {{}, "-i /nowhere", "failed", 0, 0}})
+        for (const std::string verbosity : {"-v0 ", "-v2 ", "-v3 ", "-v5 "}) {
             Night night;
             night.options.locked = locked;
-            const std::string log = night.Log({"-b", night.archive, verbosity, option, value});
+            const std::string log = night.Log(verbosity + option + " -b");
             const LoggedRun run = ParseRun(log);
             EXPECT_EQ(StatusName(StatusOf(run)), expected) << log;
             EXPECT_EQ(ExpectedExitStatus(run), night.status) << log;
             EXPECT_EQ(run.Count(Outcome::Failed), failed) << log;
-            EXPECT_EQ(run.Count(Outcome::SavedInPart), verbosity == "-v0" ? 0 : partial) << log;
+            EXPECT_EQ(run.Count(Outcome::SavedInPart), verbosity == "-v0 " ? 0 : partial) << log;
             for (const Result& result : run.missing)
                 EXPECT_THAT(result.reason, HasSubstr(failed > 0 ? " command failed; 550 " : ""));
             Tool tool;
@@ -144,33 +129,33 @@ TEST(Report, StatusIsThatOfTheProgram) {
 
 TEST(Report, LogsOfTheProgramWholeAndCut) {
     Night night;
-    const std::string backup = night.Log({"-v2", "-b", night.archive});
+    const std::string backup = night.Log("-v2 -b");
     const LoggedRun whole = ParseRun(backup);
     const auto entries = ReadArchiveFile(night.archive).value();
     double bytes = 0;
     for (const ArchiveEntry& entry : entries)
         bytes += static_cast<double>(entry.data.size());
     EXPECT_TRUE(whole.bytes == bytes && whole.Results() == entries.size() && Omissions(whole).empty());
+    EXPECT_EQ(whole.not_understood, 0U);
     for (const Result& result : whole.longest)
         EXPECT_TRUE(result.save_seconds && result.transfer_seconds) << result.name;
     for (std::size_t length = 0; length < backup.rfind("** Total Run Time: ") + 19; length += 7) {
         const LoggedRun run = ParseRun(backup.substr(0, length));
         EXPECT_TRUE(StatusOf(run) == Status::Unfinished && !ExpectedExitStatus(run)) << length;
     }
-    WriteFile(night.work / "exclude", "/Security Data\n/System Configuration\n");
-    for (const std::string verbosity : {"-v0", "-v2"}) {
-        const LoggedRun run = ParseRun(night.Log({verbosity, "-r", night.archive, "-e", night.work / "exclude"}));
+    const std::string exclude = night.File("exclude", "/Security Data\n/System Configuration\n");
+    for (const auto& [verbosity, unexplained] : {std::pair("-v0 -e ", 2U), {"-v2 -e ", 0U}}) {
+        const LoggedRun run = ParseRun(night.Log(verbosity + exclude + " -r"));
         EXPECT_TRUE(StatusOf(run) == Status::Complete && run.not_understood == 0);
-        EXPECT_EQ(run.Count(Outcome::Saved), entries.size() - 2);
-        EXPECT_EQ(run.Count(Outcome::NotRestored), 2U);
-        EXPECT_EQ(run.unexplained, verbosity == "-v0" ? 2U : 0U);
+        EXPECT_TRUE(run.Results() == entries.size() && run.Count(Outcome::NotRestored) == 2);
+        EXPECT_EQ(run.unexplained, unexplained);
     }
     night.options.locked = {"/home/note"};
-    const std::string restore = night.Log({"-r", night.archive});
+    const std::string restore = night.Log("-r");
     const LoggedRun partial = ParseRun(restore);
     EXPECT_TRUE(partial.Missing() == 1 && partial.missing.at(0).name == "/home");
     // Two runs in one log. The first may be cut, and the second's first line follow on the same line.
-    const LoggedRun last = ParseRun(night.Log({"-b", night.archive}) + backup);
+    const LoggedRun last = ParseRun(night.Log("-b") + backup);
     EXPECT_TRUE(last.earlier_runs == 1 && StatusOf(last) == Status::Complete && last.Missing() == 0);
     for (const std::size_t length : {backup.find("Backup Success: ") + 20, backup.rfind("** Total Run Time: ") + 5}) {
         EXPECT_EQ(ParseRun(backup.substr(0, length) + backup).Results(), whole.Results()) << length;
@@ -183,7 +168,6 @@ constexpr char BackupLog[] = R"--([22:00:00] [T00] Building Object Lists
 [22:00:05] [T00] ** Total Run Time: 5.000 seconds
 [23:59:50] [T00] Building Object Lists
 [23:59:51] [T00] Object not found: /nowhere
-[23:59:52] [T00] Building Block Lists
 [23:59:58] [T01] Backup Success: /home
 [23:59:58] [T01] Size: 2.892 MB
 [23:59:58] [T01] Save:   4.100 s 705.366 KB/s
@@ -234,7 +218,7 @@ TEST(Report, AllOutputsOfABackup) {
 {"type":"total","name":"files_attempted","value":17}
 {"type":"total","name":"files_failed","value":1}
 {"type":"total","name":"run_seconds","value":20.026}
-{"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":1,"not found":1},"bytes":2892000,"lines":25,"lines_not_understood":0,"omissions":["Earlier runs in the same log: 1. This is the last one."]}
+{"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":1,"not found":1},"bytes":2892000,"lines":24,"lines_not_understood":0,"omissions":["Earlier runs in the same log: 1. This is the last one."]}
 )");
     EXPECT_EQ(std::regex_replace(tool.Read("gauges"), std::regex("#[^\n]*\n|[^\n]* 0\n|vondral_run_"), ""),
               "status{status=\"failures\"} 1\nend_time_seconds 1772323210\nexit_status 1\nfiles_attempted 17\n"
@@ -253,7 +237,7 @@ TEST(Report, AllOutputsOfABackup) {
 |Largest saves|Name|Size|Save time|Wait time|Transfer time|All|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|
 |Slowest saves|Name|Size|Save time|Wait time|Transfer time|All|/tmp|1:01|1:01|/QSYS.LIB/A.LIB|6 s|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|/QDLS|2 s|/nowhere|0 s|
 |Totals in the log|They count every file of a saved directory, and add up the times of all workers.|list bytes|2.048 KB|bytes|28.512 KB|files attempted|17|files failed|1|run time|20.026 s|
-|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 25 lines were not understood.|
+|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 24 lines were not understood.|
 | )");
 }
 
@@ -261,18 +245,18 @@ TEST(Report, AllOutputsOfABackup) {
 TEST(Report, Outputs) {
     using Row = std::pair<std::string, std::vector<std::string>>;
     const std::string good = Ended(Success("/a")), exit_status = "Exit status according to the log: ";
-    const std::string failed = Line("01:00:00", "vondral[a.cpp,1]: login failed");
     const std::string restore =
         Line("01:00:00", "Archive  : /a") + Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
-    const std::string huge = Success("/a") + Line("23:59:51", "Size: 999999999 GB", "01") +
-                             Line("23:59:51", "Save: 999999999999999999 s", "01") + Success("/b", "23:59:52");
+    const std::string huge = Success("/a") + "[23:59:51] [T01] Size: 999999999 GB\n" +
+                             "[23:59:51] [T01] Save: 999999999999999999 s\n" + Success("/b");
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
     const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 1"));
     for (const auto& [log, parts] :
          {Row{good, {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", ": 1 save in 10 s\n"}},
           {Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly"),
            {exit_status + "143.", ": terminated: 0 saves"}},
-          {good + failed, {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
+          {good + Line("01:00:00", "vondral[a.cpp,1]: login failed"),
+           {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
            {exit_status + "2."}},
           {BackupLog,
@@ -326,8 +310,7 @@ TEST(Report, TimeOfTheLog) {
              {Line("02:59:59", "x") + Line("02:00:00", "a clock put back"), 10809},
              {Line("01:00:00", "x") + Line("14:00:00", "x") + Line("01:59:59", "x"), 86400 + 7209}})
         EXPECT_EQ(ParseRun(log += lines).clock.elapsed, elapsed) << lines;
-    std::tm noon_here{};
-    noon_here.tm_year = 126, noon_here.tm_mday = 1, noon_here.tm_hour = 12, noon_here.tm_isdst = -1;
+    std::tm noon_here{0, 0, 12, 1, 0, 126, 0, 0, -1, 0, nullptr};
     const std::time_t noon = std::mktime(&noon_here);
     EXPECT_EQ((LogClock{0, 12 * 3600 + 60, 0, 0}).LastMoment(noon), noon + 60); // clocks may differ by a minute
     EXPECT_EQ((LogClock{0, 12 * 3600 + 61, 0, 0}).LastMoment(noon), noon + 61 - 86400);
@@ -343,23 +326,18 @@ TEST(Report, HostileBytesStayText) {
     Tool tool;
     EXPECT_EQ(tool.Run(log, AllOutputs), 0);
     EXPECT_EQ(tool.Read("out"), log);
-    EXPECT_THAT(tool.Read("page"),
-                AllOf(HasSubstr("/home/&lt;script&gt;&quot;&#39;&amp;\uFFFD]0;x\uFFFD"), Not(HasSubstr("<script"))));
+    EXPECT_THAT(tool.Read("page"), HasSubstr("/home/&lt;script&gt;&quot;&#39;&amp;\uFFFD]0;x\uFFFD"));
+    EXPECT_THAT(tool.Read("page"), Not(HasSubstr("<script")));
     EXPECT_THAT(tool.Read("records"), HasSubstr("\"/home/<script>\\\"'&\\u001b]0;x\\u0007\\ufffd"));
     for (const char* const file : {"page", "records", "gauges", "err"})
         EXPECT_FALSE(std::regex_search(tool.Read(file), std::regex("[\\x01-\\x09\\x0b-\\x1f]"))) << file;
     EXPECT_THAT(tool.Read("gauges"), Not(HasSubstr("vondral_last_good_run")));
     EXPECT_THAT(Lines(tool.Read("records"), "/unfinished"), SizeIs(1));
-    using Row = std::tuple<const char*, const char*, const char*>;
-    for (const auto& [bytes, visible, terminal] :
-         {Row{"a\x1b[K\xC3\xA9\xFF", "a\uFFFD[K\u00E9\uFFFD", "a?[K??"},
-          {"\xE2\x80\xAE\xED\xA0\x80\xF5", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD", "?????"},
-          {"\xF0\x9F\x98\x80.", "\U0001F600.", "?."},
-          {"\xF0\x8F\xBF\xBF\xF4\x90", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD", "??????"},
-          {"\xF0\x9F\x98", "\uFFFD\uFFFD\uFFFD", "???"}}) {
-        EXPECT_EQ(VisibleText(bytes), visible);
-        EXPECT_EQ(TerminalText(bytes), terminal);
-    }
+    const char bytes[] =
+        "a\x1b[K\xC3\xA9\xFF \xE2\x80\xAE\xED\xA0\x80\xF5 \xF0\x9F\x98\x80. \xF0\x8F\xBF\xBF\xF4\x90 \xF0\x9F\x98";
+    const std::string visible = "a?[K\u00E9? ????? \U0001F600. ?????? ???"; // where ? is U+FFFD
+    EXPECT_EQ(VisibleText(bytes), std::regex_replace(visible, std::regex("\\?"), "\uFFFD"));
+    EXPECT_EQ(TerminalText(bytes), "a?[K?? ????? ?. ?????? ???");
 }
 
 TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
@@ -377,7 +355,7 @@ TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
         const auto last_good = [&] { return Lines(tool.Read("gauges"), "^" + name); };
         EXPECT_EQ(tool.Run(bad, arguments), 3);
         EXPECT_THAT(last_good(), ElementsAre(series + "1234"));
-        for (const auto& [log, status] : {std::pair(good, 0), {bad, 3}, {Night().Log({"-t"}), 3}}) {
+        for (const auto& [log, status] : {std::pair(good, 0), {bad, 3}, {Night().Log("-t -b"), 3}}) {
             EXPECT_EQ(tool.Run(log, arguments), status);
             EXPECT_THAT(last_good(), ElementsAre(series + "1772323190"));
         }
@@ -396,15 +374,14 @@ TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
 // What cannot be read or written is reported, and the rest is done.
 TEST(Report, Trouble) {
     const std::string log = Success("/a") + Success("/b");
-    const std::string no_file = ": No such file or directory\n", no_reader = "pipe: No such device or address\n";
-    const std::string no_space = "full: No space left on device\n", twice = ": not a file that can be read twice\n";
-    const std::string refused = ": refusing to overwrite the log being read\n";
+    const std::string no_file = ": No such file or directory\n",
+                      refused = ": refusing to overwrite the log being read\n";
+    const std::string no_space = "full: No space left on device\n", no_reader = "pipe: No such device or address\n";
     using Row = std::tuple<std::string, int, std::string>;
     for (const auto& [arguments, status, error] :
          {Row{"--against none/x", 1, "none/x" + no_file},
-          {"--json none/x --html none/y --prometheus none/z", 1,
-           "none/x" + no_file + "none/y" + no_file + "none/z" + no_file},
-          {"--against /dev/null", 1, "/dev/null" + twice},
+          {"--json none/x --html y/y --prometheus z/z", 1, "none/x" + no_file + "y/y" + no_file + "z/z" + no_file},
+          {"--against /dev/null", 1, "/dev/null: not a file that can be read twice\n"},
           {"--json full --html full --prometheus full", 1, no_space + no_space + no_space},
           {"--json pipe --html pipe --prometheus pipe", 1, no_reader + no_reader + no_reader},
           {"none", 1, "none" + no_file},
@@ -415,11 +392,8 @@ TEST(Report, Trouble) {
           {"input --no-log --json - 1>>input #", 2, "standard output" + refused},
           {"--no-log", 0, ""}}) {
         Tool tool;
-        WriteFile(tool.work / "old", log);
-        fs::create_symlink("input", tool.work / "log");
-        fs::create_symlink("/dev/full", tool.work / "full");
-        ASSERT_EQ(::mkfifo((tool.work / "pipe").c_str(), 0600), 0);
-        EXPECT_EQ(tool.Run(log, "--quiet " + arguments), status);
+        const char feed[] = "cp input old; ln -s input log; ln -s /dev/full full; mkfifo pipe; cat input";
+        EXPECT_EQ(tool.Run(log, "--quiet " + arguments, feed), status);
         EXPECT_EQ(std::regex_replace(tool.Read("err"), std::regex("vondral-report: "), ""), error);
         EXPECT_EQ(tool.Read("input") + tool.Read("old"), log + log) << arguments;
         EXPECT_EQ(tool.Read("out"), status != 1 || arguments == "none" ? "" : log) << arguments;
@@ -454,21 +428,18 @@ TEST(Report, PlainLinesOfProgressWhileTheLogIsSilent) {
     WriteFile(tool.work / "old", Success("/a") + Success("/b"));
     EXPECT_EQ(tool.Run(Success("/a"), "--every 1s --against old", feed), 0);
     EXPECT_THAT(tool.Read("err"), testing::StartsWith("vondral-report: 1 of about 2 saves (as last time) | "));
+    EXPECT_EQ(ProgressText(ParseRun(BackupLog), nullptr, 2.5),
+              "5 saves | 1 failed | 2.892 MB | 1156.800 KB/s | 2 s | T02 after /QDLS");
 }
 
-TEST(Report, LinesOfProgressAndLimits) {
-    LoggedRun run = ParseRun(BackupLog);
-    const std::string head = "5 saves | 1 failed | 2.892 MB | ";
-    EXPECT_EQ(ProgressText(run, nullptr, 0.9), head + "0 s | T02 after /QDLS");
-    EXPECT_EQ(ProgressText(run, nullptr, 2.5), head + "1156.800 KB/s | 2 s | T02 after /QDLS");
-    for (int i = 0; i < 30; ++i) {
-        ProcessLogLine(run, FormatText("[00:00:20] [T01] Backup Success: /%d", i));
-        ProcessLogLine(run, FormatText("[00:00:20] [T01] Size: %d MB", i * 7 % 30 + 3));
-    }
-    FinishRun(run);
+TEST(Report, LimitOfTheLargestSaves) {
+    std::string log;
+    for (int i = 0; i < 30; ++i)
+        log += Success("/a") + FormatText("[23:59:50] [T01] Size: %d MB\n", i * 7 % 30 + 3);
+    const LoggedRun run = ParseRun(log);
     EXPECT_EQ(ShowBytes(17), "17 B");
     EXPECT_EQ(run.largest.size(), LoggedRun::MostLargest);
-    EXPECT_EQ(Ranked(run.largest, BytesOf).back().bytes, 13e6); // of 2.892 and 3 to 32 MB
+    EXPECT_EQ(Ranked(run.largest, BytesOf).back().bytes, 13e6); // of 3 to 32 MB
 }
 
 // On a terminal the line of progress never mixes with the log, and is gone at the end. It is 40 columns wide.
@@ -484,20 +455,18 @@ TEST(Report, ProgressOnATerminal) {
         ::_exit(127);
     }
     std::string seen;
-    const auto read_until = [&](const std::string& wanted) {
-        for (char byte; !seen.ends_with(wanted) && ::read(terminal, &byte, 1) == 1;)
+    const std::string sent = "[T01] vondral: sent command \"";
+    for (const auto& [text, shown] :
+         {std::pair("[01:00:00] " + sent + "PASS 4711\"\n" + Success("/first"), "1 save | "),
+          {"[01:00:01] [T01] half a li", "half a li"},
+          {"ne\n[01:00:02] " + sent + "RCMD SAV OBJ(('\"/" + std::string(99, 'w') + "\"'))\"\n", "T01 saving /w"},
+          {"", "unfinished: 1 save in"}}) {
+        if (text.empty())
+            ::close(input[1]);
+        EXPECT_TRUE(WriteAll(input[1], text.data(), text.size()));
+        for (char byte; !seen.ends_with(shown) && ::read(terminal, &byte, 1) == 1;)
             seen += byte;
-    };
-    const auto send = [&](const std::string& text) { EXPECT_TRUE(WriteAll(input[1], text.data(), text.size())); };
-    send(Line("01:00:00", "vondral: sent command \"PASS 4711\"", "01") + Success("/first"));
-    read_until("1 save | ");
-    send("[01:00:01] [T01] half a li");
-    read_until("half a li");
-    send("ne\n" +
-         Line("01:00:02", "vondral: sent command \"RCMD SAV OBJ(('\"/" + std::string(99, 'w') + "\"'))\"", "01"));
-    read_until("T01 saving /w");
-    ::close(input[1]);
-    read_until("unfinished: 1 save in");
+    }
     ::close(terminal);
     ::waitpid(process, nullptr, 0);
     EXPECT_THAT(seen, HasSubstr("\r\x1b[K[01:00:01] [T01] half a line\r\n"));

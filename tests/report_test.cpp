@@ -53,9 +53,8 @@ struct Tool {
         Program shell;
         shell.executable = "/bin/bash";
         shell.environment["TZ"] = "UTC";
-        shell.arguments = {"-o", "pipefail", "-c",
-                           "umask 026; cd '" + work.path.string() + "'; touch -d @1772323210 input; " + feed +
-                               " | 2>err '" + REPORT_UNDER_TEST + "' " + arguments + " >out"};
+        shell.arguments = {"-c", "umask 026; cd '" + work.path.string() + "'; touch -d @1772323210 input; " + feed +
+                                     " | 2>err '" + REPORT_UNDER_TEST + "' " + arguments + " >out"};
         return shell.Run().status;
     }
     std::string Read(const std::string& name) const { return ReadFile(work / name); }

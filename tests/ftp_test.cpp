@@ -154,6 +154,13 @@ TEST(Login, LimitsOfNamesAndPasswords) {
     }
 }
 
+TEST(Login, RefusalsAreQuotedUpTo127Characters) {
+    Session session({Replace("PASS", "530 " + std::string(200, 'x'))});
+    Capture capture;
+    EXPECT_EQ(session.LogIn(), -1);
+    EXPECT_EQ(capture.Take(), "vondral[ftp.cpp]: PASS command failed\n  530 " + std::string(123, 'x') + "\n");
+}
+
 TEST(Login, ABrokenConnectionHasNoRecoveryHere) {
     Session session({Close("CWD")});
     Capture capture;

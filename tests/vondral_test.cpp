@@ -58,6 +58,23 @@ TEST(Options, WhatARunNeeds) {
     EXPECT_EQ(CommandLine({}).Complaints(), "vondral: you must provide a server name\n");
     EXPECT_EQ(CommandLine({"-s", "h"}).Complaints(), "vondral: you must provide login credentials\n");
     EXPECT_EQ(CommandLine({"-s", "h"}).result, -1);
+    EXPECT_EQ(CommandLine({"-c", "fred:here:x"}).result, -1);
+    // Each of these alone keeps a run from starting.
+    for (const std::vector<std::string>& wrong : {std::vector<std::string>{"-i", "/nowhere"},
+                                                  {"-e", "/nowhere"},
+                                                  {"-C", "/nowhere/c"},
+                                                  {"-n", "3x"},
+                                                  {"-m", "x"},
+                                                  {"-z", "0"},
+                                                  {"-w", "-2"},
+                                                  {"-vx"},
+                                                  {"-d", "x"},
+                                                  {"-c", "fred"},
+                                                  {"stray"}}) {
+        std::vector<std::string> words{"-s", "h", "-c", "fred:here:x"};
+        words.insert(words.end(), wrong.begin(), wrong.end());
+        EXPECT_EQ(CommandLine(words).result, -1) << wrong.front();
+    }
     EXPECT_EQ(CommandLine({"-s", "h", "-c", "fred:there:x"}).Complaints(), "vondral: bad where following user name\n");
     EXPECT_EQ(CommandLine({"--help"}).Complaints(), "");
     EXPECT_EQ(CommandLine({"--help"}).result, -1);

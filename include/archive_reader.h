@@ -15,7 +15,7 @@
 #include "read_ahead.h"
 #include "resources.h"
 
-// What the block is that should be a header or the sentinel.
+// What was found where a header or the sentinel should be.
 enum class BlockKind {
     Header,
     Sentinel,    // the end of the archive
@@ -59,7 +59,7 @@ public:
     // seeking failed and reading did it.
     bool Skip(std::int64_t count, std::vector<SkipFailure>& failures);
 
-    // Starts at the first byte of an entry's data, which is what follows.
+    // Begins an entry's data at the current position.
     void BeginEntry(std::int64_t size);
     // Delivers the next data bytes, at most `count` (a multiple of 512): 0 at the end of the entry and where the
     // archive ends early, -1 with errno set when a read failed. The padding is read with the last data, so that the

@@ -45,8 +45,8 @@ private:
     int descriptor_ = -1;
     std::array<Piece, Depth> pieces_;
     std::size_t used_ = 0; // bytes delivered of the piece that is being drained
-    // Counts of pieces. A piece belongs to the thread from its draining to its filling, and else to the caller. The
-    // last one is not a full one.
+    // Counts of pieces. The thread owns a piece from when it has been drained until it is filled again; otherwise the
+    // caller does. The last one is not a full one.
     std::atomic<std::uint32_t> filled_ = 0;
     std::atomic<std::uint32_t> drained_ = 0;
     std::atomic<bool> stopped_ = false;

@@ -15,7 +15,7 @@ struct RestoredArchive {
     std::string path; // for messages
 };
 
-// The DataCallback for STOR: delivers the data of the current entry of an RestoredArchive. An archive that ends early
+// The DataCallback for STOR: delivers the data of the current entry of a RestoredArchive. An archive that ends early
 // ends the data. Returns 0, or -1 after a failed read.
 int ArchiveReadCallback(void* archive, char* buffer, int* count);
 

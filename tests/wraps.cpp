@@ -11,6 +11,7 @@
 //                        and all behind it; "/number" lets a write take that many bytes.
 //                        "limit:N" lets no write go beyond the offset N of the archive
 //                        "count" disturbs nothing, and leaves the number of all these calls in the mark
+//                        "direct:" refuses direct reads, "plain:" has no page cache that could be asked
 //   VONDRAL_TEST_MARK    a file that is made when the disk is disturbed
 
 #include <algorithm>
@@ -191,7 +192,7 @@ ssize_t __wrap_pread64(int descriptor, void* bytes, size_t count, off_t offset) 
     return -1;
 }
 
-// With VONDRAL_TEST_DISK=plain: or direct: the system cannot tell what is in its cache.
+// With VONDRAL_TEST_DISK=plain (or direct) the system cannot tell what is in its cache.
 ssize_t __wrap_preadv64v2(int descriptor, const iovec* room, int count, off_t offset, int flags) {
     if (OrderFor("plain") == nullptr && OrderFor("direct") == nullptr)
         return __real_preadv64v2(descriptor, room, count, offset, flags);

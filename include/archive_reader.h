@@ -78,6 +78,7 @@ private:
 
     Descriptor descriptor_;
     Descriptor cached_;       // the same file without direct I/O; open while the cache is worth asking
+    bool is_direct_ = false;  // reads bypass the page cache
     bool has_offset_ = false; // a file of our own, read at `offset_`; its own position is not used
     std::int64_t offset_ = 0;
     std::int64_t left_ = 0;

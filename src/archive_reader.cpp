@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -29,11 +30,6 @@ namespace {
 
 constexpr std::int64_t PageSize = 4096; // direct reads from a page boundary on are the fastest
 
-bool IsReadDirectly(int descriptor) {
-    const int flags = ::fcntl(descriptor, F_GETFL);
-    return flags >= 0 && (flags & O_DIRECT) != 0;
-}
-
 } // namespace
 
 // A named pipe must not be opened twice, so direct I/O is switched on afterwards, for what has it.
@@ -50,7 +46,8 @@ bool ArchiveReader::Open(const std::string& path) {
     has_offset_ = true;
     struct statfs system;
     const bool is_in_memory = ::fstatfs(descriptor_.Get(), &system) == 0 && system.f_type == TMPFS_MAGIC;
-    if (!is_in_memory && ::fcntl(descriptor_.Get(), F_SETFL, O_RDONLY | O_DIRECT) == 0)
+    is_direct_ = !is_in_memory && ::fcntl(descriptor_.Get(), F_SETFL, O_RDONLY | O_DIRECT) == 0;
+    if (is_direct_)
         cached_.Reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     return true;
 }
@@ -59,7 +56,7 @@ bool ArchiveReader::Open(const std::string& path) {
 bool ArchiveReader::StopDirectReads() {
     cached_.Reset();
     const int flags = ::fcntl(descriptor_.Get(), F_GETFL);
-    return (flags & O_DIRECT) != 0 && ::fcntl(descriptor_.Get(), F_SETFL, flags & ~O_DIRECT) == 0;
+    return std::exchange(is_direct_, false) && ::fcntl(descriptor_.Get(), F_SETFL, flags & ~O_DIRECT) == 0;
 }
 
 // What the page cache has of the bytes at the offset, whole blocks; 0 when it has none, or cannot be asked.
@@ -116,7 +113,7 @@ std::size_t ArchiveReader::WantedBytes(int count) const {
 ssize_t ArchiveReader::ReadAheadOf(char* buffer, std::size_t length) {
     std::int64_t end;
     if (!ahead_.IsActive()) {
-        if (!has_offset_ || !IsReadDirectly(descriptor_.Get()) || offset_ % PageSize != 0 ||
+        if (!is_direct_ || left_ < ReadAhead::PieceSize || offset_ % PageSize != 0 ||
             __builtin_add_overflow(offset_, RoundToBlocks(left_), &end))
             return 0;
         const ssize_t count = ReadFromCache(buffer, length);

@@ -1,7 +1,5 @@
 #include "tree.h"
 
-#include <array>
-#include <cstring>
 #include <utility>
 #include <vector>
 

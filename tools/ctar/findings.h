@@ -25,6 +25,7 @@ constexpr FindingKind NameCut{"name-cut", false};      // as long as a name can 
 constexpr FindingKind Duplicate{"duplicate", false};   // the path of an earlier entry
 constexpr FindingKind Records{"records", false};       // not a whole number of records
 constexpr FindingKind Missing{"missing", false};       // in the sums, not in the archive
+constexpr FindingKind Uncovered{"uncovered", false};   // in the catalog, not in the archive
 constexpr FindingKind Additional{"additional", false}; // in the archive, not in the sums
 constexpr FindingKind Differs{"differs", false};       // name, size or data
 } // namespace FindingKinds

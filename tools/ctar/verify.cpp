@@ -1,4 +1,5 @@
-// ctar verify: everything in an archive that differs from what a backup writes, and data that differ from their sums.
+// ctar verify: everything in an archive that differs from what a backup writes, data that differ from their sums, and
+// paths of the catalog that the archive lacks.
 
 #include "commands.h"
 
@@ -13,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "catalog.h"
 #include "digest.h"
 #include "findings.h"
 #include "messages.h"
@@ -27,6 +29,7 @@ struct VerifyOptions {
     std::vector<std::string> archives;
     bool json = false;
     SumCheckOptions sums;
+    std::string catalog; // path; empty if there is none to compare with
 };
 
 // One archive being verified.
@@ -35,13 +38,15 @@ struct Verification {
     Progress progress;
     Findings findings;
     std::optional<SumCheck> sums;
+    std::string catalog; // path, or empty
+    Coverage coverage;   // of the entries, if there is a catalog
     // ShortDigest of each entry's path, and the offset of its header: 16 bytes per entry. A vector needs three times
     // the memory while it grows.
     std::deque<std::pair<std::uint64_t, std::int64_t>> names;
 
     Verification(const VerifyOptions& options, const std::string& archive)
         : input(archive, options.sums.max_duration > 0 ? Access::Random : Access::Forward), progress(input.Size()),
-          findings(archive, options.json, progress) {
+          findings(archive, options.json, progress), catalog(options.catalog) {
         if (!options.sums.sums.empty())
             sums.emplace(options.sums, input, findings, progress);
     }
@@ -54,6 +59,8 @@ void CheckName(Verification& run, const Entry& entry) {
         run.findings.Report(FindingKinds::NameCut, entry.offset, entry.name,
                             "the name has 400 characters, the maximum, and may be cut short");
     run.names.emplace_back(ShortDigest(entry.Path()), entry.offset);
+    if (!run.catalog.empty())
+        run.coverage.Add(entry.Path());
 }
 
 void CheckSize(Verification& run, const Entry& entry) {
@@ -142,6 +149,16 @@ void CheckDuplicates(Verification& run) {
     }
 }
 
+// Every path of the catalog must be an entry or be inside one.
+void CheckCatalog(Verification& run) {
+    run.coverage.Finish();
+    ReadCatalog(run.catalog, [&run](std::string_view path) {
+        if (!run.coverage.Covers(path))
+            run.findings.Report(FindingKinds::Uncovered, run.input.Offset(), std::string(path),
+                                "in the catalog, but no entry of the archive contains it");
+    });
+}
+
 int VerifyOne(const VerifyOptions& options, const std::string& archive) {
     Verification run(options, archive);
     const ChainEnd end =
@@ -155,14 +172,16 @@ int VerifyOne(const VerifyOptions& options, const std::string& archive) {
     const bool is_whole = end.stop != ChainStop::PartBlock;
     const bool is_archive = CheckRest(run) || !run.names.empty() || (is_whole && HasGoodChecksum(end.block));
     CheckDuplicates(run);
+    if (!run.catalog.empty())
+        CheckCatalog(run);
     const Compared compared = run.sums ? run.sums->Finish() : Compared{};
     const Advice advice = run.input.IsBackupRunning() ? Advice::Wait : is_archive ? Advice::Salvage : Advice::None;
     return run.findings.Finish(static_cast<std::int64_t>(run.names.size()), compared, advice);
 }
 
 int Verify(const VerifyOptions& options) {
-    if (options.archives.size() > 1 && !options.sums.sums.empty())
-        throw Failure("--sums: only for one archive at a time");
+    if (options.archives.size() > 1 && !(options.sums.sums.empty() && options.catalog.empty()))
+        throw Failure("--sums and --catalog: only for one archive at a time");
     int status = ExitSuccess;
     for (const std::string& archive : options.archives)
         try {
@@ -194,6 +213,10 @@ Action DeclareVerify(CLI::App& command) {
     CLI::Option* const sums =
         command.add_option("--sums", options.sums.sums, "compare the data with this output of \"ctar sum\"")
             ->type_name("FILE");
+    command
+        .add_option("--catalog", options.catalog,
+                    "check that the archive has every path of this catalog (-C) of its run")
+        ->type_name("FILE");
     command.add_option("--sample", options.sums.sample, "read the data of N% of the entries, chosen at random")
         ->type_name("N%")
         ->transform([](std::string text) { return text.ends_with('%') ? text.substr(0, text.size() - 1) : text; })

@@ -1,5 +1,6 @@
 #include "display.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "run_report.h"
@@ -83,6 +84,11 @@ std::string TerminalText(std::string_view bytes) {
         text += character >= 0x20 && character < 0x7F ? static_cast<char>(character) : '?';
     }
     return text;
+}
+
+std::string ShowShare(double share) {
+    constexpr double least = 0.001;
+    return FormatText("%.1f %%", (share > 0 ? std::max(share, least) : 0.0) * 100);
 }
 
 std::string ShowBytes(double bytes) {

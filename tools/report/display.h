@@ -17,6 +17,7 @@ std::string HtmlText(std::string_view bytes);
 // Printable ASCII, with "?" for any other character: each takes one column on every terminal.
 std::string TerminalText(std::string_view bytes);
 
+std::string ShowShare(double share);      // "56.1 %"; what is not 0 is at least "0.1 %"
 std::string ShowBytes(double bytes);      // "6.864 KB", in powers of 1000
 std::string ShowDuration(double seconds); // "0.021 s", "47 s", "12:05", "3:00:09"
 std::string ShowTime(double time);        // seconds since a midnight: "14:33:50"

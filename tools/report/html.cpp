@@ -30,13 +30,49 @@ std::string Heading(const char* title, Number count) {
     return FormatText("<h2>%s <span class=\"count\">%llu</span></h2>", title, count);
 }
 
-const char* Title(const LoggedRun& run) {
-    return run.mode == Mode::Backup ? "Backup" : run.mode == Mode::Restore ? "Restore" : "Run";
+// "Backup of office", or as much as is known.
+std::string Title(const LoggedRun& run, const RunContext& context) {
+    const char* const title = run.mode == Mode::Backup ? "Backup" : run.mode == Mode::Restore ? "Restore" : "Run";
+    if (context.server.empty())
+        return title;
+    const char* const link = run.mode == Mode::Backup ? " of " : run.mode == Mode::Restore ? " to " : " on ";
+    return title + (link + HtmlText(context.server));
 }
 
-std::string Header(const LoggedRun& run, std::time_t ended) {
-    const char* const status = StatusName(StatusOf(run));
-    std::string html = FormatText("<h1>%s <span class=\"pill %s\">%s</span></h1>", Title(run), status, status);
+// Night and archive.
+std::string Subtitle(const RunContext& context) {
+    std::string html;
+    if (!context.night.empty())
+        html += "<span>Night <b>" + HtmlText(context.night) + "</b></span>";
+    if (!context.archive.empty())
+        html += "<span>Archive <b class=\"name\">" + HtmlText(context.archive) + "</b></span>";
+    return html.empty() ? html : "<p class=\"subtitle\">" + html + "</p>";
+}
+
+// The judgement, or the status according to the log.
+std::string StateText(const LoggedRun& run, const RunContext& context) {
+    return context.judgement ? HtmlText(context.judgement->verdict) : StatusName(StatusOf(run));
+}
+
+// The title of the document, which a browser shows on a tab: what differs between pages comes first.
+std::string DocumentTitle(const LoggedRun& run, const RunContext& context) {
+    std::string title = Title(run, context) + ": " + StateText(run, context);
+    const std::string file = context.archive.substr(context.archive.rfind('/') + 1);
+    for (const std::string& name : {context.night, file})
+        if (!name.empty())
+            title += ", " + HtmlText(name);
+    return title;
+}
+
+std::string Header(const LoggedRun& run, const RunContext& context, std::time_t ended) {
+    const char* style = StatusName(StatusOf(run));
+    if (context.judgement)
+        style = context.judgement->good ? "complete" : "failed";
+    std::string html = "<h1>" + Title(run, context) + FormatText(" <span class=\"pill %s\">", style) +
+                       StateText(run, context) + "</span></h1>" + Subtitle(context);
+    if (context.judgement)
+        for (const std::string& reason : context.judgement->reasons)
+            html += "<p>" + HtmlText(reason) + "</p>";
     html += "<p class=\"quiet\">";
     html += ended > 0 ? "The log ends on " + Moment(ended) + "." : std::string("The log has no times.");
     if (const std::optional<int> exit_status = ExpectedExitStatus(run))
@@ -44,19 +80,32 @@ std::string Header(const LoggedRun& run, std::time_t ended) {
     return html + "</p>";
 }
 
-std::string Tiles(const LoggedRun& run) {
+// What is missing in files: the true loss, or what the log says at least.
+std::string FileTiles(const LoggedRun& run, const RunContext& context) {
+    if (!context.loss) {
+        const double failed = UnnamedFailures(run);
+        return failed > 0 ? Tile("files failed, at least", FormatText("%.0f", failed), "bad") : "";
+    }
+    const TrueLoss& loss = *context.loss;
+    const std::string share = loss.Missing() > 0 ? " (" + ShowShare(loss.MissingShare()) + ")" : "";
+    return Tile("files attempted", std::to_string(loss.attempted)) +
+           Tile("files missing", std::to_string(loss.Missing()) + share, loss.Missing() > 0 ? "bad" : "");
+}
+
+std::string Tiles(const LoggedRun& run, const RunContext& context) {
     const auto name = [&run](Outcome outcome) { return OutcomeName(outcome, run.mode); };
     const auto count = [&run](Outcome outcome) { return std::to_string(run.Count(outcome)); };
     std::string html = "<div class=\"tiles\">" + Tile(PluralUnitName(run.mode), std::to_string(run.Results())) +
                        Tile(name(Outcome::Saved), count(Outcome::Saved));
     if (KnownCount(run, Outcome::Failed))
         html += Tile(name(Outcome::Failed), count(Outcome::Failed), run.Count(Outcome::Failed) > 0 ? "bad" : "");
-    else if (const double files = UnnamedFailures(run); files > 0)
-        html += Tile("files failed", FormatText("%.0f", files), "bad");
+    html += FileTiles(run, context);
     for (const Outcome outcome : {Outcome::SavedInPart, Outcome::NoData, Outcome::NotFound, Outcome::NotRestored})
         if (run.Count(outcome) > 0)
             html += Tile(name(outcome), count(outcome), "warn");
-    if (const std::optional<double> bytes = run.Get(Total::Bytes))
+    if (context.loss)
+        html += Tile("in a sound archive", ShowBytes(context.loss->bytes));
+    else if (const std::optional<double> bytes = run.Get(Total::Bytes))
         html += Tile(run.mode == Mode::Restore ? "read from the archive" : "backed up", ShowBytes(*bytes));
     else if (run.HasSizes())
         html += Tile("backed up so far", ShowBytes(run.bytes));
@@ -212,14 +261,15 @@ std::string OmissionsSection(const LoggedRun& run) {
 
 } // namespace
 
-std::string HtmlPage(const LoggedRun& run, std::time_t ended, const PastRun* past, const Changes* changes) {
+std::string HtmlPage(const LoggedRun& run, const RunContext& context, std::time_t ended, const PastRun* past,
+                     const Changes* changes) {
     std::string html =
         "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
         "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">"
         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>";
-    html += FormatText("%s: %s", Title(run), StatusName(StatusOf(run)));
+    html += DocumentTitle(run, context);
     html += "</title><style>" + std::string(PageStyle) + "</style></head>\n<body><main>";
-    html += Header(run, ended) + Tiles(run) + MissingSection(run);
+    html += Header(run, context, ended) + Tiles(run, context) + MissingSection(run);
     if (past != nullptr && changes != nullptr)
         html += ChangesSection(*past, *changes);
     html += TimelineSection(run) + ResultTable(run, "Largest", Ranked(run.largest, BytesOf)) +

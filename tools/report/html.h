@@ -8,10 +8,12 @@
 
 #include "past_run.h"
 #include "run.h"
+#include "run_context.h"
 
 namespace report {
 
 // `ended` is the epoch time of the last line, 0 when not known; `past` and `changes` are both null or both given.
-std::string HtmlPage(const LoggedRun& run, std::time_t ended, const PastRun* past, const Changes* changes);
+std::string HtmlPage(const LoggedRun& run, const RunContext& context, std::time_t ended, const PastRun* past,
+                     const Changes* changes);
 
 } // namespace report

@@ -56,6 +56,25 @@ Record RunRecord(const LoggedRun& run, std::time_t started, std::time_t ended) {
     return record;
 }
 
+void PutContext(Record& record, const RunContext& context) {
+    const std::pair<const char*, const std::string&> names[] = {
+        {"server", context.server}, {"archive", context.archive}, {"night", context.night}};
+    for (const auto& [name, value] : names)
+        if (!value.empty())
+            record[name] = value;
+    if (context.judgement) {
+        record["verdict"] = context.judgement->verdict;
+        record["good"] = context.judgement->good;
+        record["reasons"] = context.judgement->reasons;
+    }
+    if (context.loss) {
+        record["files_attempted"] = context.loss->attempted;
+        record["files_covered"] = context.loss->covered;
+        record["files_missing"] = context.loss->Missing();
+        Put(record, "archive_bytes", context.loss->bytes);
+    }
+}
+
 } // namespace
 
 void WriteResultRecord(Output& output, const LoggedRun& run, const Result& result, std::time_t started) {
@@ -77,8 +96,8 @@ void WriteResultRecord(Output& output, const LoggedRun& run, const Result& resul
     WriteRecord(output, record);
 }
 
-void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t started, std::time_t ended,
-                     const Changes* changes) {
+void WriteRunRecords(Output& output, const LoggedRun& run, const RunContext& context, std::time_t started,
+                     std::time_t ended, const Changes* changes) {
     for (const std::string& message : run.messages)
         WriteRecord(output, {{"type", "message"}, {"text", message}});
     if (changes != nullptr) {
@@ -93,7 +112,9 @@ void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t started, 
             Put(record, "value", run.totals[i]);
             WriteRecord(output, record);
         }
-    WriteRecord(output, RunRecord(run, started, ended));
+    Record record = RunRecord(run, started, ended);
+    PutContext(record, context);
+    WriteRecord(output, record);
 }
 
 } // namespace report

@@ -8,6 +8,7 @@
 #include "output.h"
 #include "past_run.h"
 #include "run.h"
+#include "run_context.h"
 
 namespace report {
 
@@ -17,7 +18,7 @@ void WriteResultRecord(Output& output, const LoggedRun& run, const Result& resul
 
 // The records at the end of the output: each "message", each "change" (`changes` may be null), each "total", and the
 // "run". `started` and `ended` are the epoch times of its first and last line, 0 when not known.
-void WriteRunRecords(Output& output, const LoggedRun& run, std::time_t started, std::time_t ended,
-                     const Changes* changes);
+void WriteRunRecords(Output& output, const LoggedRun& run, const RunContext& context, std::time_t started,
+                     std::time_t ended, const Changes* changes);
 
 } // namespace report

@@ -173,6 +173,13 @@ void ProcessPiece(Report& report, std::string_view piece) {
     SplitLines(report.splitter, piece, [&report](std::string_view text) { ProcessLogLine(report.run, text); });
 }
 
+std::optional<double> FileSize(const std::string& path) {
+    struct stat status {};
+    if (path.empty() || ::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+        return std::nullopt;
+    return static_cast<double>(status.st_size);
+}
+
 void ShowProgress(Report& report) {
     const double interval = report.line != nullptr ? 0.2 : report.options.every; // seconds
     const double now = SecondsNow();
@@ -180,7 +187,10 @@ void ShowProgress(Report& report) {
         (report.line != nullptr && report.log.mid_line))
         return;
     report.last_shown = now;
-    const std::string text = ProgressText(report.run, report.past.get(), now - report.started);
+    Progress progress{now - report.started, FileSize(report.options.archive), {}};
+    if (report.past != nullptr)
+        progress.expected = report.past->expectation;
+    const std::string text = ProgressText(report.run, progress);
     if (report.line != nullptr)
         report.line->Show(text);
     else if (!report.options.quiet)
@@ -200,17 +210,27 @@ void ReadLog(Report& report, int input) {
     report.line.reset();
 }
 
+RunContext ContextOf(const Options& options) {
+    RunContext context;
+    context.server = options.server;
+    context.archive = options.archive;
+    context.night = options.night;
+    return context;
+}
+
 void WriteReports(Report& report, std::time_t ended) {
     const Options& options = report.options;
     if (report.past != nullptr && !FinishChanges(report.changes, *report.past, report.run))
         report.Fail(options.against, errno);
     const Changes* const changes = report.past != nullptr ? &report.changes : nullptr;
-    if (!options.html.empty() && !ReplaceFile(options.html, HtmlPage(report.run, ended, report.past.get(), changes)))
+    const RunContext context = ContextOf(options);
+    if (!options.html.empty() &&
+        !ReplaceFile(options.html, HtmlPage(report.run, context, ended, report.past.get(), changes)))
         report.Fail(options.html, errno);
-    if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, options.labels, report.run, ended))
+    if (!options.prometheus.empty() && !WritePrometheus(options.prometheus, options.labels, report.run, context, ended))
         report.Fail(options.prometheus, errno);
     if (report.records.descriptor >= 0)
-        WriteRunRecords(report.records, report.run, StartTime(report, report.run), ended, changes);
+        WriteRunRecords(report.records, report.run, context, StartTime(report, report.run), ended, changes);
     if (report.json_file.IsOpen() && report.json_file.Close() != 0 && report.records.error == 0)
         report.records.error = errno;
     if (report.records.error != 0)
@@ -227,7 +247,7 @@ void PrintNames(const char* what, const Changes::Names& names) {
 }
 
 void PrintSummary(const Report& report) {
-    std::fprintf(stderr, "vondral-report: %s\n", Summary(report.run).c_str());
+    std::fprintf(stderr, "vondral-report: %s\n", Summary(report.run, ContextOf(report.options)).c_str());
     PrintNames("newly missing", report.changes.newly_missing);
     PrintNames("no longer named", report.changes.no_longer_named);
     PrintNames("no longer missing", report.changes.no_longer_missing);

@@ -54,6 +54,11 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         ->option_text("NAME=VALUE")
         ->allow_extra_args(false);
     app.add_option("--against", options.against, "compare with the log of an earlier run")->option_text("OLDLOG");
+    app.add_option("--server", options.server, "name the server in the outputs")->option_text("NAME");
+    app.add_option("--night", options.night, "name the night in the outputs")->option_text("NAME");
+    app.add_option("--archive", options.archive,
+                   "name the archive in the outputs; watch the file grow while the run goes on")
+        ->option_text("FILE");
     app.add_option("--every", options.every, "print a line of progress at this interval: 60, 60s, 5m, 1h")
         ->option_text("TIME")
         ->transform(CLI::AsNumberWithUnit(std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}}));

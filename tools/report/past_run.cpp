@@ -61,7 +61,8 @@ bool ReadPastRun(const std::string& path, PastRun& past) {
     if (run.earlier_runs != run_number) // the last run has no results
         past = {};
     past.path = path;
-    past.count = run.Results();
+    past.expectation = {run.Results(), run.HasSizes() ? run.bytes : run.Get(Total::Bytes).value_or(0),
+                        run.Get(Total::RunSeconds).value_or(0)};
     std::sort(past.complete.begin(), past.complete.end());
     std::sort(past.missing.begin(), past.missing.end());
     return true;

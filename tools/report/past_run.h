@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "run.h"
+#include "run_context.h"
 
 namespace report {
 
 struct PastRun {
     std::string path;                    // of its log
-    std::uint64_t count = 0;             // of its results
+    Expectation expectation;             // of a run like it
     std::vector<std::uint64_t> complete; // sorted; saved or restored in full
     std::vector<std::uint64_t> missing;  // sorted; missing in whole or in part
 };

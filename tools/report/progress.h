@@ -3,16 +3,24 @@
 
 #pragma once
 
+#include <optional>
 #include <string>
 
-#include "past_run.h"
 #include "run.h"
+#include "run_context.h"
 
 namespace report {
 
-// "12 of about 17 saves (as last time) | 1 failed | 2.892 MB | 1.204 MB/s | 47 s | T02 saving PAYROLL | T03 fetching
-// /home" in printable ASCII, or as much of it as is in the log. `seconds` since the run started; `past` may be null.
-std::string ProgressText(const LoggedRun& run, const PastRun* past, double seconds);
+// What the line says beyond the log.
+struct Progress {
+    double seconds = 0;            // since the run started
+    std::optional<double> archive; // current size of the archive file in bytes: it grows while an object is fetched
+    Expectation expected;
+};
+
+// "62 % | about 3:10 left | 12 of about 17 saves | 1 failed | 2.892 MB | 1.204 MB/s | 47 s | T02 saving PAYROLL | T03
+// fetching /home" in printable ASCII, or as much of it as is known.
+std::string ProgressText(const LoggedRun& run, const Progress& progress);
 
 // The line on a terminal. The caller must not show it in the middle of a line of the log.
 class ProgressLine {

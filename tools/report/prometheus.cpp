@@ -81,13 +81,14 @@ void AddResults(Page& page, const LoggedRun& run) {
 
 } // namespace
 
-bool WritePrometheus(const std::string& path, const std::string& labels, const LoggedRun& run, std::time_t ended) {
+bool WritePrometheus(const std::string& path, const std::string& labels, const LoggedRun& run,
+                     const RunContext& context, std::time_t ended) {
     const Status status = StatusOf(run);
     const auto moment = ended > 0 ? std::optional(static_cast<double>(ended)) : std::nullopt;
     std::optional<double> last_good;
     if (!ReadLastGood(path, labels, last_good))
         return false;
-    if (status == Status::Complete && moment)
+    if (IsGood(run, context) && moment)
         last_good = moment;
     Page page{labels, {}};
     AddStatus(page, status);
@@ -100,6 +101,11 @@ bool WritePrometheus(const std::string& path, const std::string& labels, const L
              "Files that the last run tried to save, including each file in a saved directory.",
              run.Get(Total::Attempted));
     AddGauge(page, "vondral_run_files_failed", "Files of these that failed.", run.Get(Total::Failed));
+    if (context.loss) {
+        AddGauge(page, "vondral_run_files_missing", "Files of these that no entry of a sound archive covers.",
+                 static_cast<double>(context.loss->Missing()));
+        AddGauge(page, "vondral_run_archive_bytes", "Bytes in the sound archive of the last run.", context.loss->bytes);
+    }
     AddResults(page, run);
     AddGauge(page, "vondral_run_bytes", "Bytes of the last run, as rounded in the log.", run.Get(Total::Bytes));
     AddGauge(page, "vondral_run_duration_seconds", "Duration of the last run.", run.Get(Total::RunSeconds));

@@ -7,13 +7,15 @@
 #include <string>
 
 #include "run.h"
+#include "run_context.h"
 
 namespace report {
 
 // Writes the gauges of a run that ended at the epoch time `ended` (0 when not known). Each gauge has the labels
-// `labels`, without braces, "" for none. When the run is not complete, the end of the last good run is kept from the
-// old file. A gauge whose value is not known is left out. Returns false, with errno set, when the file cannot be read
-// or written; it is then unchanged.
-bool WritePrometheus(const std::string& path, const std::string& labels, const LoggedRun& run, std::time_t ended);
+// `labels`, without braces, "" for none. When the run is not good (see IsGood), the end of the last good run is kept
+// from the old file. A gauge whose value is not known is left out. Returns false, with errno set, when the file cannot
+// be read or written; it is then unchanged.
+bool WritePrometheus(const std::string& path, const std::string& labels, const LoggedRun& run,
+                     const RunContext& context, std::time_t ended);
 
 } // namespace report

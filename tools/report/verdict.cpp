@@ -165,16 +165,33 @@ std::vector<std::string> Omissions(const LoggedRun& run) {
     return omissions;
 }
 
-std::string Summary(const LoggedRun& run) {
-    std::string text = StatusName(StatusOf(run));
+std::string LossText(const TrueLoss& loss) {
+    if (loss.Missing() == 0)
+        return FormatText("none of %llu files missing", static_cast<unsigned long long>(loss.attempted));
+    return FormatText("%llu of %llu files missing (%s)", static_cast<unsigned long long>(loss.Missing()),
+                      static_cast<unsigned long long>(loss.attempted), ShowShare(loss.MissingShare()).c_str());
+}
+
+bool IsGood(const LoggedRun& run, const RunContext& context) {
+    if (context.judgement)
+        return context.judgement->good;
+    return StatusOf(run) == Status::Complete && !(context.loss && context.loss->Missing() > 0);
+}
+
+std::string Summary(const LoggedRun& run, const RunContext& context) {
+    std::string text = context.judgement ? TerminalText(context.judgement->verdict) : StatusName(StatusOf(run));
     if (StatusOf(run) == Status::Unknown)
         return text + ": there is neither a backup nor a restore in the log";
     if (StatusOf(run) == Status::Failed && !run.messages.empty())
         text += " (" + TerminalText(run.messages.back()) + ")";
     text += ": " + ResultsText(run);
-    if (const double files = UnnamedFailures(run); files > 0)
-        text += FormatText(", %.0f file%s failed", files, files == 1 ? "" : "s");
-    if (const std::optional<double> bytes = run.Get(Total::Bytes))
+    if (context.loss)
+        text += ", " + LossText(*context.loss);
+    else if (const double files = UnnamedFailures(run); files > 0)
+        text += FormatText(", at least %.0f file%s failed", files, files == 1 ? "" : "s");
+    if (context.loss)
+        text += ", " + ShowBytes(context.loss->bytes) + " in a sound archive";
+    else if (const std::optional<double> bytes = run.Get(Total::Bytes))
         text += ", " + ShowBytes(*bytes);
     else if (run.HasSizes())
         text += ", " + ShowBytes(run.bytes);

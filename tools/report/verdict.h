@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "run.h"
+#include "run_context.h"
 
 namespace report {
 
@@ -36,7 +37,14 @@ double UnnamedFailures(const LoggedRun& run);
 // Sentences about what is not in the log, for lack of verbosity, of standard error or of an end, or not shown.
 std::vector<std::string> Omissions(const LoggedRun& run);
 
+// Whether the run counts as good: by its judgement, without one when its log is complete and nothing is known to be
+// lost.
+bool IsGood(const LoggedRun& run, const RunContext& context);
+
+// "92 of 164 files missing (56.1 %)", or "none of 164 files missing".
+std::string LossText(const TrueLoss& loss);
+
 // "complete: 9 saves, 2.892 MB in 3 s", in printable ASCII.
-std::string Summary(const LoggedRun& run);
+std::string Summary(const LoggedRun& run, const RunContext& context);
 
 } // namespace report

@@ -6,8 +6,8 @@
 #include <functional>
 #include <mutex>
 
-#include "path_file.h"
 #include "recovery_pace.h"
+#include "restore_plan.h"
 
 namespace {
 
@@ -487,41 +487,6 @@ int SaveObject(const SaveMember& member, FtpSession* session, const SaveRequest&
 
 namespace {
 
-// Removes ".LIB" from the end of a library's path; false when it ends differently.
-bool CutLibrarySuffix(std::string& path) {
-    if (!HasLibrarySuffix(path))
-        return false;
-    path.resize(path.size() - LibrarySuffix.size());
-    return true;
-}
-
-// Checks the names of a library and its destination, and removes their suffixes.
-int PrepareLibraryNames(StringPair& library) {
-    constexpr std::size_t longest = 24; // "/QSYS.LIB/", ten characters and ".LIB"
-    if (!CutLibrarySuffix(library.first) || !IsLibraryName(NameBelowLibraries(library.first))) {
-        LogFailure("bad library name\n");
-        return -1;
-    }
-    if (!library.second)
-        return 0;
-    std::string& destination = *library.second;
-    if (!destination.starts_with(LibraryPrefix) || destination.size() > longest || !CutLibrarySuffix(destination) ||
-        !IsLibraryName(NameBelowLibraries(destination))) {
-        LogFailure("bad library destination\n");
-        return -1;
-    }
-    return 0;
-}
-
-// What the member's commands name: every pair, the library, or the entry itself.
-StringList Subjects(const RestoreMember& member, const RestoreRequest& request) {
-    if (member.each_path)
-        return request.objects;
-    if (member.library)
-        return {request.objects.front()};
-    return {{request.name, std::nullopt}};
-}
-
 // Runs the restore command for one subject. `outer` is put back once the server has answered.
 int RestoreSubject(const RestoreMember& member, FtpSession& session, const Checkpoint& outer, const StringPair& subject,
                    const std::string& command) {
@@ -541,19 +506,15 @@ int RestoreSubject(const RestoreMember& member, FtpSession& session, const Check
 }
 
 // Restores every subject from the uploaded save file. The last one's result counts.
-int RestoreSubjects(const RestoreMember& member, FtpSession& session, const Checkpoint& outer,
-                    const RestoreRequest& request) {
+int RestoreFromSaveFile(const RestoreMember& member, FtpSession& session, const Checkpoint& outer,
+                        const RestoreRequest& request) {
     int result = 0;
-    for (const StringPair& subject : Subjects(member, request)) {
-        StringList omissions;
-        if (member.each_path) {
-            if (session.control->options.verbosity >= 1)
-                LogMessage("Object   : %s\n", MaskControls(subject.first).c_str());
-            MatchPathFile(subject.first, &omissions, request.exclude, WildCards::Ignore);
-            if (session.release != Release::V5R4M0)
-                MakeParentDirectories(&session, subject.second.value_or(subject.first));
-        }
-        const std::string command = member.build(subject, omissions, session.release);
+    for (const StringPair& subject : RestoreSubjects(member, request.name, request.objects)) {
+        if (member.each_path && session.control->options.verbosity >= 1)
+            LogMessage("Object   : %s\n", MaskControls(subject.first).c_str());
+        const std::string command = BuildRestoreCommand(member, subject, request.exclude, session.release);
+        if (member.each_path && session.release != Release::V5R4M0)
+            MakeParentDirectories(&session, subject.second.value_or(subject.first));
         if (IsTooLong(command))
             return ReportTooLong((std::string(member.verb) + " command").c_str());
         result = RestoreSubject(member, session, outer, subject, command);
@@ -567,8 +528,11 @@ int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreReque
                   DataCallback callback, void* argument) {
     if (!IsSession(session))
         return -1;
-    if (member.library && PrepareLibraryNames(request.objects.front()) != 0)
+    const char* const fault = member.library ? PrepareLibraryNames(request.objects.front()) : "";
+    if (*fault != '\0') {
+        LogFailure("%s\n", fault);
         return -1;
+    }
     return WithRecovery(*session, [&](const Checkpoint& outer) {
         if (SetSaveFileParameters(*session, member.names_path) != 0 || PrepareSaveFile(*session, "SAVTEMP") != 0)
             return -1;
@@ -578,7 +542,7 @@ int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreReque
                         {.send = callback, .argument = argument}) != 0)
             return ReportCommand("STOR");
         const double uploaded = SecondsNow();
-        const int result = RestoreSubjects(member, *session, outer, request);
+        const int result = RestoreFromSaveFile(member, *session, outer, request);
         times = {SecondsNow() - uploaded, uploaded - begun};
         return result;
     });

@@ -3,9 +3,10 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <utility>
 #include <vector>
 
-#include "path_file.h"
+#include "restore_plan.h"
 
 int ArchiveReadCallback(void* argument, char* buffer, int* count) {
     auto* const archive = static_cast<RestoredArchive*>(argument);
@@ -59,33 +60,16 @@ bool BeginsEntry(RestoreRun& run, std::int64_t& size) {
     return kind == BlockKind::Header;
 }
 
-// The parts of an entry that the include file names. The two special objects are never looked up.
-StringList IncludedParts(const std::string& name, const Settings& settings) {
-    std::FILE* const include = settings.include.get();
-    if (include == nullptr || name == ConfigurationPath || name == SecurityDataPath)
-        return {{name, std::nullopt}};
-    StringList parts;
-    if (MatchPathFile(name, &parts, include, WildCards::Ignore) >= 1 && settings.Verbosity() >= 1)
-        LogError("%s: not included\n", MaskControls(name).c_str());
-    return parts;
-}
-
-bool IsExcluded(const StringPair& part, const Settings& settings) {
-    if (MatchPathFile(part.first, nullptr, settings.exclude.get(), WildCards::Ignore) != 0)
-        return false;
-    if (settings.Verbosity() >= 1)
-        LogError("%s: excluded\n", MaskControls(part.first).c_str());
-    return true;
-}
-
-// Removes excluded parts, testing the first part last.
-void RemoveExcluded(StringList& parts, const Settings& settings) {
-    if (parts.empty())
-        return;
-    for (auto part = std::next(parts.begin()); part != parts.end();)
-        part = IsExcluded(*part, settings) ? parts.erase(part) : std::next(part);
-    if (IsExcluded(parts.front(), settings))
-        parts.pop_front();
+// The wanted parts of an entry; what is left out is logged.
+StringList WantedPartsOf(const std::string& name, const Settings& settings) {
+    WantedParts wanted = SelectParts(name, settings.include.get(), settings.exclude.get());
+    if (settings.Verbosity() >= 1) {
+        if (wanted.not_included)
+            LogError("%s: not included\n", MaskControls(name).c_str());
+        for (const std::string& part : wanted.excluded)
+            LogError("%s: excluded\n", MaskControls(part).c_str());
+    }
+    return std::move(wanted.parts);
 }
 
 // Restores what is wanted of an entry. Returns whether that went well.
@@ -135,9 +119,7 @@ bool ProcessEntry(RestoreRun& run) {
     run.archive.reader.BeginEntry(size);
     RestoreRequest request{std::string(CutNameSuffix(ReadCtarName(run.header))), {}, run.settings.exclude.get()};
     LogMessage("Archive  : %s\n", MaskControls(request.name).c_str());
-    request.objects = IncludedParts(request.name, run.settings);
-    if (run.settings.exclude)
-        RemoveExcluded(request.objects, run.settings);
+    request.objects = WantedPartsOf(request.name, run.settings);
     if (request.objects.empty() ? Skip(run, size) : RestoreWanted(run, request, size))
         run.result = 0;
     else if (!SkipFailedEntry(run, run.archive.reader.Left()))

@@ -82,7 +82,7 @@ void AddResults(Page& page, const LoggedRun& run) {
 } // namespace
 
 bool WritePrometheus(const std::string& path, const std::string& labels, const LoggedRun& run,
-                     const RunContext& context, std::time_t ended) {
+                     const RunContext& context, std::time_t ended, const std::string& further) {
     const Status status = StatusOf(run);
     const auto moment = ended > 0 ? std::optional(static_cast<double>(ended)) : std::nullopt;
     std::optional<double> last_good;
@@ -109,7 +109,7 @@ bool WritePrometheus(const std::string& path, const std::string& labels, const L
     AddResults(page, run);
     AddGauge(page, "vondral_run_bytes", "Bytes of the last run, as rounded in the log.", run.Get(Total::Bytes));
     AddGauge(page, "vondral_run_duration_seconds", "Duration of the last run.", run.Get(Total::RunSeconds));
-    return ReplaceFile(path, page.text);
+    return ReplaceFile(path, page.text + further);
 }
 
 } // namespace report

@@ -1,0 +1,179 @@
+// vondral-nightly check: what can be found out before the first night, without saving anything.
+
+#include "subcommands.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "config.h"
+#include "failure.h"
+#include "moments.h"
+#include "night.h"
+#include "path_file.h"
+#include "process.h"
+#include "records.h"
+#include "report/display.h"
+#include "resources.h"
+#include "run.h"
+#include "server_listing.h"
+#include "text.h"
+#include "vondral_command.h"
+
+namespace nightly {
+
+namespace {
+
+// The state of the checks.
+struct Checks {
+    const Config& config;
+    std::string scratch; // directory
+    int failed = 0;
+
+    bool Report(bool good, const std::string& what, const std::string& advice = {}) {
+        std::printf("%s  %s%s\n", good ? "ok    " : "FAILED", Shown(what).c_str(),
+                    good || advice.empty() ? "" : (": " + Shown(advice)).c_str());
+        std::fflush(stdout);
+        failed += good ? 0 : 1;
+        return good;
+    }
+};
+
+// A directory that is gone with its owner.
+class ScratchDirectory {
+public:
+    ScratchDirectory() : path_(std::filesystem::temp_directory_path() / "vondral-check.XXXXXX") {
+        if (::mkdtemp(path_.data()) == nullptr)
+            throw Failure(WithErrno(path_));
+    }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+bool CheckName(Checks& checks, const std::string& host) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int error = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+    if (found != nullptr)
+        ::freeaddrinfo(found);
+    return checks.Report(error == 0, "the name " + host + " has an IPv4 address", ::gai_strerror(error));
+}
+
+// The last lines of a file, for what went wrong.
+std::string LastLine(const std::string& path) {
+    std::string text = ReadSmallFile(path);
+    while (text.ends_with('\n'))
+        text.pop_back();
+    return text.substr(text.rfind('\n') == text.npos ? 0 : text.rfind('\n') + 1);
+}
+
+bool CheckLogin(Checks& checks) {
+    Command command;
+    command.arguments = VondralCommand(checks.config);
+    command.arguments.emplace_back("--test");
+    command.output = checks.scratch + "/login";
+    const bool good = RunCommand(command) == 0;
+    return checks.Report(good, "login as " + checks.config.login, good ? "" : LastLine(command.output));
+}
+
+void CheckPathFile(Checks& checks, const std::string& path, PathFileUse use) {
+    if (path.empty())
+        return;
+    const Stream file(std::fopen(path.c_str(), "re"));
+    if (!checks.Report(file != nullptr, path + " can be read", std::strerror(errno)))
+        return;
+    for (const std::string& mistake : FindMistakes(file.get(), use))
+        checks.Report(false, path, mistake);
+}
+
+void CheckDirectory(Checks& checks) {
+    const std::string& directory = checks.config.directory;
+    const bool usable = ::access(directory.c_str(), R_OK | W_OK | X_OK) == 0;
+    if (!checks.Report(usable, directory + " can be written to", std::strerror(errno)))
+        return;
+    const std::vector<Night> nights = ListNights(directory);
+    const Night* const last = LastGood(nights, std::time(nullptr), Level::Full);
+    struct statvfs room {};
+    ::statvfs(directory.c_str(), &room);
+    const double available = static_cast<double>(room.f_bavail) * static_cast<double>(room.f_frsize);
+    const double needed = last == nullptr ? 0 : static_cast<double>(last->record->bytes);
+    checks.Report(
+        available > needed,
+        FormatText("%s free in %s%s", report::ShowBytes(available).c_str(), directory.c_str(),
+                   last == nullptr ? "" : (", the last full night took " + report::ShowBytes(needed)).c_str()),
+        "not enough for another one");
+}
+
+void CheckClock(Checks& checks, const ServerListing& listing) {
+    constexpr double tolerated = 120; // seconds: listings are to the minute, and clocks differ a little
+    if (listing.newest == 0)
+        return;
+    const double ahead = std::difftime(listing.newest, std::time(nullptr));
+    const std::string newest = FormatText("%s, %s ago (%s)", ShowMoment(listing.newest, checks.config.timezone).c_str(),
+                                          ShowSpan(std::max(-ahead, 0.0)).c_str(), listing.newest_path.c_str());
+    checks.Report(ahead <= tolerated, "the newest object on the server is of " + newest,
+                  FormatText("%s in the future: the server's clock differs from ours, or timezone is not its zone",
+                             ShowSpan(ahead).c_str()));
+}
+
+void CheckListing(Checks& checks) {
+    const ServerListing listing = ListServer(checks.config, checks.scratch);
+    if (!checks.Report(listing.failed == 0, "directories can be listed over passive connections",
+                       "allow the server's passive ports in the firewall, and the directories to this user"))
+        return;
+    CheckClock(checks, listing);
+    std::printf("\nwhat a full night would save, as listed:\n");
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [path, totals] : listing.totals)
+        rows.push_back(
+            {Shown(path), std::to_string(totals.files), report::ShowBytes(static_cast<double>(totals.bytes))});
+    PrintTable({"below", ">files", ">size"}, rows);
+}
+
+int Check(const std::string& configs, const std::string& name) {
+    const Config config = ReadConfig(configs, name);
+    const ScratchDirectory scratch;
+    Checks checks{config, scratch.Path()};
+    CatchStopRequests();
+    CheckPathFile(checks, config.include, PathFileUse::BackupInclude);
+    CheckPathFile(checks, config.exclude, PathFileUse::BackupExclude);
+    CheckDirectory(checks);
+    PassphraseFile(config);
+    if (CheckName(checks, config.server) && CheckLogin(checks))
+        CheckListing(checks);
+    if (config.drill)
+        CheckName(checks, config.drill->server);
+    return checks.failed == 0 ? Good : Bad;
+}
+
+} // namespace
+
+Action DeclareCheck(CLI::App& command, const std::string& configs) {
+    static std::string name;
+    command.add_option("NAME", name, "the server")->required();
+    return [&configs] { return Check(configs, name); };
+}
+
+} // namespace nightly

@@ -1,0 +1,142 @@
+#include "contents.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <span>
+
+#include "archive_reader.h"
+#include "ctar.h"
+#include "ctar/digest.h"
+#include "ctar/messages.h"
+#include "disk.h"
+#include "failure.h"
+#include "resources.h"
+#include "text.h"
+
+namespace nightly {
+
+namespace {
+
+constexpr int PieceSize = 1 << 20;
+
+// A reading of one archive.
+struct Walk {
+    ArchiveReader reader;
+    Mapping buffer;
+    std::int64_t offset = 0; // of the next header
+    ArchiveContents contents;
+
+    void Fail(const std::string& why) {
+        contents.fault = FormatText("at %lld: %s", static_cast<long long>(offset), why.c_str());
+    }
+};
+
+const char* DescribeStop(BlockKind kind) {
+    switch (kind) {
+    case BlockKind::Nothing:
+        return "the archive ends without a sentinel";
+    case BlockKind::Part:
+        return "the archive ends inside a block";
+    case BlockKind::BadChecksum:
+        return "neither a header nor the sentinel: bad checksum";
+    default:
+        return "a header with an unreadable size";
+    }
+}
+
+// Reads the data of an entry into its digest. Returns false when the archive ends before or cannot be read.
+bool DigestData(Walk& walk, EntryFacts& entry) {
+    ctar::Digest digest;
+    std::int64_t left = entry.size;
+    walk.reader.BeginEntry(entry.size);
+    while (left > 0) {
+        const ssize_t count = walk.reader.ReadData(walk.buffer.Data(), PieceSize);
+        if (count <= 0)
+            return false;
+        digest.Add({walk.buffer.Data(), static_cast<std::size_t>(count)});
+        left -= count;
+    }
+    entry.digest = digest.Hex();
+    return true;
+}
+
+bool SkipData(Walk& walk, const EntryFacts& entry) {
+    std::vector<SkipFailure> failures;
+    return walk.reader.Skip(entry.size, failures);
+}
+
+// Reads one header and its entry. Returns false at the end of the chain, which may be a fault.
+bool ReadEntry(Walk& walk, Digests digests) {
+    const ssize_t held = walk.reader.Read(walk.buffer.Data(), BlockSize);
+    if (held < 0) {
+        walk.Fail(std::strerror(errno));
+        return false;
+    }
+    const std::span<const char, BlockSize> block(walk.buffer.Data(), BlockSize);
+    EntryFacts entry;
+    const BlockKind kind = ClassifyBlock(block, static_cast<std::size_t>(held), entry.size);
+    if (kind == BlockKind::Sentinel) {
+        if (walk.reader.Read(walk.buffer.Data(), BlockSize) != 0)
+            walk.Fail("data after the end of the archive, which a restore will not see");
+        return false;
+    }
+    if (kind != BlockKind::Header) {
+        walk.Fail(DescribeStop(kind));
+        return false;
+    }
+    entry.name = ReadCtarName(block);
+    entry.path = CutNameSuffix(entry.name);
+    entry.offset = walk.offset;
+    if (digests == Digests::Compute ? !DigestData(walk, entry) : !SkipData(walk, entry)) {
+        walk.Fail("the archive ends inside the entry " + ctar::Escape(entry.path));
+        return false;
+    }
+    walk.offset += static_cast<std::int64_t>(BlockSize) + RoundToBlocks(entry.size);
+    walk.contents.bytes += entry.size;
+    walk.contents.entries.push_back(std::move(entry));
+    return true;
+}
+
+} // namespace
+
+ArchiveContents ReadArchive(const std::string& path, Digests digests) {
+    Walk walk;
+    if (!walk.buffer.Map(PieceSize) || !walk.reader.Open(path))
+        throw Failure(WithErrno(path));
+    while (ReadEntry(walk, digests)) {
+    }
+    return std::move(walk.contents);
+}
+
+std::string SumsText(const ArchiveContents& contents) {
+    std::string text;
+    for (const EntryFacts& entry : contents.entries)
+        text += FormatText("%s %lld %lld %s\n", entry.digest.c_str(), static_cast<long long>(entry.offset),
+                           static_cast<long long>(entry.size), ctar::Escape(entry.name).c_str());
+    return text;
+}
+
+std::vector<EntryFacts> ParseSums(const std::string& text) {
+    std::vector<EntryFacts> entries;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        EntryFacts entry;
+        entry.digest = ConsumeField(line);
+        const std::optional<std::int64_t> offset = ParseNumber<std::int64_t>(ConsumeField(line));
+        const std::optional<std::int64_t> size = ParseNumber<std::int64_t>(ConsumeField(line));
+        if (!offset || !size || !ConsumePrefix(line, " "))
+            continue;
+        entry.offset = *offset;
+        entry.size = *size;
+        entry.name = ctar::Unescape(line);
+        entry.path = CutNameSuffix(entry.name);
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+} // namespace nightly

@@ -1,0 +1,153 @@
+#include "copies.h"
+
+#include <algorithm>
+#include <functional>
+#include <set>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "failure.h"
+#include "judge.h"
+#include "retention.h"
+
+namespace nightly {
+
+namespace {
+
+// Paths as hashes of 64 bits, eight bytes each: a server has millions. A collision is less likely than a broken disk.
+std::uint64_t HashOf(std::string_view path) {
+    return std::hash<std::string_view>{}(path);
+}
+
+// What one night has.
+struct Contained {
+    std::vector<std::string> whole;   // saved in full in a good night
+    std::vector<std::string> partial; // any other copy
+};
+
+// Whether the path is one of those, or below one.
+bool IsWithin(const std::set<std::string>& paths, std::string_view path) {
+    if (paths.empty())
+        return false;
+    for (; !path.empty(); path = path.substr(0, path.rfind('/') == path.npos ? 0 : path.rfind('/')))
+        if (paths.contains(std::string(path)))
+            return true;
+    return false;
+}
+
+std::vector<std::string> ArchivesOf(const Night& night) {
+    if (night.record)
+        return night.record->archives;
+    return Exists(night.File(NightFiles::Archive)) ? std::vector<std::string>{NightFiles::Archive}
+                                                   : std::vector<std::string>{};
+}
+
+std::set<std::string> MissedPaths(const Night& night) {
+    std::set<std::string> paths;
+    for (const MissedLine& line : ReadMissed(night.File(NightFiles::Missed)))
+        paths.insert(line.path);
+    return paths;
+}
+
+Contained ReadContained(const Night& night) {
+    Contained contained;
+    if (!night.IsGood()) {
+        contained.partial = CoveredPaths(night.path, ArchivesOf(night));
+        return contained;
+    }
+    const std::set<std::string> missed = MissedPaths(night);
+    std::vector<std::string> paths =
+        night.record->catalog_is_covered ? CatalogPaths(night.path) : CoveredPaths(night.path, ArchivesOf(night));
+    for (std::string& path : paths)
+        (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
+    return contained;
+}
+
+// The search, from the newest night to the oldest.
+struct Search {
+    const std::vector<Night>& nights;
+    const KeepRules& rules;
+    std::time_t now;
+    std::vector<CopyCount> counts;
+    std::unordered_set<std::uint64_t> known; // objects whose newest copy has been found, and directories above them
+    // Objects whose newest copy is in a night of long ago, and that night.
+    std::unordered_map<std::string, std::size_t> doubtful;
+
+    void Count(std::size_t night, const std::string& path) {
+        if (counts[night].objects++ == 0)
+            counts[night].example = path;
+    }
+    bool IsOld(std::size_t night) const {
+        return IsLongAgo(nights[night].moment, rules.forget_after, now, nights.size() - night - 1);
+    }
+    bool Counts(std::size_t night) const { return !nights[night].foreign && nights[night].moment <= now; }
+};
+
+// The directories above a path: one that is an entry of a failed night is no object of its own where good nights have
+// what is in it.
+void LearnParents(Search& search, std::string_view path) {
+    for (std::size_t slash = path.rfind('/'); slash != path.npos && slash > 0; slash = path.rfind('/')) {
+        path = path.substr(0, slash);
+        if (!search.known.insert(HashOf(path)).second)
+            return;
+    }
+}
+
+void FindCopies(Search& search, std::size_t night, const std::vector<std::string>& paths) {
+    const bool is_old = search.IsOld(night);
+    for (const std::string& path : paths) {
+        if (!search.known.insert(HashOf(path)).second)
+            continue;
+        if (is_old)
+            search.doubtful.emplace(path, night);
+        else
+            search.Count(night, path);
+    }
+    for (const std::string& path : paths)
+        LearnParents(search, path);
+}
+
+// Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
+void FindSeen(Search& search) {
+    for (std::size_t i = search.nights.size(); i-- > 0 && !search.doubtful.empty();) {
+        if (!search.Counts(i) || search.IsOld(i))
+            continue;
+        const Night& night = search.nights[i];
+        std::set<std::string> seen = MissedPaths(night);
+        const auto count_seen = [&](const std::string& path) {
+            if (const auto found = search.doubtful.find(path); found != search.doubtful.end()) {
+                search.Count(found->second, path);
+                search.doubtful.erase(found);
+            }
+        };
+        for (const std::string& path : CatalogPaths(night.path))
+            count_seen(path);
+        std::vector<std::string> within;
+        for (const auto& [path, where] : search.doubtful)
+            if (IsWithin(seen, path))
+                within.push_back(path);
+        std::for_each(within.begin(), within.end(), count_seen);
+    }
+}
+
+} // namespace
+
+std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
+    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}};
+    std::vector<std::pair<std::size_t, std::vector<std::string>>> partial;
+    for (std::size_t i = nights.size(); i-- > 0;) {
+        if (!nights[i].has_archive || !search.Counts(i))
+            continue;
+        Contained contained = ReadContained(nights[i]);
+        FindCopies(search, i, contained.whole);
+        if (!contained.partial.empty())
+            partial.emplace_back(i, std::move(contained.partial));
+    }
+    for (const auto& [night, paths] : partial)
+        FindCopies(search, night, paths);
+    FindSeen(search);
+    return search.counts;
+}
+
+} // namespace nightly

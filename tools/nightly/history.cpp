@@ -1,0 +1,240 @@
+#include "history.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "contents.h"
+#include "judge.h"
+#include "text.h"
+
+namespace nightly {
+
+namespace {
+
+constexpr char Schema[] = "PRAGMA journal_mode = WAL;"
+                          "CREATE TABLE nights(moment INTEGER PRIMARY KEY, series INTEGER, position INTEGER,"
+                          " fingerprint TEXT);"
+                          "CREATE TABLE positions(series INTEGER PRIMARY KEY, last INTEGER);"
+                          "CREATE TABLE paths(id INTEGER PRIMARY KEY, path BLOB UNIQUE);"
+                          // The nights of a series from `first` to `last` have the path.
+                          "CREATE TABLE presence(path INTEGER, series INTEGER, first INTEGER, last INTEGER,"
+                          " PRIMARY KEY(path, series, first)) WITHOUT ROWID;"
+                          "CREATE TABLE entries(path INTEGER, moment INTEGER, archive TEXT, size INTEGER, digest TEXT,"
+                          " PRIMARY KEY(path, moment, archive)) WITHOUT ROWID;"
+                          "CREATE INDEX nights_by_position ON nights(series, position);"
+                          "CREATE TABLE current(path INTEGER PRIMARY KEY);"
+                          "PRAGMA user_version = 1;";
+
+std::string PathOf(const std::string& directory) {
+    return directory + "/history.db";
+}
+
+// Changes whenever what the history has from the night changes.
+std::string FingerprintOf(const Night& night) {
+    std::string text = night.complete ? "complete" : "incomplete";
+    for (const char* const name : {NightFiles::Catalog, NightFiles::Record, NightFiles::Sums}) {
+        struct stat status {};
+        if (::stat(night.File(name).c_str(), &status) == 0)
+            text += FormatText(" %lld:%lld.%09ld", static_cast<long long>(status.st_size),
+                               static_cast<long long>(status.st_mtim.tv_sec), status.st_mtim.tv_nsec);
+        else
+            text += " -";
+    }
+    return text;
+}
+
+bool IsIndexed(const Night& night) {
+    return night.record && !night.foreign;
+}
+
+int SeriesOf(const Night& night) {
+    constexpr int others = 2;
+    return night.IsGood() ? static_cast<int>(night.record->level) : others;
+}
+
+// Statements for entering nights.
+struct Writer {
+    Statement add_path, find_path, add_entry, clear_current, add_current;
+
+    explicit Writer(const Database& database)
+        : add_path(database, "INSERT OR IGNORE INTO paths(path) VALUES(?)"),
+          find_path(database, "SELECT id FROM paths WHERE path = ?"),
+          add_entry(database, "INSERT OR REPLACE INTO entries VALUES(?, ?, ?, ?, ?)"),
+          clear_current(database, "DELETE FROM current"),
+          add_current(database, "INSERT OR IGNORE INTO current VALUES(?)") {}
+
+    std::int64_t IdOf(const std::string& path) {
+        add_path.Bind(0, path).Run();
+        find_path.Bind(0, path).Step();
+        const std::int64_t id = find_path.Number(0);
+        while (find_path.Step()) {
+        }
+        return id;
+    }
+};
+
+std::vector<std::string> PathsOf(const Night& night) {
+    if (night.record->catalog_is_covered || !night.has_archive)
+        return night.IsGood() ? CatalogPaths(night.path) : std::vector<std::string>{};
+    return CoveredPaths(night.path, night.record->archives);
+}
+
+void AddEntries(Writer& writer, const Night& night) {
+    for (const std::string& archive : night.record->archives) {
+        const std::string sums = night.File(SumsFileOf(archive));
+        if (!Exists(sums))
+            continue;
+        for (const EntryFacts& entry : ParseSums(ReadSmallFile(sums)))
+            writer.add_entry.Bind(0, writer.IdOf(entry.path))
+                .Bind(1, night.moment)
+                .Bind(2, archive)
+                .Bind(3, entry.size)
+                .Bind(4, entry.digest)
+                .Run();
+    }
+}
+
+// The next position of a series.
+std::int64_t NextPosition(const Database& database, int series) {
+    Statement advance(database, "INSERT INTO positions VALUES(?, 1) ON CONFLICT(series) DO UPDATE SET last = last + 1");
+    advance.Bind(0, series).Run();
+    Statement read(database, "SELECT last FROM positions WHERE series = ?");
+    read.Bind(0, series).Step();
+    return read.Number(0);
+}
+
+void AddNight(const Database& database, Writer& writer, const Night& night) {
+    const int series = SeriesOf(night);
+    const std::int64_t position = NextPosition(database, series);
+    writer.clear_current.Run();
+    for (const std::string& path : PathsOf(night))
+        writer.add_current.Bind(0, writer.IdOf(path)).Run();
+    AddEntries(writer, night);
+    Statement extend(database, "UPDATE presence SET last = ?1 WHERE series = ?2 AND last = ?1 - 1"
+                               " AND path IN (SELECT path FROM current)");
+    extend.Bind(0, position).Bind(1, series).Run();
+    Statement begin(database, "INSERT INTO presence SELECT path, ?2, ?1, ?1 FROM current WHERE NOT EXISTS"
+                              " (SELECT 1 FROM presence WHERE presence.path = current.path AND series = ?2"
+                              " AND last = ?1)");
+    begin.Bind(0, position).Bind(1, series).Run();
+    Statement add(database, "INSERT INTO nights VALUES(?, ?, ?, ?)");
+    add.Bind(0, night.moment).Bind(1, series).Bind(2, position).Bind(3, FingerprintOf(night)).Run();
+}
+
+bool HasSchema(const Database& database) {
+    Statement version(database, "PRAGMA user_version");
+    return version.Step() && version.Number(0) == 1;
+}
+
+// Enters the nights that the history lacks. Returns false when it does not fit the nights and has to be made anew.
+bool Update(Database& database, const std::vector<Night>& nights) {
+    std::map<std::int64_t, std::string> known;
+    Statement read(database, "SELECT moment, fingerprint FROM nights");
+    while (read.Step())
+        known[read.Number(0)] = read.Text(1);
+    const std::int64_t newest = known.empty() ? INT64_MIN : known.rbegin()->first;
+    std::vector<const Night*> fresh;
+    for (const Night& night : nights) {
+        if (!IsIndexed(night))
+            continue;
+        const auto found = known.find(night.moment);
+        if (found == known.end() ? night.moment < newest : found->second != FingerprintOf(night))
+            return false;
+        if (found == known.end())
+            fresh.push_back(&night);
+        else
+            known.erase(found);
+    }
+    if (fresh.empty() && known.empty())
+        return true;
+    database.Execute("BEGIN IMMEDIATE");
+    Writer writer(database);
+    for (const Night* const night : fresh)
+        AddNight(database, writer, *night);
+    Statement forget(database, "DELETE FROM nights WHERE moment = ?");
+    Statement forget_entries(database, "DELETE FROM entries WHERE moment = ?");
+    for (const auto& [moment, fingerprint] : known) {
+        forget.Bind(0, moment).Run();
+        forget_entries.Bind(0, moment).Run();
+    }
+    database.Execute("COMMIT");
+    return true;
+}
+
+} // namespace
+
+History::History(const std::string& directory, const std::vector<Night>& nights) : nights_(nights) {
+    try {
+        database_ = std::make_unique<Database>(PathOf(directory));
+        if (HasSchema(*database_) && Update(*database_, nights))
+            return;
+    } catch (const DatabaseFailure&) {
+        // A damaged history is worth no more than none.
+    }
+    database_.reset();
+    Rebuild(directory, nights);
+    database_ = std::make_unique<Database>(PathOf(directory));
+}
+
+History::~History() = default;
+
+void History::Rebuild(const std::string& directory, const std::vector<Night>& nights) {
+    for (const char* const suffix : {"", "-wal", "-shm", "-journal"})
+        ::unlink((PathOf(directory) + suffix).c_str());
+    Database database(PathOf(directory));
+    database.Execute(Schema);
+    Update(database, nights);
+}
+
+namespace {
+
+// The entry of a night that contains a path: the path itself or the nearest directory above.
+void FindEntry(Statement& find_entry, FoundCopy& copy) {
+    for (std::string path = copy.path; !path.empty(); path.resize(path.rfind('/') == path.npos ? 0 : path.rfind('/'))) {
+        find_entry.Bind(0, path).Bind(1, copy.night->moment);
+        bool found = false;
+        while (find_entry.Step()) { // the last archive wins: a retry saved it anew
+            found = true;
+            copy.entry = path;
+            copy.bytes = find_entry.Number(1);
+            copy.digest = find_entry.Text(2);
+            const std::string archive = copy.night->File(find_entry.Text(0));
+            copy.archive = copy.night->has_archive ? archive : "";
+        }
+        if (found)
+            return;
+    }
+}
+
+} // namespace
+
+void History::Find(const std::function<bool(const std::string& path)>& matches,
+                   const std::function<void(const FoundCopy&)>& process) const {
+    std::map<std::string, std::int64_t> ids;
+    Statement paths(*database_, "SELECT id, path FROM paths");
+    while (paths.Step())
+        if (std::string path = paths.Text(1); matches(path))
+            ids.emplace(std::move(path), paths.Number(0));
+    Statement find_nights(*database_, "SELECT moment FROM presence JOIN nights ON nights.series = presence.series"
+                                      " AND position BETWEEN first AND last WHERE path = ? ORDER BY moment");
+    Statement find_entry(*database_, "SELECT archive, size, digest FROM entries WHERE path ="
+                                     " (SELECT id FROM paths WHERE path = ?) AND moment = ? ORDER BY archive");
+    for (const auto& [path, id] : ids) {
+        find_nights.Bind(0, id);
+        while (find_nights.Step()) {
+            FoundCopy copy;
+            copy.path = path;
+            copy.night = FindNight(nights_, find_nights.Number(0));
+            if (copy.night == nullptr)
+                continue;
+            FindEntry(find_entry, copy);
+            process(copy);
+        }
+    }
+}
+
+} // namespace nightly

@@ -1,0 +1,306 @@
+#include "judge.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+#include <unordered_set>
+
+#include <fcntl.h>
+
+#include "ctar/messages.h"
+#include "failure.h"
+#include "moments.h"
+#include "path_file.h"
+#include "report/log_reader.h"
+#include "resources.h"
+#include "text.h"
+
+namespace nightly {
+
+namespace {
+
+std::string In(const std::string& directory, const std::string& name) {
+    return directory + "/" + name;
+}
+
+// The lines of a catalog or of a list of what was missed. The last line of a run that was killed may be cut short.
+std::vector<std::string> ReadLines(const std::string& path) {
+    std::vector<std::string> lines;
+    if (!Exists(path))
+        return lines;
+    try {
+        ctar::ReadCatalog(path, [&lines](std::string_view line) { lines.emplace_back(line); });
+    } catch (const ctar::Failure&) {
+        // Whatever follows an unreadable line counts as not saved.
+    }
+    return lines;
+}
+
+} // namespace
+
+MissedLine ParseMissed(std::string_view text) {
+    constexpr std::string_view counted = " objects not saved";
+    MissedLine line{std::string(text), std::string(text)};
+    const std::size_t colon = text.rfind(": ");
+    if (colon == text.npos)
+        return line;
+    std::string_view rest = text.substr(colon + 2);
+    const std::optional<std::uint64_t> count = ConsumeNumber<std::uint64_t>(rest);
+    if (count && rest == counted)
+        return {std::string(text.substr(0, colon)), line.text, true, std::max<std::uint64_t>(*count, 1)};
+    // "/QSYS.LIB/PAYROLL.LIB: 550 No objects saved or restored for library PAYROLL.."
+    const std::size_t reply = text.find(": 5");
+    if (text.starts_with("/QSYS.LIB/") && reply != text.npos)
+        return {std::string(text.substr(0, reply)), line.text, true, 1};
+    return line;
+}
+
+std::vector<MissedLine> ReadMissed(const std::string& path) {
+    std::vector<MissedLine> missed;
+    for (const std::string& line : ReadLines(path))
+        missed.push_back(ParseMissed(line));
+    return missed;
+}
+
+std::string IncludeFileOf(const std::string& directory, int retry) {
+    return In(directory, AttemptFile("include", retry));
+}
+
+bool IsPartialRetry(const std::string& directory, int retry) {
+    return retry > 0 && Exists(IncludeFileOf(directory, retry));
+}
+
+namespace {
+
+// What one attempt left.
+struct AttemptFacts {
+    bool partial = false; // it saved only what had been missed before
+    bool complete = false;
+    bool terminated = false;
+    std::uint64_t attempted = 0, parse_errors = 0, not_found = 0;
+    std::string message; // the last failure message of the run itself
+};
+
+std::uint64_t AsCount(std::optional<double> total) {
+    return total && *total > 0 ? static_cast<std::uint64_t>(std::llround(*total)) : 0;
+}
+
+AttemptFacts ReadAttempt(const std::string& directory, int retry) {
+    AttemptFacts facts;
+    facts.partial = IsPartialRetry(directory, retry);
+    const Descriptor log(::open(In(directory, AttemptFile(NightFiles::Log, retry)).c_str(), O_RDONLY | O_CLOEXEC));
+    report::LoggedRun run;
+    if (!log.IsOpen() || report::ReadRun(log.Get(), run) != 0)
+        return facts;
+    facts.complete = run.complete && run.ended;
+    facts.terminated = run.terminated;
+    facts.attempted = AsCount(run.Get(report::Total::Attempted));
+    facts.parse_errors = AsCount(run.Get(report::Total::ParsingErrors));
+    facts.not_found = run.Count(report::Outcome::NotFound);
+    if (!run.messages.empty())
+        facts.message = run.messages.back();
+    return facts;
+}
+
+// What is left of the missed lines when a retry saved some of them.
+void ApplyRetry(std::vector<MissedLine>& missed, const std::string& directory, int retry, bool partial) {
+    std::vector<MissedLine> again = ReadMissed(In(directory, AttemptFile(NightFiles::Missed, retry)));
+    if (!partial) {
+        missed = std::move(again);
+        return;
+    }
+    std::set<std::string> tried;
+    std::string line;
+    const Stream include(std::fopen(IncludeFileOf(directory, retry).c_str(), "re"));
+    while (include != nullptr && ReadPathLine(line, include.get()))
+        tried.insert(line);
+    std::erase_if(missed, [&tried](const MissedLine& one) { return tried.contains(one.path); });
+    missed.insert(missed.end(), again.begin(), again.end());
+}
+
+// Everything that the attempts of a night come to.
+struct NightSum {
+    AttemptFacts whole; // of the last attempt at the whole night
+    bool ran_to_end = false;
+    std::uint64_t not_found = 0; // in the last attempt
+    std::vector<MissedLine> missed;
+    std::vector<std::string> lines; // of all catalogs; those of a retry only when they are new
+    std::vector<std::string> archives;
+    std::vector<std::string> faults; // archives that are not sound
+    ctar::Coverage coverage;
+    std::uint64_t entries = 0, bytes = 0;
+};
+
+void AddCatalog(NightSum& sum, std::vector<std::string> lines, std::unordered_set<std::string>& known, bool first) {
+    for (std::string& line : lines)
+        if (known.insert(line).second || first)
+            sum.lines.push_back(std::move(line));
+}
+
+void AddArchive(NightSum& sum, const std::string& directory, const std::string& name) {
+    if (!Exists(In(directory, name)))
+        return;
+    const ArchiveContents contents = ReadArchive(In(directory, name), Digests::Skip);
+    if (!contents.fault.empty()) {
+        sum.faults.push_back(name + ": " + contents.fault);
+        return;
+    }
+    sum.archives.push_back(name);
+    for (const EntryFacts& entry : contents.entries)
+        sum.coverage.Add(entry.path);
+    sum.entries += contents.entries.size();
+    sum.bytes += static_cast<std::uint64_t>(contents.bytes);
+}
+
+NightSum SumUp(const std::string& directory, int retries) {
+    NightSum sum;
+    std::unordered_set<std::string> known;
+    for (int retry = 0; retry <= retries; ++retry) {
+        const AttemptFacts facts = ReadAttempt(directory, retry);
+        AddCatalog(sum, ReadLines(In(directory, AttemptFile(NightFiles::Catalog, retry))), known, retry == 0);
+        AddArchive(sum, directory, AttemptFile(NightFiles::Archive, retry));
+        if (!facts.partial) {
+            sum.whole = facts;
+            sum.ran_to_end = sum.ran_to_end || facts.complete;
+        }
+        sum.not_found = facts.not_found;
+        if (retry == 0)
+            sum.missed = ReadMissed(In(directory, NightFiles::Missed));
+        else
+            ApplyRetry(sum.missed, directory, retry, facts.partial);
+    }
+    sum.coverage.Finish();
+    return sum;
+}
+
+// Counts the files that are missing, and adds the lines of the catalog that no archive contains to what is missed.
+void CountFiles(NightSum& sum, NightRecord& record) {
+    for (const std::string& line : sum.lines)
+        if (sum.coverage.Covers(line))
+            ++record.objects;
+        else
+            sum.missed.push_back({line, line});
+    record.catalog_is_covered = record.objects == sum.lines.size();
+    std::uint64_t names = 0, parts = 0;
+    std::set<std::string> counted;
+    for (const MissedLine& line : sum.missed)
+        if (line.in_part && sum.coverage.Covers(line.path))
+            parts += line.count;
+        else if (counted.insert(line.path).second)
+            ++names;
+    const std::uint64_t not_found = std::min(sum.not_found, names);
+    record.attempted = sum.whole.attempted;
+    const std::uint64_t lacking = record.attempted > record.objects ? record.attempted - record.objects : 0;
+    record.missing = std::max(lacking, names - not_found) + not_found + parts + sum.whole.parse_errors;
+}
+
+std::string Files(std::uint64_t count) {
+    return FormatText("%llu file%s", Printable(count), count == 1 ? "" : "s");
+}
+
+// Why the night is no backup at all.
+void FindFailures(const NightSum& sum, int exit_status, const NightRecord& record, const JudgeRules& rules,
+                  std::vector<std::string>& reasons) {
+    for (const std::string& fault : sum.faults)
+        reasons.push_back(fault + "; \"ctar verify\" says more, \"ctar salvage\" makes a sound archive of the rest");
+    if (!sum.ran_to_end)
+        reasons.push_back(sum.whole.terminated ? "the run was ended on request"
+                          : !sum.whole.message.empty()
+                              ? "the run did not reach its end: " + MaskControls(sum.whole.message)
+                              : "the run did not reach its end: read the log");
+    else if (exit_status > 2)
+        reasons.push_back(FormatText("vondral ended with status %d: read the log", exit_status));
+    if (sum.entries == 0)
+        reasons.emplace_back("the archive has no object: look at the include and exclude file");
+    const auto attempted = static_cast<double>(std::max(record.attempted, record.missing));
+    if (record.missing > 0 && static_cast<double>(record.missing) > rules.tolerate * attempted)
+        reasons.push_back(FormatText("%s of %llu missing (%s; %s is tolerated): %s names them",
+                                     Files(record.missing).c_str(), Printable(record.attempted),
+                                     ShowShare(static_cast<double>(record.missing) / attempted).c_str(),
+                                     ShowShare(rules.tolerate).c_str(), NightFiles::Missed));
+}
+
+void CompareSize(const char* what, std::uint64_t now, std::uint64_t then, const JudgeRules& rules,
+                 std::vector<std::string>& reasons) {
+    const auto before = static_cast<double>(then);
+    if (static_cast<double>(now) < before * (1 - rules.max_shrink))
+        reasons.push_back(FormatText("%llu %s, %s fewer than the %llu of %s; if that is right, run with "
+                                     "--accept-shrink",
+                                     Printable(now), what, ShowShare(1 - static_cast<double>(now) / before).c_str(),
+                                     Printable(then), rules.like->Name().c_str()));
+}
+
+// Why a run that looks like a backup is not to be believed.
+void FindDoubts(const NightSum& sum, int exit_status, const NightRecord& record, const JudgeRules& rules,
+                std::vector<std::string>& reasons) {
+    reasons.insert(reasons.end(), rules.mistakes.begin(), rules.mistakes.end());
+    if (sum.ran_to_end && (exit_status == 1 || exit_status == 2) && record.missing == 0)
+        reasons.push_back(
+            FormatText("vondral ended with status %d, but nothing is known to be missing: read the log", exit_status));
+    if (rules.like != nullptr && !rules.accept_shrink) {
+        CompareSize("files", record.objects, rules.like->record->objects, rules, reasons);
+        CompareSize("bytes", record.bytes, rules.like->record->bytes, rules, reasons);
+    }
+}
+
+} // namespace
+
+Judgement JudgeNight(const std::string& directory, int retries, int exit_status, const JudgeRules& rules) {
+    NightSum sum = SumUp(directory, retries);
+    Judgement judgement;
+    NightRecord& record = judgement.record;
+    record.exit_status = exit_status;
+    record.retries = retries;
+    record.bytes = sum.bytes;
+    record.archives = sum.archives;
+    CountFiles(sum, record);
+    FindFailures(sum, exit_status, record, rules, record.reasons);
+    const bool failed = !record.reasons.empty();
+    FindDoubts(sum, exit_status, record, rules, record.reasons);
+    if (failed)
+        record.verdict = Verdict::Failed;
+    else if (!record.reasons.empty())
+        record.verdict = Verdict::Suspicious;
+    else
+        record.verdict = record.missing == 0 ? Verdict::Good : Verdict::GoodWithGaps;
+    if (record.verdict == Verdict::GoodWithGaps)
+        record.reasons.push_back(Files(record.missing) + " missing, as tolerated: " + NightFiles::Missed +
+                                 " names them");
+    for (const MissedLine& line : sum.missed)
+        record.newly_missing += rules.known_missed.contains(line.path) ? 0U : 1U;
+    judgement.missed = std::move(sum.missed);
+    judgement.ran_to_end = sum.ran_to_end;
+    return judgement;
+}
+
+namespace {
+
+constexpr int MostRetries = 9;
+
+} // namespace
+
+std::vector<std::string> CatalogPaths(const std::string& directory) {
+    std::vector<std::string> paths;
+    for (int retry = 0; retry <= MostRetries; ++retry) {
+        std::vector<std::string> lines = ReadLines(In(directory, AttemptFile(NightFiles::Catalog, retry)));
+        std::move(lines.begin(), lines.end(), std::back_inserter(paths));
+    }
+    return paths;
+}
+
+std::vector<std::string> CoveredPaths(const std::string& directory, const std::vector<std::string>& archives) {
+    std::vector<std::string> paths = CatalogPaths(directory);
+    ctar::Coverage coverage;
+    std::vector<std::string> entries;
+    for (const std::string& name : archives)
+        for (const EntryFacts& entry : ReadArchive(In(directory, name), Digests::Skip).entries) {
+            coverage.Add(entry.path);
+            entries.push_back(entry.path);
+        }
+    coverage.Finish();
+    std::erase_if(paths, [&coverage](const std::string& path) { return !coverage.Covers(path); });
+    paths.insert(paths.end(), entries.begin(), entries.end());
+    return paths;
+}
+
+} // namespace nightly

@@ -1,0 +1,57 @@
+// Judges a night by its files alone: whatever the program printed or returned, a night is good only when its archives
+// are sound and contain what its catalog names.
+
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "contents.h"
+#include "night.h"
+
+namespace nightly {
+
+// One line of what is missing.
+struct MissedLine {
+    std::string path;
+    std::string text;        // as in the list: the path, and for a part of it what is known
+    bool in_part = false;    // the rest of it was saved
+    std::uint64_t count = 1; // how many objects, as far as the line says
+
+    bool operator==(const MissedLine&) const = default;
+};
+MissedLine ParseMissed(std::string_view text);
+
+struct Judgement {
+    NightRecord record;             // all but what the caller knows (level, base, times, server)
+    std::vector<MissedLine> missed; // what is still missing, after all retries
+    bool ran_to_end = false;        // some attempt at the whole night reached its end
+};
+
+struct JudgeRules {
+    double tolerate = 0;   // share of files that may be missing
+    double max_shrink = 1; // share of files or bytes by which the night may be smaller than `like`
+    bool accept_shrink = false;
+    std::vector<std::string> mistakes;  // in the path files, that make a run save something else than was meant
+    const Night* like = nullptr;        // the last good night of the same level, if any
+    std::set<std::string> known_missed; // paths that were missing in the last good night
+};
+
+// Reads the attempts 0 to `retries` of the night in `directory`. `exit_status` is that of the last attempt; below 0
+// when it is not known. Throws Failure when a file that exists cannot be read.
+Judgement JudgeNight(const std::string& directory, int retries, int exit_status, const JudgeRules& rules);
+
+// All paths that the night's catalogs name. A line that was cut short by a kill is left out.
+std::vector<std::string> CatalogPaths(const std::string& directory);
+// Of these, the ones that its archives contain, and the paths of their entries.
+std::vector<std::string> CoveredPaths(const std::string& directory, const std::vector<std::string>& archives);
+std::vector<MissedLine> ReadMissed(const std::string& path); // none when there is no such file
+
+// Whether a retry saved only what had been missed, rather than everything.
+bool IsPartialRetry(const std::string& directory, int retry);
+std::string IncludeFileOf(const std::string& directory, int retry);
+
+} // namespace nightly

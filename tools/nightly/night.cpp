@@ -1,0 +1,206 @@
+#include "night.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+
+#include "failure.h"
+#include "moments.h"
+#include "text.h"
+
+namespace nightly {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+constexpr const char* LevelNames[] = {"full", "changed"};
+constexpr const char* VerdictNames[] = {"good", "good with gaps", "suspicious", "failed"};
+
+template <class Value, std::size_t Count>
+Value ValueNamed(const std::string& name, const char* const (&names)[Count]) {
+    for (std::size_t i = 0; i < Count; ++i)
+        if (name == names[i])
+            return static_cast<Value>(i);
+    throw Failure("unknown name");
+}
+
+} // namespace
+
+const char* LevelName(Level level) {
+    return LevelNames[static_cast<std::size_t>(level)];
+}
+
+const char* VerdictName(Verdict verdict) {
+    return VerdictNames[static_cast<std::size_t>(verdict)];
+}
+
+std::string Night::Name() const {
+    return NightName(moment);
+}
+
+std::string AttemptFile(const char* name, int retry) {
+    if (retry == 0)
+        return name;
+    const std::string_view text = name;
+    const std::string_view kind = text.substr(text.find('.') == text.npos ? 0 : text.find('.') + 1);
+    return "retry" + std::to_string(retry) + "." + std::string(kind);
+}
+
+std::string SumsFileOf(const std::string& archive) {
+    return archive.substr(0, archive.rfind('.')) + ".sum";
+}
+
+std::string EncodeRecord(const NightRecord& record) {
+    Json json{{"server", record.server},   {"level", LevelName(record.level)}, {"verdict", VerdictName(record.verdict)},
+              {"reasons", record.reasons}, {"started", record.started},        {"ended", record.ended}};
+    if (record.base)
+        json["base"] = NightName(*record.base);
+    if (record.cutoff)
+        json["changed_since"] = *record.cutoff;
+    json.update(Json{{"exit_status", record.exit_status},
+                     {"retries", record.retries},
+                     {"attempted", record.attempted},
+                     {"objects", record.objects},
+                     {"missing", record.missing},
+                     {"newly_missing", record.newly_missing},
+                     {"bytes", record.bytes},
+                     {"archives", record.archives},
+                     {"catalog_is_covered", record.catalog_is_covered}});
+    return json.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+std::optional<NightRecord> DecodeRecord(const std::string& text) {
+    try {
+        const Json json = Json::parse(text);
+        NightRecord record;
+        record.server = json.at("server");
+        record.level = ValueNamed<Level>(json.at("level"), LevelNames);
+        record.verdict = ValueNamed<Verdict>(json.at("verdict"), VerdictNames);
+        record.reasons = json.at("reasons").get<std::vector<std::string>>();
+        record.started = json.at("started");
+        record.ended = json.at("ended");
+        if (json.contains("base"))
+            record.base = ParseNightName(json.at("base").get<std::string>());
+        if (json.contains("changed_since"))
+            record.cutoff = json.at("changed_since").get<std::time_t>();
+        record.exit_status = json.at("exit_status");
+        record.retries = json.at("retries");
+        record.attempted = json.at("attempted");
+        record.objects = json.at("objects");
+        record.missing = json.at("missing");
+        record.newly_missing = json.at("newly_missing");
+        record.bytes = json.at("bytes");
+        record.archives = json.at("archives").get<std::vector<std::string>>();
+        record.catalog_is_covered = json.at("catalog_is_covered");
+        for (const std::string& archive : record.archives)
+            if (archive.find('/') != archive.npos)
+                return std::nullopt;
+        return record;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+namespace {
+
+bool HasArchives(const Night& night) {
+    if (night.removed)
+        return false;
+    if (!night.record)
+        return Exists(night.File(NightFiles::Archive));
+    const std::vector<std::string>& archives = night.record->archives;
+    return !archives.empty() && std::all_of(archives.begin(), archives.end(),
+                                            [&night](const auto& name) { return Exists(night.File(name)); });
+}
+
+std::optional<Night> ReadNight(const fs::directory_entry& entry) {
+    std::string name = entry.path().filename();
+    Night night;
+    night.complete = !name.ends_with(IncompleteSuffix);
+    if (!night.complete)
+        name.resize(name.size() - std::string_view(IncompleteSuffix).size());
+    const std::optional<std::time_t> moment = ParseNightName(name);
+    if (!moment || entry.is_symlink() || !entry.is_directory())
+        return std::nullopt;
+    night.moment = *moment;
+    night.path = entry.path();
+    try {
+        night.record = DecodeRecord(ReadSmallFile(night.File(NightFiles::Record)));
+    } catch (const Failure&) {
+        night.record.reset();
+    }
+    night.foreign = night.record && night.record->started != night.moment;
+    night.removed = Exists(night.File(NightFiles::Removed));
+    night.has_archive = HasArchives(night);
+    return night;
+}
+
+} // namespace
+
+std::vector<Night> ListNights(const std::string& directory) {
+    std::vector<Night> nights;
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, error))
+        if (std::optional<Night> night = ReadNight(entry))
+            nights.push_back(std::move(*night));
+    if (error)
+        throw Failure(directory + ": " + error.message());
+    std::sort(nights.begin(), nights.end(), [](const Night& one, const Night& other) {
+        return one.moment != other.moment ? one.moment < other.moment : one.complete < other.complete;
+    });
+    return nights;
+}
+
+std::vector<const Night*> Restorable(const std::vector<Night>& nights) {
+    std::vector<const Night*> found;
+    for (const Night& night : nights)
+        if (night.IsGood() && night.has_archive)
+            found.push_back(&night);
+    return found;
+}
+
+const Night* FindNight(const std::vector<Night>& nights, std::time_t moment) {
+    const auto after = std::upper_bound(nights.begin(), nights.end(), moment,
+                                        [](std::time_t wanted, const Night& night) { return wanted < night.moment; });
+    return after != nights.begin() && std::prev(after)->moment == moment ? &*std::prev(after) : nullptr;
+}
+
+const Night* LastGood(const std::vector<Night>& nights, std::time_t moment, std::optional<Level> level) {
+    const auto found = std::find_if(nights.rbegin(), nights.rend(), [&](const Night& night) {
+        return night.moment < moment && night.IsGood() && (!level || night.record->level == *level);
+    });
+    return found == nights.rend() ? nullptr : &*found;
+}
+
+std::vector<const Night*> ChainOf(const std::vector<Night>& nights, const Night& night) {
+    std::vector<const Night*> chain;
+    for (const Night* link = &night;;) {
+        if (link == nullptr || !link->record || !link->has_archive)
+            return {};
+        chain.insert(chain.begin(), link);
+        if (link->record->level == Level::Full)
+            return chain;
+        // Each link is older than the one before it, so that the walk ends.
+        const std::optional<std::time_t> base = link->record->base;
+        link = base && *base < link->moment ? FindNight(nights, *base) : nullptr;
+    }
+}
+
+const Night& NamedNight(const std::vector<Night>& nights, const std::string& name) {
+    if (name.empty()) {
+        const std::vector<const Night*> restorable = Restorable(nights);
+        if (restorable.empty())
+            throw Failure("there is no good night with its archive");
+        return *restorable.back();
+    }
+    const std::optional<std::time_t> moment = ParseNightName(name);
+    const Night* const night = moment ? FindNight(nights, *moment) : nullptr;
+    if (night == nullptr)
+        throw Failure(name + ": no such night; \"vondral-nightly status\" and the directory have their names");
+    return *night;
+}
+
+} // namespace nightly

@@ -1,0 +1,101 @@
+// The nights of a server on disk; vondral-nights(5) describes the layout. A night is a directory of its own, with
+// ".incomplete" after its name until it has proved good. Whatever in the directory is not named as here is nobody's
+// business and never touched.
+
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "disk.h"
+
+namespace nightly {
+
+enum class Level { Full, Changed };
+const char* LevelName(Level level); // "full", "changed"
+
+enum class Verdict { Good, GoodWithGaps, Suspicious, Failed };
+const char* VerdictName(Verdict verdict); // "good", "good with gaps", "suspicious", "failed"
+// Whether the night counts as a backup: for the status, for retention, as the base of a changed night.
+constexpr bool IsGood(Verdict verdict) {
+    return verdict == Verdict::Good || verdict == Verdict::GoodWithGaps;
+}
+
+// What is known of a night: the contents of run.json.
+struct NightRecord {
+    std::string server;
+    Level level = Level::Full;
+    Verdict verdict = Verdict::Failed;
+    std::vector<std::string> reasons; // why it is not simply good
+    std::time_t started = 0, ended = 0;
+    std::optional<std::time_t> base;   // the night that a changed one builds on
+    std::optional<std::time_t> cutoff; // changed since
+    int exit_status = -1;              // of the last vondral
+    int retries = 0;
+    std::uint64_t attempted = 0;       // files
+    std::uint64_t objects = 0;         // of these, files that a sound archive contains, libraries as one each
+    std::uint64_t missing = 0;         // of these, not; in part counts too
+    std::uint64_t newly_missing = 0;   // names that were not missing in the last good night
+    std::uint64_t bytes = 0;           // of data in sound archives
+    std::vector<std::string> archives; // file names, in the order in which a restore takes them
+    // Whether every path of the catalog is in one of the archives.
+    bool catalog_is_covered = false;
+
+    double Seconds() const { return static_cast<double>(ended - started); }
+};
+
+struct Night {
+    std::time_t moment = 0;            // its start, and its name
+    bool complete = false;             // without ".incomplete"
+    std::string path;                  // of its directory
+    std::optional<NightRecord> record; // nothing when the run was killed, or run.json is unreadable
+    bool has_archive = false;          // all its archives are there, and not being removed
+    bool removed = false;              // retention removed its archives, or was about to
+    // Its record belongs to a night of another name: somebody copied or renamed the directory. It counts for nothing.
+    bool foreign = false;
+
+    bool IsGood() const { return complete && !foreign && record && nightly::IsGood(record->verdict); }
+    std::string Name() const;
+    std::string File(const std::string& name) const { return path + "/" + name; }
+};
+
+// The files of a night. Those of retry N have "retryN." in front.
+namespace NightFiles {
+constexpr const char* Archive = "archive.ctar";
+constexpr const char* Catalog = "catalog";
+constexpr const char* Missed = "missed";
+constexpr const char* Log = "log";
+constexpr const char* Page = "report.html";
+constexpr const char* Record = "run.json";
+constexpr const char* Sums = "archive.sum";
+constexpr const char* Removed = "removed"; // why and when retention removed the archives
+} // namespace NightFiles
+constexpr const char* IncompleteSuffix = ".incomplete";
+constexpr const char* RemovingSuffix = ".removing";
+
+// "retry1.ctar", "retry1.catalog" and so on; the first attempt's files when `retry` is 0.
+std::string AttemptFile(const char* name, int retry);
+// "archive.sum", "retry1.sum": the sums that belong to an archive.
+std::string SumsFileOf(const std::string& archive);
+
+// All nights in the directory, the oldest first. Throws Failure when it cannot be read.
+std::vector<Night> ListNights(const std::string& directory);
+
+// The nights that count as backups and still have their archives.
+std::vector<const Night*> Restorable(const std::vector<Night>& nights);
+const Night* FindNight(const std::vector<Night>& nights, std::time_t moment);
+// The newest night before `moment` that counts as a backup, with its archives or without; of one level if given.
+const Night* LastGood(const std::vector<Night>& nights, std::time_t moment, std::optional<Level> level = {});
+// A night and those that it builds on, the full one first. Empty when one of them lacks its archives, or the chain does
+// not end in a full night.
+std::vector<const Night*> ChainOf(const std::vector<Night>& nights, const Night& night);
+// The night with that name; "" for the newest that can be restored. Throws Failure.
+const Night& NamedNight(const std::vector<Night>& nights, const std::string& name);
+
+std::string EncodeRecord(const NightRecord& record);
+std::optional<NightRecord> DecodeRecord(const std::string& text); // nothing unless EncodeRecord() could have written it
+
+} // namespace nightly

@@ -1,0 +1,129 @@
+#include "prune.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "copies.h"
+#include "moments.h"
+
+namespace nightly {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<RetainedNight> FactsOf(const std::vector<Night>& nights, const Config& config, std::time_t now,
+                                   std::optional<std::time_t> tonight) {
+    const std::vector<CopyCount> copies = CountNewestCopies(nights, config.keep, now);
+    std::vector<RetainedNight> facts;
+    for (std::size_t i = 0; i < nights.size(); ++i) {
+        const Night& night = nights[i];
+        facts.push_back({.moment = night.moment,
+                         .good = night.IsGood(),
+                         .has_archive = night.has_archive,
+                         .foreign = night.foreign,
+                         .tonight = tonight == night.moment,
+                         .base = night.record ? night.record->base : std::nullopt,
+                         .units = UnitsOf(night.moment, config.timezone),
+                         .objects = night.record ? night.record->objects : 0,
+                         .newest_copies = copies[i].objects,
+                         .example = copies[i].example});
+    }
+    return facts;
+}
+
+// Whether the name is one that a night's directory may contain.
+bool IsOurs(const std::string& name) {
+    static const std::vector<std::string> plain{NightFiles::Archive, NightFiles::Catalog, NightFiles::Missed,
+                                                NightFiles::Log,     NightFiles::Page,    NightFiles::Record,
+                                                NightFiles::Sums,    NightFiles::Removed};
+    static const std::vector<std::string> of_retries{"ctar", "catalog", "missed", "log", "include", "exclude", "sum"};
+    std::string base = name;
+    for (const char* const suffix : {RemovingSuffix, ".new"})
+        if (base.ends_with(suffix))
+            base.resize(base.size() - std::string_view(suffix).size());
+    if (std::find(plain.begin(), plain.end(), base) != plain.end())
+        return true;
+    return base.size() > 7 && base.starts_with("retry") && base[6] == '.' &&
+           std::find(of_retries.begin(), of_retries.end(), base.substr(7)) != of_retries.end();
+}
+
+std::vector<std::string> OurFiles(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+        if (const std::string name = entry.path().filename(); IsOurs(name) && !entry.is_directory())
+            names.push_back(name);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool IsArchive(const std::string& name) {
+    return name.ends_with(".ctar") || name.ends_with(std::string(".ctar") + RemovingSuffix);
+}
+
+// All archives are renamed before the first is removed: a night without one of them has none.
+void RemoveArchives(Disk& disk, const std::string& directory) {
+    for (const std::string& name : OurFiles(directory))
+        if (name.ends_with(".ctar"))
+            disk.Rename(directory + "/" + name, directory + "/" + name + RemovingSuffix);
+    for (const std::string& name : OurFiles(directory))
+        if (IsArchive(name))
+            disk.Remove(directory + "/" + name);
+}
+
+void RemoveFiles(Disk& disk, const std::string& directory) {
+    for (const std::string& name : OurFiles(directory))
+        disk.Remove(directory + "/" + name);
+    // What somebody else put there keeps the directory.
+    if (fs::is_empty(directory))
+        disk.RemoveDirectory(directory);
+}
+
+} // namespace
+
+std::vector<PruneDecision> PlanPruning(const std::vector<Night>& nights, const Config& config, std::time_t now,
+                                       std::optional<std::time_t> tonight) {
+    const std::vector<RetainedNight> facts = FactsOf(nights, config, now, tonight);
+    std::vector<Decision> decisions = DecideRetention(facts, config.keep, now);
+    std::vector<PruneDecision> plan;
+    for (std::size_t i = 0; i < nights.size(); ++i)
+        plan.push_back({&nights[i], std::move(decisions[i])});
+    for (const std::size_t i : FindOldRecords(facts, config.keep, now))
+        plan[i].remove_records = true;
+    return plan;
+}
+
+void Prune(Disk& disk, const std::vector<PruneDecision>& plan, std::time_t now) {
+    for (const PruneDecision& decision : plan) {
+        const Night& night = *decision.night;
+        if (decision.remove_records) {
+            disk.Rename(night.path, night.path + RemovingSuffix);
+            RemoveFiles(disk, night.path + RemovingSuffix);
+        } else if (night.has_archive && !decision.archives.keep) {
+            disk.WriteFile(night.File(NightFiles::Removed),
+                           NightName(now) + ": " + decision.archives.reasons.front() + "\n");
+            RemoveArchives(disk, night.path);
+        }
+    }
+}
+
+void FinishRemovals(Disk& disk, const std::string& directory) {
+    std::vector<std::string> records;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
+        std::string name = entry.path().filename();
+        if (!entry.is_directory() || entry.is_symlink() || !name.ends_with(RemovingSuffix))
+            continue;
+        name.resize(name.size() - std::string_view(RemovingSuffix).size());
+        if (name.ends_with(IncompleteSuffix))
+            name.resize(name.size() - std::string_view(IncompleteSuffix).size());
+        if (ParseNightName(name))
+            records.push_back(entry.path());
+    }
+    for (const std::string& path : records)
+        RemoveFiles(disk, path);
+    for (const Night& night : ListNights(directory))
+        if (night.removed && !night.foreign)
+            RemoveArchives(disk, night.path);
+}
+
+} // namespace nightly

@@ -1,0 +1,188 @@
+// vondral-nightly plan and restore: what a restore would bring back, and doing exactly that.
+
+#include "subcommands.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <vector>
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "config.h"
+#include "failure.h"
+#include "moments.h"
+#include "night.h"
+#include "object_kind.h"
+#include "process.h"
+#include "records.h"
+#include "restore_steps.h"
+#include "run.h"
+#include "text.h"
+
+namespace nightly {
+
+namespace {
+
+struct RestoreOptions {
+    std::string name, night;
+    RestoreRules rules;
+    bool json = false;
+    bool yes = false;
+};
+
+void PrintSteps(const RestorePlan& plan) {
+    std::string archive;
+    std::size_t number = 0;
+    for (const RestoreStep& step : plan.steps) {
+        if (step.archive != archive)
+            std::printf("from %s\n", step.archive.c_str());
+        archive = step.archive;
+        std::printf("%4zu  %s%s\n      %s\n", ++number, Shown(step.path).c_str(),
+                    step.to.empty() ? "" : (" as " + Shown(step.to)).c_str(), Shown(step.command).c_str());
+        if (!step.fault.empty())
+            std::printf("      THIS WILL FAIL: %s\n", step.fault.c_str());
+    }
+    if (plan.security_data)
+        std::printf("      then the private authorities: %s\n", "RSTAUT USRPRF(*ALL)");
+}
+
+void PrintRemarks(const RestorePlan& plan) {
+    if (plan.security_data || plan.configuration)
+        std::printf("*** WARNING: %s part of this restore. User profiles that do not exist are created. To leave "
+                    "them alone, give -e a file with the lines \"%s\" and \"%s\".\n",
+                    plan.security_data && plan.configuration ? "security data and configuration are"
+                    : plan.security_data                     ? "security data is"
+                                                             : "configuration is",
+                    std::string(SecurityDataPath).c_str(), std::string(ConfigurationPath).c_str());
+    for (const std::string& line : plan.unmatched)
+        std::printf("*** nothing matches the include line: %s\n", Shown(line).c_str());
+    constexpr std::size_t most = 20;
+    for (std::size_t i = 0; i < std::min(plan.returning.size(), most); ++i)
+        std::printf("*** deleted since, and would come back: %s\n", Shown(plan.returning[i]).c_str());
+    if (plan.returning.size() > most)
+        std::printf("*** and %zu more that %s no longer found on the server\n", plan.returning.size() - most,
+                    plan.newest_full->Name().c_str());
+    if (plan.newest_full == nullptr && plan.chain.size() > 1)
+        std::printf("*** objects that were deleted after %s would come back: no later full night tells which\n",
+                    plan.chain.front()->Name().c_str());
+}
+
+void PrintPlan(const Config& config, const RestorePlan& plan) {
+    std::string chain;
+    for (const Night* const night : plan.chain)
+        chain += (chain.empty() ? "" : ", then ") + night->Name() + " (" + LevelName(night->record->level) + ")";
+    std::printf("to %s, from %s\n", config.server.c_str(), chain.c_str());
+    PrintSteps(plan);
+    PrintRemarks(plan);
+    std::printf("%zu object%s from %zu archive%s\n", plan.steps.size(), plan.steps.size() == 1 ? "" : "s",
+                plan.archives.size(), plan.archives.size() == 1 ? "" : "s");
+}
+
+Json RecordsOf(const RestorePlan& plan) {
+    Json records = Json::array();
+    for (const RestoreStep& step : plan.steps)
+        records.push_back({{"step", records.size() + 1},
+                           {"archive", step.archive},
+                           {"entry", step.entry},
+                           {"path", step.path},
+                           {"to", step.to.empty() ? Json(nullptr) : Json(step.to)},
+                           {"command", step.command}});
+    return records;
+}
+
+int Plan(const std::string& configs, const RestoreOptions& options) {
+    const Config config = ReadConfig(configs, options.name);
+    const std::vector<Night> nights = ListNights(config.directory);
+    const RestorePlan plan = PlanRestore(nights, NamedNight(nights, options.night), options.rules);
+    if (options.json)
+        PrintRecords(RecordsOf(plan));
+    else
+        PrintPlan(config, plan);
+    return plan.steps.empty() ? Gaps : Good;
+}
+
+bool IsConfirmed(const Config& config, const RestoreOptions& options) {
+    if (options.yes)
+        return true;
+    if (::isatty(STDIN_FILENO) == 0)
+        throw Failure("standard input is no terminal: nothing is restored without --yes");
+    std::printf("Type \"restore %s\" to begin: ", config.name.c_str());
+    std::fflush(stdout);
+    std::string answer;
+    return std::getline(std::cin, answer) && answer == "restore " + config.name;
+}
+
+// Runs the restore archive by archive. Returns the steps that the log does not report as restored.
+std::vector<const RestoreStep*> RestoreAll(const Config& config, const RestorePlan& plan, const RestoreRules& rules) {
+    std::vector<const RestoreStep*> missing;
+    const std::string log = config.directory + "/restore-" + NightName(std::time(nullptr));
+    int number = 0;
+    for (const std::string& archive : plan.archives) {
+        RestoreOutcome outcome{};
+        const RestoreRun run{{}, archive, rules, FormatText("%s.%d.log", log.c_str(), ++number), true};
+        if (!StopRequested())
+            outcome = RunRestore(config, run);
+        for (const RestoreStep& step : plan.steps) {
+            if (step.archive != archive)
+                continue;
+            const auto done = std::find(outcome.successes.begin(), outcome.successes.end(), step.success);
+            if (done == outcome.successes.end())
+                missing.push_back(&step);
+            else
+                outcome.successes.erase(done);
+        }
+    }
+    return missing;
+}
+
+int Restore(const std::string& configs, const RestoreOptions& options) {
+    const Config config = ReadConfig(configs, options.name);
+    // Held, so that no run lets a night go meanwhile.
+    const Descriptor lock = LockNights(config.directory);
+    const std::vector<Night> nights = ListNights(config.directory);
+    const RestorePlan plan = PlanRestore(nights, NamedNight(nights, options.night), options.rules);
+    PrintPlan(config, plan);
+    if (plan.steps.empty())
+        throw Failure("nothing to restore");
+    if (!IsConfirmed(config, options)) {
+        std::printf("nothing was restored\n");
+        return Bad;
+    }
+    CatchStopRequests();
+    const std::vector<const RestoreStep*> missing = RestoreAll(config, plan, options.rules);
+    for (const RestoreStep* const step : missing)
+        std::fprintf(stderr, "vondral-nightly: NOT RESTORED: %s from %s\n", Shown(step->path).c_str(),
+                     step->archive.c_str());
+    std::printf("%zu of %zu objects restored\n", plan.steps.size() - missing.size(), plan.steps.size());
+    return missing.empty() ? Good : Bad;
+}
+
+void AddOptions(CLI::App& command, RestoreOptions& options) {
+    command.add_option("NAME", options.name, "the server")->required();
+    command.add_option("NIGHT", options.night, "such as 2026-11-21T220000Z; by default the newest good one");
+    command.add_option("-i,--include", options.rules.include, "restore only what this path file names")
+        ->type_name("FILE");
+    command.add_option("-e,--exclude", options.rules.exclude, "leave out what this path file names")->type_name("FILE");
+}
+
+} // namespace
+
+Action DeclarePlan(CLI::App& command, const std::string& configs) {
+    static RestoreOptions options;
+    AddOptions(command, options);
+    command.add_flag("--json", options.json, "print records for programs");
+    return [&configs] { return Plan(configs, options); };
+}
+
+Action DeclareRestore(CLI::App& command, const std::string& configs) {
+    static RestoreOptions options;
+    AddOptions(command, options);
+    command.add_flag("--yes", options.yes, "do not ask");
+    return [&configs] { return Restore(configs, options); };
+}
+
+} // namespace nightly

@@ -1,0 +1,169 @@
+#include "restore_steps.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+
+#include "commands.h"
+#include "contents.h"
+#include "failure.h"
+#include "judge.h"
+#include "object_kind.h"
+#include "path_file.h"
+#include "process.h"
+#include "resources.h"
+#include "restore_plan.h"
+#include "text.h"
+#include "vondral_command.h"
+
+namespace nightly {
+
+namespace {
+
+Stream OpenPathFile(const std::string& path) {
+    if (path.empty())
+        return nullptr;
+    Stream file(std::fopen(path.c_str(), "re"));
+    if (file == nullptr)
+        throw Failure(WithErrno(path));
+    return file;
+}
+
+// The two path files.
+struct PathFiles {
+    Stream include, exclude;
+};
+
+void AddSteps(RestorePlan& plan, const std::string& archive, const std::string& entry, const PathFiles& files) {
+    WantedParts wanted = SelectParts(entry, files.include.get(), files.exclude.get());
+    if (wanted.parts.empty())
+        return;
+    const RestoreMember& member = RestoreMemberFor(entry);
+    const StringPair named = wanted.parts.front();
+    std::string fault;
+    if (member.library)
+        fault = PrepareLibraryNames(wanted.parts.front());
+    for (const StringPair& subject : RestoreSubjects(member, entry, wanted.parts)) {
+        const std::string& path = member.library ? named.first : subject.first;
+        const std::string command = BuildRestoreCommand(member, subject, files.exclude.get(), Release::Other);
+        plan.steps.push_back({archive, entry, path, (member.library ? named.second : subject.second).value_or(""),
+                              command, IsTooLong(command) && fault.empty() ? "the command is too long" : fault,
+                              MaskControls(subject.first)});
+    }
+    plan.security_data = plan.security_data || entry == SecurityDataPath;
+    plan.configuration = plan.configuration || entry == ConfigurationPath;
+    if (plan.archives.empty() || plan.archives.back() != archive)
+        plan.archives.push_back(archive);
+}
+
+// Lines of the include file that no path in the chain matches.
+std::vector<std::string> FindUnmatched(const PathFiles& files, const std::set<std::string>& paths) {
+    std::vector<std::string> unmatched;
+    if (files.include == nullptr || std::fseek(files.include.get(), 0, SEEK_SET) != 0)
+        return unmatched;
+    std::string line;
+    while (ReadPathLine(line, files.include.get())) {
+        std::string path = line.substr(0, line.find(" :: "));
+        while (path.size() > 1 && path.ends_with('/'))
+            path.pop_back();
+        const auto below = paths.lower_bound(path + "/");
+        const bool matches = paths.contains(path) || (below != paths.end() && below->starts_with(path + "/"));
+        if (path != "\n" && (HasWildCard(path) || !matches))
+            unmatched.push_back(line + (HasWildCard(path) ? " (a restore ignores lines with wild cards)" : ""));
+    }
+    return unmatched;
+}
+
+// Whether a step restores the path.
+bool IsRestored(const std::set<std::string>& restored, std::string path) {
+    for (; !path.empty(); path.resize(path.rfind('/') == path.npos ? 0 : path.rfind('/')))
+        if (restored.contains(path))
+            return true;
+    return false;
+}
+
+void FindReturning(RestorePlan& plan, const std::vector<Night>& nights, const std::set<std::string>& paths) {
+    for (const Night& night : nights)
+        if (night.IsGood() && night.record->level == Level::Full && night.moment > plan.chain.front()->moment)
+            plan.newest_full = &night;
+    if (plan.newest_full == nullptr)
+        return;
+    std::set<std::string> present, restored;
+    for (std::string& path : CatalogPaths(plan.newest_full->path))
+        present.insert(std::move(path));
+    for (const RestoreStep& step : plan.steps)
+        restored.insert(step.path);
+    for (const std::string& path : paths)
+        if (!present.contains(path) && IsRestored(restored, path))
+            plan.returning.push_back(path);
+}
+
+} // namespace
+
+RestorePlan PlanRestore(const std::vector<Night>& nights, const Night& night, const RestoreRules& rules) {
+    RestorePlan plan;
+    plan.chain = ChainOf(nights, night);
+    if (plan.chain.empty())
+        throw Failure(night.Name() + ": cannot be restored: " +
+                      (night.removed        ? "retention removed its archives"
+                       : !night.has_archive ? "its archives are gone"
+                                            : "an archive that it builds on is gone"));
+    const PathFiles files{OpenPathFile(rules.include), OpenPathFile(rules.exclude)};
+    std::set<std::string> paths; // of the catalogs
+    std::set<std::string> entries;
+    for (const Night* const link : plan.chain) {
+        for (std::string& path : CatalogPaths(link->path))
+            paths.insert(std::move(path));
+        for (const std::string& archive : link->record->archives)
+            for (const EntryFacts& entry : ReadArchive(link->File(archive), Digests::Skip).entries) {
+                AddSteps(plan, link->File(archive), entry.path, files);
+                entries.insert(entry.path);
+            }
+    }
+    FindReturning(plan, nights, paths);
+    paths.insert(entries.begin(), entries.end());
+    plan.unmatched = FindUnmatched(files, paths);
+    return plan;
+}
+
+RestoreOutcome RunRestore(const Config& config, const RestoreRun& run) {
+    Command command;
+    command.arguments = VondralCommand(config, run.server);
+    const auto add = [&command](const char* option, const std::string& value) {
+        if (!value.empty())
+            command.arguments.insert(command.arguments.end(), {option, value});
+    };
+    add("--restore", run.archive);
+    add("--include", run.rules.include);
+    add("--exclude", run.rules.exclude);
+    command.output = run.log;
+    RestoreOutcome outcome;
+    Stream log;
+    const auto read_lines = [&] {
+        if (log == nullptr)
+            log.reset(std::fopen(run.log.c_str(), "re"));
+        if (log == nullptr)
+            return;
+        std::clearerr(log.get());
+        constexpr std::size_t longest = 65536;
+        for (std::string line; ReadLine(log.get(), longest, line);) {
+            if (run.shows_log)
+                std::fputs(line.c_str(), stdout);
+            constexpr std::string_view success = "] Restore Success: ";
+            const std::size_t at = line.find(success);
+            if (at != line.npos && line.starts_with('['))
+                outcome.successes.push_back(line.substr(at + success.size()));
+        }
+        std::fflush(stdout);
+    };
+    if (run.shows_log)
+        command.tick = read_lines;
+    outcome.status = RunCommand(command);
+    read_lines();
+    for (std::string& name : outcome.successes)
+        if (name.ends_with('\n'))
+            name.pop_back();
+    return outcome;
+}
+
+} // namespace nightly

@@ -1,0 +1,347 @@
+#include "run.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include "contents.h"
+#include "failure.h"
+#include "judge.h"
+#include "moments.h"
+#include "object_kind.h"
+#include "path_file.h"
+#include "prune.h"
+#include "text.h"
+
+namespace nightly {
+
+Descriptor LockNights(const std::string& directory) {
+    Descriptor lock(::open((directory + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!lock.IsOpen())
+        throw Failure(WithErrno(directory + "/.lock"));
+    if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0)
+        throw Failure(errno == EWOULDBLOCK ? directory + ": another run is at work" : WithErrno(directory + "/.lock"));
+    return lock;
+}
+
+// The level of a night
+
+namespace {
+
+// When the day that was last due for a full night began, as a day number of UnitsOf().
+std::int64_t LastFullDay(const Config& config, const CalendarUnits& today) {
+    const std::vector<int>& days = config.level.full_days;
+    std::int64_t back = 0;
+    while (std::find(days.begin(), days.end(), (today.weekday + 7 - back) % 7) == days.end())
+        ++back;
+    return today.day - back;
+}
+
+// The newest night that a changed one can build on.
+const Night* FindBase(const std::vector<Night>& nights, std::time_t now) {
+    for (auto night = nights.rbegin(); night != nights.rend(); ++night)
+        if (night->moment < now && night->IsGood() && !ChainOf(nights, *night).empty())
+            return &*night;
+    return nullptr;
+}
+
+// Why tonight has to be full; "" when it may be a changed night.
+std::string WhyFull(const std::vector<Night>& nights, const Config& config, std::time_t now, const Night* base) {
+    if (base == nullptr)
+        return "there is no good full night with its archive to build on";
+    if (config.level.full_days.empty())
+        return "every night is full";
+    const Night* const last = LastGood(nights, now, Level::Full);
+    const std::int64_t due = LastFullDay(config, UnitsOf(now, config.timezone));
+    if (last == nullptr || UnitsOf(last->moment, config.timezone).day < due)
+        return "a full night is due";
+    return "";
+}
+
+} // namespace
+
+NightPlan PlanNight(const std::vector<Night>& nights, const Config& config, std::time_t now,
+                    std::optional<Level> level) {
+    NightPlan plan{};
+    const Night* const base = FindBase(nights, now);
+    plan.why = WhyFull(nights, config, now, base);
+    if (level == Level::Full)
+        plan.why = "as asked";
+    if (level == Level::Changed) {
+        if (base == nullptr)
+            throw Failure("a changed night: " + plan.why);
+        plan.why.clear();
+    }
+    if (!plan.why.empty())
+        return plan;
+    plan.level = Level::Changed;
+    plan.base = base;
+    plan.cutoff = base->record->started - config.level.margin;
+    plan.why = "builds on " + base->Name();
+    return plan;
+}
+
+namespace {
+
+// A run under way.
+struct Run {
+    World& world;
+    const Config& config;
+    const RunOptions& options;
+    std::vector<Night> nights; // those before tonight
+    NightPlan plan{};
+    Night night{};
+    int retries = 0;
+    int exit_status = -1;
+    Judgement judgement{};
+
+    bool IsSettled() const {
+        return judgement.record.verdict == Verdict::Good || world.stop_requested() ||
+               (judgement.ran_to_end && judgement.missed.empty());
+    }
+};
+
+// Empty lines of a path file: they match everything, or nothing.
+void FindEmptyLines(const std::string& path, const char* meaning, std::vector<std::string>& mistakes) {
+    if (path.empty())
+        return;
+    const Stream file(std::fopen(path.c_str(), "re"));
+    if (file == nullptr)
+        throw Failure(WithErrno(path));
+    std::string line;
+    for (int number = 1; ReadLine(file.get(), PathLineCapacity, line); ++number)
+        if (line == "\n")
+            mistakes.push_back(FormatText("%s: line %d is empty and %s: remove it", path.c_str(), number, meaning));
+}
+
+JudgeRules RulesFor(const Run& run) {
+    const Config& config = run.config;
+    JudgeRules rules;
+    rules.tolerate = config.tolerate;
+    rules.max_shrink = config.max_shrink;
+    if (run.plan.level == Level::Changed)
+        rules.max_shrink = config.level.max_shrink.value_or(config.max_shrink);
+    rules.accept_shrink = run.options.accept_shrink;
+    rules.like = LastGood(run.nights, run.night.moment, run.plan.level);
+    FindEmptyLines(config.include, "names no object", rules.mistakes);
+    FindEmptyLines(config.exclude, "excludes the whole server", rules.mistakes);
+    if (const Night* const last = LastGood(run.nights, run.night.moment))
+        for (const MissedLine& line : ReadMissed(last->File(NightFiles::Missed)))
+            rules.known_missed.insert(line.path);
+    return rules;
+}
+
+// The attempts
+
+BackupRequest RequestFor(const Run& run, int retry) {
+    const auto file = [&](const char* name) { return run.night.File(AttemptFile(name, retry)); };
+    BackupRequest request{file(NightFiles::Archive), file(NightFiles::Catalog), file(NightFiles::Missed),
+                          file(NightFiles::Log),     run.config.include,        run.config.exclude,
+                          run.plan.cutoff,           run.config.timezone};
+    if (IsPartialRetry(run.night.path, retry)) {
+        request.include = IncludeFileOf(run.night.path, retry);
+        request.exclude = file("exclude");
+        request.cutoff.reset(); // what was missed is saved whatever its age
+    }
+    return request;
+}
+
+// The path files of a retry that saves only what was missed. Security data and configuration are always included, so
+// they are excluded unless they were missed.
+void WriteRetryPaths(Run& run, int retry) {
+    std::set<std::string> paths;
+    std::string include;
+    for (const MissedLine& line : run.judgement.missed)
+        if (paths.insert(line.path).second)
+            include += line.path + "\n";
+    std::string exclude = run.config.exclude.empty() ? "" : ReadSmallFile(run.config.exclude);
+    if (!exclude.empty() && !exclude.ends_with('\n'))
+        exclude += '\n';
+    for (const std::string_view special : {SecurityDataPath, ConfigurationPath})
+        if (!paths.contains(std::string(special)))
+            exclude += std::string(special) + "\n";
+    run.world.disk.WriteFile(run.night.File(AttemptFile("exclude", retry)), exclude);
+    run.world.disk.WriteFile(IncludeFileOf(run.night.path, retry), include);
+}
+
+void Attempt(Run& run, const JudgeRules& rules) {
+    run.exit_status = run.world.back_up(RequestFor(run, run.retries));
+    run.judgement = JudgeNight(run.night.path, run.retries, run.exit_status, rules);
+}
+
+void Retry(Run& run, const JudgeRules& rules) {
+    while (!run.IsSettled() && static_cast<std::uint64_t>(run.retries) < run.config.retries) {
+        const bool partial = run.judgement.ran_to_end;
+        run.world.say(FormatText("%s; retry %d of %llu in %s",
+                                 run.judgement.record.reasons.empty() ? "not complete"
+                                                                      : run.judgement.record.reasons.front().c_str(),
+                                 run.retries + 1, Printable(run.config.retries),
+                                 ShowSpan(static_cast<double>(run.config.retry_wait)).c_str()));
+        run.world.pause(run.config.retry_wait);
+        if (run.world.stop_requested())
+            return;
+        if (partial)
+            WriteRetryPaths(run, run.retries + 1);
+        ++run.retries;
+        Attempt(run, rules);
+    }
+}
+
+// What follows the last attempt
+
+// The list of what is missing after all attempts, in place of that of the first.
+void WriteMissed(Run& run) {
+    std::string text;
+    for (const MissedLine& line : run.judgement.missed)
+        text += "[00:00:00] [T00] " + line.text + "\n";
+    if (run.retries > 0 || !run.judgement.record.catalog_is_covered)
+        run.world.disk.WriteFile(run.night.File(NightFiles::Missed), text);
+}
+
+// Reads every byte of the archives. What cannot be read is no backup.
+void WriteSums(Run& run) {
+    NightRecord& record = run.judgement.record;
+    for (const std::string& name : record.archives) {
+        const ArchiveContents contents = ReadArchive(run.night.File(name), Digests::Compute);
+        run.world.disk.WriteFile(run.night.File(SumsFileOf(name)), SumsText(contents));
+        if (contents.fault.empty())
+            continue;
+        record.verdict = Verdict::Failed;
+        record.reasons.push_back(name + ": " + contents.fault + ": check the disk");
+    }
+}
+
+void WriteRecord(Run& run) {
+    NightRecord& record = run.judgement.record;
+    record.server = run.config.server;
+    record.level = run.plan.level;
+    record.started = run.night.moment;
+    record.ended = std::max(run.world.now(), run.night.moment);
+    record.cutoff = run.plan.cutoff;
+    if (run.plan.base != nullptr)
+        record.base = run.plan.base->moment;
+    if (run.world.stop_requested())
+        record.reasons.insert(record.reasons.begin(), "ended on request");
+    run.world.disk.WriteFile(run.night.File(NightFiles::Record), EncodeRecord(record));
+    run.night.record = record;
+}
+
+// Gives a good night its name, when everything in it is on disk.
+void Publish(World& world, Night& night) {
+    world.disk.SyncDirectory(night.path);
+    const std::string path = night.path.substr(0, night.path.size() - std::string_view(IncompleteSuffix).size());
+    world.disk.Rename(night.path, path);
+    night.path = path;
+    night.complete = true;
+}
+
+std::string Summarize(const Night& night, const std::string& zone) {
+    const NightRecord& record = *night.record;
+    std::string text = FormatText("%s (%s): %s: %llu files, %.3f MB in %s, %llu missing", night.Name().c_str(),
+                                  ShowMoment(night.moment, zone).c_str(), VerdictName(record.verdict),
+                                  Printable(record.objects), static_cast<double>(record.bytes) / 1e6,
+                                  ShowSpan(record.Seconds()).c_str(), Printable(record.missing));
+    return text;
+}
+
+void LetOldNightsGo(Run& run) {
+    const std::vector<Night> nights = ListNights(run.config.directory);
+    const std::time_t now = run.world.now();
+    const std::vector<PruneDecision> plan = PlanPruning(nights, run.config, now, run.night.moment);
+    for (const PruneDecision& decision : plan) {
+        if (decision.night->moment > now)
+            run.world.say(decision.night->Name() + ": its name lies in the future; check the clock");
+        if (decision.night->foreign)
+            run.world.say(decision.night->Name() + ": its record belongs to a night of another name");
+        if (decision.night->has_archive && !decision.archives.keep)
+            run.world.say(decision.night->Name() + ": removed: " + decision.archives.reasons.front());
+    }
+    Prune(run.world.disk, plan, now);
+}
+
+HookFacts FactsFor(const Run& run, const std::string& summary) {
+    return {run.night.Name(), run.night.record ? VerdictName(run.night.record->verdict) : "failed", summary,
+            run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)};
+}
+
+void Conclude(Run& run) {
+    const std::string summary = Summarize(run.night, run.config.timezone);
+    run.world.say(summary);
+    for (const std::string& reason : run.night.record->reasons)
+        run.world.say("  " + reason);
+    LetOldNightsGo(run);
+    run.world.record_history();
+    std::string reasons;
+    for (const std::string& reason : run.night.record->reasons)
+        reasons += "; " + reason;
+    run.world.run_hooks(run.night.IsGood() ? HookKind::Success : HookKind::Failure, FactsFor(run, summary + reasons));
+}
+
+void SaveAndJudge(Run& run) {
+    run.world.disk.MakeDirectory(run.night.path);
+    const JudgeRules rules = RulesFor(run);
+    Attempt(run, rules);
+    Retry(run, rules);
+    WriteMissed(run);
+    WriteSums(run);
+    WriteRecord(run);
+    run.world.report(run.night);
+    if (IsGood(run.judgement.record.verdict))
+        Publish(run.world, run.night);
+    else
+        run.world.disk.SyncDirectory(run.night.path);
+}
+
+} // namespace
+
+void FinishInterrupted(World& world, const Config& config) {
+    FinishRemovals(world.disk, config.directory);
+    for (Night& night : ListNights(config.directory)) {
+        if (night.complete || night.foreign || night.removed)
+            continue;
+        if (night.record && IsGood(night.record->verdict)) {
+            Publish(world, night);
+            world.say(night.Name() + ": good; an earlier run was killed before it could say so");
+        }
+        if (night.record || Exists(night.File(NightFiles::Record)))
+            continue;
+        int retries = 0;
+        while (Exists(night.File(AttemptFile(NightFiles::Log, retries + 1))))
+            ++retries;
+        NightRecord record = JudgeNight(night.path, retries, -1, {}).record;
+        record.server = config.server;
+        record.started = record.ended = night.moment;
+        record.verdict = Verdict::Failed;
+        record.reasons.insert(record.reasons.begin(), "the run was killed");
+        world.disk.WriteFile(night.File(NightFiles::Record), EncodeRecord(record));
+        world.say(night.Name() + ": failed: the run was killed");
+    }
+}
+
+Night RunNight(World& world, const Config& config, const RunOptions& options) {
+    FinishInterrupted(world, config);
+    Run run{.world = world, .config = config, .options = options, .nights = ListNights(config.directory)};
+    const std::time_t now = world.now();
+    run.plan = PlanNight(run.nights, config, now, options.level);
+    run.night.moment = now;
+    run.night.path = config.directory + "/" + NightName(now) + IncompleteSuffix;
+    if (FindNight(run.nights, now) != nullptr)
+        throw Failure(NightName(now) + ": there is a night of this name already; check the clock");
+    world.say(FormatText("%s: %s night of %s: %s", NightName(now).c_str(), LevelName(run.plan.level),
+                         config.server.c_str(), run.plan.why.c_str()));
+    try {
+        world.run_hooks(HookKind::Start,
+                        FactsFor(run, "a " + std::string(LevelName(run.plan.level)) + " night begins"));
+        SaveAndJudge(run);
+        Conclude(run);
+    } catch (const std::exception& trouble) {
+        world.run_hooks(HookKind::Failure, FactsFor(run, trouble.what()));
+        throw;
+    }
+    return run.night;
+}
+
+} // namespace nightly

@@ -1,0 +1,107 @@
+#include "vondral_command.h"
+
+#include <array>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "report/line_splitter.h"
+#include "report/progress.h"
+#include "resources.h"
+#include "support.h"
+
+namespace nightly {
+
+std::vector<std::string> VondralCommand(const Config& config, const std::string& server) {
+    const std::string host = server.empty() ? config.server : server;
+    std::vector<std::string> command;
+    if (config.tls) {
+        command = {FindProgram("vondral-tls"), "--server", host};
+        if (!config.tls->ca.empty())
+            command.insert(command.end(), {"--ca", config.tls->ca});
+        if (!config.tls->pin.empty())
+            command.insert(command.end(), {"--pin", config.tls->pin});
+        command.emplace_back("--");
+    }
+    const std::vector<std::string> own{FindProgram("vondral"),
+                                       "--server",
+                                       config.tls ? "{}" : host,
+                                       "--credentials",
+                                       config.login + ":file:" + PassphraseFile(config),
+                                       "--timeout",
+                                       std::to_string(config.timeout)};
+    command.insert(command.end(), own.begin(), own.end());
+    return command;
+}
+
+Command BackupCommand(const Config& config, const BackupRequest& request) {
+    Command command;
+    command.arguments = VondralCommand(config);
+    const auto add = [&command](const char* option, const std::string& value) {
+        if (!value.empty())
+            command.arguments.insert(command.arguments.end(), {option, value});
+    };
+    add("--backup", request.archive);
+    add("--Catalog", request.catalog);
+    add("--notbackedup", "3");
+    add("--include", request.include);
+    add("--exclude", request.exclude);
+    add("--date", request.cutoff ? std::to_string(*request.cutoff) : "");
+    add("--precheck", config.precheck ? "yes" : "no");
+    add("--wait", std::to_string(config.wait));
+    command.arguments.emplace_back("-v2"); // sizes and times of each object; no passphrase, which begins at -v3
+    command.output = request.log;
+    command.files[3] = request.missed;
+    // The log and the times of listings are in the server's zone.
+    command.environment["TZ"] = request.zone;
+    return command;
+}
+
+namespace {
+
+// Follows a log that grows, and shows how far the run is.
+struct LiveLine {
+    const BackupRequest& request;
+    const report::Expectation& expected;
+    report::ProgressLine line{STDERR_FILENO};
+    report::LoggedRun run{};
+    report::LineSplitter splitter{};
+    Descriptor log{};
+    double begun = SecondsNow();
+
+    LiveLine(const BackupRequest& of, const report::Expectation& like) : request(of), expected(like) {}
+    void Follow() {
+        if (!log.IsOpen())
+            log.Reset(::open(request.log.c_str(), O_RDONLY | O_CLOEXEC));
+        std::array<char, 65536> piece;
+        ssize_t count = 0;
+        while (log.IsOpen() && (count = ReadSome(log.Get(), piece.data(), piece.size())) > 0)
+            report::SplitLines(splitter, {piece.data(), static_cast<std::size_t>(count)},
+                               [this](std::string_view text) { report::ProcessLogLine(run, text); });
+    }
+    void Show() {
+        Follow();
+        report::Progress progress{.seconds = SecondsNow() - begun, .archive = {}, .expected = expected};
+        struct stat status {};
+        if (::stat(request.archive.c_str(), &status) == 0)
+            progress.archive = static_cast<double>(status.st_size);
+        line.Show(report::ProgressText(run, progress));
+    }
+};
+
+} // namespace
+
+int RunBackup(const Config& config, const BackupRequest& request, int lock, const report::Expectation& expected) {
+    Command command = BackupCommand(config, request);
+    command.lock = lock;
+    std::unique_ptr<LiveLine> live;
+    if (::isatty(STDERR_FILENO) != 0) {
+        live = std::make_unique<LiveLine>(request, expected);
+        command.tick = [&live] { live->Show(); };
+    }
+    return RunCommand(command);
+}
+
+} // namespace nightly

@@ -1,0 +1,27 @@
+// Command lines for vondral, which this program runs as a child and never reimplements.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "config.h"
+#include "process.h"
+#include "report/run_context.h"
+#include "run.h"
+
+namespace nightly {
+
+// The program and its options for the server and the login; through vondral-tls when the configuration says so.
+// `server` is another one than the configuration's when it is not empty. Throws Failure when a program or the
+// passphrase is not there.
+std::vector<std::string> VondralCommand(const Config& config, const std::string& server = {});
+
+// The command of one attempt of a night.
+Command BackupCommand(const Config& config, const BackupRequest& request);
+
+// Runs it. With a terminal on standard error, a line there shows the progress, compared with what is expected.
+int RunBackup(const Config& config, const BackupRequest& request, int lock, const report::Expectation& expected);
+
+} // namespace nightly

@@ -145,9 +145,10 @@ void ReadTable(const toml::table& table, const std::vector<Key>& keys) {
             key->read(value);
         } catch (const Failure& failure) {
             const std::string_view what = failure.what();
-            if (what.find(" must be ") == what.npos)
+            const std::size_t at = what.find(": must be ");
+            if (at == what.npos)
                 throw;
-            throw Failure(std::string(what).insert(what.find(" must be ") + 1, std::string(key->name) + " "));
+            throw Failure(std::string(what).insert(at + 2, std::string(key->name) + " "));
         }
     }
     for (const Key& key : keys)

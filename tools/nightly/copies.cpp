@@ -73,14 +73,13 @@ struct Search {
     std::unordered_set<std::uint64_t> known; // objects whose newest copy has been found, and directories above them
     // Objects whose newest copy is in a night of long ago, and that night.
     std::unordered_map<std::string, std::size_t> doubtful;
+    NightClock clock;
 
     void Count(std::size_t night, const std::string& path) {
         if (counts[night].objects++ == 0)
             counts[night].example = path;
     }
-    bool IsOld(std::size_t night) const {
-        return IsLongAgo(nights[night].moment, rules.forget_after, now, nights.size() - night - 1);
-    }
+    bool IsOld(std::size_t night) const { return clock.IsLongAgo(nights[night].moment, rules.forget_after); }
     bool Counts(std::size_t night) const { return !nights[night].foreign && nights[night].moment <= now; }
 };
 
@@ -111,7 +110,8 @@ void FindCopies(Search& search, std::size_t night, const std::vector<std::string
 // Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
 void FindSeen(Search& search) {
     for (std::size_t i = search.nights.size(); i-- > 0 && !search.doubtful.empty();) {
-        if (!search.Counts(i) || search.IsOld(i))
+        // A night that lies in the future ran, too, under a clock that was wrong.
+        if (search.nights[i].foreign || search.IsOld(i))
             continue;
         const Night& night = search.nights[i];
         std::set<std::string> seen = MissedPaths(night);
@@ -134,7 +134,10 @@ void FindSeen(Search& search) {
 } // namespace
 
 std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
-    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}};
+    std::vector<std::time_t> moments;
+    for (const Night& night : nights)
+        moments.push_back(night.moment);
+    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, NightClock(now, moments)};
     std::vector<std::pair<std::size_t, std::vector<std::string>>> partial;
     for (std::size_t i = nights.size(); i-- > 0;) {
         if (!nights[i].has_archive || !search.Counts(i))

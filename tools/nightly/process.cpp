@@ -15,6 +15,7 @@
 
 #include "disk.h"
 #include "failure.h"
+#include "resources.h"
 #include "support.h"
 
 namespace nightly {
@@ -34,7 +35,7 @@ void PassOn(int) {
 struct Prepared {
     std::vector<std::string> texts; // of the environment
     std::vector<char*> arguments, environment;
-    std::vector<std::pair<int, std::string>> files;
+    std::vector<std::pair<int, Descriptor>> files;
 
     explicit Prepared(const Command& command) {
         for (const std::string& argument : command.arguments)
@@ -51,22 +52,24 @@ struct Prepared {
             environment.push_back(text.data());
         environment.push_back(nullptr);
         if (!command.output.empty())
-            files.emplace_back(STDOUT_FILENO, command.output);
-        for (const auto& file : command.files)
-            files.push_back(file);
+            Open(STDOUT_FILENO, command.output);
+        for (const auto& [number, path] : command.files)
+            Open(number, path);
+    }
+
+private:
+    // Far above the numbers that the command is given.
+    void Open(int number, const std::string& path) {
+        constexpr int lowest = 64;
+        const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        files.emplace_back(number, Descriptor(file.IsOpen() ? ::fcntl(file.Get(), F_DUPFD_CLOEXEC, lowest) : -1));
+        if (!files.back().second.IsOpen())
+            throw Failure(WithErrno(path));
     }
 };
 
 void FailChild() {
     ::_exit(127);
-}
-
-void OpenAs(int number, const std::string& path) {
-    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (file < 0 || (file != number && ::dup2(file, number) < 0))
-        FailChild();
-    if (file != number)
-        ::close(file);
 }
 
 [[noreturn]] void BecomeCommand(const Command& command, const Prepared& prepared) {
@@ -81,8 +84,9 @@ void OpenAs(int number, const std::string& path) {
     const int lock = command.lock < 0 ? -1 : ::fcntl(command.lock, F_DUPFD, 64);
     if (command.lock >= 0 && lock < 0)
         FailChild();
-    for (const auto& [number, path] : prepared.files)
-        OpenAs(number, path);
+    for (const auto& [number, file] : prepared.files)
+        if (::dup2(file.Get(), number) < 0)
+            FailChild();
     if (!command.output.empty() && ::dup2(STDOUT_FILENO, STDERR_FILENO) < 0)
         FailChild();
     ::execve(prepared.arguments[0], prepared.arguments.data(), prepared.environment.data());

@@ -94,7 +94,9 @@ std::vector<PruneDecision> PlanPruning(const std::vector<Night>& nights, const C
 }
 
 void Prune(Disk& disk, const std::vector<PruneDecision>& plan, std::time_t now) {
-    for (const PruneDecision& decision : plan) {
+    // The newest first, so that a kill between two leaves no night without the ones that it builds on.
+    for (auto decided = plan.rbegin(); decided != plan.rend(); ++decided) {
+        const PruneDecision& decision = *decided;
         const Night& night = *decision.night;
         if (decision.remove_records) {
             disk.Rename(night.path, night.path + RemovingSuffix);

@@ -21,13 +21,13 @@ struct RetainedNight {
     std::time_t moment = 0;
     bool good = false;
     bool has_archive = false;
-    bool foreign = false;            // copied or renamed by hand
-    bool tonight = false;            // of this run
-    std::optional<std::time_t> base; // the night that it builds on
-    CalendarUnits units{};           // of its moment, in the server's time zone
-    std::uint64_t objects = 0;       // that a failed night saved, to compare it with others
-    std::uint64_t newest_copies = 0; // objects whose newest good copy it has, forgotten ones left out
-    std::string example;             // one of these
+    bool foreign = false;              // copied or renamed by hand
+    bool tonight = false;              // of this run
+    std::optional<std::time_t> base{}; // the night that it builds on
+    CalendarUnits units{};             // of its moment, in the server's time zone
+    std::uint64_t objects = 0;         // that a failed night saved, to compare it with others
+    std::uint64_t newest_copies = 0;   // objects whose newest good copy it has, forgotten ones left out
+    std::string example{};             // one of these
 };
 
 struct Decision {
@@ -35,9 +35,21 @@ struct Decision {
     std::vector<std::string> reasons; // why it stays; why it goes
 };
 
-// Whether something that happened at `moment` is longer ago than `span`, by the clock and by the nights since: at least
-// one for each week. So a clock that jumps forward makes nothing old.
-bool IsLongAgo(std::time_t moment, std::int64_t span, std::time_t now, std::size_t nights_since);
+// Tells how long ago a night was, by the clock and by the nights since: a clock that jumps forward makes nothing old.
+class NightClock {
+public:
+    // `moments` of all nights, ascending.
+    NightClock(std::time_t now, const std::vector<std::time_t>& moments);
+
+    // Whether a night is longer ago than `span` seconds: by the clock, and by the nights since, between any two of which
+    // no more than a week is believed to have passed.
+    bool IsLongAgo(std::time_t moment, std::int64_t span) const;
+
+private:
+    std::time_t now_;
+    std::vector<std::time_t> moments_;
+    std::vector<std::int64_t> believed_; // seconds from each night to now
+};
 
 // Decides for each night whether its archives stay. Requires: ascending moments.
 std::vector<Decision> DecideRetention(const std::vector<RetainedNight>& nights, const KeepRules& rules,

@@ -227,6 +227,7 @@ void WriteRecord(Run& run) {
         record.reasons.insert(record.reasons.begin(), "ended on request");
     run.world.disk.WriteFile(run.night.File(NightFiles::Record), EncodeRecord(record));
     run.night.record = record;
+    run.night.has_archive = !record.archives.empty();
 }
 
 // Gives a good night its name, when everything in it is on disk.

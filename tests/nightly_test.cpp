@@ -1,0 +1,747 @@
+// vondral-nightly: configuration, the judgement of nights, and whole nights with the real program against the rehearsal
+// server.
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+#include <fcntl.h>
+
+#include "nightly/config.h"
+#include "nightly/copies.h"
+#include "nightly/drill.h"
+#include "nightly/failure.h"
+#include "nightly/history.h"
+#include "nightly/hooks.h"
+#include "nightly/judge.h"
+#include "nightly/moments.h"
+#include "nightly/prune.h"
+#include "nightly/report_files.h"
+#include "nightly/run.h"
+#include "nightly/vondral_command.h"
+#include "test_support.h"
+
+namespace nightly {
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr std::time_t Start = 1'790'000'000; // a Monday, 2026-09-21 14:13:20 UTC
+constexpr std::time_t Day = 86400;
+
+// Names, times, numbers
+
+TEST(Moments, AreReadAsTheyAreWritten) {
+    EXPECT_EQ(NightName(Start), "2026-09-21T141320Z");
+    EXPECT_EQ(ParseNightName("2026-09-21T141320Z"), Start);
+    for (const char* const name : {"2026-09-21T141320", "2026-09-31T141320Z", "2026-09-21T141320Z.new", "notes",
+                                   "2026-9-21T141320Z", "+026-09-21T141320Z"})
+        EXPECT_EQ(ParseNightName(name), std::nullopt) << name;
+    // 22:30 UTC is the next day in Berlin, and there the first of a new week and month.
+    const std::time_t late = *ParseNightName("2026-05-31T223000Z");
+    const CalendarUnits here = UnitsOf(late, "UTC"), there = UnitsOf(late, "Europe/Berlin");
+    EXPECT_EQ(there.day - here.day, 1);
+    EXPECT_EQ(there.week - here.week, 1);
+    EXPECT_EQ(there.month - here.month, 1);
+    EXPECT_EQ(here.weekday, 0);
+    EXPECT_EQ(ParseDuration("15m"), 900);
+    EXPECT_EQ(ParseDuration("2y"), 730 * Day);
+    EXPECT_EQ(ParseDuration("0s"), 0);
+    for (const char* const text : {"", "15", "m", "-1m", "1.5h", "15 m", "15min", "1001y", "9223372036854775807d"})
+        EXPECT_EQ(ParseDuration(text), std::nullopt) << text;
+    EXPECT_EQ(ParseShare("2.5%"), 0.025);
+    for (const char* const text : {"", "%", "5", "-1%", "101%", "nan%", "5 %"})
+        EXPECT_EQ(ParseShare(text), std::nullopt) << text;
+}
+
+// Configuration
+
+std::string MinimalConfig(const std::string& more) {
+    return "server = \"host\"\nlogin = \"FRED\"\npassphrase = \"file:/secret\"\n" + more;
+}
+
+TEST(Configuration, RefusesMistakesWithTheirPlace) {
+    const TempDir work;
+    const auto error_of = [&](const std::string& text) -> std::string {
+        WriteFile(work / "office.toml", text);
+        try {
+            ReadConfig(work.path, "office");
+        } catch (const Failure& failure) {
+            return std::string(failure.what()).substr(work.path.string().size() + 13);
+        }
+        return "none";
+    };
+    struct Row {
+        const char* text;
+        const char* error;
+    };
+    for (const Row& row : {
+             Row{"", "none"},
+             Row{"retry = { times = 2, wait = \"30m\" }\nlevel = { full = [\"Sunday\"], otherwise = \"changed\" }",
+                 "none"},
+             Row{"colour = 1", "4:1: unknown key: colour"},
+             Row{"keep = { last = 7, hourly = 1 }", "4:20: unknown key: hourly"},
+             Row{"wait = \"120\"", "4:8: wait must be a number from -1 to 99999"},
+             Row{"wait = 100000", "4:8: wait must be a number from -1 to 99999"},
+             Row{"precheck = \"yes\"", "4:12: precheck must be true or false"},
+             Row{"directory = \"nights\"", "4:13: directory must be a path that begins with a slash"},
+             Row{"tolerate = 0.1", "4:12: tolerate must be a text in quotes"},
+             Row{"tolerate = \"10\"", "4:12: tolerate must be a share, such as \"0%\" or \"20%\""},
+             Row{"timezone = \"Berlin\"", "4:12: timezone must be the name of a zone, such as \"Europe/Berlin\""},
+             Row{"level = { full = [\"sunday\"], otherwise = \"changed\" }",
+                 "4:18: full must be a list of weekdays, such as [\"Sunday\"]"},
+             Row{"level = { full = [\"Sunday\"] }", "4:9: the key otherwise is missing"},
+             Row{"retry = { times = 10 }", "4:19: times must be a number from 0 to 9"},
+             Row{"hooks = { on_start = \"x\" }", "4:22: on_start must be a list of commands in quotes"},
+             Row{"keep = { last = 0, daily = 0, weekly = 0, monthly = 0 }",
+                 "4:8: keep: last, daily, weekly and monthly are all 0, so that no night would be kept"},
+             Row{"keep = { records = \"1d\" }",
+                 "4:8: keep: records must not be shorter than forget_after, which is read from them"},
+             Row{"drill = { server = \"x\" }", "4:9: the key library is missing"},
+             Row{"server = \"again\"", "4:10: Error while parsing key-value pair: cannot redefine existing string "
+                                       "'server'"},
+         })
+        EXPECT_THAT(error_of(MinimalConfig(row.text)), testing::StartsWith(row.error)) << row.text;
+    EXPECT_THAT(error_of("server = \"host\"\n"), HasSubstr("the key login is missing"));
+    // What is shown can be read again.
+    WriteFile(work / "office.toml",
+              MinimalConfig("keep = { last = 1, forget_after = \"36h\" }\nexclude = \"/a \\\"b\"\n"
+                            "level = { full = [\"Friday\"], otherwise = \"changed\" }\n"
+                            "drill = { server = \"s\", library = \"/l\", as = \"/m\" }\n"));
+    const std::string shown = ShowConfig(ReadConfig(work.path, "office"));
+    WriteFile(work / "copy.toml", shown);
+    EXPECT_EQ(ShowConfig(ReadConfig(work.path, "copy")), shown);
+    EXPECT_THAT(shown, HasSubstr("forget_after = \"36h\""));
+    EXPECT_THAT(ListServers(work.path), ElementsAre("copy", "office"));
+}
+
+TEST(Configuration, RefusesAPassphraseThatOthersCanRead) {
+    const TempDir work;
+    Config config;
+    config.passphrase = "file:" + (work / "secret").string();
+    EXPECT_THROW(PassphraseFile(config), Failure);
+    WriteFile(work / "secret", "secret\n");
+    for (const auto& [mode, good] : {std::pair{0600, true}, {0400, true}, {0640, false}, {0604, false}}) {
+        fs::permissions(work / "secret", static_cast<fs::perms>(mode));
+        if (good)
+            EXPECT_EQ(PassphraseFile(config), work / "secret");
+        else
+            EXPECT_THROW(PassphraseFile(config), Failure) << std::oct << mode;
+    }
+    config.passphrase = "credential:secret";
+    ::unsetenv("CREDENTIALS_DIRECTORY");
+    EXPECT_THROW(PassphraseFile(config), Failure);
+    ::setenv("CREDENTIALS_DIRECTORY", work.path.c_str(), 1);
+    EXPECT_EQ(PassphraseFile(config), work / "secret");
+    ::unsetenv("CREDENTIALS_DIRECTORY");
+}
+
+// Judgement
+
+// The files of an attempt, of which "archive" is a list of entries, "NAME=BYTES" with commas between.
+struct Attempt {
+    std::vector<ArchiveEntry> entries;
+    std::string catalog, missed; // paths, with commas between
+    int attempted = 0;
+    std::string log = "** Backup Complete"; // before the totals
+    int parse_errors = 0;
+    std::string cut = {}; // appended to the archive: junk
+};
+
+std::string Lines(const std::string& list) {
+    std::string text;
+    for (std::size_t begin = 0; begin < list.size();) {
+        const std::size_t end = std::min(list.find(',', begin), list.size());
+        text += "[02:00:31] [T04] " + list.substr(begin, end - begin) + "\n";
+        begin = end + 1;
+    }
+    return text;
+}
+
+void WriteAttempt(const fs::path& directory, int retry, const Attempt& attempt) {
+    const auto path = [&](const char* name) { return directory / AttemptFile(name, retry); };
+    WriteFile(path(NightFiles::Archive), MakeArchive(attempt.entries) + attempt.cut);
+    WriteFile(path(NightFiles::Catalog), Lines(attempt.catalog));
+    WriteFile(path(NightFiles::Missed), Lines(attempt.missed));
+    std::string log = "[02:00:00] [T00] Building Object Lists\n[02:00:00] [T00] " + attempt.log + "\n";
+    if (attempt.attempted >= 0)
+        log += FormatText("[02:00:00] [T00] ** Parsing Errors : %d\n[02:00:00] [T00] ** Total Objects Attempted: %d\n"
+                          "[02:00:00] [T00] ** Total Objects Failed   : 0\n"
+                          "[02:00:00] [T00] ** Total Run Time: 1.0 seconds\n",
+                          attempt.parse_errors, attempt.attempted);
+    WriteFile(path(NightFiles::Log), log);
+}
+
+TEST(Judge, BelievesOnlyWhatTheFilesProve) {
+    const std::vector<ArchiveEntry> entries{{"/QSYS.LIB/A.LIB", std::string(528, 'a')}, {"/home.savf", "home"}};
+    const Attempt good{entries, "/QSYS.LIB/A.LIB,/home/x,/home/y", "", 3};
+    const auto with = [&good](auto change) {
+        Attempt attempt = good;
+        change(attempt);
+        return attempt;
+    };
+    Night before;
+    before.moment = Start;
+    before.record.emplace();
+    before.record->objects = 4;
+    before.record->bytes = 532;
+    JudgeRules tolerant, shrinking, accepting, mistaken;
+    tolerant.tolerate = 0.25;
+    shrinking.like = accepting.like = &before;
+    shrinking.max_shrink = accepting.max_shrink = 0.2;
+    accepting.accept_shrink = true;
+    mistaken.mistakes = {"line 1 is empty"};
+    struct Row {
+        const char* what;
+        Attempt attempt;
+        int status;
+        JudgeRules rules;
+        Verdict verdict;
+        std::uint64_t missing;
+        const char* reason;
+    };
+    for (const Row& row : {
+             Row{"all there", good, 0, {}, Verdict::Good, 0, ""},
+             Row{"a library that is not in the archive",
+                 with([](Attempt& a) { a.entries.erase(a.entries.begin()); }),
+                 0,
+                 {},
+                 Verdict::Failed,
+                 1,
+                 "1 file of 3 missing"},
+             Row{"more attempted than named",
+                 with([](Attempt& a) {
+                     a.attempted = 164;
+                     a.missed = "/etc";
+                 }),
+                 1,
+                 {},
+                 Verdict::Failed,
+                 161,
+                 "161 files of 164 missing (98.2 %"},
+             Row{"a part missing, tolerated", with([](Attempt& a) {
+                     a.attempted = 4;
+                     a.missed = "/home: 1 objects not saved";
+                     a.catalog += ",/home/z";
+                 }),
+                 0, tolerant, Verdict::GoodWithGaps, 1, "as tolerated"},
+             Row{"a part missing",
+                 with([](Attempt& a) { a.missed = "/home: 1 objects not saved"; }),
+                 0,
+                 {},
+                 Verdict::Failed,
+                 1,
+                 "1 file of 3 missing"},
+             Row{"a library in part",
+                 with([](Attempt& a) { a.missed = "/QSYS.LIB/A.LIB: 550 3 objects not saved.."; }),
+                 0,
+                 {},
+                 Verdict::Failed,
+                 1,
+                 "1 file of 3 missing"},
+             Row{"unreadable lines of listings",
+                 with([](Attempt& a) { a.parse_errors = 2; }),
+                 1,
+                 {},
+                 Verdict::Failed,
+                 2,
+                 "2 files of 3 missing"},
+             Row{"more missing than tolerated", with([](Attempt& a) {
+                     a.attempted = 5;
+                     a.missed = "/a,/b";
+                 }),
+                 1, tolerant, Verdict::Failed, 2, "(40 %; 25 % is tolerated)"},
+             Row{"a status that nothing explains", good, 1, {}, Verdict::Suspicious, 0, "ended with status 1"},
+             Row{"ended early", good, 255, {}, Verdict::Failed, 0, "vondral ended with status 255"},
+             Row{"died",
+                 with([](Attempt& a) {
+                     a.attempted = -1;
+                     a.log = "Backup Success: /x";
+                 }),
+                 137,
+                 {},
+                 Verdict::Failed,
+                 0,
+                 "did not reach its end"},
+             Row{"no login",
+                 with([](Attempt& a) {
+                     a.attempted = -1;
+                     a.log = "vondral[vondral.cpp,1]: login failed";
+                 }),
+                 255,
+                 {},
+                 Verdict::Failed,
+                 0,
+                 "did not reach its end: "},
+             Row{"nothing saved", {{}, "", "", 0}, 0, {}, Verdict::Failed, 0, "the archive has no object"},
+             Row{"junk after the end",
+                 with([](Attempt& a) { a.cut = std::string(512, 'x'); }),
+                 0,
+                 {},
+                 Verdict::Failed,
+                 3,
+                 "archive.ctar: at 2560: data after the end"},
+             Row{"an empty line", good, 0, mistaken, Verdict::Suspicious, 0, "line 1 is empty"},
+             Row{"smaller", good, 0, shrinking, Verdict::Suspicious, 0,
+                 "3 files, 25 % fewer than the 4 of 2026-09-21T141320Z; if that is right, run with --accept-shrink"},
+             Row{"smaller, accepted", good, 0, accepting, Verdict::Good, 0, ""},
+         }) {
+        const TempDir night;
+        WriteAttempt(night.path, 0, row.attempt);
+        const NightRecord record = JudgeNight(night.path, 0, row.status, row.rules).record;
+        EXPECT_EQ(record.verdict, row.verdict) << row.what;
+        EXPECT_EQ(record.missing, row.missing) << row.what;
+        EXPECT_THAT(testing::PrintToString(record.reasons), HasSubstr(row.reason)) << row.what;
+    }
+}
+
+TEST(Judge, CountsTheUnionOfAllAttempts) {
+    const std::vector<ArchiveEntry> first{{"/a", "1"}}, second{{"/QSYS.LIB/B.LIB", "22"}};
+    const TempDir night;
+    WriteAttempt(night.path, 0, {first, "/a", "/QSYS.LIB/B.LIB,/c", 3});
+    WriteAttempt(night.path, 1, {second, "/QSYS.LIB/B.LIB", "/c", 2});
+    WriteFile(IncludeFileOf(night.path, 1), "/QSYS.LIB/B.LIB\n/c\n");
+    const Judgement one = JudgeNight(night.path, 1, 1, {});
+    EXPECT_EQ(one.record.missing, 1);
+    EXPECT_EQ(one.missed, std::vector{ParseMissed("/c")});
+    EXPECT_THAT(one.record.archives, ElementsAre("archive.ctar", "retry1.ctar"));
+    WriteAttempt(night.path, 2, {{{"/c", "3"}}, "/c", "", 1});
+    WriteFile(IncludeFileOf(night.path, 2), "/c\n");
+    const Judgement both = JudgeNight(night.path, 2, 0, {});
+    EXPECT_EQ(both.record.verdict, Verdict::Good) << testing::PrintToString(both.record.reasons);
+    EXPECT_EQ(both.record.objects, 3);
+    EXPECT_EQ(both.record.bytes, 4);
+    // A second attempt at everything takes the place of the first one's figures.
+    const TempDir other;
+    WriteAttempt(other.path, 0, {{}, "", "", -1, "vondral[vondral.cpp,1]: login failed"});
+    WriteAttempt(other.path, 1, {first, "/a", "", 1});
+    EXPECT_EQ(JudgeNight(other.path, 1, 0, {}).record.verdict, Verdict::Good);
+}
+
+TEST(Records, AreReadAsTheyAreWritten) {
+    NightRecord record;
+    record.server = "host\"\xe9";
+    record.level = Level::Changed;
+    record.verdict = Verdict::GoodWithGaps;
+    record.base = Start;
+    record.archives = {"archive.ctar", "retry1.ctar"};
+    const std::string text = EncodeRecord(record);
+    const std::optional<NightRecord> read = DecodeRecord(text);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->verdict, record.verdict);
+    EXPECT_EQ(read->base, record.base);
+    EXPECT_EQ(read->archives, record.archives);
+    for (std::size_t length = 0; length + 1 < text.size(); ++length)
+        EXPECT_FALSE(DecodeRecord(text.substr(0, length))) << length;
+    std::string hostile = text;
+    hostile.replace(hostile.find("retry1.ctar"), 11, "../../x.ctar");
+    EXPECT_FALSE(DecodeRecord(hostile));
+}
+
+// Whole nights
+
+// A server, its configuration, and a clock that the test sets.
+struct NightSite {
+    TestSite site;
+    Config config;
+    std::time_t now = Start;
+    std::vector<std::string> said, hooks;
+
+    NightSite() {
+        WriteObjects(site.root.path);
+        WriteFile(site.work / "secret", "secret\n");
+        fs::permissions(site.work / "secret", fs::perms::owner_read);
+        fs::create_directory(site.work / "nights");
+        config.name = "office";
+        config.server = "127.0.0.1";
+        config.login = "FRED";
+        config.passphrase = "file:" + (site.work / "secret").string();
+        config.directory = site.work / "nights";
+        config.metrics = site.work / "metrics";
+        config.retry_wait = 0;
+    }
+    World MakeWorld() {
+        World world;
+        world.now = [this] { return now; };
+        world.back_up = [this](const BackupRequest& request) {
+            site.options.root = site.root.path;
+            site.server = std::make_unique<rehearsal::Server>(site.options);
+            ::setenv("VONDRAL_TEST_PORT", std::to_string(site.server->Port()).c_str(), 1);
+            ::setenv("VONDRAL_TEST_MINUTE", "1000", 1);
+            return RunBackup(config, request, -1, {});
+        };
+        world.pause = [](std::int64_t) {};
+        world.stop_requested = [] { return false; };
+        world.run_hooks = [this](HookKind kind, const HookFacts& facts) {
+            RunHooks(config, kind, facts);
+            hooks.push_back(facts.verdict);
+        };
+        world.say = [this](const std::string& line) { said.push_back(line); };
+        world.report = [this](const Night& night) {
+            Disk disk;
+            const std::vector<Night> nights = ListNights(config.directory);
+            WriteReports(disk, config, night, LastGood(nights, night.moment));
+        };
+        world.record_history = [] {};
+        return world;
+    }
+    // Runs a night, and moves the clock to the next one.
+    Night Run(const RunOptions& options = {}) {
+        World world = MakeWorld();
+        const Night night = RunNight(world, config, options);
+        now += Day;
+        return night;
+    }
+    std::string Exclude(const std::string& text) {
+        config.exclude = site.File("exclude", text);
+        return config.exclude;
+    }
+    std::vector<Night> Nights() const { return ListNights(config.directory); }
+    bool HasArchive(const Night& night) const { return fs::exists(night.File(NightFiles::Archive)); }
+    // Runs vondral-nightly itself on what the nights above left.
+    Outcome Command(std::vector<std::string> arguments) {
+        WriteFile(site.work / "etc/office.toml", ShowConfig(config));
+        arguments.insert(arguments.begin(), {"--config-dir", site.work / "etc"});
+        Program program;
+        program.executable = NIGHTLY_UNDER_TEST;
+        program.arguments = std::move(arguments);
+        program.port = site.server != nullptr ? site.server->Port() : 0;
+        return program.Run();
+    }
+};
+
+std::string Reasons(const Night& night) {
+    return testing::PrintToString(night.record->reasons);
+}
+
+// The ways in which a believed exit status lost the last good copy.
+
+TEST(Nights, AnEmptyExcludeLineReplacesNothing) {
+    NightSite site;
+    const Night good = site.Run();
+    ASSERT_TRUE(good.IsGood()) << Reasons(good);
+    site.config.keep = {1, 0, 0, 0};
+    site.Exclude("/QDLS\n\n");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_THAT(Reasons(site.Run()), HasSubstr("exclude: line 2 is empty and excludes the whole server"));
+    EXPECT_TRUE(site.HasArchive(good));
+}
+
+TEST(Nights, LockedObjectsReplaceNothing) {
+    NightSite site;
+    const Night good = site.Run();
+    site.config.keep = {1, 0, 0, 0};
+    site.config.tolerate = 0.10;
+    site.site.options.locked = {"/home/note", "/QSYS.LIB/PAYROLL.LIB"};
+    const Night bad = site.Run();
+    EXPECT_EQ(bad.record->verdict, Verdict::Failed);
+    EXPECT_THAT(Reasons(bad), HasSubstr("3 files of 7 missing"));
+    EXPECT_TRUE(site.HasArchive(good));
+    // With precheck off the library counts as saved.
+    site.config.precheck = false;
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB/RATES.FILE"};
+    const Night empty = site.Run();
+    EXPECT_EQ(empty.record->exit_status, 0);
+    EXPECT_EQ(empty.record->verdict, Verdict::Failed);
+    EXPECT_THAT(Reasons(empty), HasSubstr("1 file of 7 missing"));
+    EXPECT_TRUE(site.HasArchive(good));
+    EXPECT_THAT(ReadFile(empty.File(NightFiles::Missed)), HasSubstr("] /QSYS.LIB/PAYROLL.LIB"));
+}
+
+TEST(Nights, ANightInTheFutureReplacesNothing) {
+    NightSite site;
+    site.now += 400 * Day;
+    const Night future = site.Run();
+    site.now = Start;
+    site.config.keep = {1, 0, 0, 0};
+    const Night first = site.Run(), second = site.Run();
+    EXPECT_TRUE(site.HasArchive(second));
+    EXPECT_TRUE(site.HasArchive(future));
+    EXPECT_FALSE(site.HasArchive(first));
+    EXPECT_THAT(site.said, testing::Contains(future.Name() + ": its name lies in the future; check the clock"));
+}
+
+TEST(Nights, ChangedNightsKeepTheFullOneTheyBuildOn) {
+    NightSite site;
+    site.config.keep = {2, 0, 0, 0};
+    site.config.level.full_days = {1};
+    site.config.level.max_shrink = 1;
+    const Night full = site.Run();
+    std::vector<Night> changed;
+    for (int i = 0; i < 4; ++i) {
+        WriteFile(site.site.root / "home/new", std::to_string(i));
+        fs::last_write_time(site.site.root / "home/new", fs::file_time_type::clock::now());
+        changed.push_back(site.Run());
+        EXPECT_EQ(changed.back().record->level, Level::Changed);
+    }
+    EXPECT_EQ(changed[0].record->base, full.moment);
+    EXPECT_EQ(changed[0].record->cutoff, full.moment - 900);
+    EXPECT_EQ(changed[3].record->base, changed[2].moment);
+    for (const Night& night : changed)
+        EXPECT_TRUE(site.HasArchive(night)) << night.Name();
+    EXPECT_TRUE(site.HasArchive(full));
+    EXPECT_EQ(ChainOf(site.Nights(), changed[3]).size(), 5);
+    // The day of a full night was missed: the next one is full.
+    site.now += 4 * Day;
+    EXPECT_EQ(site.Run().record->level, Level::Full);
+    EXPECT_EQ(site.Run().record->level, Level::Changed);
+    EXPECT_EQ(site.Run({Level::Full}).record->level, Level::Full);
+}
+
+TEST(Nights, AnEmptyFailedNightReplacesNoBetterOne) {
+    NightSite site;
+    site.site.options.locked = {"/home/note"};
+    const Night useful = site.Run();
+    EXPECT_FALSE(useful.complete);
+    site.site.options.password = "changed";
+    const Night empty = site.Run();
+    EXPECT_THAT(Reasons(empty), HasSubstr("the run did not reach its end: "));
+    EXPECT_TRUE(site.HasArchive(useful));
+    site.site.options.password = "secret";
+    site.site.options.locked.clear();
+    EXPECT_TRUE(site.Run().IsGood());
+    EXPECT_FALSE(site.HasArchive(useful));
+}
+
+TEST(Nights, RetrySavesWhatWasMissed) {
+    NightSite site;
+    site.config.retries = 2;
+    // The first save of each fails; the second one does not.
+    site.site.options.faults = {Replace("RCMD SAVLIB LIB(PAYROLL)", "550 in use"), Replace("RCMD SAVSECDTA", "550 no")};
+    World world = site.MakeWorld();
+    int runs = 0;
+    const auto back_up = world.back_up;
+    world.back_up = [&](const BackupRequest& request) {
+        if (runs++ > 0)
+            site.site.options.faults.clear();
+        return back_up(request);
+    };
+    const Night night = RunNight(world, site.config, {});
+    EXPECT_TRUE(night.IsGood()) << Reasons(night);
+    EXPECT_EQ(runs, 2);
+    EXPECT_THAT(night.record->archives, ElementsAre("archive.ctar", "retry1.ctar"));
+    const auto entries = ReadArchiveFile(night.File("retry1.ctar"));
+    ASSERT_TRUE(entries);
+    EXPECT_EQ(entries->size(), 2);
+    EXPECT_EQ(ReadFile(night.File(NightFiles::Missed)), "");
+    // Whatever kept the first attempt from saving anything, the second one saves everything.
+    site.now += Day;
+    site.site.options.password = "changed";
+    runs = 0;
+    world.back_up = [&](const BackupRequest& request) {
+        if (runs++ > 0)
+            site.site.options.password = "secret";
+        return back_up(request);
+    };
+    EXPECT_TRUE(RunNight(world, site.config, {}).IsGood());
+}
+
+TEST(Nights, HooksAndMetricsTellTheVerdict) {
+    NightSite site;
+    const std::string told = site.site.work / "told";
+    site.config.hooks.on_failure = {"echo \"$SERVER $NIGHT $VERDICT $SUMMARY $(basename $LOG)\" >>" + told, "false"};
+    site.config.hooks.on_success = {"exec sleep 100"};
+    site.config.hooks.limit = 1;
+    site.Run(); // its hook is killed
+    site.site.options.locked = {"/home/note"};
+    const Night bad = site.Run();
+    EXPECT_THAT(ReadFile(told), testing::StartsWith("office " + bad.Name() + " failed " + bad.Name()));
+    EXPECT_THAT(ReadFile(told), testing::EndsWith(" log\n"));
+    const std::string metrics = ReadFile(site.config.metrics);
+    EXPECT_THAT(metrics, HasSubstr("vondral_night_good{server=\"office\"} 0\n"));
+    EXPECT_THAT(metrics, HasSubstr("vondral_night_files_missing{server=\"office\"} 2\n"));
+    EXPECT_THAT(metrics,
+                HasSubstr("vondral_last_good_run_end_time_seconds{server=\"office\"} " + std::to_string(Start)));
+    EXPECT_THAT(ReadFile(bad.File(NightFiles::Page)), HasSubstr("2 files of 7 missing"));
+}
+
+// A run that was killed before its verdict is judged by the next one; a kill while old nights are removed is made up
+// for.
+TEST(Nights, FinishWhatAKillLeft) {
+    for (const char* const step : {"mkdir", "write", "publish", "sync", "rename", "remove"}) {
+        NightSite site;
+        site.config.keep = {1, 0, 0, 0};
+        site.Run();
+        World world = site.MakeWorld();
+        world.disk.before = [&](const char* name, const std::string&) {
+            if (std::string(step) == name)
+                throw std::runtime_error("killed");
+        };
+        EXPECT_ANY_THROW(RunNight(world, site.config, {})) << step;
+        site.now += 1;
+        const Night after = site.Run();
+        EXPECT_TRUE(after.IsGood()) << step;
+        int archives = 0;
+        for (const Night& night : site.Nights()) {
+            EXPECT_TRUE(night.record) << step << " " << night.Name();
+            EXPECT_EQ(night.complete, night.IsGood()) << step << " " << night.Name();
+            archives += night.has_archive ? 1 : 0;
+            EXPECT_EQ(night.has_archive, site.HasArchive(night)) << step;
+            for (const auto& file : fs::directory_iterator(night.path))
+                EXPECT_THAT(file.path().filename().string(), Not(testing::EndsWith(".removing"))) << step;
+        }
+        EXPECT_EQ(archives, 1) << step;
+    }
+}
+
+TEST(Nights, TheirHistoryMadeAnewSaysTheSame) {
+    NightSite site;
+    std::vector<std::string> found[2];
+    const auto find_all = [&](std::vector<std::string>& lines) {
+        const std::vector<Night> nights = site.Nights();
+        const History history(site.config.directory, nights);
+        history.Find([](const std::string&) { return true; },
+                     [&lines](const FoundCopy& copy) {
+                         lines.push_back(copy.path + " " + copy.night->Name() + " " + copy.entry + " " +
+                                         std::to_string(copy.bytes) + copy.digest + copy.archive);
+                     });
+    };
+    for (int night = 0; night < 6; ++night) {
+        fs::remove(site.site.root / "home/note");
+        if (night % 3 != 1)
+            WriteFile(site.site.root / "home/note", std::to_string(night));
+        site.site.options.locked.clear();
+        if (night == 4)
+            site.site.options.locked = {"/QDLS"};
+        site.Run();
+        std::vector<std::string> ignored;
+        find_all(ignored);
+    }
+    find_all(found[0]);
+    EXPECT_THAT(found[0], testing::Contains(HasSubstr("/home/note 2026-09-24T141320Z /home ")));
+    EXPECT_THAT(found[0], Not(testing::Contains(HasSubstr("/home/note 2026-09-22T141320Z"))));
+    EXPECT_EQ(site.Command({"reindex", "office"}).status, 0);
+    find_all(found[1]);
+    EXPECT_EQ(found[0], found[1]);
+    WriteFile(site.config.directory + "/history.db", "this is no database");
+    found[1].clear();
+    find_all(found[1]);
+    EXPECT_EQ(found[0], found[1]);
+}
+
+// The commands that read nights
+
+TEST(Commands, ReadWhatTheNightsLeft) {
+    NightSite site;
+    const Night first = site.Run();
+    WriteFile(site.site.root / "home/added", std::string(1000, 'm'));
+    fs::remove_all(site.site.root / "QSYS.LIB/TOOLS.LIB");
+    const Night second = site.Run();
+    struct Row {
+        std::vector<std::string> arguments;
+        int status;
+        const char* text; // somewhere in the outputs
+    };
+    const std::string what = site.site.File("what", "/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/COPY.LIB\n/nowhere\n");
+    const std::string page = site.site.work / "history.html";
+    for (const Row& row : {
+             Row{{"config", "office"}, 0, "server = \"127.0.0.1\""},
+             Row{{"config", "nobody"}, 3, "nobody.toml: No such file"},
+             Row{{"config", "../office"}, 3, "not the name of a server"},
+             Row{{"status", "--max-age", "1000d"}, 0, "office  2026-09-22T141320Z"},
+             Row{{"status", "office", "--max-age", "1s"}, 2, "the last good night is older than 1s"},
+             Row{{"status", "--json"}, 2, "\"newly_missing\": 0"},
+             Row{{"find", "office", "note"}, 0, "/home/note\n  2026-09-21T141320Z: in /home, 140.448 KB, sha256 "},
+             Row{{"find", "office", "/QSYS.LIB/TOOLS*"}, 0, "2026-09-21T141320Z: entry of its own"},
+             Row{{"find", "office", "/nowhere"}, 1, "no night of office has such an object"},
+             Row{{"find", "office", "/home/added", "--json"}, 0, "\"entry\": \"/home\""},
+             Row{{"diff", "office", first.Name(), second.Name()}, 0, "gone          /QSYS.LIB/TOOLS.LIB\n"},
+             Row{{"diff", "office", first.Name(), second.Name()}, 0, "added         /home/added\n"},
+             Row{{"diff", "office", first.Name(), second.Name(), "--json"}, 0, "\"change\": \"larger\""},
+             Row{{"plan", "office", "-i", what},
+                 0,
+                 "RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) "},
+             Row{{"plan", "office", "-i", what}, 0, "*** nothing matches the include line: /nowhere\n"},
+             Row{{"plan", "office", "-i", what}, 0, "*** WARNING: security data and configuration are part"},
+             Row{{"plan", "office", first.Name()}, 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
+             Row{{"plan", "office", "2026-01-01T000000Z"}, 3, "no such night"},
+             Row{{"prune", "office", "--dry-run", "--json"}, 0, "it has the newest good copy of 1 object, such as "},
+             Row{{"history", "office", "--html", page}, 0, ""},
+             Row{{"restore", "office"}, 3, "nothing is restored without --yes"},
+             Row{{"run", "office", "--dry-run"}, 0, "a full night: every night is full"},
+             Row{{"drill", "office"}, 3, "the configuration has no key drill"},
+             Row{{}, 3, "A subcommand is required"},
+         }) {
+        const Outcome outcome = site.Command(row.arguments);
+        EXPECT_EQ(outcome.status, row.status) << row.text << outcome.out << outcome.err;
+        EXPECT_THAT(outcome.out + outcome.err, HasSubstr(row.text));
+    }
+    EXPECT_THAT(ReadFile(page), HasSubstr("nights/2026-09-22T141320Z/report.html"));
+    EXPECT_TRUE(site.HasArchive(first)); // nothing above removes anything
+}
+
+TEST(Commands, RestoreWhatWasPlannedAndNoMore) {
+    NightSite site;
+    site.Run();
+    const fs::path saved = site.site.work / "saved";
+    fs::copy(site.site.root.path, saved, fs::copy_options::recursive);
+    fs::remove_all(site.site.root / "home");
+    WriteFile(site.site.root / "Security Data", "other profiles");
+    const std::string what = site.site.File("what", "/home\n");
+    site.Exclude("");
+    const std::string no_system = site.site.File("system", "/Security Data\n/System Configuration\n");
+    const Outcome outcome = site.Command({"restore", "office", "-i", what, "-e", no_system, "--yes"});
+    EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("1 of 1 objects restored\n"));
+    EXPECT_EQ(DiffTrees(saved / "home", site.site.root / "home"), "");
+    EXPECT_EQ(ReadFile(site.site.root / "Security Data"), "other profiles");
+    // One object that the server refuses is told, and the status is not 0.
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
+    const Outcome refused = site.Command({"restore", "office", "-e", no_system, "--yes"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr("NOT RESTORED: /QSYS.LIB/PAYROLL.LIB from "));
+}
+
+TEST(Commands, DrillRestoresOneLibraryUnderAnotherName) {
+    NightSite site;
+    site.Run();
+    site.config.drill = DrillPlan{"127.0.0.1", "/QSYS.LIB/TOOLS.LIB", "/QSYS.LIB/DRILL.LIB"};
+    const Outcome outcome = site.Command({"drill", "office"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(ReadFile(site.site.root / "QSYS.LIB/DRILL.LIB/RUN.PGM"), "run");
+    EXPECT_TRUE(ReadDrill(site.config.directory)->good);
+    EXPECT_EQ(ReadFile(site.site.root / "Security Data"), "profiles");
+    site.config.drill->as = "/QSYS.LIB/TOOLONGANAME.LIB";
+    EXPECT_EQ(site.Command({"drill", "office"}).status, 2);
+    EXPECT_FALSE(ReadDrill(site.config.directory)->good);
+}
+
+TEST(Commands, CheckFindsWhatWouldGoWrong) {
+    NightSite site;
+    site.Run();
+    site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
+    const Outcome good = site.Command({"check", "office"});
+    EXPECT_EQ(good.status, 0) << good.out << good.err;
+    EXPECT_THAT(good.out, HasSubstr("ok      login as FRED\n"));
+    EXPECT_THAT(good.out, testing::ContainsRegex("/home +2 +140.004 KB\n"));
+    EXPECT_THAT(good.out, testing::ContainsRegex("/QSYS.LIB/TOOLS.LIB +1 "));
+    // Another time zone, a mistake in a path file, a passive port that is closed.
+    site.config.timezone = "America/New_York";
+    fs::last_write_time(site.site.root / "home/note", fs::file_time_type::clock::now());
+    site.Exclude("/home/x \n");
+    const Outcome bad = site.Command({"check", "office"});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_THAT(bad.out, HasSubstr("in the future: the server's clock differs"));
+    EXPECT_THAT(bad.out, HasSubstr("line 1 has a blank at the end"));
+    site.site.options.faults = {Replace("PASV", "425 no", 0)};
+    site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
+    EXPECT_THAT(site.Command({"check", "office"}).out, HasSubstr("FAILED  directories can be listed over passive"));
+}
+
+// Whoever already holds the directory keeps it.
+TEST(Commands, TwoRunsDoNotShareADirectory) {
+    NightSite site;
+    const Descriptor lock = LockNights(site.config.directory);
+    const Outcome second = site.Command({"run", "office"});
+    EXPECT_EQ(second.status, 3);
+    EXPECT_THAT(second.err, HasSubstr("another run is at work"));
+}
+
+} // namespace
+
+} // namespace nightly

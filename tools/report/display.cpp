@@ -113,7 +113,7 @@ const ColumnUnit& TimeUnit(double greatest) {
     static constexpr ColumnUnit seconds{"s", [](double time) { return FormatText("%.3f", time); }};
     static constexpr ColumnUnit minutes{"min:s", ShowMinutes};
     static constexpr ColumnUnit hours{"h:min:s", ShowHours};
-    return greatest < 60 ? seconds : greatest < 3600 ? minutes : hours;
+    return greatest < 600 ? seconds : greatest < 3600 ? minutes : hours; // milliseconds matter among short ones
 }
 
 std::string ShowBytes(double bytes) {

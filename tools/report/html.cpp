@@ -135,7 +135,7 @@ std::string MissingSection(const LoggedRun& run) {
         return {};
     std::string html =
         "<section class=\"bad\" id=\"missing\">" + Heading("Missing, in whole or in part", run.Missing());
-    html += "<table><tr><th>Name</th><th>Outcome</th><th class=\"number\">Time</th><th>Reason</th></tr>";
+    html += "<table><tr class=\"head\"><th>Name</th><th>Outcome</th><th class=\"number\">Time</th><th>Reason</th></tr>";
     for (const Result& result : run.missing)
         html += MissingRow(run, result);
     return html + "</table></section>";
@@ -150,11 +150,15 @@ std::string MessagesSection(const LoggedRun& run) {
     return html + "</ul></section>";
 }
 
+bool LostConnection(const LoggedRun& run) {
+    return !std::ranges::all_of(run.faults, &ConnectionFault::recovered);
+}
+
 // What happened to the connections in words, with the lines of the log folded away.
 std::string ConnectionSection(const LoggedRun& run) {
     if (run.faults.empty())
         return {};
-    const bool lost = !std::ranges::all_of(run.faults, &ConnectionFault::recovered);
+    const bool lost = LostConnection(run);
     std::string html = FormatText("<section class=\"%s\" id=\"connection\">", lost ? "bad" : "");
     html += Heading("Connection", run.fault_count);
     for (const ConnectionFault& fault : run.faults) {
@@ -245,7 +249,8 @@ std::string ResultTable(const LoggedRun& run, const char* title, std::vector<Res
     results.resize(std::min(results.size(), most));
     const std::span<const Column> columns =
         run.mode == Mode::Restore ? std::span<const Column>(RestoreColumns) : std::span<const Column>(BackupColumns);
-    std::string html = FormatText("<section><h2>%s %s</h2><table><tr><th>Name</th>", title, PluralUnitName(run.mode));
+    std::string html =
+        FormatText("<section><h2>%s %s</h2><table><tr class=\"head\"><th>Name</th>", title, PluralUnitName(run.mode));
     for (const Column& column : columns)
         html += FormatText("<th class=\"number\">%s (%s)</th>", column.heading, UnitOf(column, results).name);
     html += "</tr>";
@@ -330,8 +335,9 @@ std::string HtmlPage(const LoggedRun& run, const RunContext& context, std::time_
         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>";
     html += DocumentTitle(run, context);
     html += "</title><style>" + std::string(PageStyle) + "</style></head>\n<body><main>";
-    html += Header(run, context, ended) + Tiles(run, context) + MissingSection(run) + ConnectionSection(run) +
-            MessagesSection(run);
+    html += Header(run, context, ended) + Tiles(run, context) + MessagesSection(run);
+    html += LostConnection(run) ? ConnectionSection(run) + MissingSection(run)  // the cause first
+                                : MissingSection(run) + ConnectionSection(run); // which cost nothing
     if (past != nullptr && changes != nullptr)
         html += ChangesSection(*past, *changes);
     html += TimelineSection(run) + ResultTable(run, "Largest", Ranked(run.largest, BytesOf)) +

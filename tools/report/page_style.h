@@ -34,7 +34,7 @@ tr:last-child td { border-bottom: 0; } .number { text-align: right; white-space:
 .name { font-family: ui-monospace, monospace; font-size: 13px; overflow-wrap: anywhere; white-space: pre-wrap; }
 td.name { min-width: 220px; }
 .outcome { color: var(--warn); font-weight: 600; white-space: nowrap; } .failed { color: var(--bad); } ul { margin: 4px 0; padding-left: 20px; }
-.legend span { margin-right: 16px; font-size: 13px; } .legend i { display: inline-block; width: 11px; height: 11px; border-radius: 3px; margin-right: 5px; }
+.legend span { display: inline-block; margin-right: 16px; font-size: 13px; } .legend i { display: inline-block; width: 11px; height: 11px; border-radius: 3px; margin-right: 5px; }
 svg { width: 100%; min-width: 640px; display: block; } svg text { fill: var(--quiet); font: 11px system-ui, sans-serif; }
 svg .worker { font-size: 13px; font-weight: 600; fill: var(--text); } .tick { stroke: var(--line); }
 .save { fill: var(--save); background: var(--save); } .wait { fill: var(--wait); background: var(--wait); }
@@ -46,10 +46,10 @@ g:hover .frame, g:hover rect { stroke: var(--text); stroke-width: 1; }
 .lines { font-family: ui-monospace, monospace; font-size: 12px; white-space: pre-wrap; overflow-wrap: anywhere;
   color: var(--quiet); margin: 0 0 10px 16px; }
 @media (max-width: 640px) { main { padding: 16px 10px 40px; } section { padding: 12px 14px; }
-  .tiles { grid-template-columns: repeat(auto-fit, minmax(104px, 1fr)); gap: 8px; } .tile { padding: 8px 12px; } .tile b { font-size: 19px; }
+  .tiles { grid-template-columns: repeat(auto-fit, minmax(104px, 1fr)); gap: 8px; } .tile { padding: 8px 12px; } .tile b { font-size: 17px; white-space: nowrap; }
   table:not(.plain), table:not(.plain) tbody { display: block; } table:not(.plain) tr { display: flex; flex-wrap: wrap; gap: 0 16px;
     padding: 6px 0; border-bottom: 1px solid var(--line); } table:not(.plain) tr:last-child { border-bottom: 0; }
-  table:not(.plain) th { display: none; } table:not(.plain) td { border: 0; padding: 1px 0; } table:not(.plain) td.name, td.reason { width: 100%; }
+  svg { min-width: 900px; } table:not(.plain) .head { display: none; } table:not(.plain) td { border: 0; padding: 1px 0; } table:not(.plain) td.name, td.reason { width: 100%; }
   td[data-label]:not([data-label=""]):not(:empty)::before { content: attr(data-label) " "; color: var(--quiet); font-size: 12px; } }
 )";
 

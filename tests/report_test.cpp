@@ -297,8 +297,9 @@ TEST(Report, KnownLossAndJudgement) {
 TEST(Report, Outputs) {
     using Row = std::pair<std::string, std::vector<std::string>>;
     const std::string good = Ended(Success("/a")), exit_status = "Exit status according to the log: ";
-    const std::string restore =
-        Line("01:00:00", "Archive  : /a") + Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
+    const std::string restore = Line("01:00:00", "Archive  : /a") +
+                                Line("01:00:10", "vondral[a.cpp,1]: h:21: control connection closed") +
+                                Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
     const std::string huge = Success("/a") + "[23:59:51] [T01] Size: 999999999 GB\n" +
                              "[23:59:51] [T01] Save: 999999999999999999 s\n" + Success("/b");
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
@@ -315,8 +316,9 @@ TEST(Report, Outputs) {
            {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>",
             "\"outcome failed\" data-label=\"\">failed<"}},
           {restore,
-           {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored", "{\"type\":\"entry\",",
-            "\"seconds\":30", "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
+           {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored",
+            "Connection lost at 01:00:10 during /a; recovered by itself", "{\"type\":\"entry\",", "\"seconds\":30",
+            "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
           {huge,
            {"\"bytes\":999999999000000000,", "!\":-", "!>-", ">backed up so far<",
             ": unfinished: 2 saves, 999999999.000 GB in "}},

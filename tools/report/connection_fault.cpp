@@ -74,7 +74,7 @@ void AddToFault(ConnectionFault& fault, FaultKind kind, std::string_view message
         fault.kind = kind;
     fault.attempts += message == "recovering checkpoint" ? 1 : 0;
     if (fault.lines.size() < ConnectionFault::MostLines)
-        fault.lines.emplace_back(line);
+        fault.lines.emplace_back(line.substr(0, ConnectionFault::LongestLine));
 }
 
 std::string FaultReason(const ConnectionFault& fault, int first) {

@@ -19,6 +19,7 @@ enum class FaultKind {
 
 struct ConnectionFault {
     static constexpr std::size_t MostLines = 50;
+    static constexpr std::size_t LongestLine = 400; // bytes
 
     FaultKind kind{};
     int thread = 0;
@@ -26,7 +27,7 @@ struct ConnectionFault {
     std::string during;             // the save or entry that was under way, "" when not known
     bool recovered = false;         // the client reconnected, and what was under way succeeded
     std::uint64_t attempts = 0;     // to reconnect
-    std::vector<std::string> lines; // of the log, the first MostLines
+    std::vector<std::string> lines; // of the log, the first MostLines, cut to LongestLine
 };
 
 // The kind of fault that a message is about; nothing for other messages.

@@ -63,7 +63,10 @@ void PlaceInTime(Worker& worker, Result& result) {
 // The outcome of an entry is known only after its last line. When the server restores only part of it, standard error
 // has a failed command with the server's reply, but the entry counts as restored.
 void JudgeEntry(LoggedRun& run, Worker& worker, Result& entry) {
-    JoinReason(worker.messages, EndFault(run, worker, entry.name, worker.restored && !worker.failed));
+    const bool recovered = worker.restored && !worker.failed;
+    const std::string fault = EndFault(run, worker, entry.name, recovered);
+    if (!recovered)
+        JoinReason(worker.messages, fault);
     if (worker.failed)
         entry.outcome = Outcome::Failed;
     else if (!worker.messages.empty())

@@ -36,6 +36,7 @@ constexpr char Usage[] =
     "  --release VxRyMz   the release to report (%s)\n"
     "  --capitals         send replies in upper case\n"
     "  --help             print this text\n"
+    "  --version          print the version\n"
     "\n"
     "A bad night (--locked, --busy and --fault can be given again):\n"
     "  --locked PATH      an object that can be neither saved nor restored\n"
@@ -65,7 +66,7 @@ constexpr char Usage[] =
 
 struct Arguments {
     Options options;
-    bool help = false;
+    bool help = false, version = false;
 };
 
 struct ValueOption {
@@ -98,6 +99,8 @@ bool SetSwitch(Arguments& arguments, const std::string& name) {
         arguments.options.capitals = true;
     else if (name == "--help")
         arguments.help = true;
+    else if (name == "--version")
+        arguments.version = true;
     else
         return false;
     return true;
@@ -126,7 +129,7 @@ Arguments ParseArguments(int argc, char** argv) {
             SetValue(arguments.options, argv[index], argv[index + 1]); // argv ends with a null pointer
             index++;
         }
-    if (arguments.options.root.empty() && !arguments.help)
+    if (arguments.options.root.empty() && !arguments.help && !arguments.version)
         throw UsageError{"--root is required"};
     return arguments;
 }
@@ -165,6 +168,8 @@ int main(int argc, char** argv) {
     try {
         const Arguments arguments = ParseArguments(argc, argv);
         const Options defaults;
+        if (arguments.version)
+            return std::puts(REHEARSAL_VERSION) < 0 ? CannotServe : 0;
         if (!arguments.help)
             return Serve(arguments.options);
         std::printf(Usage, defaults.user.c_str(), defaults.password.c_str(), defaults.release.c_str());

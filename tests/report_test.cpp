@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include "display.h"
+#include "html.h"
 #include "log_line.h"
 #include "past_run.h"
 #include "progress.h"
+#include "prometheus.h"
 #include "test_support.h"
 #include "verdict.h"
 
@@ -134,7 +136,7 @@ TEST(Report, LogsOfTheProgramWholeAndCut) {
     double bytes = 0;
     for (const ArchiveEntry& entry : entries)
         bytes += static_cast<double>(entry.data.size());
-    EXPECT_TRUE(whole.bytes == bytes && whole.Results() == entries.size() && Omissions(whole).empty());
+    EXPECT_TRUE(whole.bytes == bytes && whole.Results() == entries.size() && Omissions(whole, {}).empty());
     EXPECT_EQ(whole.not_understood, 0U);
     for (const Result& result : whole.longest)
         EXPECT_TRUE(result.save_seconds && result.transfer_seconds) << result.name;
@@ -180,6 +182,14 @@ constexpr char BackupLog[] = R"--([22:00:00] [T00] Building Object Lists
 [00:00:04] [T01] Block returned no data
 [00:00:04] [T01] Backup Success: /QSYS.LIB/A.LIB
 [00:00:05] [T01] /tmp: 3 objects not saved
+[00:00:05] [T01] vondral[socket.cpp,1]: poll(): timedout after 60.00s (60.00s)
+[00:00:05] [T01] vondral[socket.cpp,1]: read(10.0.0.1:21): Connection reset by peer
+[00:00:05] [T02] vondral[socket.cpp,1]: connect(, 10.0.0.1:21): Connection refused
+[00:00:05] [T02] vondral[socket.cpp,1]: can't connect data port
+[00:00:05] [T02] vondral[ftp.cpp,1]: recovering checkpoint[00:00:05] [T02] vondral: sent command "PASS 4711"
+[00:00:05] [T02] vondral: sent command "PASS 4711"
+[00:00:05] [T02] vondral[ftp.cpp,1]: recovering checkpoint
+[00:00:06] [T02] Backup Failure: /QSYS.LIB/B.LIB
 [00:00:06] [T01] Backup Success: /tmp
 [00:00:06] [T01] Save:  61.000 s
 [00:00:06] [T01] ** Thread 1 Complete
@@ -197,18 +207,25 @@ TEST(Report, AllOutputsOfABackup) {
     Tool tool;
     WriteFile(tool.work / "old", Ended(Failure("/of an earlier run")) +
                                      Ended(Success("/gone") + Success("/QDLS") + Failure("/home") + Failure("/tmp")));
-    EXPECT_EQ(tool.Run(BackupLog, std::string("--against old input ") + AllOutputs), 0);
+    EXPECT_EQ(
+        tool.Run(BackupLog,
+                 std::string("--against old --server '<as400>' --night N1 --archive a/n1.ctar input ") + AllOutputs),
+        0);
     EXPECT_EQ(tool.Read("out"), BackupLog);
     EXPECT_EQ(tool.Read("records"),
               R"({"type":"save","run":0,"name":"/earlier","outcome":"saved","thread":1,"seconds":0}
 {"type":"missing","run":1,"name":"/nowhere","outcome":"not found","thread":0,"start_time":1772323191,"end_time":1772323191,"seconds":0,"reason":"no such path on the server"}
 {"type":"save","run":1,"name":"/home","outcome":"saved","thread":1,"start_time":1772323192.45,"end_time":1772323198,"seconds":5.55,"bytes":2892000,"save_seconds":4.1,"wait_seconds":0.2,"transfer_seconds":1.25}
 {"type":"missing","run":1,"name":"/QSYS.LIB/A.LIB","outcome":"no data","thread":1,"start_time":1772323198,"end_time":1772323204,"seconds":6,"reason":"the server returned no data; 550 No objects saved."}
-{"type":"missing","run":1,"name":"/tmp","outcome":"saved in part","thread":1,"start_time":1772323204,"end_time":1772323265,"seconds":61,"save_seconds":61,"reason":"3 objects not saved"}
 {"type":"missing","run":1,"name":"/QDLS","outcome":"failed","thread":2,"start_time":1772323201,"end_time":1772323203,"seconds":2,"reason":"SAV command failed; 550-CPF3814 in use"}
+{"type":"missing","run":1,"name":"/tmp","outcome":"saved in part","thread":1,"start_time":1772323204,"end_time":1772323265,"seconds":61,"save_seconds":61,"reason":"3 objects not saved"}
+{"type":"missing","run":1,"name":"/QSYS.LIB/B.LIB","outcome":"failed","thread":2,"start_time":1772323203,"end_time":1772323206,"seconds":3,"reason":"data connection refused at 00:00:05; open the server's passive ports in the firewall, then run again"}
+{"type":"connection","thread":2,"time":1772323205,"during":"/QSYS.LIB/B.LIB","recovered":false,"text":"Data connection refused at 00:00:05 during /QSYS.LIB/B.LIB; open the server's passive ports in the firewall, then run again","lines":["[00:00:05] [T02] vondral[socket.cpp,1]: connect(, 10.0.0.1:21): Connection refused","[00:00:05] [T02] vondral[socket.cpp,1]: can't connect data port","[00:00:05] [T02] vondral[ftp.cpp,1]: recovering checkpoint[00:00:05] [T02] vondral: sent command \"PASS","[00:00:05] [T02] vondral[ftp.cpp,1]: recovering checkpoint"]}
+{"type":"connection","thread":1,"time":1772323205,"during":"/tmp","recovered":true,"text":"Connection lost at 00:00:05 during /tmp; recovered by itself","lines":["[00:00:05] [T01] vondral[socket.cpp,1]: read(10.0.0.1:21): Connection reset by peer"]}
 {"type":"change","change":"newly missing","name":"/nowhere"}
 {"type":"change","change":"newly missing","name":"/QSYS.LIB/A.LIB"}
 {"type":"change","change":"newly missing","name":"/QDLS"}
+{"type":"change","change":"newly missing","name":"/QSYS.LIB/B.LIB"}
 {"type":"change","change":"no longer missing","name":"/home"}
 {"type":"change","change":"still missing","name":"/tmp"}
 {"type":"change","change":"no longer named","name":"/gone"}
@@ -217,35 +234,72 @@ TEST(Report, AllOutputsOfABackup) {
 {"type":"total","name":"files_attempted","value":17}
 {"type":"total","name":"files_failed","value":1}
 {"type":"total","name":"run_seconds","value":20.026}
-{"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":1,"not found":1},"bytes":2892000,"lines":24,"lines_not_understood":0,"omissions":["Earlier runs in the same log: 1. This is the last one."]}
+{"type":"run","run":1,"mode":"backup","status":"failures","exit_status":1,"start_time":1772323190,"end_time":1772323210,"saves":{"saved":1,"saved in part":1,"no data":1,"failed":2,"not found":1},"bytes":2892000,"lines":32,"lines_not_understood":0,"omissions":["How many files are missing: at least 2. The printed count can be too small, because a directory that fails replaces it.","Earlier runs in the same log: 1. This is the last one."],"server":"<as400>","archive":"a/n1.ctar","night":"N1"}
 )");
     EXPECT_EQ(std::regex_replace(tool.Read("gauges"), std::regex("#[^\n]*\n|[^\n]* 0\n|vondral_run_"), ""),
               "status{status=\"failures\"} 1\nend_time_seconds 1772323210\nexit_status 1\nfiles_attempted 17\n"
-              "files_failed 1\nsaves 5\nsaves_failed 1\nsaves_missing 4\nbytes 28512\nduration_seconds 20.026\n");
+              "files_failed 1\nsaves 6\nsaves_failed 2\nsaves_missing 5\nbytes 28512\nduration_seconds 20.026\n");
     EXPECT_EQ(std::regex_replace(tool.Read("err"), std::regex("vondral-report: "), ""),
-              "failures: 5 saves (1 saved, 1 failed, 1 saved in part, 1 no data, 1 not found), 28.512 KB in 20.026 s\n"
-              "newly missing: /nowhere\nnewly missing: /QSYS.LIB/A.LIB\nnewly missing: /QDLS\n"
+              "failures: 6 saves (1 saved, 2 failed, 1 saved in part, 1 no data, 1 not found), 28.512 KB in 20.026 s\n"
+              "connection: Data connection refused at 00:00:05 during /QSYS.LIB/B.LIB; open the server's passive ports "
+              "in the firewall, then run again\nnewly missing: /nowhere\nnewly missing: /QSYS.LIB/A.LIB\n"
+              "newly missing: /QDLS\nnewly missing: /QSYS.LIB/B.LIB\n"
               "no longer named: /gone\nno longer missing: /home\n");
+    for (const char* const file : {"page", "records", "gauges", "err"})
+        EXPECT_THAT(tool.Read(file), Not(HasSubstr("4711"))) << file;
     std::string page = std::regex_replace(tool.Read("page"), std::regex("\n"), " ");
     page = std::regex_replace(page.substr(page.find("<h1>")), std::regex("</section>"), "\n");
     EXPECT_EQ(
         std::regex_replace(page, std::regex("(<[^>]*>)+"), "|"),
-        R"(|Backup |failures|The log ends on Sunday,  1 March 2026, 00:00:10. Exit status according to the log: 1.|5|saves|1|saved|1|failed|1|saved in part|1|no data|1|not found|28.512 KB|backed up|20.026 s|run time|Missing, in whole or in part |4|Name|Outcome|Time|Reason|/nowhere|not found|23:59:51|no such path on the server|/QSYS.LIB/A.LIB|no data|00:00:04|the server returned no data; 550 No objects saved.|/tmp|saved in part|00:01:05|3 objects not saved|/QDLS|failed|00:00:03|SAV command failed; 550-CPF3814 in use|
-|Changes since |old|Newly missing |3|/nowhere|/QSYS.LIB/A.LIB|/QDLS|No longer named in the log |1|/gone|Still missing |1|/tmp|No longer missing |1|/home|
-|Workers|server saving|waiting for the archive|transfer|missing, in whole or in part|23:59:50|00:00:00|00:00:10|00:00:20|00:00:30|00:00:40|00:00:50|00:01:00|T00|T01|T02|/nowhere not found|/QDLS failed|/QSYS.LIB/A.LIB no data|/tmp saved in part save 1:01|/home saved, 2.892 MB save 4.100 s wait 0.200 s transfer 1.250 s|
-|Largest saves|Name|Size|Save time|Wait time|Transfer time|All|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|
-|Slowest saves|Name|Size|Save time|Wait time|Transfer time|All|/tmp|1:01|1:01|/QSYS.LIB/A.LIB|6 s|/home|2.892 MB|4.100 s|0.200 s|1.250 s|5.550 s|/QDLS|2 s|/nowhere|0 s|
-|Totals in the log|They count every file of a saved directory, and add up the times of all workers.|list bytes|2.048 KB|bytes|28.512 KB|files attempted|17|files failed|1|run time|20.026 s|
-|Not in this log, or not shown|Earlier runs in the same log: 1. This is the last one.|0 of 24 lines were not understood.|
+        R"(|Backup of &lt;as400&gt; |failures|Night |N1|Archive |a/n1.ctar|The log ends on Sunday,  1 March 2026, 00:00:10. Exit status according to the log: 1.|6|saves|1|saved|2|failed|1|saved in part|1|no data|1|not found|28.512 KB|backed up|20.026 s|run time|Connection |2|Data connection refused at 00:00:05 during /QSYS.LIB/B.LIB; open the server&#39;s passive ports in the firewall, then run again|[00:00:05] [T02] vondral[socket.cpp,1]: connect(, 10.0.0.1:21): Connection refused [00:00:05] [T02] vondral[socket.cpp,1]: can&#39;t connect data port [00:00:05] [T02] vondral[ftp.cpp,1]: recovering checkpoint[00:00:05] [T02] vondral: sent command &quot;PASS [00:00:05] [T02] vondral[ftp.cpp,1]: recovering checkpoint |Connection lost at 00:00:05 during /tmp; recovered by itself|[00:00:05] [T01] vondral[socket.cpp,1]: read(10.0.0.1:21): Connection reset by peer |If the connection was lost while an object was fetched, a restore from this archive stops at that object and does not reach what was saved after it.|
+|Missing, in whole or in part |5|Name|Outcome|Time|Reason|/nowhere|not found|23:59:51|no such path on the server|/QSYS.LIB/A.LIB|no data|00:00:04|the server returned no data; 550 No objects saved.|/QDLS|failed|00:00:03|SAV command failed; 550-CPF3814 in use|/tmp|saved in part|00:01:05|3 objects not saved|/QSYS.LIB/B.LIB|failed|00:00:06|data connection refused at 00:00:05; open the server&#39;s passive ports in the firewall, then run again|
+|Changes since |old|Newly missing |4|/nowhere|/QSYS.LIB/A.LIB|/QDLS|/QSYS.LIB/B.LIB|No longer named in the log |1|/gone|Still missing |1|/tmp|No longer missing |1|/home|
+|Workers|server saving|waiting for the archive|transfer|missing, in whole or in part|23:59:50|00:00:00|00:00:10|00:00:20|00:00:30|00:00:40|00:00:50|00:01:00|T00|T01|T02|/home saved, 2.892 MB save 4.100 s wait 0.200 s transfer 1.250 s|/nowhere not found|/QSYS.LIB/A.LIB no data|/QDLS failed|/tmp saved in part save 1:01|/QSYS.LIB/B.LIB failed|
+|Largest saves|Name|Size (MB)|Save (s)|Wait (s)|Transfer (s)|All (s)|/home|2.892|4.100|0.200|1.250|5.550|
+|Slowest saves|Name|Size (MB)|Save (s)|Wait (s)|Transfer (s)|All (s)|/tmp|61.000|61.000|/QSYS.LIB/A.LIB|6.000|/home|2.892|4.100|0.200|1.250|5.550|/QSYS.LIB/B.LIB|3.000|/QDLS|2.000|/nowhere|0.000|
+|Totals in the log|They count every file of a saved directory.|Files and listings|Number|files attempted|17|files failed, as printed|1|Bytes|KB|of the archive|28.512|of listings|2.048|Time|s|the run|20.026|
+|Not known, or not shown|How many files are missing: at least 2. The printed count can be too small, because a directory that fails replaces it.|Earlier runs in the same log: 1. This is the last one.|0 of 32 lines were not understood.|
 | )");
+}
+
+// What its caller knows counts more than the log.
+TEST(Report, KnownLossAndJudgement) {
+    const LoggedRun run = ParseRun(Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 1")));
+    const LoggedRun good = ParseRun(Ended(Success("/a")));
+    const TrueLoss none{164, 164, 2.5e6}, some{164, 72, 2.5e6};
+    using Row = std::tuple<const LoggedRun&, std::optional<TrueLoss>, std::optional<Judgement>, bool, std::string>;
+    for (const auto& [log, loss, judgement, is_good, summary] :
+         {Row{good, {}, {}, true, "complete: 1 save in 10 s"},
+          {good, none, {}, true, "complete: 1 save, none of 164 files missing, 2.500 MB in a sound archive in 10 s"},
+          {good,
+           some,
+           {},
+           false,
+           "complete: 1 save, 92 of 164 files missing (56.1 %), 2.500 MB in a sound archive in 10 s"},
+          {good, {}, Judgement{"suspicious", false, {}}, false, "suspicious: 1 save in 10 s"},
+          {run, none, Judgement{"good with gaps", true, {}}, true,
+           "good with gaps: 1 save, none of 164 files missing, 2.500 MB in a sound archive in 10 s"}}) {
+        const RunContext context{"as400", "n1/archive.ctar", "n1", loss, judgement};
+        TempDir work;
+        EXPECT_EQ(Summary(log, context), summary);
+        EXPECT_TRUE(WritePrometheus(work / "gauges", "", log, context, 1234));
+        const std::string gauges = ReadFile(work / "gauges"), page = HtmlPage(log, context, 1234, nullptr, nullptr);
+        EXPECT_EQ(gauges.find("\nvondral_last_good_run_end_time_seconds 1234\n") != gauges.npos, is_good) << summary;
+        EXPECT_EQ(gauges.find("\nvondral_run_files_missing 92\n") != gauges.npos, loss && loss->Missing() > 0);
+        EXPECT_EQ(page.find(">92 (56.1 %)</b>files missing<") != page.npos, loss && loss->Missing() > 0) << page;
+        EXPECT_THAT(
+            page, HasSubstr("<title>Backup of as400: " + summary.substr(0, summary.find(':')) + ", n1, archive.ctar<"));
+        EXPECT_EQ(page.find("files failed, at least") == page.npos, loss.has_value() || &log == &good);
+    }
 }
 
 // What some output says about made-up logs; after "!", what none says.
 TEST(Report, Outputs) {
     using Row = std::pair<std::string, std::vector<std::string>>;
     const std::string good = Ended(Success("/a")), exit_status = "Exit status according to the log: ";
-    const std::string restore =
-        Line("01:00:00", "Archive  : /a") + Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
+    const std::string restore = Line("01:00:00", "Archive  : /a") +
+                                Line("01:00:10", "vondral[a.cpp,1]: h:21: control connection closed") +
+                                Line("01:00:30", "Restore Success: /a") + Line("01:00:30", "Archive  : /b");
     const std::string huge = Success("/a") + "[23:59:51] [T01] Size: 999999999 GB\n" +
                              "[23:59:51] [T01] Save: 999999999999999999 s\n" + Success("/b");
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
@@ -259,17 +313,19 @@ TEST(Report, Outputs) {
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
            {exit_status + "2."}},
           {BackupLog,
-           {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>", "outcome failed\">failed<"}},
+           {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>",
+            "\"outcome failed\" data-label=\"\">failed<"}},
           {restore,
-           {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored", "{\"type\":\"entry\",",
-            "\"seconds\":30", "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
+           {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored",
+            "Connection lost at 01:00:10 during /a; recovered by itself", "{\"type\":\"entry\",", "\"seconds\":30",
+            "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
           {huge,
            {"\"bytes\":999999999000000000,", "!\":-", "!>-", ">backed up so far<",
             ": unfinished: 2 saves, 999999999.000 GB in "}},
           {plain,
            {"!_saves_failed", "!_saves_missing", "!\"failed\":", "!\"saved in part\":", ", at least 1 file failed in",
-            "</b>files failed, at least<", "<li>What failed and why: ", "<li>What was saved in part (-p no): ", "!" + exit_status,
-            "<li>Sizes and times of the saves: "}},
+            "</b>files failed, at least<", "<li>What failed and why: ", "<li>What was saved in part (-p no): ",
+            "!" + exit_status, "<li>Sizes and times of the saves: "}},
           {plain + Failure("/b"), {"_saves_failed 1\n", "!_saves_missing"}}}) {
         Tool tool;
         EXPECT_EQ(tool.Run(log, AllOutputs), 0);
@@ -282,7 +338,7 @@ TEST(Report, Outputs) {
 TEST(Report, LinesOfEveryKind) {
     using Row = std::tuple<std::string, LineKind, std::string>;
     for (const auto& [text, kind, expected] :
-         {Row{"Backup Success: vondral: sent command \"PASS x\"", LineKind::Saved, "vondral: sent command \"PASS x\""},
+         {Row{"Backup Success: vondral: sent command \"PASS x\"", LineKind::Saved, "vondral: sent command \"PASS"},
           {"vondral[backup.cpp:250] : Error reading", LineKind::Message, "Error reading"},
           {"vondral: sent command \"PASS secret\"", LineKind::Command, ""},
           {"vondral: sent command \"RCMD SAVLIB LIB(PAY) DEV(*SAVF)\"", LineKind::Command, "PAY"},
@@ -374,7 +430,7 @@ TEST(Report, GaugesKeepTheLastGoodRunOfTheSameLabels) {
 TEST(Report, Trouble) {
     const std::string log = Success("/a") + Success("/b");
     const std::string no_file = ": No such file or directory\n",
-                      refused = ": refusing to overwrite the log being read\n";
+                      refused = ": refusing to overwrite a log or an archive\n";
     const std::string no_space = "full: No space left on device\n", no_reader = "pipe: No such device or address\n";
     using Row = std::tuple<std::string, int, std::string>;
     for (const auto& [arguments, status, error] :
@@ -428,7 +484,18 @@ TEST(Report, PlainLinesOfProgressWhileTheLogIsSilent) {
     EXPECT_EQ(tool.Run(Success("/a"), "--every 1s --against old", feed), 0);
     EXPECT_THAT(tool.Read("err"), testing::StartsWith("vondral-report: 50 % | 1 of about 2 saves | "));
     EXPECT_EQ(ProgressText(ParseRun(BackupLog), {2.5, {}, {}}),
-              "5 saves | 1 failed | 2.892 MB | 1156.800 KB/s | 2 s | T02 after /QDLS");
+              "6 saves | 2 failed | 2.892 MB | 1156.800 KB/s | 2 s | T02 after /QSYS.LIB/B.LIB");
+    // The archive grows while its first object is fetched: against 10 MB in 1000 s, which this run exceeds in the end.
+    const std::string listing = Line("01:00:00", "Building Object Lists");
+    const std::string fetching = listing + Line("01:00:01", "Building Block Lists");
+    for (const auto& [log, seconds, archive, text] :
+         {std::tuple(listing, 10, 9e6, "0 % | about 16:30 left | 0 of about 4 saves | 10 s"),
+          {fetching, 40, 4e5, "4 % | about 16:00 left | 0 of about 4 saves | 400.000 KB | 10.000 KB/s | 40 s"},
+          {fetching, 100, 2.5e6, "25 % | about 10:37 left | 0 of about 4 saves | 2.500 MB | 25.000 KB/s | 1:40"},
+          {fetching, 2000, 9.999e6, "99 % | 0 of about 4 saves | 9.999 MB | 5.000 KB/s | 33:20"},
+          {fetching, 1000, 1e7, "0 of about 4 saves | 10.000 MB | 10.000 KB/s | 16:40"}})
+        EXPECT_THAT(ProgressText(ParseRun(log), {1.0 * seconds, archive, {4, 1e7, 1000}}),
+                    testing::StartsWith(text + std::string(" | T00")));
 }
 
 TEST(Report, LimitOfTheLargestSaves) {

@@ -36,6 +36,16 @@ bool IsVisible(char32_t character) {
     return !control && !separator_or_direction;
 }
 
+std::string ShowMinutes(double seconds) {
+    const auto whole = static_cast<long long>(seconds);
+    return FormatText("%lld:%02lld", whole / 60, whole % 60);
+}
+
+std::string ShowHours(double seconds) {
+    const auto whole = static_cast<long long>(seconds);
+    return FormatText("%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
 } // namespace
 
 std::string VisibleText(std::string_view bytes) {
@@ -91,6 +101,21 @@ std::string ShowShare(double share) {
     return FormatText("%.1f %%", (share > 0 ? std::max(share, least) : 0.0) * 100);
 }
 
+const ColumnUnit& BytesUnit(double greatest) {
+    static constexpr ColumnUnit units[] = {{"B", [](double bytes) { return FormatText("%.0f", bytes); }},
+                                           {"KB", [](double bytes) { return FormatText("%.3f", bytes / 1e3); }},
+                                           {"MB", [](double bytes) { return FormatText("%.3f", bytes / 1e6); }},
+                                           {"GB", [](double bytes) { return FormatText("%.3f", bytes / 1e9); }}};
+    return units[ScaleDecimal(greatest).unit];
+}
+
+const ColumnUnit& TimeUnit(double greatest) {
+    static constexpr ColumnUnit seconds{"s", [](double time) { return FormatText("%.3f", time); }};
+    static constexpr ColumnUnit minutes{"min:s", ShowMinutes};
+    static constexpr ColumnUnit hours{"h:min:s", ShowHours};
+    return greatest < 600 ? seconds : greatest < 3600 ? minutes : hours; // milliseconds matter among short ones
+}
+
 std::string ShowBytes(double bytes) {
     static constexpr const char* units[] = {"B", "KB", "MB", "GB"};
     const ScaledAmount amount = ScaleDecimal(bytes);
@@ -98,12 +123,9 @@ std::string ShowBytes(double bytes) {
 }
 
 std::string ShowDuration(double seconds) {
-    const auto whole = static_cast<long long>(seconds);
-    if (whole < 60)
-        return FormatText(seconds == static_cast<double>(whole) ? "%.0f s" : "%.3f s", seconds);
-    if (whole < 3600)
-        return FormatText("%lld:%02lld", whole / 60, whole % 60);
-    return FormatText("%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
+    if (seconds >= 60)
+        return seconds < 3600 ? ShowMinutes(seconds) : ShowHours(seconds);
+    return FormatText(seconds == std::floor(seconds) ? "%.0f s" : "%.3f s", seconds);
 }
 
 std::string ShowTime(double time) {

@@ -116,31 +116,62 @@ std::string Tiles(const LoggedRun& run, const RunContext& context) {
     return html + "</div>";
 }
 
+// A cell; a phone shows `label` in front of it. `style` may be "".
+std::string Cell(const char* style, const char* label, const std::string& html) {
+    return FormatText("<td class=\"%s\" data-label=\"%s\">", style, label) + html + "</td>";
+}
+
 std::string MissingRow(const LoggedRun& run, const Result& result) {
-    return "<tr><td class=\"name\">" + HtmlText(result.name) +
-           FormatText("</td><td class=\"outcome %s\">%s</td><td class=\"number\">%s</td><td>",
-                      result.outcome == Outcome::Failed ? "failed" : "", OutcomeName(result.outcome, run.mode),
-                      ShowTime(run.clock.first + result.end).c_str()) +
-           (result.reason.empty() ? "<span class=\"quiet\">not in this log</span>" : HtmlText(result.reason)) +
-           "</td></tr>";
+    const char* const unknown = "<span class=\"quiet\">not in this log</span>";
+    return "<tr>" + Cell("name", "", HtmlText(result.name)) +
+           Cell(result.outcome == Outcome::Failed ? "outcome failed" : "outcome", "",
+                OutcomeName(result.outcome, run.mode)) +
+           Cell("number", "", ShowTime(run.clock.first + result.end)) +
+           Cell("reason", "", result.reason.empty() ? unknown : HtmlText(result.reason)) + "</tr>";
 }
 
 std::string MissingSection(const LoggedRun& run) {
-    std::string html;
-    if (!run.missing.empty()) {
-        html += "<section class=\"bad\" id=\"missing\">" + Heading("Missing, in whole or in part", run.Missing());
-        html += "<table><tr><th>Name</th><th>Outcome</th><th>Time</th><th>Reason</th></tr>";
-        for (const Result& result : run.missing)
-            html += MissingRow(run, result);
-        html += "</table></section>";
+    if (run.missing.empty())
+        return {};
+    std::string html =
+        "<section class=\"bad\" id=\"missing\">" + Heading("Missing, in whole or in part", run.Missing());
+    html += "<table><tr class=\"head\"><th>Name</th><th>Outcome</th><th class=\"number\">Time</th><th>Reason</th></tr>";
+    for (const Result& result : run.missing)
+        html += MissingRow(run, result);
+    return html + "</table></section>";
+}
+
+std::string MessagesSection(const LoggedRun& run) {
+    if (run.messages.empty())
+        return {};
+    std::string html = "<section class=\"bad\"><h2>Messages about the run</h2><ul>";
+    for (const std::string& message : run.messages)
+        html += "<li>" + HtmlText(message) + "</li>";
+    return html + "</ul></section>";
+}
+
+bool LostConnection(const LoggedRun& run) {
+    return !std::ranges::all_of(run.faults, &ConnectionFault::recovered);
+}
+
+// What happened to the connections in words, with the lines of the log folded away.
+std::string ConnectionSection(const LoggedRun& run) {
+    if (run.faults.empty())
+        return {};
+    const bool lost = LostConnection(run);
+    std::string html = FormatText("<section class=\"%s\" id=\"connection\">", lost ? "bad" : "");
+    html += Heading("Connection", run.fault_count);
+    for (const ConnectionFault& fault : run.faults) {
+        html += "<details><summary>" + HtmlText(FaultText(fault, run.clock.first)) + "</summary><div class=\"lines\">";
+        for (const std::string& line : fault.lines)
+            html += HtmlText(line) + "\n";
+        html += "</div></details>";
     }
-    if (!run.messages.empty()) {
-        html += "<section class=\"bad\"><h2>Messages about the run</h2><ul>";
-        for (const std::string& message : run.messages)
-            html += "<li>" + HtmlText(message) + "</li>";
-        html += "</ul></section>";
-    }
-    return html;
+    if (lost && run.mode == Mode::Backup)
+        html +=
+            "<p class=\"quiet\">If the connection was lost while an object was fetched, a restore from this archive "
+            "stops at that object and does not reach what was saved after it.</p>";
+    return html + "</section>";
 }
 
 // Long lists are folded.
@@ -190,24 +221,26 @@ std::string TimelineSection(const LoggedRun& run) {
     return html + "</p>" + svg + "</section>";
 }
 
-std::string Seconds(const std::optional<double>& seconds) {
-    return seconds ? ShowDuration(*seconds) : "";
-}
-
 struct Column {
     const char* heading;
-    std::string (*text)(const Result&);
+    bool bytes; // else seconds
+    std::optional<double> (*value)(const Result&);
 };
-constexpr Column BackupColumns[] = {
-    {"Size", [](const Result& result) { return result.bytes ? ShowBytes(*result.bytes) : ""; }},
-    {"Save time", [](const Result& result) { return Seconds(result.save_seconds); }},
-    {"Wait time", [](const Result& result) { return Seconds(result.wait_seconds); }},
-    {"Transfer time", [](const Result& result) { return Seconds(result.transfer_seconds); }},
-    {"All", [](const Result& result) { return ShowDuration(DurationOf(result)); }}};
-constexpr Column RestoreColumns[] = {
-    {"Transfer time", [](const Result& result) { return Seconds(result.transfer_seconds); }},
-    {"Restore time", [](const Result& result) { return Seconds(result.restore_seconds); }},
-    {"All", [](const Result& result) { return ShowDuration(DurationOf(result)); }}};
+constexpr Column Size{"Size", true, [](const Result& result) { return result.bytes; }};
+constexpr Column SaveTime{"Save", false, [](const Result& result) { return result.save_seconds; }};
+constexpr Column WaitTime{"Wait", false, [](const Result& result) { return result.wait_seconds; }};
+constexpr Column TransferTime{"Transfer", false, [](const Result& result) { return result.transfer_seconds; }};
+constexpr Column RestoreTime{"Restore", false, [](const Result& result) { return result.restore_seconds; }};
+constexpr Column Duration{"All", false, [](const Result& result) { return std::optional(DurationOf(result)); }};
+constexpr Column BackupColumns[] = {Size, SaveTime, WaitTime, TransferTime, Duration};
+constexpr Column RestoreColumns[] = {TransferTime, RestoreTime, Duration};
+
+const ColumnUnit& UnitOf(const Column& column, const std::vector<Result>& results) {
+    double greatest = 0;
+    for (const Result& result : results)
+        greatest = std::max(greatest, column.value(result).value_or(0));
+    return column.bytes ? BytesUnit(greatest) : TimeUnit(greatest);
+}
 
 std::string ResultTable(const LoggedRun& run, const char* title, std::vector<Result> results) {
     constexpr std::size_t most = LoggedRun::MostLargest;
@@ -216,44 +249,77 @@ std::string ResultTable(const LoggedRun& run, const char* title, std::vector<Res
     results.resize(std::min(results.size(), most));
     const std::span<const Column> columns =
         run.mode == Mode::Restore ? std::span<const Column>(RestoreColumns) : std::span<const Column>(BackupColumns);
-    std::string html = FormatText("<section><h2>%s %s</h2><table><tr><th>Name</th>", title, PluralUnitName(run.mode));
+    std::string html =
+        FormatText("<section><h2>%s %s</h2><table><tr class=\"head\"><th>Name</th>", title, PluralUnitName(run.mode));
     for (const Column& column : columns)
-        html += FormatText("<th class=\"number\">%s</th>", column.heading);
+        html += FormatText("<th class=\"number\">%s (%s)</th>", column.heading, UnitOf(column, results).name);
     html += "</tr>";
     for (const Result& result : results) {
-        html += "<tr><td class=\"name\">" + HtmlText(result.name) + "</td>";
-        for (const Column& column : columns)
-            html += "<td class=\"number\">" + column.text(result) + "</td>";
+        html += "<tr>" + Cell("name", "", HtmlText(result.name));
+        for (const Column& column : columns) {
+            const ColumnUnit& unit = UnitOf(column, results);
+            const std::optional<double> value = column.value(result);
+            html += Cell("number", FormatText("%s (%s)", column.heading, unit.name).c_str(),
+                         value ? unit.show(*value) : "");
+        }
         html += "</tr>";
     }
     return html + "</table></section>";
 }
 
-std::string TotalsSection(const LoggedRun& run) {
-    std::string rows;
-    for (std::size_t i = 0; i < TotalCount; ++i) {
-        if (!run.totals[i])
-            continue;
-        std::string name = TotalNames[i];
-        std::replace(name.begin(), name.end(), '_', ' ');
-        const bool seconds = name.ends_with(" seconds");
-        if (seconds)
-            name.replace(name.size() - 7, 7, "time");
-        const std::string value = seconds                   ? ShowDuration(*run.totals[i])
-                                  : name.ends_with("bytes") ? ShowBytes(*run.totals[i])
-                                                            : FormatText("%.0f", *run.totals[i]);
-        rows += "<tr><td>" + name + "</td><td class=\"number\">" + value + "</td></tr>";
-    }
-    if (rows.empty())
-        return {};
-    return "<section><h2>Totals in the log</h2><p class=\"quiet\">They count every file of a saved directory, and "
-           "add up the times of all workers.</p><table class=\"narrow\">" +
-           rows + "</table></section>";
+struct TotalRow {
+    Total total;
+    const char* label;
+};
+constexpr TotalRow CountRows[] = {{Total::Found, "files found"},
+                                  {Total::Attempted, "files attempted"},
+                                  {Total::Failed, "files failed, as printed"},
+                                  {Total::ParsingErrors, "parsing errors in listings"},
+                                  {Total::ListCalls, "listings"}};
+constexpr TotalRow BytesRows[] = {{Total::Bytes, "of the archive"}, {Total::ListBytes, "of listings"}};
+constexpr TotalRow TimeRows[] = {{Total::RunSeconds, "the run"},
+                                 {Total::ListSeconds, "listing"},
+                                 {Total::SaveSeconds, "server saving, all workers"},
+                                 {Total::WaitSeconds, "waiting, all workers"},
+                                 {Total::TransferSeconds, "transfer, all workers"}};
+
+const ColumnUnit& CountUnit(double) {
+    static constexpr ColumnUnit unit{"Number", [](double count) { return FormatText("%.0f", count); }};
+    return unit;
 }
 
-std::string OmissionsSection(const LoggedRun& run) {
-    std::string html = "<section id=\"omissions\"><h2>Not in this log, or not shown</h2><ul>";
-    for (const std::string& omission : Omissions(run))
+// Totals of one kind, with one unit.
+std::string TotalsTable(const LoggedRun& run, const char* heading, std::span<const TotalRow> totals,
+                        const ColumnUnit& (*unit_of)(double)) {
+    double greatest = 0;
+    for (const TotalRow& row : totals)
+        greatest = std::max(greatest, run.Get(row.total).value_or(0));
+    const ColumnUnit& unit = unit_of(greatest);
+    std::string rows;
+    for (const TotalRow& row : totals)
+        if (const std::optional<double> value = run.Get(row.total))
+            rows +=
+                FormatText("<tr><td>%s</td><td class=\"number\">%s</td></tr>", row.label, unit.show(*value).c_str());
+    if (rows.empty())
+        return {};
+    return FormatText("<table class=\"plain\"><tr><th>%s</th><th class=\"number\">%s</th></tr>", heading, unit.name) +
+           rows + "</table>";
+}
+
+std::string TotalsSection(const LoggedRun& run) {
+    const std::string tables = TotalsTable(run, "Files and listings", CountRows, CountUnit) +
+                               TotalsTable(run, "Bytes", BytesRows, BytesUnit) +
+                               TotalsTable(run, "Time", TimeRows, TimeUnit);
+    if (tables.empty())
+        return {};
+    return "<section><h2>Totals in the log</h2><p class=\"quiet\">They count every file of a saved directory.</p>"
+           "<div class=\"totals\">" +
+           tables + "</div></section>";
+}
+
+std::string OmissionsSection(const LoggedRun& run, const RunContext& context) {
+    std::string html = "<section id=\"omissions\"><h2>Not known, or not shown</h2><ul>";
+    for (const std::string& omission : Omissions(run, context))
         html += "<li>" + omission + "</li>";
     return html + FormatText("</ul><p class=\"quiet\">%llu of %llu lines were not understood.</p></section>",
                              Number{run.not_understood}, Number{run.lines});
@@ -269,12 +335,14 @@ std::string HtmlPage(const LoggedRun& run, const RunContext& context, std::time_
         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>";
     html += DocumentTitle(run, context);
     html += "</title><style>" + std::string(PageStyle) + "</style></head>\n<body><main>";
-    html += Header(run, context, ended) + Tiles(run, context) + MissingSection(run);
+    html += Header(run, context, ended) + Tiles(run, context) + MessagesSection(run);
+    html += LostConnection(run) ? ConnectionSection(run) + MissingSection(run)  // the cause first
+                                : MissingSection(run) + ConnectionSection(run); // which cost nothing
     if (past != nullptr && changes != nullptr)
         html += ChangesSection(*past, *changes);
     html += TimelineSection(run) + ResultTable(run, "Largest", Ranked(run.largest, BytesOf)) +
             (run.has_measurements ? ResultTable(run, "Slowest", Ranked(run.longest, DurationOf)) : "");
-    return html + TotalsSection(run) + OmissionsSection(run) + "</main></body></html>\n";
+    return html + TotalsSection(run) + OmissionsSection(run, context) + "</main></body></html>\n";
 }
 
 } // namespace report

@@ -37,7 +37,18 @@ void WriteChanges(Output& output, const char* change, const Changes::Names& name
         WriteRecord(output, {{"type", "change"}, {"change", change}, {"name", name}});
 }
 
-Record RunRecord(const LoggedRun& run, std::time_t started, std::time_t ended) {
+Record FaultRecord(const LoggedRun& run, const ConnectionFault& fault, std::time_t started) {
+    Record record = {{"type", "connection"}, {"thread", fault.thread}};
+    PutTime(record, "time", started, fault.time);
+    if (!fault.during.empty())
+        record["during"] = fault.during;
+    record["recovered"] = fault.recovered;
+    record["text"] = FaultText(fault, run.clock.first);
+    record["lines"] = fault.lines;
+    return record;
+}
+
+Record RunRecord(const LoggedRun& run, const RunContext& context, std::time_t started, std::time_t ended) {
     static constexpr const char* modes[] = {"unknown", "backup", "restore"};
     Record record = {{"type", "run"}, {"run", run.earlier_runs}, {"mode", modes[static_cast<std::size_t>(run.mode)]}};
     record["status"] = StatusName(StatusOf(run));
@@ -52,7 +63,7 @@ Record RunRecord(const LoggedRun& run, std::time_t started, std::time_t ended) {
         Put(record, "bytes", run.bytes);
     record["lines"] = run.lines;
     record["lines_not_understood"] = run.not_understood;
-    record["omissions"] = Omissions(run);
+    record["omissions"] = Omissions(run, context);
     return record;
 }
 
@@ -100,6 +111,8 @@ void WriteRunRecords(Output& output, const LoggedRun& run, const RunContext& con
                      std::time_t ended, const Changes* changes) {
     for (const std::string& message : run.messages)
         WriteRecord(output, {{"type", "message"}, {"text", message}});
+    for (const ConnectionFault& fault : run.faults)
+        WriteRecord(output, FaultRecord(run, fault, started));
     if (changes != nullptr) {
         WriteChanges(output, "newly missing", changes->newly_missing);
         WriteChanges(output, "no longer missing", changes->no_longer_missing);
@@ -112,7 +125,7 @@ void WriteRunRecords(Output& output, const LoggedRun& run, const RunContext& con
             Put(record, "value", run.totals[i]);
             WriteRecord(output, record);
         }
-    Record record = RunRecord(run, started, ended);
+    Record record = RunRecord(run, context, started, ended);
     PutContext(record, context);
     WriteRecord(output, record);
 }

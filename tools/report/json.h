@@ -16,8 +16,8 @@ namespace report {
 // the run in the log. `started` is the epoch time of the first line of that run, 0 when not known.
 void WriteResultRecord(Output& output, const LoggedRun& run, const Result& result, std::time_t started);
 
-// The records at the end of the output: each "message", each "change" (`changes` may be null), each "total", and the
-// "run". `started` and `ended` are the epoch times of its first and last line, 0 when not known.
+// The records at the end of the output: each "message", each "connection" fault, each "change" (`changes` may be null),
+// each "total", and the "run". `started` and `ended` are the epoch times of its first and last line, 0 when not known.
 void WriteRunRecords(Output& output, const LoggedRun& run, const RunContext& context, std::time_t started,
                      std::time_t ended, const Changes* changes);
 

@@ -130,7 +130,7 @@ struct Command {
     std::string_view after_name;
 };
 
-// Commands that show what a worker is doing. PASS names nothing, so its argument is never kept.
+// Commands that show what a worker is doing.
 constexpr Command Commands[] = {
     {"RETR ", "fetching", "", ""},
     {"RCMD SAVLIB ", "saving", "LIB(", ")"},
@@ -143,7 +143,7 @@ constexpr Command Commands[] = {
     {"RCMD RST", "restoring", "", ""},
     {"QUIT", "done", "", ""},
     {"USER ", "logging in", "", ""},
-    {"PASS ", "logging in", "", ""},
+    {"PASS", "logging in", "", ""},
 };
 
 // The name in a command, as the command spells it.
@@ -171,9 +171,10 @@ void ParseCommand(std::string_view text, LogLine& line) {
     }
 }
 
-// Waits and blocks, which -v4 and -v5 report; not failures.
+// Not failures: a minute of waiting, and what -v4 and -v5 report.
 bool IsTrace(std::string_view text) {
-    return text.ends_with("looking for completion reply") || text.starts_with("looking for more") ||
+    return text.starts_with("poll(): timedout after ") || text.starts_with("poll(): timedout on data read ") ||
+           text.ends_with("looking for completion reply") || text.starts_with("looking for more") ||
            text.starts_with("callback gave us") ||
            (text.ends_with(" bytes to callback") && text.starts_with("sending ")) ||
            (text.ends_with(" bytes") && (text.starts_with("read(") || text.starts_with("write(")));
@@ -254,10 +255,18 @@ bool ParsePartialSave(std::string_view text, LogLine& line) {
     return true;
 }
 
+// The line up to the argument of PASS, wherever the command is in it: it may follow a line that was cut.
+std::string_view WithoutPassphrase(std::string_view text) {
+    constexpr std::string_view command = "sent command \"PASS";
+    const std::size_t at = text.find(command);
+    return at == text.npos ? text : text.substr(0, at + command.size());
+}
+
 } // namespace
 
 LogLine ParseLogLine(std::string_view text) {
     LogLine line;
+    text = line.whole = WithoutPassphrase(text);
     if (!ConsumeTag(text, line)) {
         line.kind = LineKind::Reply;
         line.text = text;

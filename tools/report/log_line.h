@@ -1,8 +1,8 @@
 // Parses one line of a run's log on its own: which thread wrote it, when, and what it says. run.h decides what it means
 // for the run.
 //
-// From -v3 on the log contains the passphrase, in the command PASS. The parser returns no text for that line, so
-// nothing built on it can show the passphrase.
+// From -v3 on the log contains the passphrase, in the command PASS. The parser cuts a line after that word before it
+// looks at it, so nothing built on the parser can keep or show the passphrase.
 
 #pragma once
 
@@ -66,6 +66,7 @@ enum class LineKind {
 };
 
 struct LogLine {
+    std::string_view whole; // the line, without the argument of PASS
     LineKind kind = LineKind::Unknown;
     int time = -1;   // seconds since midnight, -1 without a prefix
     int thread = -1; // number in the prefix, -1 without one

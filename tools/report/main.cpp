@@ -91,23 +91,27 @@ private:
     std::array<void (*)(int), signals_.size()> before_{};
 };
 
-// Returns false, after saying why, when an output is a log to be read: it would be emptied, replaced, or grow for ever.
-bool OutputsSpareLogs(const Options& options, const struct stat& log) {
+// Returns false, after saying why, when an output is a log to be read or the archive: it would be emptied, replaced, or
+// grow for ever.
+bool OutputsSpareInputs(const Options& options, const struct stat& log) {
     struct stat old_log {};
     ::stat(options.against.c_str(), &old_log);
-    const auto is_log = [&](const struct stat& output) {
-        return S_ISREG(output.st_mode) && (IsSameFile(output, log) || IsSameFile(output, old_log));
+    struct stat archive {};
+    ::stat(options.archive.c_str(), &archive);
+    const auto is_input = [&](const struct stat& output) {
+        return S_ISREG(output.st_mode) &&
+               (IsSameFile(output, log) || IsSameFile(output, old_log) || IsSameFile(output, archive));
     };
     const bool to_records = options.json == "-";
     std::string refused;
     struct stat status {};
     for (const std::string& path : {options.html, options.prometheus, to_records ? "" : options.json})
-        if (::stat(path.c_str(), &status) == 0 && is_log(status))
+        if (::stat(path.c_str(), &status) == 0 && is_input(status))
             refused = path;
-    if ((to_records || !options.no_log) && ::fstat(STDOUT_FILENO, &status) == 0 && is_log(status))
+    if ((to_records || !options.no_log) && ::fstat(STDOUT_FILENO, &status) == 0 && is_input(status))
         refused = "standard output";
     if (!refused.empty())
-        PrintError(refused, "refusing to overwrite the log being read");
+        PrintError(refused, "refusing to overwrite a log or an archive");
     return refused.empty();
 }
 
@@ -246,8 +250,19 @@ void PrintNames(const char* what, const Changes::Names& names) {
                      static_cast<unsigned long long>(names.count - most));
 }
 
+// The faults that cost something.
+Changes::Names LastingFaults(const LoggedRun& run) {
+    Changes::Names texts;
+    for (const ConnectionFault& fault : run.faults)
+        if (!fault.recovered)
+            texts.names.push_back(FaultText(fault, run.clock.first));
+    texts.count = texts.names.size();
+    return texts;
+}
+
 void PrintSummary(const Report& report) {
     std::fprintf(stderr, "vondral-report: %s\n", Summary(report.run, ContextOf(report.options)).c_str());
+    PrintNames("connection", LastingFaults(report.run));
     PrintNames("newly missing", report.changes.newly_missing);
     PrintNames("no longer named", report.changes.no_longer_named);
     PrintNames("no longer missing", report.changes.no_longer_missing);
@@ -267,7 +282,7 @@ int MakeReport(const Options& options) {
     const int input = file.IsOpen() ? file.Get() : STDIN_FILENO;
     struct stat status {};
     ::fstat(input, &status);
-    if (!OutputsSpareLogs(options, status))
+    if (!OutputsSpareInputs(options, status))
         return BadUsage;
     report.live = !S_ISREG(status.st_mode);
     if (!report.live && !options.json.empty())

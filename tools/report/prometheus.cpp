@@ -100,7 +100,8 @@ bool WritePrometheus(const std::string& path, const std::string& labels, const L
     AddGauge(page, "vondral_run_files_attempted",
              "Files that the last run tried to save, including each file in a saved directory.",
              run.Get(Total::Attempted));
-    AddGauge(page, "vondral_run_files_failed", "Files of these that failed.", run.Get(Total::Failed));
+    AddGauge(page, "vondral_run_files_failed", "Files of these that failed, as the log counts them: at least so many.",
+             run.Get(Total::Failed));
     if (context.loss) {
         AddGauge(page, "vondral_run_files_missing", "Files of these that no entry of a sound archive covers.",
                  static_cast<double>(context.loss->Missing()));

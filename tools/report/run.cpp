@@ -28,6 +28,27 @@ void AppendReason(std::string& reason, std::string_view more) {
     reason.append(more.substr(0, LongestReason - reason.size()));
 }
 
+void JoinReason(std::string& reason, std::string more) {
+    if (!reason.empty() && !more.empty())
+        more += "; ";
+    reason.insert(0, more);
+}
+
+// The worker's fault is over, or the run is. Returns it as the reason for a failure, "" when there is none.
+std::string EndFault(LoggedRun& run, Worker& worker, const std::string& during, bool recovered) {
+    if (!worker.fault)
+        return {};
+    ConnectionFault fault = *std::exchange(worker.fault, std::nullopt);
+    fault.recovered = recovered;
+    if (!during.empty())
+        fault.during = during;
+    std::string reason = FaultReason(fault, run.clock.first);
+    ++run.fault_count;
+    if (run.faults.size() < LoggedRun::MostFaults)
+        run.faults.push_back(std::move(fault));
+    return reason;
+}
+
 // The log's time of the end is cut to the second; the phases are exact to the millisecond. A result starts when its
 // worker is free, or later.
 void PlaceInTime(Worker& worker, Result& result) {
@@ -41,7 +62,11 @@ void PlaceInTime(Worker& worker, Result& result) {
 
 // The outcome of an entry is known only after its last line. When the server restores only part of it, standard error
 // has a failed command with the server's reply, but the entry counts as restored.
-void JudgeEntry(Worker& worker, Result& entry) {
+void JudgeEntry(LoggedRun& run, Worker& worker, Result& entry) {
+    const bool recovered = worker.restored && !worker.failed;
+    const std::string fault = EndFault(run, worker, entry.name, recovered);
+    if (!recovered)
+        JoinReason(worker.messages, fault);
     if (worker.failed)
         entry.outcome = Outcome::Failed;
     else if (!worker.messages.empty())
@@ -59,7 +84,7 @@ void Settle(LoggedRun& run, Worker& worker) {
     Result result = std::move(*worker.pending);
     worker.pending.reset();
     if (run.mode == Mode::Restore)
-        JudgeEntry(worker, result);
+        JudgeEntry(run, worker, result);
     PlaceInTime(worker, result);
     ++run.counts[static_cast<std::size_t>(result.outcome)];
     run.unexplained += result.outcome == Outcome::NotRestored && result.reason.empty() ? 1 : 0;
@@ -86,16 +111,20 @@ Result& AddResult(LoggedRun& run, Worker& worker, const LogLine& line, Outcome o
 }
 
 void AddSave(LoggedRun& run, Worker& worker, const LogLine& line) {
-    if (line.kind == LineKind::NotSaved)
-        AddResult(run, worker, line, Outcome::Failed).reason =
-            worker.messages.empty() ? worker.standing : worker.messages;
-    else if (worker.no_data)
+    const std::string fault =
+        EndFault(run, worker, std::string(line.text), line.kind == LineKind::Saved && !worker.no_data);
+    if (line.kind == LineKind::NotSaved) {
+        std::string& reason = AddResult(run, worker, line, Outcome::Failed).reason;
+        reason = worker.messages.empty() ? worker.standing : worker.messages;
+        JoinReason(reason, fault);
+    } else if (worker.no_data) {
         AddResult(run, worker, line, Outcome::NoData).reason =
             "the server returned no data" + (worker.partial.empty() ? "" : "; " + worker.partial);
-    else if (!worker.partial.empty())
+    } else if (!worker.partial.empty()) {
         AddResult(run, worker, line, Outcome::SavedInPart).reason = worker.partial;
-    else
+    } else {
         AddResult(run, worker, line, Outcome::Saved);
+    }
     worker.no_data = false;
     worker.partial.clear();
     worker.messages.clear();
@@ -130,7 +159,23 @@ bool ProcessMeasurement(LoggedRun& run, Worker& worker, const LogLine& line) {
     return true;
 }
 
+// What several messages say about one fault is one reason, in words.
+void ProcessFault(LoggedRun& run, Worker& worker, const LogLine& line, FaultKind kind) {
+    if (!worker.fault) {
+        worker.fault.emplace();
+        worker.fault->thread = line.thread;
+        worker.fault->time = run.clock.elapsed;
+        worker.fault->during = line.thread == 0 && worker.doing == "listing" ? "the listing" : "";
+    }
+    AddToFault(*worker.fault, kind, line.text, line.whole);
+}
+
 void ProcessMessage(LoggedRun& run, Worker& worker, const LogLine& line) {
+    if (const std::optional<FaultKind> kind = FaultKindOf(line.text)) {
+        ProcessFault(run, worker, line, *kind);
+        if (!line.fatal)
+            return;
+    }
     // A hostile server could echo the passphrase in its reply to PASS.
     if ((line.text.ends_with("command failed") || line.text == "list failed") && line.text != "PASS command failed")
         run.reply_to = line.thread;
@@ -212,6 +257,7 @@ bool ProcessBackupLine(LoggedRun& run, Worker& worker, const LogLine& line) {
         worker.doing = "listing";
         break;
     case LineKind::SavingStarted:
+        EndFault(run, worker, {}, worker.messages.empty());
         run.listed = true;
         worker.doing = "directing the workers";
         worker.name.clear();
@@ -330,8 +376,10 @@ void ProcessLogLine(LoggedRun& run, std::string_view text) {
 }
 
 void FinishRun(LoggedRun& run) {
-    for (auto& [thread, worker] : run.workers)
+    for (auto& [thread, worker] : run.workers) {
         Settle(run, worker);
+        EndFault(run, worker, worker.doing.empty() ? "" : worker.name, run.complete && worker.done);
+    }
 }
 
 } // namespace report

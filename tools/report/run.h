@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "connection_fault.h"
 #include "log_clock.h"
 #include "log_line.h"
 #include "result.h"
@@ -28,8 +29,9 @@ struct Worker {
     // The earliest start of its next save or entry, seconds after the first line of the log; nothing before it is
     // known.
     std::optional<double> free_since;
-    std::string messages; // its failure messages since the last result
-    std::string standing; // the reason why all its saves fail
+    std::string messages;                 // its failure messages since the last result
+    std::string standing;                 // the reason why all its saves fail
+    std::optional<ConnectionFault> fault; // during the save whose result comes next, or the current entry
     // About the save whose result comes next, or about the current entry:
     bool no_data = false, restored = false, failed = false;
     std::string partial; // what is missing of it
@@ -43,6 +45,7 @@ struct LoggedRun {
     static constexpr std::size_t MostLongest = 2000;
     static constexpr std::size_t MostLargest = 20;
     static constexpr std::size_t MostMessages = 100;
+    static constexpr std::size_t MostFaults = 100;
 
     std::function<void(const LoggedRun&, const Result&)> on_result;
 
@@ -68,10 +71,12 @@ struct LoggedRun {
     std::map<int, Worker> workers;
     int reply_to = -1; // the thread whose message a line without a prefix belongs to
 
-    std::vector<Result> missing;       // in the order of the log
-    std::vector<Result> longest;       // a heap, see KeepGreatest
-    std::vector<Result> largest;       // a heap, see KeepGreatest
-    std::vector<std::string> messages; // failure messages of the run itself
+    std::vector<Result> missing;         // in the order of the log
+    std::vector<Result> longest;         // a heap, see KeepGreatest
+    std::vector<Result> largest;         // a heap, see KeepGreatest
+    std::vector<std::string> messages;   // failure messages of the run itself
+    std::vector<ConnectionFault> faults; // in the order in which they ended
+    std::uint64_t fault_count = 0;       // including those that are not kept
 
     std::optional<double> Get(Total total) const { return totals[static_cast<std::size_t>(total)]; }
     std::uint64_t Count(Outcome outcome) const { return counts[static_cast<std::size_t>(outcome)]; }

@@ -105,10 +105,11 @@ std::string ResultBars(const LoggedRun& run, const Result& result, const Scale& 
 std::string TimelineSvg(const LoggedRun& run) {
     std::map<int, int> rows; // by thread
     Scale scale{std::max(run.clock.elapsed, run.Get(Total::RunSeconds).value_or(0))};
-    for (const Result& result : run.longest) {
-        rows[result.thread] = 0;
-        scale.seconds = std::max(scale.seconds, result.end);
-    }
+    for (const auto* results : {&run.longest, &run.missing})
+        for (const Result& result : *results) {
+            rows[result.thread] = 0;
+            scale.seconds = std::max(scale.seconds, result.end);
+        }
     if (rows.empty() || scale.seconds <= 0)
         return {};
     int count = 0;
@@ -120,8 +121,13 @@ std::string TimelineSvg(const LoggedRun& run) {
                       Axis(run, scale, height);
     for (const auto& [thread, row] : rows)
         svg += FormatText("<text class=\"worker\" x=\"0\" y=\"%.0f\">T%02d</text>", row * RowHeight + 22, thread);
-    for (const Result& result : run.longest)
+    const auto draw = [&](const Result& result) {
         svg += ResultBars(run, result, scale, rows[result.thread] * RowHeight + 7);
+    };
+    for (const Result& result : run.longest)
+        if (!IsMissing(result.outcome))
+            draw(result);
+    std::ranges::for_each(run.missing, draw); // last, so that nothing covers them
     return svg + "</svg>";
 }
 

@@ -123,6 +123,8 @@ void AddLimits(const LoggedRun& run, std::vector<std::string>& omissions) {
     const char* const units = PluralUnitName(run.mode);
     if (run.missing.size() < run.Missing())
         omissions.push_back(FormatText("Missing %s beyond the first %zu.", units, run.missing.size()));
+    if (run.faults.size() < run.fault_count)
+        omissions.push_back(FormatText("Connection faults beyond the first %zu.", run.faults.size()));
     if (run.longest.size() < run.Results())
         omissions.push_back(FormatText("Timeline and times of all but the %zu longest of %s.", run.longest.size(),
                                        ShowCount(run.Results(), run.mode).c_str()));
@@ -158,8 +160,13 @@ std::optional<std::uint64_t> KnownMissing(const LoggedRun& run) {
     return known ? std::optional(run.Missing()) : std::nullopt;
 }
 
-std::vector<std::string> Omissions(const LoggedRun& run) {
+std::vector<std::string> Omissions(const LoggedRun& run, const RunContext& context) {
     std::vector<std::string> omissions;
+    const double failed = std::max(run.Get(Total::Failed).value_or(0), static_cast<double>(run.Count(Outcome::Failed)));
+    if (!context.loss && run.mode == Mode::Backup && failed > 0)
+        omissions.push_back(FormatText("How many files are missing: at least %.0f. The printed count can be too small, "
+                                       "because a directory that fails replaces it.",
+                                       failed));
     AddGaps(run, omissions);
     AddLimits(run, omissions);
     return omissions;

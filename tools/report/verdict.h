@@ -34,8 +34,8 @@ std::optional<std::uint64_t> KnownMissing(const LoggedRun& run);
 // Files that failed according to the totals, when the log names no failed save or entry; else 0.
 double UnnamedFailures(const LoggedRun& run);
 
-// Sentences about what is not in the log, for lack of verbosity, of standard error or of an end, or not shown.
-std::vector<std::string> Omissions(const LoggedRun& run);
+// Sentences about what is not known, for lack of verbosity, of standard error or of an end, or not shown.
+std::vector<std::string> Omissions(const LoggedRun& run, const RunContext& context);
 
 // Whether the run counts as good: by its judgement, without one when its log is complete and nothing is known to be
 // lost.

@@ -3,9 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <fcntl.h>
@@ -43,14 +41,6 @@ void KeepStandardDescriptors() {
     ::close(descriptor);
 }
 
-// CLI11 parses "[a,b]" as two arguments and "[a]" as "a".
-void RefuseLists(int argc, char** argv) {
-    for (const std::string_view argument : std::span(argv, static_cast<std::size_t>(argc)))
-        if (argument.starts_with('[') && argument.ends_with(']'))
-            throw Failure(Escape(argument) +
-                          ": begins and ends with a bracket; put ./ before a file, * before a pattern");
-}
-
 int Run(int argc, char** argv) {
     CLI::App app("Looks after CTAR archives without a server. See ctar(1).", "ctar");
     app.set_version_flag("--version", CTAR_VERSION);
@@ -58,7 +48,7 @@ int Run(int argc, char** argv) {
     std::vector<Action> actions;
     for (const Command& command : Commands)
         actions.push_back(command.declare(*app.add_subcommand(command.name, command.help)));
-    RefuseLists(argc, argv);
+    RefuseBracketed(argc, argv);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {

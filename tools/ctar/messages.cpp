@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "text.h"
 
@@ -55,6 +56,13 @@ std::string QuoteForShell(const std::string& bytes) {
 
 std::string FormatOffset(std::int64_t offset) {
     return FormatText("0x%llx (%lld)", static_cast<unsigned long long>(offset), static_cast<long long>(offset));
+}
+
+void RefuseBracketed(int argc, char** argv) {
+    for (const std::string_view argument : std::span(argv, static_cast<std::size_t>(argc)))
+        if (argument.starts_with('[') && argument.ends_with(']'))
+            throw Failure(Escape(argument) +
+                          ": begins and ends with a bracket; put ./ before a file, * before a pattern");
 }
 
 void PrintError(const std::string& text) {

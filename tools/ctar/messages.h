@@ -37,6 +37,9 @@ std::string QuoteForShell(const std::string& bytes);
 // "0x400 (1024)"
 std::string FormatOffset(std::int64_t offset);
 
+// Throws Failure for an argument in brackets: CLI11 parses "[a,b]" as two arguments and "[a]" as "a".
+void RefuseBracketed(int argc, char** argv);
+
 // Writes "ctar: text" to standard error.
 void PrintError(const std::string& text);
 

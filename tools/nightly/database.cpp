@@ -33,6 +33,16 @@ void Database::Execute(const char* sql) {
     Require(sqlite3_exec(Get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK, *this);
 }
 
+Transaction::~Transaction() {
+    if (open_)
+        sqlite3_exec(database_.Get(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Transaction::Commit() {
+    database_.Execute("COMMIT");
+    open_ = false;
+}
+
 void Statement::Closer::operator()(sqlite3_stmt* handle) const {
     sqlite3_finalize(handle);
 }

@@ -31,6 +31,20 @@ private:
     std::unique_ptr<sqlite3, Closer> handle_;
 };
 
+// Rolled back unless committed. Two programs may enter the same night.
+class Transaction {
+public:
+    explicit Transaction(Database& database) : database_(database) { database_.Execute("BEGIN IMMEDIATE"); }
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void Commit();
+
+private:
+    Database& database_;
+    bool open_ = true;
+};
+
 // A prepared statement. Parameters and columns count from 0.
 class Statement {
 public:

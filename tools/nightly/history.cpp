@@ -132,6 +132,7 @@ bool HasSchema(const Database& database) {
 
 // Enters the nights that the history lacks. Returns false when it does not fit the nights and has to be made anew.
 bool Update(Database& database, const std::vector<Night>& nights) {
+    Transaction transaction(database);
     std::map<std::int64_t, std::string> known;
     Statement read(database, "SELECT moment, fingerprint FROM nights");
     while (read.Step())
@@ -151,7 +152,6 @@ bool Update(Database& database, const std::vector<Night>& nights) {
     }
     if (fresh.empty() && known.empty())
         return true;
-    database.Execute("BEGIN IMMEDIATE");
     Writer writer(database);
     for (const Night* const night : fresh)
         AddNight(database, writer, *night);
@@ -161,7 +161,7 @@ bool Update(Database& database, const std::vector<Night>& nights) {
         forget.Bind(0, moment).Run();
         forget_entries.Bind(0, moment).Run();
     }
-    database.Execute("COMMIT");
+    transaction.Commit();
     return true;
 }
 

@@ -12,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ctar/messages.h"
 #include "failure.h"
 #include "records.h"
 #include "subcommands.h"
@@ -60,6 +61,7 @@ int Main(int argc, char** argv) {
     std::vector<Action> actions;
     for (const Subcommand& subcommand : Subcommands)
         actions.push_back(subcommand.declare(*app.add_subcommand(subcommand.name, subcommand.help), configs));
+    ctar::RefuseBracketed(argc, argv);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {

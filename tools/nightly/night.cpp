@@ -116,6 +116,16 @@ bool HasArchives(const Night& night) {
                                             [&night](const auto& name) { return Exists(night.File(name)); });
 }
 
+// The file begins with the time, written like the name of a night.
+std::time_t ReadRemovalTime(const Night& night) {
+    try {
+        const std::string text = ReadSmallFile(night.File(NightFiles::Removed));
+        return ParseNightName(text.substr(0, text.find(':'))).value_or(0);
+    } catch (const Failure&) {
+        return 0;
+    }
+}
+
 std::optional<Night> ReadNight(const fs::directory_entry& entry) {
     std::string name = entry.path().filename();
     Night night;
@@ -134,6 +144,8 @@ std::optional<Night> ReadNight(const fs::directory_entry& entry) {
     }
     night.foreign = night.record && night.record->started != night.moment;
     night.removed = Exists(night.File(NightFiles::Removed));
+    if (night.removed)
+        night.archive_gone = ReadRemovalTime(night);
     night.has_archive = HasArchives(night);
     return night;
 }

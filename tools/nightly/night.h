@@ -54,6 +54,7 @@ struct Night {
     std::optional<NightRecord> record; // nothing when the run was killed, or run.json is unreadable
     bool has_archive = false;          // all its archives are there, and not being removed
     bool removed = false;              // retention removed its archives, or was about to
+    std::time_t archive_gone = 0;      // when that was
     // Its record belongs to a night of another name: somebody copied or renamed the directory. It counts for nothing.
     bool foreign = false;
 

@@ -23,6 +23,7 @@ std::vector<RetainedNight> FactsOf(const std::vector<Night>& nights, const Confi
                          .has_archive = night.has_archive,
                          .foreign = night.foreign,
                          .tonight = tonight == night.moment,
+                         .archive_gone = night.archive_gone,
                          .base = night.record ? night.record->base : std::nullopt,
                          .units = UnitsOf(night.moment, config.timezone),
                          .objects = night.record ? night.record->objects : 0,

@@ -130,7 +130,8 @@ std::vector<std::size_t> FindOldRecords(const std::vector<RetainedNight>& nights
     const NightClock clock(now, moments);
     for (std::size_t i = 0; i < nights.size(); ++i) {
         const RetainedNight& night = nights[i];
-        if (!night.has_archive && !night.foreign && !night.tonight && clock.IsLongAgo(night.moment, rules.records))
+        if (!night.has_archive && !night.foreign && !night.tonight && clock.IsLongAgo(night.moment, rules.records) &&
+            now - night.archive_gone > rules.records)
             old.push_back(i);
     }
     return old;

@@ -23,6 +23,7 @@ struct RetainedNight {
     bool has_archive = false;
     bool foreign = false;              // copied or renamed by hand
     bool tonight = false;              // of this run
+    std::time_t archive_gone = 0;      // when retention removed its archives; 0 when it did not
     std::optional<std::time_t> base{}; // the night that it builds on
     CalendarUnits units{};             // of its moment, in the server's time zone
     std::uint64_t objects = 0;         // that a failed night saved, to compare it with others
@@ -41,8 +42,8 @@ public:
     // `moments` of all nights, ascending.
     NightClock(std::time_t now, const std::vector<std::time_t>& moments);
 
-    // Whether a night is longer ago than `span` seconds: by the clock, and by the nights since, between any two of which
-    // no more than a week is believed to have passed.
+    // Whether a night is longer ago than `span` seconds: by the clock, and by the nights since, between any two of
+    // which no more than a week is believed to have passed.
     bool IsLongAgo(std::time_t moment, std::int64_t span) const;
 
 private:

@@ -38,6 +38,7 @@ struct ServerStatus {
     std::string zone;
     double age = 0;            // seconds since the good night began
     double median_seconds = 0; // of the last 30 good nights of its level
+    std::string trouble;       // why nothing is known; "" when something is
 };
 
 double MedianSeconds(const std::vector<Night>& nights, const Night& good) {
@@ -50,7 +51,7 @@ double MedianSeconds(const std::vector<Night>& nights, const Night& good) {
     return seconds[seconds.size() / 2];
 }
 
-ServerStatus ReadStatus(const std::string& configs, const std::string& name, std::time_t now) {
+ServerStatus ReadServer(const std::string& configs, const std::string& name, std::time_t now) {
     const Config config = ReadConfig(configs, name);
     ServerStatus status;
     status.name = name;
@@ -66,6 +67,18 @@ ServerStatus ReadStatus(const std::string& configs, const std::string& name, std
         status.median_seconds = MedianSeconds(status.nights, *status.good);
     }
     return status;
+}
+
+// One server that cannot be read hides no other one.
+ServerStatus ReadStatus(const std::string& configs, const std::string& name, std::time_t now) {
+    try {
+        return ReadServer(configs, name, now);
+    } catch (const Failure& failure) {
+        ServerStatus status;
+        status.name = name;
+        status.trouble = failure.what();
+        return status;
+    }
 }
 
 Json RecordOf(const ServerStatus& status) {
@@ -104,7 +117,9 @@ std::vector<std::string> RowOf(const ServerStatus& status) {
 // What the table cannot say.
 void PrintRemarks(const ServerStatus& status, bool is_late, const std::string& max_age, std::time_t now) {
     const char* const name = status.name.c_str();
-    if (status.good == nullptr)
+    if (!status.trouble.empty())
+        std::printf("%s: %s\n", name, Shown(status.trouble).c_str());
+    else if (status.good == nullptr)
         std::printf("%s: no good night yet\n", name);
     else if (is_late)
         std::printf("%s: the last good night is older than %s\n", name, max_age.c_str());

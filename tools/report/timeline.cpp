@@ -17,6 +17,7 @@ constexpr double Width = 960;
 constexpr double RowHeight = 34;
 constexpr double BarHeight = 20;
 constexpr double ShortestBar = 1.5; // still visible
+constexpr double ShortestMissing = 3;
 
 struct Scale {
     double seconds = 0; // of the full width
@@ -83,7 +84,8 @@ std::string Tooltip(const LoggedRun& run, const Result& result) {
 std::string ResultBars(const LoggedRun& run, const Result& result, const Scale& scale, double y) {
     std::string svg = "<g>" + Tooltip(run, result);
     const double from = scale.At(result.start);
-    const double to = std::max(scale.At(result.end), from + ShortestBar);
+    const double to =
+        std::max(scale.At(result.end), from + (IsMissing(result.outcome) ? ShortestMissing : ShortestBar));
     if (IsMissing(result.outcome) || !result.PhaseSeconds()) {
         svg += Bar(IsMissing(result.outcome) ? "missing" : "whole", from, to, y);
     } else {

@@ -30,6 +30,17 @@ namespace {
 
 constexpr std::int64_t PageSize = 4096; // direct reads from a page boundary on are the fastest
 
+// Reads from the page cache only; -1 with EAGAIN when the bytes are not there.
+ssize_t ReadIfCached([[maybe_unused]] int descriptor, [[maybe_unused]] const iovec& room,
+                     [[maybe_unused]] std::int64_t offset) {
+#ifdef RWF_NOWAIT
+    return ::preadv2(descriptor, &room, 1, offset, RWF_NOWAIT);
+#else
+    errno = ENOSYS; // a C library without the call, such as musl before 1.2.5
+    return -1;
+#endif
+}
+
 } // namespace
 
 // A named pipe must not be opened twice, so direct I/O is switched on afterwards, for what has it.
@@ -64,7 +75,7 @@ ssize_t ArchiveReader::ReadFromCache(char* buffer, std::size_t length) {
     if (!cached_.IsOpen())
         return 0;
     iovec room{buffer, length};
-    const ssize_t count = ::preadv2(cached_.Get(), &room, 1, offset_, RWF_NOWAIT);
+    const ssize_t count = ReadIfCached(cached_.Get(), room, offset_);
     if (count < 0 && errno != EAGAIN) // no system or file system that can tell
         cached_.Reset();
     return std::max<ssize_t>(count, 0) / static_cast<ssize_t>(BlockSize) * static_cast<ssize_t>(BlockSize);

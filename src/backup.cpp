@@ -446,15 +446,21 @@ BackupTotals BackupWorker(const WorkerContext& context, const ObjectNode& kind_t
     return run.totals;
 }
 
-// One worker of the driver. `thread` is declared last, so it is joined before `totals` is destroyed.
+// One worker of the driver. Joins its thread before `totals` is destroyed; libc++ before 20 has no std::jthread.
 struct Worker {
     std::optional<BackupTotals> totals; // set when the worker came to its end
-    std::jthread thread;
+    std::thread thread;
+
+    void Join() {
+        if (thread.joinable())
+            thread.join();
+    }
+    ~Worker() { Join(); }
 };
 
 void StartWorker(Worker& worker, const WorkerContext& context, const ObjectNode& kind_tree) {
     try {
-        worker.thread = std::jthread([&worker, &context, &kind_tree] {
+        worker.thread = std::thread([&worker, &context, &kind_tree] {
             try {
                 worker.totals = BackupWorker(context, kind_tree);
             } catch (const WorkerEnd&) {
@@ -469,8 +475,7 @@ void StartWorker(Worker& worker, const WorkerContext& context, const ObjectNode&
 
 // Adds what the worker returned; one that returned nothing has failed with its whole tree.
 void JoinWorker(Worker& worker, std::size_t kind, const ObjectNode& kind_tree, BackupTotals& totals) {
-    if (worker.thread.joinable())
-        worker.thread.join();
+    worker.Join();
     if (worker.totals) {
         totals += *worker.totals;
         return;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include <netdb.h>
 
@@ -25,8 +26,19 @@ std::string FindHost(const char* host, sockaddr_in& address) {
     return {};
 }
 
+// A statically linked program may run where there are no databases, so it knows what every connection asks for.
+#ifdef VONDRAL_STATIC
+constexpr bool HasOwnEntries = true;
+#else
+constexpr bool HasOwnEntries = false;
+#endif
+
 std::string FindProtocol(const char* name, int& protocol) {
     const protoent* entry = ::getprotobyname(name);
+    if (entry == nullptr && HasOwnEntries && std::string_view(name) == "tcp") {
+        protocol = IPPROTO_TCP;
+        return {};
+    }
     const std::string failure = entry == nullptr ? FormatText("getprotobyname(%s)", name) : "";
     if (entry != nullptr)
         protocol = entry->p_proto;
@@ -36,6 +48,11 @@ std::string FindProtocol(const char* name, int& protocol) {
 
 std::string FindService(const char* service, sockaddr_in& address, int& protocol) {
     const servent* entry = ::getservbyname(service, "tcp");
+    if (entry == nullptr && HasOwnEntries && std::string_view(service) == "ftp") {
+        address.sin_port = htons(21);
+        protocol = IPPROTO_TCP;
+        return {};
+    }
     if (entry == nullptr)
         return FormatText("getservbyname(%s)", service);
     address.sin_port = static_cast<in_port_t>(entry->s_port);

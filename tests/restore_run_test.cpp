@@ -34,14 +34,14 @@ TEST(Restore, BringsEverythingBackOnEveryRelease) {
     const auto entries = ReadArchiveFile(saved.archive);
     ASSERT_TRUE(entries);
     const std::string made = saved.File("made", MakeArchive(*entries)); // by the layout alone
-    for (const bool old : {true, false}) {
+    for (const std::string disk : {"direct:", "refused:", ""}) {
+        const bool old = disk == "direct:";
         TestSite fresh;
         fresh.options.release = old ? "V5R3M0" : "V5R4M0";
-        // There the disk refuses direct reads as well.
-        fresh.program.environment["VONDRAL_TEST_DISK"] = old ? "direct:" : "";
+        fresh.program.environment["VONDRAL_TEST_DISK"] = disk;
         const Outcome outcome = fresh.Run({"-v2", "-r", old ? made : saved.archive.string()});
         EXPECT_EQ(outcome.status, 0) << outcome.err;
-        EXPECT_EQ(DiffTrees(saved.root.path, fresh.root.path), "") << old;
+        EXPECT_EQ(DiffTrees(saved.root.path, fresh.root.path), "") << disk;
         EXPECT_THAT(Messages(outcome.out),
                     AllOf(HasSubstr("Restore Success: /QSYS.LIB/PAYROLL\n"), HasSubstr("Restored "),
                           HasSubstr("Archive  : /home\nObject   : /home\nRestore Success: /home\n"

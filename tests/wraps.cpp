@@ -11,13 +11,15 @@
 //                        and all behind it; "/number" lets a write take that many bytes.
 //                        "limit:N" lets no write go beyond the offset N of the archive
 //                        "count" disturbs nothing, and leaves the number of all these calls in the mark
-//                        "direct:" refuses direct reads, "plain:" has no page cache that could be asked
+//                        "direct:" refuses direct reads, "plain:" has no page cache that could be asked, "refused:"
+//                        is a file system without direct reads
 //   VONDRAL_TEST_MARK    a file that is made when the disk is disturbed
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +38,7 @@ int __real_clock_gettime(clockid_t clock, timespec* time);
 servent* __real_getservbyname(const char* name, const char* protocol);
 ssize_t __real_pread64(int descriptor, void* bytes, size_t count, off_t offset);
 ssize_t __real_preadv64v2(int descriptor, const iovec* room, int count, off_t offset, int flags);
+int __real_fcntl64(int descriptor, int operation, ...);
 ssize_t __real_write(int descriptor, const void* bytes, size_t count);
 off_t __real_lseek64(int descriptor, off_t offset, int whence);
 int __real_ftruncate64(int descriptor, off_t length);
@@ -197,6 +200,18 @@ ssize_t __wrap_preadv64v2(int descriptor, const iovec* room, int count, off_t of
     if (OrderFor("plain") == nullptr && OrderFor("direct") == nullptr)
         return __real_preadv64v2(descriptor, room, count, offset, flags);
     errno = EOPNOTSUPP;
+    return -1;
+}
+
+int __wrap_fcntl64(int descriptor, int operation, ...) {
+    va_list arguments;
+    va_start(arguments, operation);
+    const long argument = va_arg(arguments, long);
+    va_end(arguments);
+    if (operation != F_SETFL || (argument & O_DIRECT) == 0 || OrderFor("refused") == nullptr)
+        return __real_fcntl64(descriptor, operation, argument);
+    Mark();
+    errno = EINVAL;
     return -1;
 }
 

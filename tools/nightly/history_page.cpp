@@ -29,9 +29,10 @@ constexpr double SlowerShare = 0.20; // marked when it took so much longer than 
 
 constexpr char RowStyle[] = R"(
 .bar { display: inline-block; height: 9px; border-radius: 2px; vertical-align: middle; margin-right: 8px; }
-.chart { white-space: nowrap; min-width: 210px; } .slow { color: var(--warn); font-weight: 600; }
+.chart { white-space: nowrap; } td:first-child { white-space: nowrap; } .slow { color: var(--warn); font-weight: 600; }
 .removed { opacity: .55; } td .pill { white-space: nowrap; } .pill.good, .pill.gaps { background: var(--good); }
-.pill.suspicious { background: var(--warn); } a { color: inherit; } .reason { font-size: 13px; color: var(--quiet); }
+.pill.suspicious { background: var(--warn); } .pill.failed { color: var(--pill); } a { color: inherit; }
+.reason { font-size: 13px; color: var(--quiet); }
 @media (max-width: 640px) { main { padding: 16px 8px 40px; } section { padding: 12px; }
   table { min-width: 0; } thead { display: none; } tr { display: block; padding: 8px 0; border-bottom: 1px solid var(--line); }
   td { display: inline-block; border: 0; padding: 2px 12px 2px 0; } td.number::before { content: attr(data-label) " ";
@@ -70,7 +71,7 @@ std::vector<Row> BuildRows(const std::vector<Night>& nights) {
 
 // A bar as long as its share of the greatest value, and the value.
 std::string Chart(double value, double greatest, const char* colour, const std::string& text, bool marked) {
-    const double width = greatest > 0 ? 120 * value / greatest : 0; // pixels
+    const double width = greatest > 0 ? 80 * value / greatest : 0; // pixels
     return FormatText("<td class=\"chart\"><span class=\"bar %s\" style=\"width:%.0fpx\"></span>"
                       "<span class=\"%s\">%s</span></td>",
                       colour, std::max(width, 1.0), marked ? "slow" : "", text.c_str());
@@ -128,7 +129,7 @@ std::string HistoryPage(const Config& config, const std::vector<Night>& nights, 
                        "before it.</p>",
                        server.c_str(), rows.size(), Printable(good), config.timezone.c_str(), SlowerShare * 100);
     html += "<section><table><thead><tr><th>Night</th><th>Level</th><th>Verdict</th><th>Duration</th><th>Size</th>"
-            "<th class=\"number\">Files</th><th class=\"number\">Missing</th><th class=\"number\">Newly</th>"
+            "<th class=\"number\">Files</th><th class=\"number\">Missing</th><th class=\"number\">New</th>"
             "<th>Why</th></tr></thead><tbody>\n";
     for (auto row = rows.rbegin(); row != rows.rend(); ++row)
         html += RowHtml(*row, config, from, most_seconds, most_bytes);

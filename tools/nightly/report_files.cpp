@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include "drill.h"
 #include "failure.h"
@@ -100,6 +101,11 @@ void WriteReports(Disk& disk, const Config& config, const Night& night, const Ni
         return;
     std::string labels = "server=\"" + config.name + "\"";
     if (!report::WritePrometheus(config.metrics, labels, reading.run, context, ended, Gauges(config, night)))
+        throw Failure(WithErrno(config.metrics));
+    // Whoever collects the gauges is another user. A device keeps its mode.
+    struct stat status {};
+    if (::stat(config.metrics.c_str(), &status) != 0 ||
+        (S_ISREG(status.st_mode) && ::chmod(config.metrics.c_str(), 0644) != 0))
         throw Failure(WithErrno(config.metrics));
 }
 

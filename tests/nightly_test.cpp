@@ -81,8 +81,7 @@ TEST(Configuration, RefusesMistakesWithTheirPlace) {
     };
     for (const Row& row : {
              Row{"", "none"},
-             Row{"retry = { times = 2, wait = \"30m\" }\nlevel = { full = [\"Sunday\"], otherwise = \"changed\" }",
-                 "none"},
+             Row{"retry = { times = 2, wait = \"30m\" }", "none"},
              Row{"colour = 1", "4:1: unknown key: colour"},
              Row{"keep = { last = 7, hourly = 1 }", "4:20: unknown key: hourly"},
              Row{"wait = \"120\"", "4:8: wait must be a number from -1 to 99999"},
@@ -111,7 +110,8 @@ TEST(Configuration, RefusesMistakesWithTheirPlace) {
     WriteFile(work / "office.toml",
               MinimalConfig("keep = { last = 1, forget_after = \"36h\" }\nexclude = \"/a \\\"b\"\n"
                             "level = { full = [\"Friday\"], otherwise = \"changed\" }\n"
-                            "drill = { server = \"s\", library = \"/l\", as = \"/m\" }\n"));
+                            "drill = { server = \"s\", library = \"/QSYS.LIB/L.LIB\", as = \"/QSYS.LIB/M.LIB\" }\n"
+                            "timezone = \"UTC\"\n"));
     const std::string shown = ShowConfig(ReadConfig(work.path, "office"));
     WriteFile(work / "copy.toml", shown);
     EXPECT_EQ(ShowConfig(ReadConfig(work.path, "copy")), shown);
@@ -319,7 +319,12 @@ TEST(Judge, CountsTheUnionOfAllAttempts) {
     const TempDir other;
     WriteAttempt(other.path, 0, {{}, "", "", -1, "vondral[vondral.cpp,1]: login failed"});
     WriteAttempt(other.path, 1, {first, "/a", "", 1});
+    WriteFile(other / "archive.ctar", "damaged");
     EXPECT_EQ(JudgeNight(other.path, 1, 0, {}).record.verdict, Verdict::Good);
+    // What a retry saved again counts once.
+    WriteAttempt(other.path, 2, {{{"/a", "12345"}}, "/a", "", 1});
+    WriteFile(IncludeFileOf(other.path, 2), "/a\n");
+    EXPECT_EQ(JudgeNight(other.path, 2, 0, {}).record.bytes, 5);
 }
 
 TEST(Records, AreReadAsTheyAreWritten) {
@@ -329,6 +334,7 @@ TEST(Records, AreReadAsTheyAreWritten) {
     record.verdict = Verdict::GoodWithGaps;
     record.base = Start;
     record.archives = {"archive.ctar", "retry1.ctar"};
+    record.archive_bytes = {512, 1024};
     const std::string text = EncodeRecord(record);
     const std::optional<NightRecord> read = DecodeRecord(text);
     ASSERT_TRUE(read);
@@ -540,6 +546,60 @@ TEST(Nights, RetrySavesWhatWasMissed) {
     EXPECT_TRUE(RunNight(world, site.config, {}).IsGood());
 }
 
+// A changed night by itself would never save what its base missed.
+TEST(Nights, ChangedNightsSaveWhatTheirBaseMissed) {
+    NightSite site;
+    site.config.level.full_days = {1};
+    site.config.tolerate = 0.5;
+    site.config.level.max_shrink = 1;
+    fs::last_write_time(site.site.root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR",
+                        fs::file_time_type::clock::now() - std::chrono::hours(1000));
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    ASSERT_EQ(site.Run().record->verdict, Verdict::GoodWithGaps);
+    site.now = std::time(nullptr) + Day; // nothing changes after the margin
+    site.config.level.full_days = {UnitsOf(Start, "UTC").weekday};
+    const Night locked = site.Run({Level::Changed});
+    EXPECT_EQ(locked.record->verdict, Verdict::GoodWithGaps) << Reasons(locked);
+    EXPECT_EQ(locked.record->missing, 1);
+    site.site.options.locked.clear();
+    const Night night = site.Run({Level::Changed});
+    EXPECT_EQ(night.record->verdict, Verdict::Good) << Reasons(night);
+    EXPECT_THAT(testing::PrintToString(CoveredPaths(night.path, night.record->archives)),
+                HasSubstr("/QSYS.LIB/PAYROLL.LIB"));
+}
+
+// What somebody does to the files of a night makes nothing else go.
+TEST(Nights, DamagedByHandReplaceNothing) {
+    NightSite site;
+    site.config.keep = {1, 0, 0, 0};
+    const Night first = site.Run();
+    WriteFile(site.site.root / "home/note", "newer");
+    const Night second = site.Run();
+    ASSERT_FALSE(site.HasArchive(first));
+    fs::copy(second.path, site.site.work / "copy", fs::copy_options::recursive);
+    const auto restore_copy = [&] {
+        fs::remove_all(second.path);
+        fs::copy(site.site.work / "copy", second.path, fs::copy_options::recursive);
+    };
+    // An archive that was cut off is none: its night counts for nothing, and cannot be restored.
+    fs::resize_file(second.File(NightFiles::Archive), 5000);
+    EXPECT_THAT(site.Command({"plan", "office", second.Name()}).err, HasSubstr("its archives are gone"));
+    WriteFile(second.File(NightFiles::Archive), std::string(fs::file_size(site.site.work / "copy/archive.ctar"), 'x'));
+    EXPECT_THAT(site.Command({"plan", "office", second.Name()}).err, HasSubstr("bad checksum"));
+    // Without its catalog nobody knows what only this night has.
+    restore_copy();
+    WriteFile(second.File(NightFiles::Catalog), "");
+    World world = site.MakeWorld();
+    EXPECT_THROW(RunNight(world, site.config, {}), Failure);
+    site.now += Day;
+    EXPECT_TRUE(site.HasArchive(second));
+    // Two servers in one directory would remove each other's nights.
+    restore_copy();
+    site.config.name = "branch";
+    EXPECT_THROW(RunNight(world, site.config, {}), Failure);
+    EXPECT_TRUE(site.HasArchive(second));
+}
+
 TEST(Nights, HooksAndMetricsTellTheVerdict) {
     NightSite site;
     const std::string told = site.site.work / "told";
@@ -641,7 +701,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
     for (const Row& row : {
              Row{{"config", "office"}, 0, "server = \"127.0.0.1\""},
              Row{{"config", "nobody"}, 3, "nobody.toml: No such file"},
-             Row{{"config", "../office"}, 3, "not the name of a server"},
+             Row{{"config", "../office"}, 3, "not the name of a configuration"},
              Row{{"status", "--max-age", "1000d"}, 0, "office  2026-09-22T141320Z"},
              Row{{"status", "office", "--max-age", "1s"}, 2, "the last good night is older than 1s"},
              Row{{"status", "--json"}, 2, "\"newly_missing\": 0"},
@@ -649,6 +709,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{{"find", "office", "/QSYS.LIB/TOOLS*"}, 0, "2026-09-21T141320Z: entry of its own"},
              Row{{"find", "office", "/nowhere"}, 1, "no night of office has such an object"},
              Row{{"find", "office", "/home/added", "--json"}, 0, "\"entry\": \"/home\""},
+             Row{{"find", "office", "[a]"}, 3, "begins and ends with a bracket"},
              Row{{"diff", "office", first.Name(), second.Name()}, 0, "gone          /QSYS.LIB/TOOLS.LIB\n"},
              Row{{"diff", "office", first.Name(), second.Name()}, 0, "added         /home/added\n"},
              Row{{"diff", "office", first.Name(), second.Name(), "--json"}, 0, "\"change\": \"larger\""},
@@ -663,6 +724,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{{"history", "office", "--html", page}, 0, ""},
              Row{{"restore", "office"}, 3, "nothing is restored without --yes"},
              Row{{"run", "office", "--dry-run"}, 0, "a full night: every night is full"},
+             Row{{"run", "office", "--level", "half"}, 3, "half is not full or changed"},
              Row{{"drill", "office"}, 3, "the configuration has no key drill"},
              Row{{}, 3, "A subcommand is required"},
          }) {

@@ -81,9 +81,11 @@ bool CheckName(Checks& checks, const std::string& host) {
     return checks.Report(error == 0, "the name " + host + " has an IPv4 address", ::gai_strerror(error));
 }
 
-// The last lines of a file, for what went wrong.
+// The last line of a file, for what went wrong; the last one of vondral-tls, which says more, if there is one.
 std::string LastLine(const std::string& path) {
     std::string text = ReadSmallFile(path);
+    if (const std::size_t relay = text.rfind("vondral-tls: "); relay != text.npos)
+        text.resize(std::min(text.find('\n', relay), text.size()));
     while (text.ends_with('\n'))
         text.pop_back();
     return text.substr(text.rfind('\n') == text.npos ? 0 : text.rfind('\n') + 1);
@@ -108,16 +110,20 @@ void CheckPathFile(Checks& checks, const std::string& path, PathFileUse use) {
         checks.Report(false, path, mistake);
 }
 
+double AvailableBytes(const std::string& directory) {
+    struct statvfs room {};
+    ::statvfs(directory.c_str(), &room);
+    return static_cast<double>(room.f_bavail) * static_cast<double>(room.f_frsize);
+}
+
 void CheckDirectory(Checks& checks) {
     const std::string& directory = checks.config.directory;
     const bool usable = ::access(directory.c_str(), R_OK | W_OK | X_OK) == 0;
     if (!checks.Report(usable, directory + " can be written to", std::strerror(errno)))
         return;
-    const std::vector<Night> nights = ListNights(directory);
+    const std::vector<Night> nights = ListOwnNights(checks.config);
     const Night* const last = LastGood(nights, std::time(nullptr), Level::Full);
-    struct statvfs room {};
-    ::statvfs(directory.c_str(), &room);
-    const double available = static_cast<double>(room.f_bavail) * static_cast<double>(room.f_frsize);
+    const double available = AvailableBytes(directory);
     const double needed = last == nullptr ? 0 : static_cast<double>(last->record->bytes);
     checks.Report(
         available > needed,
@@ -138,12 +144,24 @@ void CheckClock(Checks& checks, const ServerListing& listing) {
                              ShowSpan(ahead).c_str()));
 }
 
+// Before the first night, the listing tells what it will need at least.
+void CheckFirstRoom(Checks& checks, const ServerListing& listing) {
+    if (LastGood(ListOwnNights(checks.config), std::time(nullptr), Level::Full) != nullptr)
+        return;
+    double listed = 0;
+    for (const auto& [path, totals] : listing.totals)
+        listed += static_cast<double>(totals.bytes);
+    checks.Report(AvailableBytes(checks.config.directory) > listed,
+                  "room for the " + report::ShowBytes(listed) + " that are listed", "not enough for the first night");
+}
+
 void CheckListing(Checks& checks) {
     const ServerListing listing = ListServer(checks.config, checks.scratch);
     if (!checks.Report(listing.failed == 0, "directories can be listed over passive connections",
                        "allow the server's passive ports in the firewall, and the directories to this user"))
         return;
     CheckClock(checks, listing);
+    CheckFirstRoom(checks, listing);
     std::printf("\nwhat a full night would save, as listed:\n");
     std::vector<std::vector<std::string>> rows;
     for (const auto& [path, totals] : listing.totals)

@@ -14,6 +14,7 @@
 #include "disk.h"
 #include "failure.h"
 #include "moments.h"
+#include "object_kind.h"
 #include "text.h"
 
 namespace nightly {
@@ -226,6 +227,13 @@ void RefuseContradictions(const Config& config, const toml::table& table) {
         refuse("keep", "keep: last, daily, weekly and monthly are all 0, so that no night would be kept");
     if (keep.records < keep.forget_after)
         refuse("keep", "keep: records must not be shorter than forget_after, which is read from them");
+    if (!config.level.full_days.empty() && config.level.margin < 60)
+        refuse("level", "level: margin must be at least a minute: listings tell times to the minute");
+    if (!config.level.full_days.empty() && !table.contains("timezone"))
+        refuse("level", "level: needs the key timezone: listings tell times in the server's zone");
+    if (config.drill && (ClassifyPath(config.drill->library) != ObjectKind::Library ||
+                         ClassifyPath(config.drill->as) != ObjectKind::Library))
+        refuse("drill", "drill: library and as must be libraries, such as \"/QSYS.LIB/TESTLIB.LIB\"");
     if (!IsTimeZone(config.timezone))
         refuse("timezone", "timezone must be the name of a zone, such as \"Europe/Berlin\"");
     if (!config.passphrase.starts_with("file:/") && !config.passphrase.starts_with("credential:"))
@@ -237,8 +245,9 @@ void RefuseContradictions(const Config& config, const toml::table& table) {
 } // namespace
 
 Config ReadConfig(const std::string& config_directory, const std::string& name) {
-    if (name.empty() || name.find('/') != name.npos || name.starts_with('.'))
-        throw Failure(name + ": not the name of a server");
+    constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+    if (name.empty() || name.find_first_not_of(plain) != name.npos || name.starts_with('.'))
+        throw Failure(name + ": not the name of a configuration: letters, digits and . _ - only");
     const std::string path = config_directory + "/" + name + ".toml";
     Config config;
     config.name = name;

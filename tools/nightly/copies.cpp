@@ -13,6 +13,22 @@
 
 namespace nightly {
 
+bool IsWithin(const std::set<std::string>& paths, std::string_view path) {
+    if (paths.empty())
+        return false;
+    for (; !path.empty(); path = path.substr(0, path.rfind('/') == path.npos ? 0 : path.rfind('/')))
+        if (paths.contains(std::string(path)))
+            return true;
+    return false;
+}
+
+std::set<std::string> MissedPaths(const Night& night) {
+    std::set<std::string> paths;
+    for (const MissedLine& line : ReadMissed(night.File(NightFiles::Missed)))
+        paths.insert(line.path);
+    return paths;
+}
+
 namespace {
 
 // Paths as hashes of 64 bits, eight bytes each: a server has millions. A collision is less likely than a broken disk.
@@ -26,28 +42,11 @@ struct Contained {
     std::vector<std::string> partial; // any other copy
 };
 
-// Whether the path is one of those, or below one.
-bool IsWithin(const std::set<std::string>& paths, std::string_view path) {
-    if (paths.empty())
-        return false;
-    for (; !path.empty(); path = path.substr(0, path.rfind('/') == path.npos ? 0 : path.rfind('/')))
-        if (paths.contains(std::string(path)))
-            return true;
-    return false;
-}
-
 std::vector<std::string> ArchivesOf(const Night& night) {
     if (night.record)
         return night.record->archives;
     return Exists(night.File(NightFiles::Archive)) ? std::vector<std::string>{NightFiles::Archive}
                                                    : std::vector<std::string>{};
-}
-
-std::set<std::string> MissedPaths(const Night& night) {
-    std::set<std::string> paths;
-    for (const MissedLine& line : ReadMissed(night.File(NightFiles::Missed)))
-        paths.insert(line.path);
-    return paths;
 }
 
 Contained ReadContained(const Night& night) {
@@ -59,6 +58,10 @@ Contained ReadContained(const Night& night) {
     const std::set<std::string> missed = MissedPaths(night);
     std::vector<std::string> paths =
         night.record->catalog_is_covered ? CatalogPaths(night.path) : CoveredPaths(night.path, ArchivesOf(night));
+    if (paths.size() < night.record->objects)
+        throw Failure(
+            night.path + ": its catalog names fewer than the " + std::to_string(night.record->objects) +
+            " objects that it was judged by; nothing is removed until it is back, or the night is moved away");
     for (std::string& path : paths)
         (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
     return contained;

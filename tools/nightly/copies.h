@@ -4,13 +4,20 @@
 
 #include <cstdint>
 #include <ctime>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config.h"
 #include "night.h"
 
 namespace nightly {
+
+// What a night missed, in whole or in part.
+std::set<std::string> MissedPaths(const Night& night);
+// Whether the path is one of those, or below one.
+bool IsWithin(const std::set<std::string>& paths, std::string_view path);
 
 struct CopyCount {
     std::uint64_t objects = 0;

@@ -77,7 +77,7 @@ std::vector<Change> Compare(const NightContents& before, const NightContents& af
 
 int Diff(const std::string& configs, const DiffOptions& options) {
     const Config config = ReadConfig(configs, options.name);
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const Night& before = NamedNight(nights, options.before);
     const Night& after = NamedNight(nights, options.after);
     const std::vector<Change> changes = Compare(ReadContents(before), ReadContents(after));

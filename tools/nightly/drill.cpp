@@ -54,7 +54,7 @@ int RunDrill(Disk& disk, const Config& config, std::time_t now) {
     if (!config.drill)
         throw Failure("the configuration has no key drill");
     const DrillPlan& drill = *config.drill;
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const auto [archive, night] = FindLibrary(nights, drill.library);
     const std::string include = config.directory + "/drill.include", exclude = config.directory + "/drill.exclude";
     disk.WriteFile(include, drill.library + " :: " + drill.as + "\n");

@@ -41,6 +41,7 @@ Json RecordOf(const FoundCopy& copy) {
     record["entry"] = copy.entry.empty() ? Json(nullptr) : Json(copy.entry);
     record["bytes"] = copy.bytes < 0 ? Json(nullptr) : Json(copy.bytes);
     record["sha256"] = copy.digest.empty() ? Json(nullptr) : Json(copy.digest);
+    record["in_part"] = copy.in_part;
     record["archive"] = copy.archive.empty() ? Json(nullptr) : Json(copy.archive);
     return record;
 }
@@ -76,7 +77,7 @@ public:
 private:
     static bool IsSame(const FoundCopy& one, const FoundCopy& other) {
         return one.digest == other.digest && one.entry == other.entry && one.archive.empty() == other.archive.empty() &&
-               one.night->IsGood() == other.night->IsGood();
+               one.in_part == other.in_part && one.night->IsGood() == other.night->IsGood();
     }
     void PrintRun(std::size_t first, std::size_t end) const {
         const FoundCopy& copy = copies_[first];
@@ -88,6 +89,8 @@ private:
                                                      : "in " + Shown(copy.entry);
         if (copy.bytes >= 0)
             what += ", " + report::ShowBytes(static_cast<double>(copy.bytes)) + ", sha256 " + copy.digest.substr(0, 12);
+        if (copy.in_part)
+            what += ", perhaps not: a part of it was missed";
         if (copy.archive.empty())
             what += ", archive removed";
         if (!copy.night->IsGood())
@@ -117,7 +120,7 @@ private:
 
 int Find(const std::string& configs, const FindOptions& options) {
     const Config config = ReadConfig(configs, options.name);
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const History history(config.directory, nights);
     const auto matches = [&options](const std::string& path) { return Matches(options.pattern, path); };
     if (options.json) {

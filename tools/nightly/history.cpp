@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "contents.h"
+#include "copies.h"
 #include "judge.h"
 #include "text.h"
 
@@ -15,8 +16,7 @@ namespace nightly {
 
 namespace {
 
-constexpr char Schema[] = "PRAGMA journal_mode = WAL;"
-                          "CREATE TABLE nights(moment INTEGER PRIMARY KEY, series INTEGER, position INTEGER,"
+constexpr char Schema[] = "CREATE TABLE nights(moment INTEGER PRIMARY KEY, series INTEGER, position INTEGER,"
                           " fingerprint TEXT);"
                           "CREATE TABLE positions(series INTEGER PRIMARY KEY, last INTEGER);"
                           "CREATE TABLE paths(id INTEGER PRIMARY KEY, path BLOB UNIQUE);"
@@ -77,10 +77,11 @@ struct Writer {
     }
 };
 
+// Without archives, only a catalog that was covered by them tells what the night had.
 std::vector<std::string> PathsOf(const Night& night) {
-    if (night.record->catalog_is_covered || !night.has_archive)
-        return night.IsGood() ? CatalogPaths(night.path) : std::vector<std::string>{};
-    return CoveredPaths(night.path, night.record->archives);
+    if (night.record->catalog_is_covered)
+        return CatalogPaths(night.path);
+    return night.has_archive ? CoveredPaths(night.path, night.record->archives) : std::vector<std::string>{};
 }
 
 void AddEntries(Writer& writer, const Night& night) {
@@ -175,19 +176,23 @@ History::History(const std::string& directory, const std::vector<Night>& nights)
     } catch (const DatabaseFailure&) {
         // A damaged history is worth no more than none.
     }
-    database_.reset();
     Rebuild(directory, nights);
     database_ = std::make_unique<Database>(PathOf(directory));
 }
 
 History::~History() = default;
 
+// Made beside the old one, which others may be reading, and put in its place when it is complete.
 void History::Rebuild(const std::string& directory, const std::vector<Night>& nights) {
-    for (const char* const suffix : {"", "-wal", "-shm", "-journal"})
-        ::unlink((PathOf(directory) + suffix).c_str());
-    Database database(PathOf(directory));
-    database.Execute(Schema);
-    Update(database, nights);
+    const std::string path = PathOf(directory) + ".new" + std::to_string(::getpid());
+    ::unlink(path.c_str());
+    {
+        Database database(path);
+        database.Execute(Schema);
+        Update(database, nights);
+    }
+    if (::rename(path.c_str(), PathOf(directory).c_str()) != 0)
+        throw Failure(WithErrno(path));
 }
 
 namespace {
@@ -210,6 +215,14 @@ void FindEntry(Statement& find_entry, FoundCopy& copy) {
     }
 }
 
+// What a night missed, read once.
+const std::set<std::string>& MissedIn(const Night& night, std::map<std::time_t, std::set<std::string>>& known) {
+    const auto [found, is_new] = known.try_emplace(night.moment);
+    if (is_new && night.record->missing > 0)
+        found->second = MissedPaths(night);
+    return found->second;
+}
+
 } // namespace
 
 void History::Find(const std::function<bool(const std::string& path)>& matches,
@@ -223,6 +236,7 @@ void History::Find(const std::function<bool(const std::string& path)>& matches,
                                       " AND position BETWEEN first AND last WHERE path = ? ORDER BY moment");
     Statement find_entry(*database_, "SELECT archive, size, digest FROM entries WHERE path ="
                                      " (SELECT id FROM paths WHERE path = ?) AND moment = ? ORDER BY archive");
+    std::map<std::time_t, std::set<std::string>> missed;
     for (const auto& [path, id] : ids) {
         find_nights.Bind(0, id);
         while (find_nights.Step()) {
@@ -232,6 +246,7 @@ void History::Find(const std::function<bool(const std::string& path)>& matches,
             if (copy.night == nullptr)
                 continue;
             FindEntry(find_entry, copy);
+            copy.in_part = IsWithin(MissedIn(*copy.night, missed), path);
             process(copy);
         }
     }

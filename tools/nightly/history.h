@@ -22,6 +22,7 @@ namespace nightly {
 struct FoundCopy {
     std::string path;
     const Night* night = nullptr;
+    bool in_part = false;    // the night missed it, or a part of what contains it
     std::string entry;       // of the archive: the path itself or a directory above; "" when not known
     std::int64_t bytes = -1; // of the entry's data; -1 when not known
     std::string digest;      // SHA-256 of the entry's data

@@ -144,7 +144,7 @@ Action DeclareHistory(CLI::App& command, const std::string& configs) {
     command.add_option("--html", path, "the page to write")->type_name("FILE")->required();
     return [&configs] {
         const Config config = ReadConfig(configs, name);
-        const std::vector<Night> nights = ListNights(config.directory);
+        const std::vector<Night> nights = ListOwnNights(config);
         const fs::path from = fs::absolute(path).parent_path();
         if (!report::ReplaceFile(path, HistoryPage(config, nights, from)))
             throw Failure(WithErrno(path));

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <map>
 #include <optional>
 #include <unordered_set>
 
@@ -85,6 +87,15 @@ std::uint64_t AsCount(std::optional<double> total) {
     return total && *total > 0 ? static_cast<std::uint64_t>(std::llround(*total)) : 0;
 }
 
+// The last message of vondral-tls in a log says more than that of vondral, for which only a connection was lost.
+void FindRelayMessage(const std::string& log, std::string& message) {
+    constexpr std::size_t longest = 65536;
+    const Stream stream(std::fopen(log.c_str(), "re"));
+    for (std::string line; stream != nullptr && ReadLine(stream.get(), longest, line);)
+        if (line.starts_with("vondral-tls: "))
+            message = line.substr(0, line.find('\n'));
+}
+
 AttemptFacts ReadAttempt(const std::string& directory, int retry) {
     AttemptFacts facts;
     facts.partial = IsPartialRetry(directory, retry);
@@ -99,6 +110,8 @@ AttemptFacts ReadAttempt(const std::string& directory, int retry) {
     facts.not_found = run.Count(report::Outcome::NotFound);
     if (!run.messages.empty())
         facts.message = run.messages.back();
+    if (!facts.complete)
+        FindRelayMessage(In(directory, AttemptFile(NightFiles::Log, retry)), facts.message);
     return facts;
 }
 
@@ -128,7 +141,8 @@ struct NightSum {
     std::vector<std::string> archives;
     std::vector<std::string> faults; // archives that are not sound
     ctar::Coverage coverage;
-    std::uint64_t entries = 0, bytes = 0;
+    std::vector<std::uint64_t> archive_bytes;    // the sizes of these archives
+    std::map<std::string, std::int64_t> entries; // bytes of data; a retry may have saved an entry again
 };
 
 void AddCatalog(NightSum& sum, std::vector<std::string> lines, std::unordered_set<std::string>& known, bool first) {
@@ -146,10 +160,11 @@ void AddArchive(NightSum& sum, const std::string& directory, const std::string& 
         return;
     }
     sum.archives.push_back(name);
-    for (const EntryFacts& entry : contents.entries)
+    sum.archive_bytes.push_back(std::filesystem::file_size(In(directory, name)));
+    for (const EntryFacts& entry : contents.entries) {
         sum.coverage.Add(entry.path);
-    sum.entries += contents.entries.size();
-    sum.bytes += static_cast<std::uint64_t>(contents.bytes);
+        sum.entries[entry.path] = entry.size;
+    }
 }
 
 NightSum SumUp(const std::string& directory, int retries) {
@@ -201,21 +216,25 @@ std::string Files(std::uint64_t count) {
 // Why the night is no backup at all.
 void FindFailures(const NightSum& sum, int exit_status, const NightRecord& record, const JudgeRules& rules,
                   std::vector<std::string>& reasons) {
-    for (const std::string& fault : sum.faults)
-        reasons.push_back(fault + "; \"ctar verify\" says more, \"ctar salvage\" makes a sound archive of the rest");
+    // A damaged archive matters only where no other one has what it should have.
+    if (record.missing > 0 || sum.entries.empty())
+        for (const std::string& fault : sum.faults)
+            reasons.push_back(fault +
+                              "; \"ctar verify\" says more, \"ctar salvage\" makes a sound archive of the rest");
     if (!sum.ran_to_end)
-        reasons.push_back(sum.whole.terminated ? "the run was ended on request"
+        reasons.push_back(sum.whole.terminated ? "ended on request"
                           : !sum.whole.message.empty()
                               ? "the run did not reach its end: " + MaskControls(sum.whole.message)
                               : "the run did not reach its end: read the log");
     else if (exit_status > 2)
         reasons.push_back(FormatText("vondral ended with status %d: read the log", exit_status));
-    if (sum.entries == 0)
+    if (sum.entries.empty())
         reasons.emplace_back("the archive has no object: look at the include and exclude file");
     const auto attempted = static_cast<double>(std::max(record.attempted, record.missing));
     if (record.missing > 0 && static_cast<double>(record.missing) > rules.tolerate * attempted)
         reasons.push_back(FormatText("%s of %llu missing (%s; %s is tolerated): %s names them",
-                                     Files(record.missing).c_str(), Printable(record.attempted),
+                                     Files(record.missing).c_str(),
+                                     Printable(std::max(record.attempted, record.missing)),
                                      ShowShare(static_cast<double>(record.missing) / attempted).c_str(),
                                      ShowShare(rules.tolerate).c_str(), NightFiles::Missed));
 }
@@ -233,7 +252,6 @@ void CompareSize(const char* what, std::uint64_t now, std::uint64_t then, const 
 // Why a run that looks like a backup is not to be believed.
 void FindDoubts(const NightSum& sum, int exit_status, const NightRecord& record, const JudgeRules& rules,
                 std::vector<std::string>& reasons) {
-    reasons.insert(reasons.end(), rules.mistakes.begin(), rules.mistakes.end());
     if (sum.ran_to_end && (exit_status == 1 || exit_status == 2) && record.missing == 0)
         reasons.push_back(
             FormatText("vondral ended with status %d, but nothing is known to be missing: read the log", exit_status));
@@ -251,12 +269,16 @@ Judgement JudgeNight(const std::string& directory, int retries, int exit_status,
     NightRecord& record = judgement.record;
     record.exit_status = exit_status;
     record.retries = retries;
-    record.bytes = sum.bytes;
+    for (const auto& [path, size] : sum.entries)
+        record.bytes += static_cast<std::uint64_t>(size);
     record.archives = sum.archives;
+    record.archive_bytes = sum.archive_bytes;
     CountFiles(sum, record);
     FindFailures(sum, exit_status, record, rules, record.reasons);
     const bool failed = !record.reasons.empty();
-    FindDoubts(sum, exit_status, record, rules, record.reasons);
+    record.reasons.insert(record.reasons.end(), rules.mistakes.begin(), rules.mistakes.end());
+    if (!failed)
+        FindDoubts(sum, exit_status, record, rules, record.reasons);
     if (failed)
         record.verdict = Verdict::Failed;
     else if (!record.reasons.empty())

@@ -54,8 +54,13 @@ std::string SumsFileOf(const std::string& archive) {
 }
 
 std::string EncodeRecord(const NightRecord& record) {
-    Json json{{"server", record.server},   {"level", LevelName(record.level)}, {"verdict", VerdictName(record.verdict)},
-              {"reasons", record.reasons}, {"started", record.started},        {"ended", record.ended}};
+    Json json{{"name", record.name},
+              {"server", record.server},
+              {"level", LevelName(record.level)},
+              {"verdict", VerdictName(record.verdict)},
+              {"reasons", record.reasons},
+              {"started", record.started},
+              {"ended", record.ended}};
     if (record.base)
         json["base"] = NightName(*record.base);
     if (record.cutoff)
@@ -68,6 +73,7 @@ std::string EncodeRecord(const NightRecord& record) {
                      {"newly_missing", record.newly_missing},
                      {"bytes", record.bytes},
                      {"archives", record.archives},
+                     {"archive_bytes", record.archive_bytes},
                      {"catalog_is_covered", record.catalog_is_covered}});
     return json.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
 }
@@ -76,6 +82,7 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
     try {
         const Json json = Json::parse(text);
         NightRecord record;
+        record.name = json.at("name");
         record.server = json.at("server");
         record.level = ValueNamed<Level>(json.at("level"), LevelNames);
         record.verdict = ValueNamed<Verdict>(json.at("verdict"), VerdictNames);
@@ -94,7 +101,10 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
         record.newly_missing = json.at("newly_missing");
         record.bytes = json.at("bytes");
         record.archives = json.at("archives").get<std::vector<std::string>>();
+        record.archive_bytes = json.at("archive_bytes").get<std::vector<std::uint64_t>>();
         record.catalog_is_covered = json.at("catalog_is_covered");
+        if (record.archives.size() != record.archive_bytes.size())
+            return std::nullopt;
         for (const std::string& archive : record.archives)
             if (archive.find('/') != archive.npos)
                 return std::nullopt;
@@ -106,14 +116,29 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
 
 namespace {
 
+// Whether all archives are there, as large as they were when the night was judged.
 bool HasArchives(const Night& night) {
     if (night.removed)
         return false;
     if (!night.record)
         return Exists(night.File(NightFiles::Archive));
-    const std::vector<std::string>& archives = night.record->archives;
-    return !archives.empty() && std::all_of(archives.begin(), archives.end(),
-                                            [&night](const auto& name) { return Exists(night.File(name)); });
+    const NightRecord& record = *night.record;
+    for (std::size_t i = 0; i < record.archives.size(); ++i) {
+        std::error_code error;
+        if (fs::file_size(night.File(record.archives[i]), error) != record.archive_bytes[i] || error)
+            return false;
+    }
+    return !record.archives.empty();
+}
+
+// The record; nothing when there is none, or none that can be understood.
+std::optional<NightRecord> ReadRecord(const Night& night) {
+    const std::string path = night.File(NightFiles::Record);
+    std::error_code error;
+    const bool exists = fs::exists(path, error);
+    if (error)
+        throw Failure(path + ": " + error.message());
+    return exists ? DecodeRecord(ReadSmallFile(path)) : std::nullopt;
 }
 
 // The file begins with the time, written like the name of a night.
@@ -137,11 +162,7 @@ std::optional<Night> ReadNight(const fs::directory_entry& entry) {
         return std::nullopt;
     night.moment = *moment;
     night.path = entry.path();
-    try {
-        night.record = DecodeRecord(ReadSmallFile(night.File(NightFiles::Record)));
-    } catch (const Failure&) {
-        night.record.reset();
-    }
+    night.record = ReadRecord(night);
     night.foreign = night.record && night.record->started != night.moment;
     night.removed = Exists(night.File(NightFiles::Removed));
     if (night.removed)
@@ -163,6 +184,15 @@ std::vector<Night> ListNights(const std::string& directory) {
     std::sort(nights.begin(), nights.end(), [](const Night& one, const Night& other) {
         return one.moment != other.moment ? one.moment < other.moment : one.complete < other.complete;
     });
+    return nights;
+}
+
+std::vector<Night> ListOwnNights(const Config& config) {
+    std::vector<Night> nights = ListNights(config.directory);
+    for (const Night& night : nights)
+        if (night.record && night.record->name != config.name)
+            throw Failure(config.directory + ": " + night.Name() + " is a night of \"" + night.record->name +
+                          "\", not of \"" + config.name + "\": give each server a directory of its own");
     return nights;
 }
 

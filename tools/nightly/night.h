@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "config.h"
 #include "disk.h"
 
 namespace nightly {
@@ -26,6 +27,7 @@ constexpr bool IsGood(Verdict verdict) {
 
 // What is known of a night: the contents of run.json.
 struct NightRecord {
+    std::string name; // of the configuration
     std::string server;
     Level level = Level::Full;
     Verdict verdict = Verdict::Failed;
@@ -35,12 +37,13 @@ struct NightRecord {
     std::optional<std::time_t> cutoff; // changed since
     int exit_status = -1;              // of the last vondral
     int retries = 0;
-    std::uint64_t attempted = 0;       // files
-    std::uint64_t objects = 0;         // of these, files that a sound archive contains, libraries as one each
-    std::uint64_t missing = 0;         // of these, not; in part counts too
-    std::uint64_t newly_missing = 0;   // names that were not missing in the last good night
-    std::uint64_t bytes = 0;           // of data in sound archives
-    std::vector<std::string> archives; // file names, in the order in which a restore takes them
+    std::uint64_t attempted = 0;              // files
+    std::uint64_t objects = 0;                // of these, files that a sound archive contains, libraries as one each
+    std::uint64_t missing = 0;                // of these, not; in part counts too
+    std::uint64_t newly_missing = 0;          // names that were not missing in the last good night
+    std::uint64_t bytes = 0;                  // of data in sound archives
+    std::vector<std::string> archives;        // file names, in the order in which a restore takes them
+    std::vector<std::uint64_t> archive_bytes; // the sizes of these files
     // Whether every path of the catalog is in one of the archives.
     bool catalog_is_covered = false;
 
@@ -82,8 +85,10 @@ std::string AttemptFile(const char* name, int retry);
 // "archive.sum", "retry1.sum": the sums that belong to an archive.
 std::string SumsFileOf(const std::string& archive);
 
-// All nights in the directory, the oldest first. Throws Failure when it cannot be read.
+// All nights in the directory, the oldest first. Throws Failure when it or one of them cannot be read.
 std::vector<Night> ListNights(const std::string& directory);
+// The same; but nights of another configuration are a failure: two servers in one directory would remove each other's.
+std::vector<Night> ListOwnNights(const Config& config);
 
 // The nights that count as backups and still have their archives.
 std::vector<const Night*> Restorable(const std::vector<Night>& nights);

@@ -56,6 +56,8 @@ void ReadNightLog(Reading& reading, const Night& night, const Night* last_good) 
         throw Failure(WithErrno(path));
     if (reading.past != nullptr && !report::FinishChanges(reading.changes, *reading.past, reading.run))
         reading.past.reset();
+    if (reading.past != nullptr)
+        reading.past->path = last_good->Name();
 }
 
 std::string Gauges(const Config& config, const Night& night) {

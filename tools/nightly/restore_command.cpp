@@ -96,7 +96,7 @@ Json RecordsOf(const RestorePlan& plan) {
 
 int Plan(const std::string& configs, const RestoreOptions& options) {
     const Config config = ReadConfig(configs, options.name);
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const RestorePlan plan = PlanRestore(nights, NamedNight(nights, options.night), options.rules);
     if (options.json)
         PrintRecords(RecordsOf(plan));
@@ -116,9 +116,15 @@ bool IsConfirmed(const Config& config, const RestoreOptions& options) {
     return std::getline(std::cin, answer) && answer == "restore " + config.name;
 }
 
-// Runs the restore archive by archive. Returns the steps that the log does not report as restored.
-std::vector<const RestoreStep*> RestoreAll(const Config& config, const RestorePlan& plan, const RestoreRules& rules) {
-    std::vector<const RestoreStep*> missing;
+// What became of a restore.
+struct Restored {
+    std::vector<const RestoreStep*> missing; // steps that the log does not report as restored
+    bool clean = true;                       // every run of vondral ended with 0
+};
+
+// Runs the restore archive by archive.
+Restored RestoreAll(const Config& config, const RestorePlan& plan, const RestoreRules& rules) {
+    Restored restored;
     const std::string log = config.directory + "/restore-" + NightName(std::time(nullptr));
     int number = 0;
     for (const std::string& archive : plan.archives) {
@@ -126,24 +132,27 @@ std::vector<const RestoreStep*> RestoreAll(const Config& config, const RestorePl
         const RestoreRun run{{}, archive, rules, FormatText("%s.%d.log", log.c_str(), ++number), true};
         if (!StopRequested())
             outcome = RunRestore(config, run);
+        if (outcome.status != 0)
+            std::fprintf(stderr, "vondral-nightly: vondral ended with %d: read %s\n", outcome.status, run.log.c_str());
+        restored.clean = restored.clean && outcome.status == 0;
         for (const RestoreStep& step : plan.steps) {
             if (step.archive != archive)
                 continue;
             const auto done = std::find(outcome.successes.begin(), outcome.successes.end(), step.success);
             if (done == outcome.successes.end())
-                missing.push_back(&step);
+                restored.missing.push_back(&step);
             else
                 outcome.successes.erase(done);
         }
     }
-    return missing;
+    return restored;
 }
 
 int Restore(const std::string& configs, const RestoreOptions& options) {
     const Config config = ReadConfig(configs, options.name);
     // Held, so that no run lets a night go meanwhile.
     const Descriptor lock = LockNights(config.directory);
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const RestorePlan plan = PlanRestore(nights, NamedNight(nights, options.night), options.rules);
     PrintPlan(config, plan);
     if (plan.steps.empty())
@@ -153,12 +162,12 @@ int Restore(const std::string& configs, const RestoreOptions& options) {
         return Bad;
     }
     CatchStopRequests();
-    const std::vector<const RestoreStep*> missing = RestoreAll(config, plan, options.rules);
-    for (const RestoreStep* const step : missing)
+    const Restored restored = RestoreAll(config, plan, options.rules);
+    for (const RestoreStep* const step : restored.missing)
         std::fprintf(stderr, "vondral-nightly: NOT RESTORED: %s from %s\n", Shown(step->path).c_str(),
                      step->archive.c_str());
-    std::printf("%zu of %zu objects restored\n", plan.steps.size() - missing.size(), plan.steps.size());
-    return missing.empty() ? Good : Bad;
+    std::printf("%zu of %zu objects restored\n", plan.steps.size() - restored.missing.size(), plan.steps.size());
+    return restored.missing.empty() && restored.clean ? Good : Bad;
 }
 
 void AddOptions(CLI::App& command, RestoreOptions& options) {

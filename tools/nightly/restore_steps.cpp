@@ -114,11 +114,16 @@ RestorePlan PlanRestore(const std::vector<Night>& nights, const Night& night, co
     for (const Night* const link : plan.chain) {
         for (std::string& path : CatalogPaths(link->path))
             paths.insert(std::move(path));
-        for (const std::string& archive : link->record->archives)
-            for (const EntryFacts& entry : ReadArchive(link->File(archive), Digests::Skip).entries) {
+        for (const std::string& archive : link->record->archives) {
+            const ArchiveContents contents = ReadArchive(link->File(archive), Digests::Skip);
+            if (!contents.fault.empty())
+                throw Failure(link->File(archive) + ": " + contents.fault +
+                              "; take another night, or what \"ctar salvage\" makes of this archive");
+            for (const EntryFacts& entry : contents.entries) {
                 AddSteps(plan, link->File(archive), entry.path, files);
                 entries.insert(entry.path);
             }
+        }
     }
     FindReturning(plan, nights, paths);
     paths.insert(entries.begin(), entries.end());

@@ -19,11 +19,12 @@
 namespace nightly {
 
 Descriptor LockNights(const std::string& directory) {
-    Descriptor lock(::open((directory + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    // The directory itself: a file made for the purpose could belong to the wrong user.
+    Descriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock.IsOpen())
-        throw Failure(WithErrno(directory + "/.lock"));
+        throw Failure(WithErrno(directory));
     if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0)
-        throw Failure(errno == EWOULDBLOCK ? directory + ": another run is at work" : WithErrno(directory + "/.lock"));
+        throw Failure(errno == EWOULDBLOCK ? directory + ": another run is at work" : WithErrno(directory));
     return lock;
 }
 
@@ -50,10 +51,10 @@ const Night* FindBase(const std::vector<Night>& nights, std::time_t now) {
 
 // Why tonight has to be full; "" when it may be a changed night.
 std::string WhyFull(const std::vector<Night>& nights, const Config& config, std::time_t now, const Night* base) {
-    if (base == nullptr)
-        return "there is no good full night with its archive to build on";
     if (config.level.full_days.empty())
         return "every night is full";
+    if (base == nullptr)
+        return "there is no good full night with its archive to build on";
     const Night* const last = LastGood(nights, now, Level::Full);
     const std::int64_t due = LastFullDay(config, UnitsOf(now, config.timezone));
     if (last == nullptr || UnitsOf(last->moment, config.timezone).day < due)
@@ -72,7 +73,7 @@ NightPlan PlanNight(const std::vector<Night>& nights, const Config& config, std:
         plan.why = "as asked";
     if (level == Level::Changed) {
         if (base == nullptr)
-            throw Failure("a changed night: " + plan.why);
+            throw Failure("a changed night needs a good full one with its archive to build on");
         plan.why.clear();
     }
     if (!plan.why.empty())
@@ -80,6 +81,7 @@ NightPlan PlanNight(const std::vector<Night>& nights, const Config& config, std:
     plan.level = Level::Changed;
     plan.base = base;
     plan.cutoff = base->record->started - config.level.margin;
+    plan.carried = ReadMissed(base->File(NightFiles::Missed));
     plan.why = "builds on " + base->Name();
     return plan;
 }
@@ -149,12 +151,12 @@ BackupRequest RequestFor(const Run& run, int retry) {
     return request;
 }
 
-// The path files of a retry that saves only what was missed. Security data and configuration are always included, so
-// they are excluded unless they were missed.
-void WriteRetryPaths(Run& run, int retry) {
+// The path files of a retry that saves only these. Security data and configuration are always included, so they are
+// excluded unless they were missed.
+void WriteRetryPaths(Run& run, int retry, const std::vector<MissedLine>& missed) {
     std::set<std::string> paths;
     std::string include;
-    for (const MissedLine& line : run.judgement.missed)
+    for (const MissedLine& line : missed)
         if (paths.insert(line.path).second)
             include += line.path + "\n";
     std::string exclude = run.config.exclude.empty() ? "" : ReadSmallFile(run.config.exclude);
@@ -173,21 +175,30 @@ void Attempt(Run& run, const JudgeRules& rules) {
 }
 
 void Retry(Run& run, const JudgeRules& rules) {
-    while (!run.IsSettled() && static_cast<std::uint64_t>(run.retries) < run.config.retries) {
+    for (std::uint64_t tries = 0; !run.IsSettled() && tries < run.config.retries; ++tries) {
         const bool partial = run.judgement.ran_to_end;
         run.world.say(FormatText("%s; retry %d of %llu in %s",
                                  run.judgement.record.reasons.empty() ? "not complete"
                                                                       : run.judgement.record.reasons.front().c_str(),
-                                 run.retries + 1, Printable(run.config.retries),
+                                 static_cast<int>(tries + 1), Printable(run.config.retries),
                                  ShowSpan(static_cast<double>(run.config.retry_wait)).c_str()));
         run.world.pause(run.config.retry_wait);
         if (run.world.stop_requested())
             return;
         if (partial)
-            WriteRetryPaths(run, run.retries + 1);
+            WriteRetryPaths(run, run.retries + 1, run.judgement.missed);
         ++run.retries;
         Attempt(run, rules);
     }
+}
+
+// Saves what the night before missed: a changed night by itself would leave out whatever has not changed since.
+void CarryOver(Run& run, const JudgeRules& rules) {
+    if (run.plan.carried.empty() || !run.judgement.ran_to_end || run.world.stop_requested())
+        return;
+    WriteRetryPaths(run, run.retries + 1, run.plan.carried);
+    ++run.retries;
+    Attempt(run, rules);
 }
 
 // What follows the last attempt
@@ -216,6 +227,7 @@ void WriteSums(Run& run) {
 
 void WriteRecord(Run& run) {
     NightRecord& record = run.judgement.record;
+    record.name = run.config.name;
     record.server = run.config.server;
     record.level = run.plan.level;
     record.started = run.night.moment;
@@ -223,8 +235,6 @@ void WriteRecord(Run& run) {
     record.cutoff = run.plan.cutoff;
     if (run.plan.base != nullptr)
         record.base = run.plan.base->moment;
-    if (run.world.stop_requested())
-        record.reasons.insert(record.reasons.begin(), "ended on request");
     run.world.disk.WriteFile(run.night.File(NightFiles::Record), EncodeRecord(record));
     run.night.record = record;
     run.night.has_archive = !record.archives.empty();
@@ -241,15 +251,17 @@ void Publish(World& world, Night& night) {
 
 std::string Summarize(const Night& night, const std::string& zone) {
     const NightRecord& record = *night.record;
-    std::string text = FormatText("%s (%s): %s: %llu files, %.3f MB in %s, %llu missing", night.Name().c_str(),
-                                  ShowMoment(night.moment, zone).c_str(), VerdictName(record.verdict),
-                                  Printable(record.objects), static_cast<double>(record.bytes) / 1e6,
-                                  ShowSpan(record.Seconds()).c_str(), Printable(record.missing));
-    return text;
+    const std::string text = FormatText("%s (%s): %s: ", night.Name().c_str(), ShowMoment(night.moment, zone).c_str(),
+                                        VerdictName(record.verdict));
+    if (record.attempted == 0 && record.objects == 0)
+        return text + "nothing was saved";
+    return text + FormatText("%llu files, %.3f MB in %s, %llu missing", Printable(record.objects),
+                             static_cast<double>(record.bytes) / 1e6, ShowSpan(record.Seconds()).c_str(),
+                             Printable(record.missing));
 }
 
 void LetOldNightsGo(Run& run) {
-    const std::vector<Night> nights = ListNights(run.config.directory);
+    const std::vector<Night> nights = ListOwnNights(run.config);
     const std::time_t now = run.world.now();
     const std::vector<PruneDecision> plan = PlanPruning(nights, run.config, now, run.night.moment);
     for (const PruneDecision& decision : plan) {
@@ -263,8 +275,9 @@ void LetOldNightsGo(Run& run) {
     Prune(run.world.disk, plan, now);
 }
 
-HookFacts FactsFor(const Run& run, const std::string& summary) {
-    return {run.night.Name(), run.night.record ? VerdictName(run.night.record->verdict) : "failed", summary,
+// `verdict` is the one of a night that has none yet.
+HookFacts FactsFor(const Run& run, const std::string& summary, const char* verdict) {
+    return {run.night.Name(), run.night.record ? VerdictName(run.night.record->verdict) : verdict, summary,
             run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)};
 }
 
@@ -278,13 +291,15 @@ void Conclude(Run& run) {
     std::string reasons;
     for (const std::string& reason : run.night.record->reasons)
         reasons += "; " + reason;
-    run.world.run_hooks(run.night.IsGood() ? HookKind::Success : HookKind::Failure, FactsFor(run, summary + reasons));
+    run.world.run_hooks(run.night.IsGood() ? HookKind::Success : HookKind::Failure,
+                        FactsFor(run, summary + reasons, ""));
 }
 
 void SaveAndJudge(Run& run) {
-    run.world.disk.MakeDirectory(run.night.path);
     const JudgeRules rules = RulesFor(run);
+    run.world.disk.MakeDirectory(run.night.path);
     Attempt(run, rules);
+    CarryOver(run, rules);
     Retry(run, rules);
     WriteMissed(run);
     WriteSums(run);
@@ -300,7 +315,7 @@ void SaveAndJudge(Run& run) {
 
 void FinishInterrupted(World& world, const Config& config) {
     FinishRemovals(world.disk, config.directory);
-    for (Night& night : ListNights(config.directory)) {
+    for (Night& night : ListOwnNights(config)) {
         if (night.complete || night.foreign || night.removed)
             continue;
         if (night.record && IsGood(night.record->verdict)) {
@@ -313,6 +328,7 @@ void FinishInterrupted(World& world, const Config& config) {
         while (Exists(night.File(AttemptFile(NightFiles::Log, retries + 1))))
             ++retries;
         NightRecord record = JudgeNight(night.path, retries, -1, {}).record;
+        record.name = config.name;
         record.server = config.server;
         record.started = record.ended = night.moment;
         record.verdict = Verdict::Failed;
@@ -324,7 +340,7 @@ void FinishInterrupted(World& world, const Config& config) {
 
 Night RunNight(World& world, const Config& config, const RunOptions& options) {
     FinishInterrupted(world, config);
-    Run run{.world = world, .config = config, .options = options, .nights = ListNights(config.directory)};
+    Run run{.world = world, .config = config, .options = options, .nights = ListOwnNights(config)};
     const std::time_t now = world.now();
     run.plan = PlanNight(run.nights, config, now, options.level);
     run.night.moment = now;
@@ -335,11 +351,11 @@ Night RunNight(World& world, const Config& config, const RunOptions& options) {
                          config.server.c_str(), run.plan.why.c_str()));
     try {
         world.run_hooks(HookKind::Start,
-                        FactsFor(run, "a " + std::string(LevelName(run.plan.level)) + " night begins"));
+                        FactsFor(run, "a " + std::string(LevelName(run.plan.level)) + " night begins", "running"));
         SaveAndJudge(run);
         Conclude(run);
     } catch (const std::exception& trouble) {
-        world.run_hooks(HookKind::Failure, FactsFor(run, trouble.what()));
+        world.run_hooks(HookKind::Failure, FactsFor(run, trouble.what(), "failed"));
         throw;
     }
     return run.night;

@@ -11,6 +11,7 @@
 
 #include "config.h"
 #include "disk.h"
+#include "judge.h"
 #include "night.h"
 #include "resources.h"
 
@@ -56,6 +57,7 @@ struct NightPlan {
     Level level = Level::Full;
     const Night* base = nullptr;       // of a changed night
     std::optional<std::time_t> cutoff; // of a changed night
+    std::vector<MissedLine> carried;   // what its base missed: saved too, whether it changed or not
     std::string why;                   // this level
 };
 NightPlan PlanNight(const std::vector<Night>& nights, const Config& config, std::time_t now,

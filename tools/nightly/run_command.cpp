@@ -47,7 +47,7 @@ World RealWorld(const Config& config, int lock) {
     World world;
     world.now = [] { return std::time(nullptr); };
     world.back_up = [&config, lock](const BackupRequest& request) {
-        const std::vector<Night> nights = ListNights(config.directory);
+        const std::vector<Night> nights = ListOwnNights(config);
         const Level level = request.cutoff ? Level::Changed : Level::Full;
         return RunBackup(config, request, lock, ExpectationFrom(LastGood(nights, std::time(nullptr), level)));
     };
@@ -61,13 +61,13 @@ World RealWorld(const Config& config, int lock) {
     world.report = [&config](const Night& night) {
         Disk disk;
         Try("report", [&] {
-            const std::vector<Night> nights = ListNights(config.directory);
+            const std::vector<Night> nights = ListOwnNights(config);
             WriteReports(disk, config, night, LastGood(nights, night.moment));
         });
     };
     world.record_history = [&config] {
         Try("history", [&] {
-            const std::vector<Night> nights = ListNights(config.directory);
+            const std::vector<Night> nights = ListOwnNights(config);
             const History history(config.directory, nights);
         });
     };
@@ -76,7 +76,7 @@ World RealWorld(const Config& config, int lock) {
 
 // What a run would do.
 int DescribeRun(const Config& config, const RunOptions& options) {
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const std::time_t now = std::time(nullptr);
     const NightPlan plan = PlanNight(nights, config, now, options.level);
     const std::string night = config.directory + "/" + NightName(now) + IncompleteSuffix + "/";
@@ -145,7 +145,7 @@ int PruneNights(const std::string& configs, const PruneArguments& arguments) {
     Disk disk;
     if (!arguments.dry_run)
         FinishRemovals(disk, config.directory);
-    const std::vector<Night> nights = ListNights(config.directory);
+    const std::vector<Night> nights = ListOwnNights(config);
     const std::time_t now = std::time(nullptr);
     const std::vector<PruneDecision> plan = PlanPruning(nights, config, now, std::nullopt);
     Json records = Json::array();
@@ -186,14 +186,20 @@ Action DeclareConfig(CLI::App& command, const std::string& configs) {
 Action DeclareRun(CLI::App& command, const std::string& configs) {
     static RunArguments arguments;
     static const std::map<std::string, Level> levels{{"full", Level::Full}, {"changed", Level::Changed}};
+    static std::string level;
     command.add_option("NAME", arguments.name, "the server")->required();
-    command.add_option("--level", arguments.options.level, "full or changed, whatever the configuration says")
+    command.add_option("--level", level, "full or changed, whatever the configuration says")
         ->type_name("LEVEL")
-        ->transform(CLI::CheckedTransformer(levels));
+        ->check(CLI::Validator(
+            [](const std::string& word) { return levels.contains(word) ? "" : word + " is not full or changed"; }, ""));
     command.add_flag("--accept-shrink", arguments.options.accept_shrink,
                      "believe a night that is much smaller than the last good one");
     command.add_flag("--dry-run", arguments.dry_run, "only print what would be run");
-    return [&configs] { return Run(configs, arguments); };
+    return [&configs] {
+        if (!level.empty())
+            arguments.options.level = levels.at(level);
+        return Run(configs, arguments);
+    };
 }
 
 Action DeclarePrune(CLI::App& command, const std::string& configs) {
@@ -222,7 +228,7 @@ Action DeclareReindex(CLI::App& command, const std::string& configs) {
     return [&configs] {
         const Config config = ReadConfig(configs, name);
         const Descriptor lock = LockNights(config.directory);
-        const std::vector<Night> nights = ListNights(config.directory);
+        const std::vector<Night> nights = ListOwnNights(config);
         History::Rebuild(config.directory, nights);
         std::printf("%zu nights\n", nights.size());
         return static_cast<int>(Good);

@@ -56,7 +56,7 @@ ServerStatus ReadServer(const std::string& configs, const std::string& name, std
     ServerStatus status;
     status.name = name;
     status.zone = config.timezone;
-    status.nights = ListNights(config.directory);
+    status.nights = ListOwnNights(config);
     status.drill = ReadDrill(config.directory);
     status.good = LastGood(status.nights, now + 1);
     for (const Night& night : status.nights)

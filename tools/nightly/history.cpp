@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,24 +57,26 @@ int SeriesOf(const Night& night) {
     return night.IsGood() ? static_cast<int>(night.record->level) : others;
 }
 
-// Statements for entering nights.
+// For entering nights: statements, and the numbers of all paths.
 struct Writer {
-    Statement add_path, find_path, add_entry, clear_current, add_current;
+    Statement add_path, add_entry, clear_current, add_current;
+    std::unordered_map<std::string, std::int64_t> ids;
 
     explicit Writer(const Database& database)
-        : add_path(database, "INSERT OR IGNORE INTO paths(path) VALUES(?)"),
-          find_path(database, "SELECT id FROM paths WHERE path = ?"),
+        : add_path(database, "INSERT INTO paths VALUES(?, ?)"),
           add_entry(database, "INSERT OR REPLACE INTO entries VALUES(?, ?, ?, ?, ?)"),
           clear_current(database, "DELETE FROM current"),
-          add_current(database, "INSERT OR IGNORE INTO current VALUES(?)") {}
+          add_current(database, "INSERT OR IGNORE INTO current VALUES(?)") {
+        Statement read(database, "SELECT id, path FROM paths");
+        while (read.Step())
+            ids.emplace(read.Text(1), read.Number(0));
+    }
 
     std::int64_t IdOf(const std::string& path) {
-        add_path.Bind(0, path).Run();
-        find_path.Bind(0, path).Step();
-        const std::int64_t id = find_path.Number(0);
-        while (find_path.Step()) {
-        }
-        return id;
+        const auto [found, is_new] = ids.try_emplace(path, static_cast<std::int64_t>(ids.size()) + 1);
+        if (is_new)
+            add_path.Bind(0, found->second).Bind(1, path).Run();
+        return found->second;
     }
 };
 
@@ -188,6 +191,8 @@ void History::Rebuild(const std::string& directory, const std::vector<Night>& ni
     ::unlink(path.c_str());
     {
         Database database(path);
+        // Nothing is lost with a new file that was not finished.
+        database.Execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;");
         database.Execute(Schema);
         Update(database, nights);
     }

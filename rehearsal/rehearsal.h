@@ -33,6 +33,9 @@ struct Fault {
         DataClose,  // closes the data connection after `bytes` bytes of data; the final reply is sent as usual
         DataReset,  // the same with a reset
         DataSilent, // sends neither data nor a reply after `bytes` bytes; waits for the client to leave
+        DataCutRecord, // closes the data connection within the TLS record that begins after `bytes` bytes
+        DataNoNotify,  // ends the data connection without TLS's close_notify
+        DataNoResume,  // does not resume the TLS session on the data connection
     };
     Kind kind{};
     std::string command;           // prefix of the command line as received; "" is the greeting
@@ -42,6 +45,16 @@ struct Fault {
     std::string text;              // see Replace, Flood
     std::vector<std::size_t> cuts; // see Pieces, ascending
     int pause_ms = 0;              // see Pieces, Silent, Flood
+};
+
+// Without a certificate the server speaks plain FTP, else it demands TLS before USER and for data.
+struct TlsOptions {
+    std::string certificate;         // file with the certificate and its chain; "": no TLS
+    std::string key;                 // file with its key
+    std::string client_ca;           // file with the authority of clients' certificates, which are demanded; "": none are
+    bool implicit = false;           // TLS from the start, without AUTH
+    bool require_resumption = false; // refuse data connections that do not resume a session
+    bool only_1_2 = false;           // no TLS 1.3
 };
 
 struct Options {
@@ -60,6 +73,7 @@ struct Options {
     std::uint64_t save_rate = 0;     // bytes of the save file per second that a save takes; 0: no limit
     std::uint64_t transfer_rate = 0; // bytes per second of each data connection; 0: no limit
     bool sample = false;             // call MakeSample(root) after bind and before the first session
+    TlsOptions tls;
     bool record = true;              // keep what Exchanges() and Transcript() return, about 1 KB per object saved
     // Called with each command line before it is processed, from the thread of its session.
     std::function<void(const std::string& line)> on_command;

@@ -11,8 +11,11 @@ namespace tls {
 
 TlsStream::TlsStream(const TlsContext& context, Descriptor socket, SSL_SESSION* resume)
     : context_(context), socket_(std::move(socket)), ssl_(context.NewConnection(socket_.Get(), verdict_, newest_)) {
-    if (resume != nullptr)
-        SSL_set_session(ssl_.get(), resume);
+    if (resume == nullptr)
+        return;
+    // A copy: OpenSSL uses a session of TLS 1.3 once, and gives it up with a connection that was cut.
+    const SessionOwner copy(SSL_SESSION_dup(resume));
+    SSL_set_session(ssl_.get(), copy.get());
 }
 
 IoResult TlsStream::Fail(const std::string& reason) {

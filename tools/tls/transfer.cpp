@@ -211,6 +211,8 @@ void Session::FinishTransfer(const DataEnd& end, bool upload) {
     if (end.without_close_notify && !relay_.cost_told.exchange(true))
         Log("the server ends its data connections without close_notify, which is accepted: whoever can end a TCP "
             "connection on the way can now shorten a file, and only the server's reply tells");
+    if (!cut.empty())
+        Log("a transfer was cut: " + cut);
     data_client_.Reset();
     if (!upload || !cut.empty())
         data_.reset();
@@ -218,12 +220,11 @@ void Session::FinishTransfer(const DataEnd& end, bool upload) {
         Await({}, -1);
     data_.reset();
     if (cut.empty() && final_early_ && final_ == '2')
-        cut = "the server called the transfer complete before it was";
+        Log(cut = "the server called the transfer complete before it was");
     LogVerbose(FormatText("%s %llu bytes%s%s", upload ? "sent" : "received", Printable(end.bytes),
                           cut.empty() ? "" : ", cut: ", cut.c_str()));
     if (cut.empty() || final_ != '2')
         return SendClient(held_);
-    Log("a transfer was cut: " + cut);
     SendClient("426 vondral-tls: " + MaskControls(cut) + ".\r\n");
 }
 

@@ -31,6 +31,7 @@ constexpr char Usage[] =
     "  --sample           fill DIR, which must be empty, with a small sample server first\n"
     "  --address A        IPv4 address to listen on (127.0.0.1)\n"
     "  --port N           port to listen on, 0 for any free one (21)\n"
+    "  --passive-address A  the address in replies to PASV\n"
     "  --user NAME        the only user (%s)\n"
     "  --password TEXT    the user's password (%s)\n"
     "  --release VxRyMz   the release to report (%s)\n"
@@ -92,6 +93,8 @@ constexpr ValueOption ValueOptions[] = {
     {"--locked",
      [](Options& options, const std::string& value) { options.locked.insert(rehearsal::ParsePath(value)); }},
     {"--busy", [](Options& options, const std::string& value) { options.busy.insert(rehearsal::ParsePath(value)); }},
+    {"--passive-address",
+     [](Options& options, const std::string& value) { options.passive_address = rehearsal::ParseAddress(value); }},
     {"--tls-cert", [](Options& options, const std::string& value) { options.tls.certificate = value; }},
     {"--tls-key", [](Options& options, const std::string& value) { options.tls.key = value; }},
     {"--tls-client-ca", [](Options& options, const std::string& value) { options.tls.client_ca = value; }},

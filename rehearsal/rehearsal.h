@@ -49,9 +49,9 @@ struct Fault {
 
 // Without a certificate the server speaks plain FTP, else it demands TLS before USER and for data.
 struct TlsOptions {
-    std::string certificate;         // file with the certificate and its chain; "": no TLS
-    std::string key;                 // file with its key
-    std::string client_ca;           // file with the authority of clients' certificates, which are demanded; "": none are
+    std::string certificate = {};    // file with the certificate and its chain; "": no TLS
+    std::string key = {};            // file with its key
+    std::string client_ca = {};      // file with the authority of clients' certificates, which are demanded; "": none are
     bool implicit = false;           // TLS from the start, without AUTH
     bool require_resumption = false; // refuse data connections that do not resume a session
     bool only_1_2 = false;           // no TLS 1.3
@@ -73,6 +73,7 @@ struct Options {
     std::uint64_t save_rate = 0;     // bytes of the save file per second that a save takes; 0: no limit
     std::uint64_t transfer_rate = 0; // bytes per second of each data connection; 0: no limit
     bool sample = false;             // call MakeSample(root) after bind and before the first session
+    std::string passive_address;     // announced in replies to PASV; "": the one that the client has connected to
     TlsOptions tls;
     bool record = true;              // keep what Exchanges() and Transcript() return, about 1 KB per object saved
     // Called with each command line before it is processed, from the thread of its session.
@@ -105,6 +106,7 @@ public:
     int OpenSessions() const; // of those, not yet ended
     int QuitCount() const;    // of those, ended by QUIT
     int FaultCount() const;   // how often a fault happened
+    int UncleanCount() const; // TLS connections that the client ended without close_notify, faults aside
 
 private:
     struct State;

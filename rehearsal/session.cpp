@@ -90,8 +90,9 @@ void Session::Run() {
     shared_.open--;
     ReplaceSocket(passive_, Descriptor());
     ReplaceSocket(data_.socket, Descriptor());
-    if (control_.tls != nullptr && faults_.empty())
-        SendCloseNotify(*control_.tls);
+    if (!Active(Fault::Kind::Close) && !Active(Fault::Kind::Reset))
+        CloseTls(control_);
+    control_.tls.reset();
     ReplaceSocket(control_.socket, Descriptor());
 }
 
@@ -101,6 +102,11 @@ void Session::Interrupt() {
     for (const Descriptor* socket : {&data_.socket, &passive_, &control_.socket}) // a slow transfer ends before its session
         if (socket->IsOpen())
             ::shutdown(socket->Get(), SHUT_RDWR);
+}
+
+void Session::CloseTls(Wire& wire) {
+    if (wire.tls != nullptr && !rehearsal::CloseTls(*wire.tls) && faults_.empty())
+        shared_.unclean++;
 }
 
 void Session::ReplaceSocket(Descriptor& slot, Descriptor value) {

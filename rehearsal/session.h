@@ -40,6 +40,7 @@ public:
     std::atomic<int> quits = 0; // sessions ended by QUIT
     std::atomic<int> open = 0;  // sessions not yet ended
     std::atomic<int> met_faults = 0;
+    std::atomic<int> unclean = 0; // TLS connections ended by the client without close_notify
 
     // Starts the record of an exchange. Returns its index, which the next two functions need.
     std::size_t RecordCommand(int session, const std::string& line);
@@ -102,6 +103,7 @@ private:
     TransferResult SendFileProtected(int file);
     TransferResult ReceiveFile(int file);
     void FinishTransfer(TransferResult result, const char* completed);
+    void CloseTls(Wire& wire);
     void ReplaceSocket(Descriptor& slot, Descriptor value);
 
     // Commands

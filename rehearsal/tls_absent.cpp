@@ -34,8 +34,10 @@ bool SendTls(TlsSide&, std::string_view) {
     return false;
 }
 
-void SendHalfRecord(TlsSide&, std::string_view) {}
+void SendHalfRecord(TlsSide&) {}
 
-void SendCloseNotify(TlsSide&) {}
+bool CloseTls(TlsSide&) {
+    return false;
+}
 
 } // namespace rehearsal

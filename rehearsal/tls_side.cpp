@@ -117,19 +117,21 @@ bool SendTls(TlsSide& side, std::string_view bytes) {
     return bytes.empty() || SSL_write_ex(side.ssl.get(), bytes.data(), bytes.size(), &count) == 1;
 }
 
-void SendHalfRecord(TlsSide& side, std::string_view bytes) {
+void SendHalfRecord(TlsSide& side) {
     const int socket = SSL_get_fd(side.ssl.get());
     BIO* const record = BIO_new(BIO_s_mem());
     SSL_set0_wbio(side.ssl.get(), record);
-    SendTls(side, bytes);
+    SendTls(side, std::string(1000, 'x'));
     char* made = nullptr;
     const long length = BIO_get_mem_data(record, &made);
     ::send(socket, made, static_cast<std::size_t>(std::max(length, 0L)) / 2, MSG_NOSIGNAL);
 }
 
-void SendCloseNotify(TlsSide& side) {
+bool CloseTls(TlsSide& side) {
+    constexpr timeval patience{2, 0};
+    ::setsockopt(SSL_get_fd(side.ssl.get()), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     ERR_clear_error();
-    SSL_shutdown(side.ssl.get());
+    return SSL_shutdown(side.ssl.get()) == 1 || SSL_shutdown(side.ssl.get()) == 1;
 }
 
 } // namespace rehearsal

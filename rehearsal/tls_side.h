@@ -37,8 +37,9 @@ bool HasPending(const TlsSide& side); // received bytes that poll() does not see
 // As recv(); 0 only when the client has sent close_notify.
 ssize_t ReceiveTls(TlsSide& side, std::span<char> room);
 bool SendTls(TlsSide& side, std::string_view bytes);
-// Sends the first half of the record that the bytes make; nothing can be sent afterwards.
-void SendHalfRecord(TlsSide& side, std::string_view bytes);
-void SendCloseNotify(TlsSide& side);
+// Sends half of a record; nothing can be sent afterwards.
+void SendHalfRecord(TlsSide& side);
+// Sends close_notify and waits briefly for the client's. Returns whether that came.
+bool CloseTls(TlsSide& side);
 
 } // namespace rehearsal

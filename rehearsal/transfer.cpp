@@ -73,6 +73,8 @@ void Session::Pasv(const std::string&) {
     if (Active(Fault::Kind::DataRefuse))
         passive = Descriptor();
     ReplaceSocket(passive_, std::move(passive));
+    if (!shared_.options.passive_address.empty())
+        ::inet_pton(AF_INET, shared_.options.passive_address.c_str(), &address.sin_addr);
     const std::uint32_t host = ntohl(address.sin_addr.s_addr);
     const unsigned port = ntohs(address.sin_port);
     const std::string numbers = FormatText("%u,%u,%u,%u,%u,%u", host >> 24, host >> 16 & 0xFF, host >> 8 & 0xFF,
@@ -156,7 +158,7 @@ Session::TransferResult Session::CutData() {
     if (Active(Fault::Kind::DataReset))
         CloseByReset(data_.socket.Get());
     if (data_.tls != nullptr && Active(Fault::Kind::DataCutRecord))
-        SendHalfRecord(*data_.tls, std::string(TransferPiece, 'x'));
+        SendHalfRecord(*data_.tls);
     data_.tls.reset();
     ReplaceSocket(data_.socket, Descriptor());
     return TransferResult::Cut;
@@ -226,8 +228,8 @@ Session::TransferResult Session::ReceiveFile(int file) {
 }
 
 void Session::FinishTransfer(TransferResult result, const char* completed) {
-    if (data_.tls != nullptr && result == TransferResult::Complete && !Active(Fault::Kind::DataNoNotify))
-        SendCloseNotify(*data_.tls);
+    if (result == TransferResult::Complete && !Active(Fault::Kind::DataNoNotify))
+        CloseTls(data_);
     data_.tls.reset();
     ReplaceSocket(data_.socket, Descriptor());
     shared_.RecordTransferred(exchange_, transferred_);

@@ -18,7 +18,7 @@
 namespace tls {
 
 struct ServerSettings {
-    std::string host;
+    std::string host = {};
     std::uint16_t port = 21;
     bool implicit = false; // TLS from the first byte on, without AUTH
     int keep_alive = 60;   // seconds of silence after which TCP asks whether the server is still there

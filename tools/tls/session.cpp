@@ -147,8 +147,10 @@ void Session::ReadServer() {
 
 // Ends the session as the server ended its control connection.
 void Session::EndByServer() {
-    if (server_end_.io == Io::Failed)
-        throw SessionEnd{.reset = true, .reason = "the server's control connection: " + server_.stream->Reason()};
+    if (server_end_.io == Io::Failed) {
+        Log("the server's control connection: " + server_.stream->Reason());
+        throw SessionEnd{.reset = true};
+    }
     throw SessionEnd{.reason = server_end_.io == Io::Closed
                                    ? "the server has closed the session"
                                    : "the server's control connection ended without close_notify"};
@@ -169,14 +171,14 @@ void Session::SendClient(std::string_view bytes) {
 
 void Session::SendServer(std::string_view bytes) {
     while (!bytes.empty()) {
+        if (server_end_.io != Io::Done) // what came first tells more than the error of a write
+            EndByServer();
         const IoResult result = server_.stream->Write(bytes);
         bytes.remove_prefix(result.count);
-        if (result.io == Io::WantRead || result.io == Io::WantWrite) {
+        if (result.io == Io::WantRead || result.io == Io::WantWrite)
             WaitForStream(AwaitAnything(), *server_.stream, result.io);
-        } else if (result.io != Io::Done) {
+        else if (result.io != Io::Done)
             server_end_ = result;
-            EndByServer();
-        }
     }
 }
 

@@ -88,7 +88,7 @@ std::string LoggedCommand(std::string_view line) {
 
 ReplyTracker::Line ReplyTracker::Track(std::string_view line) {
     constexpr std::size_t code_length = 3;
-    const bool continues = line.substr(code_length, 1) == "-";
+    const bool continues = line.size() > code_length && line[code_length] == '-';
     const std::string_view code = line.substr(0, code_length);
     if (code_.empty()) {
         kind_ = line.empty() ? '\n' : line[0];

@@ -41,7 +41,7 @@ constexpr char Usage[] =
     "  --tls-implicit     TLS from the start, without AUTH\n"
     "  --tls-client-ca FILE  demand a client certificate of the authority in FILE\n"
     "  --tls-require-resumption  refuse data connections that do not resume the TLS session\n"
-    "  --tls-only-1.2     no TLS 1.3\n"
+    "  --tls-max VERSION  1.2: no TLS 1.3\n"
     "  --help             print this text\n"
     "\n"
     "A bad night (--locked, --busy and --fault can be given again):\n"
@@ -97,6 +97,12 @@ constexpr ValueOption ValueOptions[] = {
      [](Options& options, const std::string& value) { options.passive_address = rehearsal::ParseAddress(value); }},
     {"--tls-cert", [](Options& options, const std::string& value) { options.tls.certificate = value; }},
     {"--tls-key", [](Options& options, const std::string& value) { options.tls.key = value; }},
+    {"--tls-max",
+     [](Options& options, const std::string& value) {
+         options.tls.only_1_2 = value == "1.2";
+         if (value != "1.2" && value != "1.3")
+             throw UsageError{"not 1.2 or 1.3: " + value};
+     }},
     {"--tls-client-ca", [](Options& options, const std::string& value) { options.tls.client_ca = value; }},
     {"--save-rate",
      [](Options& options, const std::string& value) { options.save_rate = rehearsal::ParseBytes(value); }},
@@ -115,8 +121,6 @@ bool SetSwitch(Arguments& arguments, const std::string& name) {
         arguments.options.tls.implicit = true;
     else if (name == "--tls-require-resumption")
         arguments.options.tls.require_resumption = true;
-    else if (name == "--tls-only-1.2")
-        arguments.options.tls.only_1_2 = true;
     else if (name == "--help")
         arguments.help = true;
     else

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include "text.h"
@@ -25,6 +26,13 @@ bool WaitForOne(const Wait& wait, int descriptor, short events) {
 
 std::string SystemReason(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
+}
+
+// Has the next segments acknowledged at once. Many a server holds the end of its data, or close_notify, back until all
+// before it is acknowledged (Nagle), and an acknowledgement may wait for 40 ms.
+void AcknowledgeAtOnce(const TlsStream& stream) {
+    const int on = 1;
+    ::setsockopt(stream.Socket(), SOL_TCP, TCP_QUICKACK, &on, sizeof on);
 }
 
 constexpr char GivenUp[] = "the server refused the rest";
@@ -110,6 +118,7 @@ void SetResetOnClose(int socket, bool reset) {
 
 void DataChannel::Protect(const TlsContext& context, SSL_SESSION* session, const Wait& wait) {
     stream_ = std::make_unique<TlsStream>(context, std::move(socket_), session);
+    AcknowledgeAtOnce(*stream_);
     CompleteHandshake(*stream_, wait);
 }
 
@@ -140,6 +149,7 @@ DataEnd DataChannel::Download(int client, bool accept_missing_close_notify, cons
         }
         if (result.io == Io::Done)
             continue;
+        AcknowledgeAtOnce(*stream_);
         // The client's socket is there for its errors only.
         std::array<pollfd, 2> entries{
             {{stream_->Socket(), static_cast<short>(result.io == Io::WantWrite ? POLLOUT : POLLIN), 0}, {client, 0, 0}}};

@@ -52,6 +52,8 @@ struct TlsOptions {
     std::string certificate = {};    // file with the certificate and its chain; "": no TLS
     std::string key = {};            // file with its key
     std::string client_ca = {};      // file with the authority of clients' certificates, which are demanded; "": none are
+    std::string unresumed_name = {}; // certificate and key, NAME.pem and NAME.key, of data connections that are not
+                                     // resumed by fault; "": the same
     bool implicit = false;           // TLS from the start, without AUTH
     bool require_resumption = false; // refuse data connections that do not resume a session
     bool only_1_2 = false;           // no TLS 1.3

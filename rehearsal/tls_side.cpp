@@ -34,7 +34,12 @@ void DemandClientCertificate(SSL_CTX* context, const std::string& authority) {
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 }
 
-ContextOwner MakeContext(const TlsOptions& options, bool resumes) {
+ContextOwner MakeContext(const TlsOptions& given, bool resumes) {
+    TlsOptions options = given;
+    if (!resumes && !options.unresumed_name.empty()) {
+        options.certificate = options.unresumed_name + ".pem";
+        options.key = options.unresumed_name + ".key";
+    }
     ContextOwner owner(SSL_CTX_new(TLS_server_method()));
     SSL_CTX* const context = owner.get();
     constexpr unsigned char name[] = "rehearsal";

@@ -166,6 +166,7 @@ TEST_P(Data, IsWholeOrTheObjectFails) {
     EXPECT_THAT(site.relay->Log(), testing::HasSubstr(row.cut));
 }
 
+const std::vector<Fault> NeverResumed{OfKind(Kind::DataNoResume, "LIST", 0), OfKind(Kind::DataNoResume, "RETR", 0)};
 const auto Unchanged = [](TlsSite&) {};
 const auto Lenient = [](TlsSite& site) { site.relay_options.accept_missing_close_notify = true; };
 
@@ -176,9 +177,15 @@ INSTANTIATE_TEST_SUITE_P(
         DataCase{"resumption_required", {}, [](TlsSite& site) { site.options.tls.require_resumption = true; }, ""},
         DataCase{"resumption_required_1_2", {},
                  [](TlsSite& site) { site.options.tls.require_resumption = site.options.tls.only_1_2 = true; }, ""},
-        DataCase{"never_resumed", {OfKind(Kind::DataNoResume, "", 0)}, Unchanged, ""},
+        DataCase{"never_resumed", NeverResumed, Unchanged, ""},
         DataCase{"no_longer_resumed", {OfKind(Kind::DataNoResume, "RETR", 2)}, Unchanged,
                  "the server did not resume the TLS session, which it did before"},
+        DataCase{"another_certificate", NeverResumed,
+                 [](TlsSite& site) {
+                     const std::string file = CertificateFile("soon");
+                     site.options.tls.unresumed_name = file.substr(0, file.rfind('.'));
+                 },
+                 "the data connection has another certificate than the control connection"},
         // The client would look for its data there; the server does not.
         DataCase{"elsewhere", {}, [](TlsSite& site) { site.options.passive_address = "127.9.9.9"; }, ""},
         DataCase{"no_close_notify", {OfKind(Kind::DataNoNotify, "RETR", 3)}, Unchanged,
@@ -211,6 +218,20 @@ TEST(Relay, EndsEveryConnectionWithCloseNotify) {
     EXPECT_EQ(restored.status, 0) << restored.err << empty.relay->Log();
     EXPECT_EQ(DiffTrees(site.root.path, empty.root.path), "");
     empty.server.reset();
+}
+
+// What the server says of an upload counts only when it says it of the whole.
+TEST(Relay, CutsUploads) {
+    TlsSite site;
+    ASSERT_EQ(site.Backup().status, 0);
+    for (const auto& [fault, text] :
+         std::vector<std::pair<Fault, std::string>>{
+             {Replace("STOR", "150 go\r\n250 done", 6), "the server called the transfer complete before it was"},
+             {OfKind(Kind::DataNoResume, "STOR", 6), "did not resume"}}) {
+        const Outcome outcome = site.Run({"-r", site.archive}, {fault});
+        EXPECT_THAT(outcome.err, testing::HasSubstr("STOR command failed")) << text;
+        EXPECT_THAT(site.relay->Log(), testing::HasSubstr(text));
+    }
 }
 
 TEST(Relay, TellsOnceWhatAcceptingCosts) {
@@ -290,10 +311,32 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
         ::usleep(5000);
     EXPECT_EQ(site.server->OpenSessions(), 0);
     Descriptor probe = tls::ConnectTcp(tls::ListeningAddress(tls::ListenOn("127.0.0.1:0")), 7, [](auto) { return true; });
-    int seconds = 0;
-    socklen_t length = sizeof seconds;
-    ::getsockopt(probe.Get(), SOL_TCP, TCP_KEEPIDLE, &seconds, &length);
-    EXPECT_EQ(seconds, 7);
+    for (const auto& [level, option, expected] : {std::tuple{SOL_TCP, TCP_KEEPIDLE, 7}, {SOL_SOCKET, SO_KEEPALIVE, 1}}) {
+        int value = 0;
+        socklen_t length = sizeof value;
+        ::getsockopt(probe.Get(), level, option, &value, &length);
+        EXPECT_EQ(value, expected);
+    }
+}
+
+// Either alone would do for most clients; the program needs both when it is slow.
+TEST(Relay, ResetsTheDataAndReplacesTheReplyAfterACut) {
+    TlsSite site;
+    site.options.root = site.root.path;
+    site.options.faults = {OfKind(Kind::DataClose, "RETR", 1, 3)};
+    site.server = std::make_unique<rehearsal::Server>(site.options);
+    const TestRelay relay({}, site.server->Port());
+    Typist typist(relay.Port());
+    typist.Listen();
+    for (const char* const command : {"USER fred\r\n", "PASS secret\r\n", "TYPE I\r\n"})
+        typist.Say(command);
+    const std::optional<std::uint16_t> port = tls::ParsePassivePort(typist.Say("PASV\r\n"));
+    ASSERT_TRUE(port);
+    Typist data(*port);
+    EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("150 "));
+    EXPECT_EQ(data.Listen(), "not");
+    EXPECT_EQ(data.Listen(), "reset");
+    EXPECT_THAT(typist.Listen(), testing::StartsWith("426 vondral-tls: the server's data connection ended without"));
 }
 
 // The program itself.

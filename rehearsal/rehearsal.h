@@ -49,9 +49,9 @@ struct Fault {
 
 // Without a certificate the server speaks plain FTP, else it demands TLS before USER and for data.
 struct TlsOptions {
-    std::string certificate = {};    // file with the certificate and its chain; "": no TLS
-    std::string key = {};            // file with its key
-    std::string client_ca = {};      // file with the authority of clients' certificates, which are demanded; "": none are
+    std::string certificate = {}; // file with the certificate and its chain; "": no TLS
+    std::string key = {};         // file with its key
+    std::string client_ca = {};   // file with the authority of clients' certificates, which are demanded; "": none are
     std::string unresumed_name = {}; // certificate and key, NAME.pem and NAME.key, of data connections that are not
                                      // resumed by fault; "": the same
     bool implicit = false;           // TLS from the start, without AUTH
@@ -77,7 +77,7 @@ struct Options {
     bool sample = false;             // call MakeSample(root) after bind and before the first session
     std::string passive_address;     // announced in replies to PASV; "": the one that the client has connected to
     TlsOptions tls;
-    bool record = true;              // keep what Exchanges() and Transcript() return, about 1 KB per object saved
+    bool record = true; // keep what Exchanges() and Transcript() return, about 1 KB per object saved
     // Called with each command line before it is processed, from the thread of its session.
     std::function<void(const std::string& line)> on_command;
 };

@@ -99,7 +99,8 @@ void Session::Run() {
 void Session::Interrupt() {
     const std::lock_guard lock(mutex_);
     ending_ = true;
-    for (const Descriptor* socket : {&data_.socket, &passive_, &control_.socket}) // a slow transfer ends before its session
+    for (const Descriptor* socket :
+         {&data_.socket, &passive_, &control_.socket}) // a slow transfer ends before its session
         if (socket->IsOpen())
             ::shutdown(socket->Get(), SHUT_RDWR);
 }
@@ -150,8 +151,8 @@ void Session::ProcessCommand(const std::string& line) {
         std::find_if(Verbs().begin(), Verbs().end(), [&](const Verb& each) { return each.name == verb_; });
     const bool transfers = verb != Verbs().end() && verb->transfers;
 
-    if (const Fault* fault = Active(Fault::Kind::Replace, 0); fault && !(transfers && fault->text.starts_with('1')) &&
-                                                               !(verb_ == "AUTH" && fault->text.starts_with('2'))) {
+    if (const Fault* fault = Active(Fault::Kind::Replace, 0);
+        fault && !(transfers && fault->text.starts_with('1')) && !(verb_ == "AUTH" && fault->text.starts_with('2'))) {
         Reply("");
         if (transfers)
             CloseData();

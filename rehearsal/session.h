@@ -31,12 +31,12 @@ class SharedState {
 public:
     explicit SharedState(Options given)
         : options(std::move(given)), store(options.root),
-          tls(options.tls.certificate.empty() ? nullptr : MakeTlsContext(options.tls)),
-          counts_(options.faults.size()) {}
+          tls(options.tls.certificate.empty() ? nullptr : MakeTlsContext(options.tls)), counts_(options.faults.size()) {
+    }
 
     const Options options;
     const Store store;
-    const TlsContextOwner tls;      // null: plain FTP
+    const TlsContextOwner tls;  // null: plain FTP
     std::atomic<int> quits = 0; // sessions ended by QUIT
     std::atomic<int> open = 0;  // sessions not yet ended
     std::atomic<int> met_faults = 0;
@@ -143,7 +143,7 @@ private:
 
     std::string user_;
     bool logged_on_ = false;
-    bool image_ = false; // TYPE I
+    bool image_ = false;         // TYPE I
     bool protects_data_ = false; // PROT P
     std::string directory_ = "/";
     int idle_seconds_ = 300;

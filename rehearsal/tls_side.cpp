@@ -107,7 +107,8 @@ bool HasPending(const TlsSide& side) {
 
 ssize_t ReceiveTls(TlsSide& side, std::span<char> room) {
     ERR_clear_error();
-    const int count = SSL_read(side.ssl.get(), room.data(), static_cast<int>(std::min<std::size_t>(room.size(), INT_MAX)));
+    const int count =
+        SSL_read(side.ssl.get(), room.data(), static_cast<int>(std::min<std::size_t>(room.size(), INT_MAX)));
     if (count > 0)
         return count;
     if (SSL_get_error(side.ssl.get(), count) == SSL_ERROR_ZERO_RETURN)

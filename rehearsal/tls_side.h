@@ -28,8 +28,8 @@ using TlsSideOwner = std::unique_ptr<TlsSide, TlsSideDeleter>;
 // Any thread may use a context; it must outlive its connections. Throws std::runtime_error.
 TlsContextOwner MakeTlsContext(const TlsOptions& options);
 
-// Runs the handshake on a connected socket that blocks. `resumes`: the client may resume a session. Returns null when the
-// handshake fails. The functions below belong to the thread of the connection.
+// Runs the handshake on a connected socket that blocks. `resumes`: the client may resume a session. Returns null when
+// the handshake fails. The functions below belong to the thread of the connection.
 TlsSideOwner AcceptTls(const TlsContext& context, int socket, bool resumes);
 
 bool IsResumed(const TlsSide& side);

@@ -97,8 +97,7 @@ bool Session::BeginTransfer(const std::string& reply) {
     if (!protects_data_)
         return true;
     data_.tls = AcceptTls(*shared_.tls, data_.socket.Get(), !Active(Fault::Kind::DataNoResume));
-    const bool accepted =
-        data_.tls != nullptr && (IsResumed(*data_.tls) || !shared_.options.tls.require_resumption);
+    const bool accepted = data_.tls != nullptr && (IsResumed(*data_.tls) || !shared_.options.tls.require_resumption);
     if (accepted)
         return true;
     data_.tls.reset();
@@ -127,8 +126,8 @@ void Session::RefuseTransfer(const std::string& reply) {
 }
 
 std::size_t Session::AllowedBytes(std::size_t wanted) const {
-    for (const auto kind : {Fault::Kind::DataClose, Fault::Kind::DataReset, Fault::Kind::DataSilent,
-                            Fault::Kind::DataCutRecord})
+    for (const auto kind :
+         {Fault::Kind::DataClose, Fault::Kind::DataReset, Fault::Kind::DataSilent, Fault::Kind::DataCutRecord})
         if (const Fault* fault = Active(kind))
             wanted = std::min(wanted, fault->bytes - std::min(fault->bytes, transferred_));
     const std::uint64_t rate = shared_.options.transfer_rate;

@@ -1,5 +1,5 @@
-// One TCP connection of a session, in the clear or under TLS. Belongs to the session's thread, but for the socket, which
-// others may shut down.
+// One TCP connection of a session, in the clear or under TLS. Belongs to the session's thread, but for the socket,
+// which others may shut down.
 
 #pragma once
 

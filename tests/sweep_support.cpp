@@ -376,9 +376,8 @@ void Sweep(const char* kind, const Rehearsal& rehearsal, const std::vector<Distu
         struck += run.struck ? 1 : 0;
         ++statuses[run.outcome.status];
     }
-    std::printf("sweep %s%s/%s: %d runs of %zu, %d struck; ended with",
-                TheRoute().tls ? "tls_" : "", ModeName(rehearsal.mode).c_str(), kind, runs,
-                disturbances.size(), struck);
+    std::printf("sweep %s%s/%s: %d runs of %zu, %d struck; ended with", TheRoute().tls ? "tls_" : "",
+                ModeName(rehearsal.mode).c_str(), kind, runs, disturbances.size(), struck);
     for (const auto& [status, count] : statuses)
         std::printf(" %s%d: %d", status < 0 ? "signal " : "", status < 0 ? -1 - status : status, count);
     std::printf("\n");

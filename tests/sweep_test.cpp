@@ -120,11 +120,16 @@ private:
             loss.cost = Cost::Nothing;
     }
     Disturbance& Add(Kind kind, std::size_t bytes) {
-        static const std::map<Kind, const char*> names{
-            {Kind::Close, "closed"},          {Kind::Reset, "reset"},           {Kind::CloseAfter, "closed behind"},
-            {Kind::DataRefuse, "no data"},    {Kind::DataClose, "data closed"}, {Kind::DataReset, "data reset"},
-            {Kind::DataSilent, "data silent"},  {Kind::DataCutRecord, "cut in a record"},
-            {Kind::DataNoNotify, "no notify"},  {Kind::DataNoResume, "not resumed"}};
+        static const std::map<Kind, const char*> names{{Kind::Close, "closed"},
+                                                       {Kind::Reset, "reset"},
+                                                       {Kind::CloseAfter, "closed behind"},
+                                                       {Kind::DataRefuse, "no data"},
+                                                       {Kind::DataClose, "data closed"},
+                                                       {Kind::DataReset, "data reset"},
+                                                       {Kind::DataSilent, "data silent"},
+                                                       {Kind::DataCutRecord, "cut in a record"},
+                                                       {Kind::DataNoNotify, "no notify"},
+                                                       {Kind::DataNoResume, "not resumed"}};
         Fault fault = fault_;
         fault.kind = kind;
         fault.bytes = bytes;

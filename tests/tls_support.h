@@ -7,8 +7,8 @@
 #include "relay.h"
 #include "test_support.h"
 
-// Files made once per process, by name: ca, other-ca; good, wrong-name, soon and expired of ca; self-signed; client of ca.
-// Each NAME.pem has its NAME.key. All of the server's are for 127.0.0.1 and localhost, but for wrong-name.
+// Files made once per process, by name: ca, other-ca; good, wrong-name, soon and expired of ca; self-signed; client of
+// ca. Each NAME.pem has its NAME.key. All of the server's are for 127.0.0.1 and localhost, but for wrong-name.
 std::string CertificateFile(const std::string& name);
 std::string KeyFile(const std::string& name);
 std::string PinOf(const std::string& name);

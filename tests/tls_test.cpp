@@ -98,8 +98,7 @@ INSTANTIATE_TEST_SUITE_P(
                   ""},
         TrustCase{"no_client_certificate", "good",
                   [](TlsSite& site) { site.options.tls.client_ca = CertificateFile("ca"); }, "certificate required"},
-        TrustCase{"wrong_ca", "good",
-                  [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("other-ca"); },
+        TrustCase{"wrong_ca", "good", [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("other-ca"); },
                   "unable to get local issuer certificate (subject CN = test-good; issuer CN = test-ca); name the "
                   "authority that issued it with --ca FILE, or, if this is the server's key, give --pin sha256//"},
         TrustCase{"self_signed", "self-signed", TrustNobody, "self-signed certificate (subject CN = test-self-signed"},
@@ -124,8 +123,8 @@ INSTANTIATE_TEST_SUITE_P(
         TrustCase{"text_after_greeting", "good",
                   [](TlsSite& site) { site.options.faults = {Replace("", "220 hello\r\n234 go ahead")}; },
                   "plain text after the server's greeting"},
-        TrustCase{"plain_instead", "good",
-                  [](TlsSite& site) { site.relay_options.server.implicit = true; }, "TLS handshake: wrong version"}),
+        TrustCase{"plain_instead", "good", [](TlsSite& site) { site.relay_options.server.implicit = true; },
+                  "TLS handshake: wrong version"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 // What is done to a backup, and what comes of it.
@@ -175,10 +174,14 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         DataCase{"whole", {}, Unchanged, ""},
         DataCase{"resumption_required", {}, [](TlsSite& site) { site.options.tls.require_resumption = true; }, ""},
-        DataCase{"resumption_required_1_2", {},
-                 [](TlsSite& site) { site.options.tls.require_resumption = site.options.tls.only_1_2 = true; }, ""},
+        DataCase{"resumption_required_1_2",
+                 {},
+                 [](TlsSite& site) { site.options.tls.require_resumption = site.options.tls.only_1_2 = true; },
+                 ""},
         DataCase{"never_resumed", NeverResumed, Unchanged, ""},
-        DataCase{"no_longer_resumed", {OfKind(Kind::DataNoResume, "RETR", 2)}, Unchanged,
+        DataCase{"no_longer_resumed",
+                 {OfKind(Kind::DataNoResume, "RETR", 2)},
+                 Unchanged,
                  "the server did not resume the TLS session, which it did before"},
         DataCase{"another_certificate", NeverResumed,
                  [](TlsSite& site) {
@@ -188,23 +191,27 @@ INSTANTIATE_TEST_SUITE_P(
                  "the data connection has another certificate than the control connection"},
         // The client would look for its data there; the server does not.
         DataCase{"elsewhere", {}, [](TlsSite& site) { site.options.passive_address = "127.9.9.9"; }, ""},
-        DataCase{"no_close_notify", {OfKind(Kind::DataNoNotify, "RETR", 3)}, Unchanged,
+        DataCase{"no_close_notify",
+                 {OfKind(Kind::DataNoNotify, "RETR", 3)},
+                 Unchanged,
                  "the server's data connection ended without close_notify"},
         DataCase{"no_close_notify_of_a_list", {OfKind(Kind::DataNoNotify, "LIST")}, Unchanged, "close_notify"},
-        DataCase{"no_close_notify_accepted", {OfKind(Kind::DataNoNotify, "RETR", 0)}, Lenient,
-                 ""},
+        DataCase{"no_close_notify_accepted", {OfKind(Kind::DataNoNotify, "RETR", 0)}, Lenient, ""},
         DataCase{"closed", {OfKind(Kind::DataClose, "RETR", 3, 300)}, Unchanged, "without close_notify"},
-        DataCase{"cut_in_a_record", {OfKind(Kind::DataCutRecord, "RETR", 3, 512)}, Lenient,
+        DataCase{"cut_in_a_record",
+                 {OfKind(Kind::DataCutRecord, "RETR", 3, 512)},
+                 Lenient,
                  "the connection ended within a TLS record"},
         DataCase{"reset", {OfKind(Kind::DataReset, "RETR", 3, 300)}, Lenient, "Connection reset by peer"},
         DataCase{"prot_refused", {Replace("PROT", "536 no")}, Unchanged, "the server refuses PROT P: 536 no"},
         DataCase{"unasked_227",
-                 {Replace("TYPE I", "200-x\r\n227 Entering Passive Mode (127,0,0,1,1,1).\r\n200 y")}, Unchanged,
+                 {Replace("TYPE I", "200-x\r\n227 Entering Passive Mode (127,0,0,1,1,1).\r\n200 y")},
+                 Unchanged,
                  "a 227 reply that nobody asked for"}),
     [](const auto& row) { return std::string(row.param.name); });
 
-// A restore uploads, and the server accepts an upload only when close_notify ends it. Each connection of the session ends
-// with it too, and so each direction.
+// A restore uploads, and the server accepts an upload only when close_notify ends it. Each connection of the session
+// ends with it too, and so each direction.
 TEST(Relay, EndsEveryConnectionWithCloseNotify) {
     TlsSite site;
     ASSERT_EQ(site.Backup().status, 0);
@@ -224,8 +231,7 @@ TEST(Relay, EndsEveryConnectionWithCloseNotify) {
 TEST(Relay, CutsUploads) {
     TlsSite site;
     ASSERT_EQ(site.Backup().status, 0);
-    for (const auto& [fault, text] :
-         std::vector<std::pair<Fault, std::string>>{
+    for (const auto& [fault, text] : std::vector<std::pair<Fault, std::string>>{
              {Replace("STOR", "150 go\r\n250 done", 6), "the server called the transfer complete before it was"},
              {OfKind(Kind::DataNoResume, "STOR", 6), "did not resume"}}) {
         const Outcome outcome = site.Run({"-r", site.archive}, {fault});
@@ -263,7 +269,8 @@ public:
     std::string Listen() {
         std::array<char, 4096> bytes{};
         const ssize_t count = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0);
-        return count < 0 ? (errno == ECONNRESET ? "reset" : "silence") : std::string(bytes.data(), static_cast<std::size_t>(count));
+        return count < 0 ? (errno == ECONNRESET ? "reset" : "silence")
+                         : std::string(bytes.data(), static_cast<std::size_t>(count));
     }
 
 private:
@@ -280,24 +287,26 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
     const TestRelay relay({}, site.server->Port());
     Typist typist(relay.Port());
     EXPECT_EQ(typist.Listen(), "220 vondral-tls: 127.0.0.1, TLSv1.3, TLS_AES_256_GCM_SHA384\r\n");
-    for (const auto& [command, reply] : std::vector<std::pair<std::string, std::string>>{
-             {"EPSV", "502 "},
-             {"PORT 127,0,0,1,9,9", "502 "},
-             {"eprt |1|127.0.0.1|9|", "502 "},
-             {"AUTH TLS", "502 "},
-             {"PBSZ 0", "502 "},
-             {"PROT C", "502 "},
-             {"CCC", "502 "},
-             {"REIN", "502 "},
-             {" CCC", "500 "},
-             {"\xFF\xF1" "CCC", "500 "},
-             {std::string("CWD x\0CCC", 9), "500 "},
-             {"CWD x\rCCC", "500 "},
-             {"LIST", "425 "},
-             {"PASV", "530 "},
-             {"USER fred", "331 "},
-             {"PASS secret", "230 "},
-             {"CWD /home", "250 "}})
+    for (const auto& [command, reply] :
+         std::vector<std::pair<std::string, std::string>>{{"EPSV", "502 "},
+                                                          {"PORT 127,0,0,1,9,9", "502 "},
+                                                          {"eprt |1|127.0.0.1|9|", "502 "},
+                                                          {"AUTH TLS", "502 "},
+                                                          {"PBSZ 0", "502 "},
+                                                          {"PROT C", "502 "},
+                                                          {"CCC", "502 "},
+                                                          {"REIN", "502 "},
+                                                          {" CCC", "500 "},
+                                                          {"\xFF\xF1"
+                                                           "CCC",
+                                                           "500 "},
+                                                          {std::string("CWD x\0CCC", 9), "500 "},
+                                                          {"CWD x\rCCC", "500 "},
+                                                          {"LIST", "425 "},
+                                                          {"PASV", "530 "},
+                                                          {"USER fred", "331 "},
+                                                          {"PASS secret", "230 "},
+                                                          {"CWD /home", "250 "}})
         EXPECT_THAT(typist.Say(command + "\r\n"), testing::StartsWith(reply)) << command;
     EXPECT_EQ(site.Received(), "AUTH TLS|PASV|USER fred|PASS ****|PBSZ 0|PROT P|CWD /home|");
     EXPECT_EQ(typist.Say("CWD /reset\r\n"), "reset");
@@ -312,8 +321,10 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
     for (int tries = 0; tries < 400 && site.server->OpenSessions() > 0; ++tries)
         ::usleep(5000);
     EXPECT_EQ(site.server->OpenSessions(), 0);
-    Descriptor probe = tls::ConnectTcp(tls::ListeningAddress(tls::ListenOn("127.0.0.1:0")), 7, [](auto) { return true; });
-    for (const auto& [level, option, expected] : {std::tuple{SOL_TCP, TCP_KEEPIDLE, 7}, {SOL_SOCKET, SO_KEEPALIVE, 1}}) {
+    Descriptor probe =
+        tls::ConnectTcp(tls::ListeningAddress(tls::ListenOn("127.0.0.1:0")), 7, [](auto) { return true; });
+    for (const auto& [level, option, expected] :
+         {std::tuple{SOL_TCP, TCP_KEEPIDLE, 7}, {SOL_SOCKET, SO_KEEPALIVE, 1}}) {
         int value = 0;
         socklen_t length = sizeof value;
         ::getsockopt(probe.Get(), level, option, &value, &length);

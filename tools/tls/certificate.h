@@ -12,8 +12,8 @@ namespace tls {
 struct CertificateFacts {
     std::string subject = {}; // in one line, control characters masked
     std::string issuer = {};
-    std::string names = {};       // DNS names and addresses that it is for, with blanks between; "" when it lists none
-    std::string pin = {};         // sha256//... of its public key
+    std::string names = {}; // DNS names and addresses that it is for, with blanks between; "" when it lists none
+    std::string pin = {};   // sha256//... of its public key
     std::time_t not_before = 0;
     std::time_t expires = 0;
 

@@ -1,5 +1,5 @@
-// What the relay reads in the lines of a control connection: which commands it refuses or has to know, and where replies
-// begin and end. Pure functions of bytes, for any thread.
+// What the relay reads in the lines of a control connection: which commands it refuses or has to know, and where
+// replies begin and end. Pure functions of bytes, for any thread.
 
 #pragma once
 
@@ -45,8 +45,8 @@ CommandKind ClassifyCommand(std::string_view line);
 // The command as the log shows it: without its line end, without the value of PASS and ACCT, control characters masked.
 std::string LoggedCommand(std::string_view line);
 
-// Follows the lines of a server. A reply is one line, or the lines from "nnn-" to the next that begins with "nnn" and not
-// with "nnn-". A line that is no reply at all counts as one, and as final, as it does in the client.
+// Follows the lines of a server. A reply is one line, or the lines from "nnn-" to the next that begins with "nnn" and
+// not with "nnn-". A line that is no reply at all counts as one, and as final, as it does in the client.
 class ReplyTracker {
 public:
     struct Line {
@@ -63,8 +63,8 @@ private:
 // A line that the client could take for the answer to PASV. Only the relay itself may send one.
 bool IsPassiveReply(std::string_view line);
 
-// The port in "227 Entering Passive Mode (h1,h2,h3,h4,p1,p2).", whatever the address; nothing without six numbers from 0
-// to 255, or when the port is 0.
+// The port in "227 Entering Passive Mode (h1,h2,h3,h4,p1,p2).", whatever the address; nothing without six numbers from
+// 0 to 255, or when the port is 0.
 std::optional<std::uint16_t> ParsePassivePort(std::string_view line);
 
 // The relay's own answer to PASV. `address` is an IPv4 address in host byte order.

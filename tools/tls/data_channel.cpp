@@ -152,7 +152,8 @@ DataEnd DataChannel::Download(int client, bool accept_missing_close_notify, cons
         AcknowledgeAtOnce(*stream_);
         // The client's socket is there for its errors only.
         std::array<pollfd, 2> entries{
-            {{stream_->Socket(), static_cast<short>(result.io == Io::WantWrite ? POLLOUT : POLLIN), 0}, {client, 0, 0}}};
+            {{stream_->Socket(), static_cast<short>(result.io == Io::WantWrite ? POLLOUT : POLLIN), 0},
+             {client, 0, 0}}};
         if (!wait(entries))
             return Cut(GivenUp);
         if (entries[1].revents != 0)

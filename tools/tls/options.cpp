@@ -64,7 +64,8 @@ void AddOptions(CLI::App& app, Options& options, std::string& server, std::strin
         ->option_text("SECONDS");
     app.add_flag("--accept-missing-close-notify", options.accept_missing_close_notify,
                  "for servers that end data connections without it; see vondral-tls(1) for what it costs");
-    app.add_option("--prometheus", options.prometheus, "write a gauge of the certificate's expiry")->option_text("FILE");
+    app.add_option("--prometheus", options.prometheus, "write a gauge of the certificate's expiry")
+        ->option_text("FILE");
     app.add_flag("--check", options.check, "show protocol, cipher and certificate, and leave");
     app.add_flag("--json", options.json, "the same as JSON");
     app.add_flag("-v,--verbose", options.verbose, "log sessions, commands and transfers");

@@ -77,15 +77,15 @@ std::string Gauges(const std::string& server, const CertificateFacts& certificat
     for (const char c : server)
         label += c == '"' || c == '\\' ? std::string{'\\', c} : std::string{c};
     constexpr char name[] = "vondral_tls_certificate_expiry_timestamp_seconds";
-    return FormatText("# HELP %s When the server's certificate expires.\n# TYPE %s gauge\n%s{server=\"%s\"} %lld\n", name,
-                      name, name, label.c_str(), static_cast<long long>(certificate.expires));
+    return FormatText("# HELP %s When the server's certificate expires.\n# TYPE %s gauge\n%s{server=\"%s\"} %lld\n",
+                      name, name, name, label.c_str(), static_cast<long long>(certificate.expires));
 }
 
 std::string ExpiryWarning(const std::string& server, const CertificateFacts& certificate, std::time_t now) {
     const long days = DaysUntil(certificate.expires, now);
     return days > ExpiryNotice ? ""
-                               : FormatText("warning: the certificate of %s expires on %s (in %ld days)", server.c_str(),
-                                            FormatDay(certificate.expires).c_str(), days);
+                               : FormatText("warning: the certificate of %s expires on %s (in %ld days)",
+                                            server.c_str(), FormatDay(certificate.expires).c_str(), days);
 }
 
 } // namespace tls

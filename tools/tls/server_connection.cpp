@@ -126,7 +126,8 @@ std::string AwaitPlainReply(PlainControl& control, const std::string& what) {
         if (!control.received.IsEmpty())
             throw RelayError("plain text after " + what + ": somebody may have put it there");
         if (tracked.kind != '2')
-            throw RelayError(what + " is a refusal: " + MaskControls(line->substr(0, line->find_last_not_of("\r\n") + 1)));
+            throw RelayError(what +
+                             " is a refusal: " + MaskControls(line->substr(0, line->find_last_not_of("\r\n") + 1)));
         return *line;
     }
     throw RelayError(what + " has no end");

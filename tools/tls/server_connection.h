@@ -1,5 +1,5 @@
-// The way to a protected control connection: look-up, connect, AUTH TLS (or TLS from the start), handshake. Blocking for
-// the caller, who lends the wait; any thread.
+// The way to a protected control connection: look-up, connect, AUTH TLS (or TLS from the start), handshake. Blocking
+// for the caller, who lends the wait; any thread.
 
 #pragma once
 

@@ -275,8 +275,8 @@ void Session::ProcessCommand(const std::string& line) {
     RelayReplies();
 }
 
-// Servers differ in whether they accept PROT before a login; all accept it after one. The passphrase is protected either
-// way.
+// Servers differ in whether they accept PROT before a login; all accept it after one. The passphrase is protected
+// either way.
 void Session::Login(const std::string& line) {
     SendServer(line);
     std::string reply;

@@ -1,5 +1,5 @@
-// One session: a client's control connection, the protected one to the server that belongs to it, and its transfers. Each
-// session runs in its own thread; only Interrupt may be called from another one.
+// One session: a client's control connection, the protected one to the server that belongs to it, and its transfers.
+// Each session runs in its own thread; only Interrupt may be called from another one.
 
 #pragma once
 
@@ -40,9 +40,9 @@ public:
 private:
     // Thrown when the session is over.
     struct SessionEnd {
-        bool reset = false;     // the client's connection, because the server's broke
-        std::string refusal{};  // told to the client with 421; "" for an ordinary end
-        std::string reason{};   // for the log
+        bool reset = false;    // the client's connection, because the server's broke
+        std::string refusal{}; // told to the client with 421; "" for an ordinary end
+        std::string reason{};  // for the log
     };
 
     // Control connections
@@ -100,8 +100,8 @@ private:
     bool resumes_ = false; // the server has resumed a data connection
 
     // Of the transfer under way
-    std::string held_;        // the final reply, as far as it has come
-    char final_ = 0;          // its first character once it is complete, else 0
+    std::string held_;         // the final reply, as far as it has come
+    char final_ = 0;           // its first character once it is complete, else 0
     bool final_early_ = false; // complete before the upload was
     std::chrono::steady_clock::time_point refused_;
 };

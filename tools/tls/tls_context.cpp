@@ -60,8 +60,7 @@ int AcceptUnvouched(int ok, X509_STORE_CTX* store) {
 // Runs in the handshake, before this side has sent anything but handshake messages.
 int VerifyPeer(X509_STORE_CTX* store, void* given) {
     const auto& settings = *static_cast<const TlsSettings*>(given);
-    auto* const ssl =
-        static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    auto* const ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
     auto& verdict = *static_cast<PeerVerdict*>(SSL_get_ex_data(ssl, VerdictIndex()));
     const bool chain_is_good = X509_verify_cert(store) == 1;
     verdict.certificate = ReadCertificate(X509_STORE_CTX_get0_cert(store));

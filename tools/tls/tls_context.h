@@ -12,11 +12,11 @@
 namespace tls {
 
 struct TlsSettings {
-    std::string name = {};         // host name or IPv4 address that the certificate must be for
-    std::string ca = {};           // file with the only certificates to trust; "": those of the system
+    std::string name = {};              // host name or IPv4 address that the certificate must be for
+    std::string ca = {};                // file with the only certificates to trust; "": those of the system
     std::vector<std::string> pins = {}; // one of which the public key must match; empty: any key
-    std::string certificate = {};  // file with the client's certificate and its chain; "": none
-    std::string key = {};          // file with its key; "": the certificate's file
+    std::string certificate = {};       // file with the client's certificate and its chain; "": none
+    std::string key = {};               // file with its key; "": the certificate's file
     int min_version = TLS1_2_VERSION;
 };
 

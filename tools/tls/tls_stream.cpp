@@ -43,7 +43,8 @@ IoResult TlsStream::Judge(int result) {
     if (!ended)
         return Fail(reason);
     // Bytes of a record that did not arrive whole cannot be where a server ends.
-    const bool within_record = SSL_has_pending(ssl_.get()) == 1 || std::strcmp(SSL_rstate_string(ssl_.get()), "RB") == 0;
+    const bool within_record =
+        SSL_has_pending(ssl_.get()) == 1 || std::strcmp(SSL_rstate_string(ssl_.get()), "RB") == 0;
     return within_record ? Fail("the connection ended within a TLS record") : IoResult{Io::Cut};
 }
 

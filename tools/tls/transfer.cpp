@@ -50,8 +50,8 @@ bool Session::ListenForData() {
     return true;
 }
 
-// Accepts the client's data connection, which is in the queue by the time of a transfer command. With `wait`, waits until
-// it is; without, there may be none.
+// Accepts the client's data connection, which is in the queue by the time of a transfer command. With `wait`, waits
+// until it is; without, there may be none.
 void Session::AcceptData(bool wait) {
     while (!data_client_.IsOpen()) {
         Descriptor accepted(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -139,7 +139,8 @@ bool Session::WaitInTransfer(std::span<pollfd> own) {
         return true;
     }
     using std::chrono::milliseconds;
-    const auto left = std::chrono::duration_cast<milliseconds>(refused_ + RefusedPatience - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<milliseconds>(refused_ + RefusedPatience - std::chrono::steady_clock::now());
     if (left <= milliseconds(0))
         return false;
     Await(own, static_cast<int>(left.count()));

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -154,10 +155,15 @@ void Relay::Start(Descriptor client) {
     ::setsockopt(client.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     RemoveEndedSessions();
     RunningSession& running = sessions_.emplace_back(state_, std::move(client), ++accepted_);
-    running.thread = std::thread([&running] {
-        running.session.Run();
-        running.ended = true;
-    });
+    try {
+        running.thread = std::thread([&running] {
+            running.session.Run();
+            running.ended = true;
+        });
+    } catch (const std::system_error& error) { // out of threads, probably for a short time
+        state_.log(FormatText("[%d] no thread for the session: %s", accepted_, error.what()));
+        sessions_.pop_back();
+    }
 }
 
 void Relay::RemoveEndedSessions() {

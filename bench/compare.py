@@ -176,6 +176,34 @@ class Bench:
         os.unlink(f"{self.root}/home/big")
         os.unlink(f"{self.root}/home/up")
 
+    def tls(self):
+        """The program through its relay, and curl, over TLS, on the same server."""
+        size = 1024 // self.scale
+        fill(f"{self.root}/home/big", size * MIB)
+        include = self.file("big", "/home/big\n")
+        certificate = f"{self.work}/certificate"
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=bench",
+                        "-addext", f"subjectAltName=IP:{ADDRESS}", "-keyout", f"{certificate}.key", "-out",
+                        f"{certificate}.pem"], stderr=subprocess.DEVNULL, check=True)
+        raw = ("raw:/home/big", "raw:/home/up")
+        relay = [f"{self.build}/vondral-tls", "--server", ADDRESS, "--ca", f"{certificate}.pem", "--",
+                 f"{self.build}/vondral", "-s", "{}", *LOGIN[2:]]
+        curl = ["curl", "-s", "--ssl-reqd", "--cacert", f"{certificate}.pem"]
+        system = ["-e", self.no_system]
+        server = self.serve(*raw, f"tls:{certificate}")
+        compare(f"Backup of one save file of {size} MiB over TLS, into memory", {
+            "vondral-tls and vondral": [*relay, "-b", f"{self.work}/archive", "-i", include, *system],
+            "curl --ssl-reqd": [*curl, "-o", f"{self.work}/copy", f"{self.url}/big"],
+        }, self.rounds, mebibytes=size)
+        compare(f"Restore of {size} MiB over TLS, archive in memory", {
+            "vondral-tls and vondral": [*relay, "-r", f"{self.work}/archive", *system],
+            "curl --ssl-reqd -T": [*curl, "-T", f"{self.root}/home/big", f"{self.url}/up"],
+        }, self.rounds, mebibytes=size)
+        self.stop(server)
+        os.unlink(f"{self.work}/copy")
+        os.unlink(f"{self.root}/home/big")
+        os.unlink(f"{self.root}/home/up")
+
     def small(self):
         """Many save files, half of them libraries."""
         count = 20000 // self.scale
@@ -259,7 +287,7 @@ def main():
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--scale", type=int, default=1)
-    parser.add_argument("--only", choices=["backup", "restore", "small", "listing"], help="one part of the tables")
+    parser.add_argument("--only", choices=["backup", "restore", "tls", "small", "listing"], help="one part of the tables")
     words = sys.argv[1:]
     at = words.index("--") if "--" in words else len(words)
     options = parser.parse_args(words[:at])
@@ -269,7 +297,7 @@ def main():
     with tempfile.TemporaryDirectory(dir=memory) as work:
         bench = Bench(options.build, work, words[at + 1:], options.rounds, options.scale)
         try:
-            for part in (bench.backup, bench.restore, bench.small, bench.listing):
+            for part in (bench.backup, bench.restore, bench.tls, bench.small, bench.listing):
                 if options.only in (None, part.__name__):
                     part()
         finally:

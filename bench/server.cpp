@@ -1,8 +1,10 @@
-// The rehearsal server as the benchmarks need it. Usage: bench-server ROOT ADDRESS [raw:PATH | locked:PATH]...
+// The rehearsal server as the benchmarks need it. Usage: bench-server ROOT ADDRESS [raw:PATH | locked:PATH |
+// tls:NAME]...
 //
 // The save file of a raw object is just that object's bytes, so that every client fetches and sends the same file. A
 // locked directory is listed, but a save of it ends at once, so that the time of a run is that of its listing. A
-// restore command is answered and not run, so that the time of a restore is that of its upload.
+// restore command is answered and not run, so that the time of a restore is that of its upload. With tls: the server
+// demands TLS, with NAME.pem and NAME.key.
 
 #include <cstdio>
 #include <span>
@@ -22,7 +24,11 @@ int main(int argc, char** argv) {
     options.record = false;
     for (const std::string word : std::span(argv, static_cast<std::size_t>(argc)).subspan(3)) {
         const std::size_t colon = word.find(':');
-        (word.starts_with("raw") ? options.raw : options.locked).insert(word.substr(colon + 1));
+        const std::string value = word.substr(colon + 1);
+        if (word.starts_with("tls"))
+            options.tls = {.certificate = value + ".pem", .key = value + ".key"};
+        else
+            (word.starts_with("raw") ? options.raw : options.locked).insert(value);
     }
     rehearsal::Fault no_restore;
     no_restore.kind = rehearsal::Fault::Kind::Replace;

@@ -31,10 +31,17 @@ constexpr char Usage[] =
     "  --sample           fill DIR, which must be empty, with a small sample server first\n"
     "  --address A        IPv4 address to listen on (127.0.0.1)\n"
     "  --port N           port to listen on, 0 for any free one (21)\n"
+    "  --passive-address A  the address in replies to PASV\n"
     "  --user NAME        the only user (%s)\n"
     "  --password TEXT    the user's password (%s)\n"
     "  --release VxRyMz   the release to report (%s)\n"
     "  --capitals         send replies in upper case\n"
+    "  --tls-cert FILE    demand TLS (AUTH TLS), with the certificates in FILE; needs --tls-key\n"
+    "  --tls-key FILE     the key of the certificate\n"
+    "  --tls-implicit     TLS from the start, without AUTH\n"
+    "  --tls-client-ca FILE  demand a client certificate of the authority in FILE\n"
+    "  --tls-require-resumption  refuse data connections that do not resume the TLS session\n"
+    "  --tls-max VERSION  1.2: no TLS 1.3\n"
     "  --help             print this text\n"
     "  --version          print the version\n"
     "\n"
@@ -60,6 +67,9 @@ constexpr char Usage[] =
     "  data-close bytes=        close the data connection of LIST, RETR or STOR after so many bytes (0)\n"
     "  data-reset bytes=        the same with a reset\n"
     "  data-silent bytes=       send nothing more after so many bytes\n"
+    "  data-cut-record bytes=   close it within the TLS record that begins after so many bytes\n"
+    "  data-no-notify           end it without the close_notify of TLS\n"
+    "  data-no-resume           do not resume the TLS session on it\n"
     "All kinds use nth= (which such command: 1, the default, is the first; 0 is every one). Those that concern a\n"
     "reply use reply= (of LIST, RETR and STOR: 0, the default, is the preliminary one; 1 the final one). pause= is in\n"
     "milliseconds. A value with blanks must be in double quotes, in which \\r, \\n, \\\" and \\\\ can be used.\n";
@@ -84,6 +94,17 @@ constexpr ValueOption ValueOptions[] = {
     {"--locked",
      [](Options& options, const std::string& value) { options.locked.insert(rehearsal::ParsePath(value)); }},
     {"--busy", [](Options& options, const std::string& value) { options.busy.insert(rehearsal::ParsePath(value)); }},
+    {"--passive-address",
+     [](Options& options, const std::string& value) { options.passive_address = rehearsal::ParseAddress(value); }},
+    {"--tls-cert", [](Options& options, const std::string& value) { options.tls.certificate = value; }},
+    {"--tls-key", [](Options& options, const std::string& value) { options.tls.key = value; }},
+    {"--tls-max",
+     [](Options& options, const std::string& value) {
+         options.tls.only_1_2 = value == "1.2";
+         if (value != "1.2" && value != "1.3")
+             throw UsageError{"not 1.2 or 1.3: " + value};
+     }},
+    {"--tls-client-ca", [](Options& options, const std::string& value) { options.tls.client_ca = value; }},
     {"--save-rate",
      [](Options& options, const std::string& value) { options.save_rate = rehearsal::ParseBytes(value); }},
     {"--transfer-rate",
@@ -97,6 +118,10 @@ bool SetSwitch(Arguments& arguments, const std::string& name) {
         arguments.options.sample = true;
     else if (name == "--capitals")
         arguments.options.capitals = true;
+    else if (name == "--tls-implicit")
+        arguments.options.tls.implicit = true;
+    else if (name == "--tls-require-resumption")
+        arguments.options.tls.require_resumption = true;
     else if (name == "--help")
         arguments.help = true;
     else if (name == "--version")
@@ -131,6 +156,11 @@ Arguments ParseArguments(int argc, char** argv) {
         }
     if (arguments.options.root.empty() && !arguments.help && !arguments.version)
         throw UsageError{"--root is required"};
+    const rehearsal::TlsOptions& tls = arguments.options.tls;
+    if (tls.certificate.empty() != tls.key.empty())
+        throw UsageError{"--tls-cert and --tls-key belong together"};
+    if (tls.certificate.empty() && (tls.implicit || tls.require_resumption || tls.only_1_2 || !tls.client_ca.empty()))
+        throw UsageError{"the options of TLS need --tls-cert"};
     return arguments;
 }
 

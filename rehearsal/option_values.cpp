@@ -68,6 +68,9 @@ constexpr FaultKind FaultKinds[] = {
     {"data-close", Fault::Kind::DataClose, "nth bytes", nullptr, Transfers},
     {"data-reset", Fault::Kind::DataReset, "nth bytes", nullptr, Transfers},
     {"data-silent", Fault::Kind::DataSilent, "nth bytes", nullptr, Transfers},
+    {"data-cut-record", Fault::Kind::DataCutRecord, "nth bytes", nullptr, Transfers},
+    {"data-no-notify", Fault::Kind::DataNoNotify, "nth", nullptr, Transfers},
+    {"data-no-resume", Fault::Kind::DataNoResume, "nth", nullptr, Transfers},
 };
 
 const FaultKind& FindKind(std::string_view name) {

@@ -33,6 +33,9 @@ struct Fault {
         DataClose,  // closes the data connection after `bytes` bytes of data; the final reply is sent as usual
         DataReset,  // the same with a reset
         DataSilent, // sends neither data nor a reply after `bytes` bytes; waits for the client to leave
+        DataCutRecord, // closes the data connection within the TLS record that begins after `bytes` bytes
+        DataNoNotify,  // ends the data connection without TLS's close_notify
+        DataNoResume,  // does not resume the TLS session on the data connection
     };
     Kind kind{};
     std::string command;           // prefix of the command line as received; "" is the greeting
@@ -42,6 +45,18 @@ struct Fault {
     std::string text;              // see Replace, Flood
     std::vector<std::size_t> cuts; // see Pieces, ascending
     int pause_ms = 0;              // see Pieces, Silent, Flood
+};
+
+// Without a certificate the server speaks plain FTP, else it demands TLS before USER and for data.
+struct TlsOptions {
+    std::string certificate = {}; // file with the certificate and its chain; "": no TLS
+    std::string key = {};         // file with its key
+    std::string client_ca = {};   // file with the authority of clients' certificates, which are demanded; "": none are
+    std::string unresumed_name = {}; // certificate and key, NAME.pem and NAME.key, of data connections that are not
+                                     // resumed by fault; "": the same
+    bool implicit = false;           // TLS from the start, without AUTH
+    bool require_resumption = false; // refuse data connections that do not resume a session
+    bool only_1_2 = false;           // no TLS 1.3
 };
 
 struct Options {
@@ -60,7 +75,9 @@ struct Options {
     std::uint64_t save_rate = 0;     // bytes of the save file per second that a save takes; 0: no limit
     std::uint64_t transfer_rate = 0; // bytes per second of each data connection; 0: no limit
     bool sample = false;             // call MakeSample(root) after bind and before the first session
-    bool record = true;              // keep what Exchanges() and Transcript() return, about 1 KB per object saved
+    std::string passive_address;     // announced in replies to PASV; "": the one that the client has connected to
+    TlsOptions tls;
+    bool record = true; // keep what Exchanges() and Transcript() return, about 1 KB per object saved
     // Called with each command line before it is processed, from the thread of its session.
     std::function<void(const std::string& line)> on_command;
 };
@@ -91,6 +108,7 @@ public:
     int OpenSessions() const; // of those, not yet ended
     int QuitCount() const;    // of those, ended by QUIT
     int FaultCount() const;   // how often a fault happened
+    int UncleanCount() const; // TLS connections that the client ended without close_notify, faults aside
 
 private:
     struct State;

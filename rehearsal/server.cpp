@@ -174,6 +174,10 @@ int Server::OpenSessions() const {
     return state_->shared.open;
 }
 
+int Server::UncleanCount() const {
+    return state_->shared.unclean;
+}
+
 int Server::QuitCount() const {
     return state_->shared.quits;
 }

@@ -83,22 +83,31 @@ void Session::Run() {
     } catch (const SessionEnded&) {
     } catch (const std::exception& error) {
         const std::string text = Substitute(text::NoService, {error.what()}) + "\r\n";
-        ::send(control_.Get(), text.data(), text.size(), MSG_NOSIGNAL);
+        SendAll(control_, text);
     }
     // A client that sees the connection end may rely on QTEMP being removed and the session no longer being counted.
     library_ = nullptr;
     shared_.open--;
     ReplaceSocket(passive_, Descriptor());
-    ReplaceSocket(data_, Descriptor());
-    ReplaceSocket(control_, Descriptor());
+    ReplaceSocket(data_.socket, Descriptor());
+    if (!Active(Fault::Kind::Close) && !Active(Fault::Kind::Reset))
+        CloseTls(control_);
+    control_.tls.reset();
+    ReplaceSocket(control_.socket, Descriptor());
 }
 
 void Session::Interrupt() {
     const std::lock_guard lock(mutex_);
     ending_ = true;
-    for (const Descriptor* socket : {&data_, &passive_, &control_}) // a slow transfer ends before its session
+    for (const Descriptor* socket :
+         {&data_.socket, &passive_, &control_.socket}) // a slow transfer ends before its session
         if (socket->IsOpen())
             ::shutdown(socket->Get(), SHUT_RDWR);
+}
+
+void Session::CloseTls(Wire& wire) {
+    if (wire.tls != nullptr && !rehearsal::CloseTls(*wire.tls) && faults_.empty())
+        shared_.unclean++;
 }
 
 void Session::ReplaceSocket(Descriptor& slot, Descriptor value) {
@@ -108,7 +117,16 @@ void Session::ReplaceSocket(Descriptor& slot, Descriptor value) {
         ::shutdown(slot.Get(), SHUT_RDWR);
 }
 
+void Session::ProtectControl() {
+    received_.clear();
+    control_.tls = AcceptTls(*shared_.tls, control_.socket.Get(), true);
+    if (control_.tls == nullptr)
+        throw SessionEnded();
+}
+
 void Session::Serve() {
+    if (shared_.options.tls.implicit)
+        ProtectControl();
     faults_ = shared_.FaultsOf("");
     exchange_ = shared_.RecordCommand(number_, "");
     Reply(text::Greeting);
@@ -133,7 +151,8 @@ void Session::ProcessCommand(const std::string& line) {
         std::find_if(Verbs().begin(), Verbs().end(), [&](const Verb& each) { return each.name == verb_; });
     const bool transfers = verb != Verbs().end() && verb->transfers;
 
-    if (const Fault* fault = Active(Fault::Kind::Replace, 0); fault && !(transfers && fault->text.starts_with('1'))) {
+    if (const Fault* fault = Active(Fault::Kind::Replace, 0);
+        fault && !(transfers && fault->text.starts_with('1')) && !(verb_ == "AUTH" && fault->text.starts_with('2'))) {
         Reply("");
         if (transfers)
             CloseData();
@@ -141,6 +160,8 @@ void Session::ProcessCommand(const std::string& line) {
         Reply(Substitute(text::UnknownCommand, {verb_}));
     } else if (!logged_on_ && !verb->before_logon) {
         Reply(text::NotLoggedOn);
+    } else if (transfers && shared_.tls != nullptr && !protects_data_) {
+        RefuseTransfer(Substitute(text::WantsTls, {verb_}));
     } else {
         (this->*verb->run)(parameter);
     }
@@ -151,9 +172,9 @@ std::string Session::ReadLine(int wait_seconds) {
     while ((end = received_.find('\n')) == std::string::npos) {
         std::array<char, 4096> buffer{};
         const int wait = wait_seconds < 0 ? -1 : std::min(wait_seconds, INT_MAX / 1000) * 1000;
-        if (received_.size() > LineLimit || !WaitFor(control_.Get(), POLLIN, wait))
+        if (received_.size() > LineLimit || !AwaitBytes(control_, wait))
             throw SessionEnded();
-        const ssize_t count = ::recv(control_.Get(), buffer.data(), buffer.size(), 0);
+        const ssize_t count = Receive(control_, buffer);
         if (count == 0 || (count < 0 && errno != EINTR))
             throw SessionEnded();
         received_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
@@ -189,14 +210,14 @@ void Session::Reply(std::string text) {
     if (const Fault* fault = Active(Kind::Silent, reply)) {
         if (fault->pause_ms == 0)
             AwaitClientLeaving();
-        WaitFor(control_.Get(), POLLRDHUP, fault->pause_ms);
+        WaitFor(control_.socket.Get(), POLLRDHUP, fault->pause_ms);
         throw SessionEnded();
     }
     const Fault* reset = Active(Kind::Reset, reply);
     if (const Fault* fault = reset ? reset : Active(Kind::Close, reply)) {
         SendControl(std::string_view(text).substr(0, fault->bytes));
         if (reset)
-            CloseByReset(control_.Get());
+            CloseByReset(control_.socket.Get());
         throw SessionEnded();
     }
     if (const Fault* fault = Active(Kind::Flood, reply))
@@ -215,7 +236,7 @@ void Session::SendPieces(const std::string& bytes, const Fault& fault) {
         const std::size_t end = std::clamp(cut, sent, bytes.size());
         SendControl(std::string_view(bytes).substr(sent, end - sent));
         sent = end;
-        WaitFor(control_.Get(), POLLRDHUP, fault.pause_ms); // the pause ends early when the connection ends
+        WaitFor(control_.socket.Get(), POLLRDHUP, fault.pause_ms); // the pause ends early when the connection ends
     }
     SendControl(std::string_view(bytes).substr(sent));
 }
@@ -227,12 +248,12 @@ void Session::SendFlood(const std::string& reply, const Fault& fault) {
         block += text;
     do
         SendControl(block);
-    while (fault.pause_ms == 0 || !WaitFor(control_.Get(), POLLRDHUP, fault.pause_ms));
+    while (fault.pause_ms == 0 || !WaitFor(control_.socket.Get(), POLLRDHUP, fault.pause_ms));
     throw SessionEnded();
 }
 
 void Session::SendControl(std::string_view bytes) {
-    if (!WriteAll(control_.Get(), bytes.data(), bytes.size()))
+    if (!SendAll(control_, bytes))
         throw SessionEnded();
 }
 

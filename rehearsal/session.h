@@ -15,6 +15,7 @@
 #include "rehearsal.h"
 #include "save_restore.h"
 #include "store.h"
+#include "wire.h"
 
 namespace rehearsal {
 
@@ -29,13 +30,17 @@ void CloseByReset(int socket);
 class SharedState {
 public:
     explicit SharedState(Options given)
-        : options(std::move(given)), store(options.root), counts_(options.faults.size()) {}
+        : options(std::move(given)), store(options.root),
+          tls(options.tls.certificate.empty() ? nullptr : MakeTlsContext(options.tls)), counts_(options.faults.size()) {
+    }
 
     const Options options;
     const Store store;
+    const TlsContextOwner tls;  // null: plain FTP
     std::atomic<int> quits = 0; // sessions ended by QUIT
     std::atomic<int> open = 0;  // sessions not yet ended
     std::atomic<int> met_faults = 0;
+    std::atomic<int> unclean = 0; // TLS connections ended by the client without close_notify
 
     // Starts the record of an exchange. Returns its index, which the next two functions need.
     std::size_t RecordCommand(int session, const std::string& line);
@@ -54,7 +59,7 @@ private:
 class Session {
 public:
     Session(SharedState& shared, Descriptor control, int number)
-        : shared_(shared), number_(number), control_(std::move(control)) {}
+        : shared_(shared), number_(number), control_{std::move(control), nullptr} {}
 
     void Run();       // returns after QUIT, a fault that ends the session, Interrupt, or when the client leaves
     void Interrupt(); // makes Run return soon; any thread may call it
@@ -79,12 +84,14 @@ private:
     void SendPieces(const std::string& bytes, const Fault& fault);
     [[noreturn]] void SendFlood(const std::string& reply, const Fault& fault);
     void SendControl(std::string_view bytes);
+    void ProtectControl();
     [[noreturn]] void AwaitClientLeaving();
     const Fault* Active(Fault::Kind kind) const; // of this command, for any of its replies
     const Fault* Active(Fault::Kind kind, int reply) const;
 
     // Data connection
     bool OpenData(int wait_milliseconds);
+    bool BeginTransfer(const std::string& reply);
     void CloseData();
     void RefuseTransfer(const std::string& reply);
     std::size_t AllowedBytes(std::size_t wanted) const; // for the next call; 0: a fault happens now
@@ -93,8 +100,10 @@ private:
     TransferResult CutData();
     TransferResult SendData(std::string_view bytes);
     TransferResult SendFile(int file);
+    TransferResult SendFileProtected(int file);
     TransferResult ReceiveFile(int file);
     void FinishTransfer(TransferResult result, const char* completed);
+    void CloseTls(Wire& wire);
     void ReplaceSocket(Descriptor& slot, Descriptor value);
 
     // Commands
@@ -109,6 +118,9 @@ private:
     void Retr(const std::string& parameter);
     void Stor(const std::string& parameter);
     void Mkd(const std::string& parameter);
+    void Auth(const std::string& parameter);
+    void Pbsz(const std::string& parameter);
+    void Prot(const std::string& parameter);
     void Rcmd(const std::string& parameter);
     void Quit(const std::string& parameter);
     std::string ListRow(const std::string& directory, const Child& child) const;
@@ -131,16 +143,17 @@ private:
 
     std::string user_;
     bool logged_on_ = false;
-    bool image_ = false; // TYPE I
+    bool image_ = false;         // TYPE I
+    bool protects_data_ = false; // PROT P
     std::string directory_ = "/";
     int idle_seconds_ = 300;
 
     // Only the session's thread replaces the sockets. Other threads only shut them down.
     std::mutex mutex_;
     bool ending_ = false; // guarded by mutex_, as are the changes of the sockets below
-    Descriptor control_;
+    Wire control_;
     Descriptor passive_; // listens for the data connection that PASV announced
-    Descriptor data_;
+    Wire data_;
 };
 
 } // namespace rehearsal

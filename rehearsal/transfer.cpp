@@ -64,15 +64,17 @@ void Session::Pasv(const std::string&) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    ::getsockname(control_.Get(), generic, &length);
+    ::getsockname(control_.socket.Get(), generic, &length);
     Descriptor passive(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!passive.IsOpen() || !BindAnyPort(passive.Get(), address) || ::listen(passive.Get(), 1) != 0 ||
         ::getsockname(passive.Get(), generic, &length) != 0)
         return Reply(text::NoDataConnection);
-    ReplaceSocket(data_, Descriptor());
+    ReplaceSocket(data_.socket, Descriptor());
     if (Active(Fault::Kind::DataRefuse))
         passive = Descriptor();
     ReplaceSocket(passive_, std::move(passive));
+    if (!shared_.options.passive_address.empty())
+        ::inet_pton(AF_INET, shared_.options.passive_address.c_str(), &address.sin_addr);
     const std::uint32_t host = ntohl(address.sin_addr.s_addr);
     const unsigned port = ntohs(address.sin_port);
     const std::string numbers = FormatText("%u,%u,%u,%u,%u,%u", host >> 24, host >> 16 & 0xFF, host >> 8 & 0xFF,
@@ -83,22 +85,38 @@ void Session::Pasv(const std::string&) {
 bool Session::OpenData(int wait_milliseconds) {
     if (!passive_.IsOpen() || !WaitFor(passive_.Get(), POLLIN, wait_milliseconds))
         return false;
-    ReplaceSocket(data_, Descriptor(::accept4(passive_.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
+    ReplaceSocket(data_.socket, Descriptor(::accept4(passive_.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
     ReplaceSocket(passive_, Descriptor());
     transfer_start_ = std::chrono::steady_clock::now();
-    return data_.IsOpen();
+    return data_.socket.IsOpen();
+}
+
+// Sends the preliminary reply and protects the data connection. Returns false after refusing the transfer.
+bool Session::BeginTransfer(const std::string& reply) {
+    Reply(reply);
+    if (!protects_data_)
+        return true;
+    data_.tls = AcceptTls(*shared_.tls, data_.socket.Get(), !Active(Fault::Kind::DataNoResume));
+    const bool accepted = data_.tls != nullptr && (IsResumed(*data_.tls) || !shared_.options.tls.require_resumption);
+    if (accepted)
+        return true;
+    data_.tls.reset();
+    ReplaceSocket(data_.socket, Descriptor());
+    Reply(text::NotResumed);
+    return false;
 }
 
 // Closes the data connection after reading what the client is still sending. With unread data, close would send a
 // reset, and the client would see a broken connection instead of a refused transfer.
 void Session::CloseData() {
-    if (data_.IsOpen() || OpenData(RefusedWait)) {
+    if (data_.socket.IsOpen() || OpenData(RefusedWait)) {
         std::vector<char> ignored(TransferPiece);
-        ::shutdown(data_.Get(), SHUT_WR);
-        while (WaitFor(data_.Get(), POLLIN, DrainWait) && ::recv(data_.Get(), ignored.data(), ignored.size(), 0) > 0)
+        ::shutdown(data_.socket.Get(), SHUT_WR);
+        while (WaitFor(data_.socket.Get(), POLLIN, DrainWait) &&
+               ::recv(data_.socket.Get(), ignored.data(), ignored.size(), 0) > 0)
             continue;
     }
-    ReplaceSocket(data_, Descriptor());
+    ReplaceSocket(data_.socket, Descriptor());
     ReplaceSocket(passive_, Descriptor());
 }
 
@@ -108,7 +126,8 @@ void Session::RefuseTransfer(const std::string& reply) {
 }
 
 std::size_t Session::AllowedBytes(std::size_t wanted) const {
-    for (const auto kind : {Fault::Kind::DataClose, Fault::Kind::DataReset, Fault::Kind::DataSilent})
+    for (const auto kind :
+         {Fault::Kind::DataClose, Fault::Kind::DataReset, Fault::Kind::DataSilent, Fault::Kind::DataCutRecord})
         if (const Fault* fault = Active(kind))
             wanted = std::min(wanted, fault->bytes - std::min(fault->bytes, transferred_));
     const std::uint64_t rate = shared_.options.transfer_rate;
@@ -129,15 +148,18 @@ void Session::WaitAtRate(std::uint64_t bytes, std::uint64_t rate, std::chrono::s
     const std::chrono::duration<double, std::milli> passed = std::chrono::steady_clock::now() - start;
     const double wait = 1000.0 * static_cast<double>(bytes) / static_cast<double>(rate) - passed.count();
     if (wait > 0)
-        WaitFor(control_.Get(), POLLRDHUP, static_cast<int>(std::min(std::ceil(wait), double{INT_MAX})));
+        WaitFor(control_.socket.Get(), POLLRDHUP, static_cast<int>(std::min(std::ceil(wait), double{INT_MAX})));
 }
 
 Session::TransferResult Session::CutData() {
     if (Active(Fault::Kind::DataSilent))
         AwaitClientLeaving();
     if (Active(Fault::Kind::DataReset))
-        CloseByReset(data_.Get());
-    ReplaceSocket(data_, Descriptor());
+        CloseByReset(data_.socket.Get());
+    if (data_.tls != nullptr && Active(Fault::Kind::DataCutRecord))
+        SendHalfRecord(*data_.tls);
+    data_.tls.reset();
+    ReplaceSocket(data_.socket, Descriptor());
     return TransferResult::Cut;
 }
 
@@ -146,7 +168,7 @@ Session::TransferResult Session::SendData(std::string_view bytes) {
         const std::size_t allowed = AllowedBytes(bytes.size());
         if (allowed == 0)
             return CutData();
-        if (!WriteAll(data_.Get(), bytes.data(), allowed))
+        if (!SendAll(data_, bytes.substr(0, allowed)))
             return TransferResult::Broken;
         CountTransferred(allowed);
         bytes.remove_prefix(allowed);
@@ -154,12 +176,27 @@ Session::TransferResult Session::SendData(std::string_view bytes) {
     return AllowedBytes(1) == 0 ? CutData() : TransferResult::Complete;
 }
 
+// sendfile() would pass TLS by.
+Session::TransferResult Session::SendFileProtected(int file) {
+    std::vector<char> buffer(4 * TransferPiece);
+    for (;;) {
+        const ssize_t count = ReadSome(file, buffer.data(), buffer.size());
+        if (count < 0)
+            return TransferResult::Broken;
+        const TransferResult result = SendData({buffer.data(), static_cast<std::size_t>(count)});
+        if (count == 0 || result != TransferResult::Complete)
+            return result;
+    }
+}
+
 Session::TransferResult Session::SendFile(int file) {
+    if (data_.tls != nullptr)
+        return SendFileProtected(file);
     for (;;) {
         const std::size_t allowed = AllowedBytes(4 * TransferPiece);
         if (allowed == 0)
             return CutData();
-        const ssize_t count = ::sendfile(data_.Get(), file, nullptr, allowed);
+        const ssize_t count = ::sendfile(data_.socket.Get(), file, nullptr, allowed);
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
@@ -173,7 +210,7 @@ Session::TransferResult Session::ReceiveFile(int file) {
     std::vector<char> buffer(TransferPiece);
     for (;;) {
         const std::size_t allowed = AllowedBytes(buffer.size());
-        const ssize_t count = allowed == 0 ? 0 : ::recv(data_.Get(), buffer.data(), allowed, MSG_WAITALL);
+        const ssize_t count = allowed == 0 ? 0 : ReceiveAll(data_, std::span(buffer).first(allowed));
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0 || (count == 0 && ::ftruncate(file, static_cast<off_t>(transferred_)) != 0))
@@ -190,7 +227,10 @@ Session::TransferResult Session::ReceiveFile(int file) {
 }
 
 void Session::FinishTransfer(TransferResult result, const char* completed) {
-    ReplaceSocket(data_, Descriptor());
+    if (result == TransferResult::Complete && !Active(Fault::Kind::DataNoNotify))
+        CloseTls(data_);
+    data_.tls.reset();
+    ReplaceSocket(data_.socket, Descriptor());
     shared_.RecordTransferred(exchange_, transferred_);
     Reply(result == TransferResult::Broken ? text::DataBroken : completed);
 }
@@ -242,7 +282,8 @@ void Session::List(const std::string& parameter) {
         return RefuseTransfer(Substitute(text::NoPath, {parameter}));
     if (!OpenData(ConnectWait))
         return Reply(text::NoDataConnection);
-    Reply(text::ListStarted);
+    if (!BeginTransfer(text::ListStarted))
+        return;
     const auto rows =
         S_ISDIR(status->mode) ? shared_.store.Children(*path) : std::vector<Child>{{NameOf(*path), *status}};
     std::string block;
@@ -297,8 +338,8 @@ void Session::Retr(const std::string& parameter) {
         return RefuseTransfer(refusal);
     if (!OpenData(ConnectWait))
         return Reply(text::NoDataConnection);
-    Reply(Substitute(text::Retrieving, {parameter}));
-    FinishTransfer(SendFile(file.Get()), text::TransferCompleted);
+    if (BeginTransfer(Substitute(text::Retrieving, {parameter})))
+        FinishTransfer(SendFile(file.Get()), text::TransferCompleted);
 }
 
 void Session::Stor(const std::string& parameter) {
@@ -308,8 +349,8 @@ void Session::Stor(const std::string& parameter) {
     const Descriptor file = OpenToReceive(parameter, refusal);
     if (!refusal.empty())
         return RefuseTransfer(refusal);
-    Reply(Substitute(text::Sending, {parameter}));
-    FinishTransfer(ReceiveFile(file.Get()), text::TransferCompleted);
+    if (BeginTransfer(Substitute(text::Sending, {parameter})))
+        FinishTransfer(ReceiveFile(file.Get()), text::TransferCompleted);
 }
 
 } // namespace rehearsal

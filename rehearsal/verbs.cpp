@@ -18,6 +18,9 @@ const std::vector<Session::Verb>& Session::Verbs() {
         {"USER", &Session::User, false, true},
         {"PASS", &Session::Pass, false, true},
         {"QUIT", &Session::Quit, false, true},
+        {"AUTH", &Session::Auth, false, true},
+        {"PBSZ", &Session::Pbsz, false, true},
+        {"PROT", &Session::Prot, false, true},
         {"CWD", &Session::Cwd},
         {"SYST", &Session::Syst},
         {"TIME", &Session::Time},
@@ -35,7 +38,26 @@ const std::vector<Session::Verb>& Session::Verbs() {
     return verbs;
 }
 
+void Session::Auth(const std::string& parameter) {
+    if (shared_.tls == nullptr || control_.tls != nullptr || !EqualsIgnoringCase(parameter, "TLS"))
+        return Reply(Substitute(text::BadParameter, {verb_}));
+    Reply(text::AuthAccepted);
+    ProtectControl();
+}
+
+void Session::Pbsz(const std::string& parameter) {
+    const bool valid = control_.tls != nullptr && parameter == "0";
+    Reply(valid ? text::BufferSize : Substitute(text::BadParameter, {verb_}));
+}
+
+void Session::Prot(const std::string& parameter) {
+    protects_data_ = control_.tls != nullptr && EqualsIgnoringCase(parameter, "P");
+    Reply(protects_data_ ? text::DataProtected : Substitute(text::BadParameter, {verb_}));
+}
+
 void Session::User(const std::string& parameter) {
+    if (shared_.tls != nullptr && control_.tls == nullptr)
+        return Reply(Substitute(text::WantsTls, {verb_}));
     user_ = ToUpper(parameter);
     logged_on_ = false;
     Reply(text::EnterPassword);

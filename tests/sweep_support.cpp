@@ -133,6 +133,11 @@ Finished Rehearsal::Run(const Disturbance& disturbance) const {
             run.signalled = commands;
         }
     };
+    std::shared_ptr<void> relay;
+    if (TheRoute().tls) {
+        site.options.tls = TheRoute().server;
+        site.detour = [&relay](std::uint16_t port) { return TheRoute().start(port, relay); };
+    }
     const fs::path mark = site.work / "mark";
     site.program.minute_ms = disturbance.minute_ms;
     site.program.environment = {
@@ -371,8 +376,8 @@ void Sweep(const char* kind, const Rehearsal& rehearsal, const std::vector<Distu
         struck += run.struck ? 1 : 0;
         ++statuses[run.outcome.status];
     }
-    std::printf("sweep %s/%s: %d runs of %zu, %d struck; ended with", ModeName(rehearsal.mode).c_str(), kind, runs,
-                disturbances.size(), struck);
+    std::printf("sweep %s%s/%s: %d runs of %zu, %d struck; ended with", TheRoute().tls ? "tls_" : "",
+                ModeName(rehearsal.mode).c_str(), kind, runs, disturbances.size(), struck);
     for (const auto& [status, count] : statuses)
         std::printf(" %s%d: %d", status < 0 ? "signal " : "", status < 0 ? -1 - status : status, count);
     std::printf("\n");

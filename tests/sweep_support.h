@@ -57,6 +57,15 @@ struct Finished {
     std::map<std::string, std::string> files; // of the server's store after a restore, by path
 };
 
+// What is between the program and the server in every run of this test program: nothing, or the relay for TLS.
+struct SweepRoute {
+    bool tls = false;
+    rehearsal::TlsOptions server = {}; // the server's side
+    // Starts the way to the server's port for one run; it ends with `owner`.
+    std::function<std::uint16_t(std::uint16_t port, std::shared_ptr<void>& owner)> start = {};
+};
+const SweepRoute& TheRoute();
+
 enum class Mode { List, Backup, ThreadedBackup, Restore };
 std::string ModeName(Mode mode);
 

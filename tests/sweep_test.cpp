@@ -90,14 +90,21 @@ public:
         for (const std::size_t bytes : places) {
             if (bytes > moved)
                 break;
+            // TLS shows every cut, even where the server calls the transfer complete.
             for (const Kind kind : {Kind::DataClose, Kind::DataReset, Kind::DataSilent})
-                Add(kind, bytes).server_lies = kind == Kind::DataClose && (bytes < moved || !same_each_run_);
+                Add(kind, bytes).server_lies =
+                    kind == Kind::DataClose && (bytes < moved || !same_each_run_) && !TheRoute().tls;
+            if (TheRoute().tls)
+                Add(Kind::DataCutRecord, bytes);
             Fault refusal = fault_;
             refusal.kind = Kind::Replace;
             refusal.reply = 1;
             refusal.text = "426 Data connection closed; transfer aborted.";
             Add(Kind::DataClose, bytes).faults.push_back(refusal);
         }
+        if (TheRoute().tls)
+            for (const Kind kind : {Kind::DataNoNotify, Kind::DataNoResume})
+                Add(kind, 0);
     }
     void Add(Kind kind) { Add(kind, 0); }
 
@@ -113,10 +120,16 @@ private:
             loss.cost = Cost::Nothing;
     }
     Disturbance& Add(Kind kind, std::size_t bytes) {
-        static const std::map<Kind, const char*> names{
-            {Kind::Close, "closed"},          {Kind::Reset, "reset"},           {Kind::CloseAfter, "closed behind"},
-            {Kind::DataRefuse, "no data"},    {Kind::DataClose, "data closed"}, {Kind::DataReset, "data reset"},
-            {Kind::DataSilent, "data silent"}};
+        static const std::map<Kind, const char*> names{{Kind::Close, "closed"},
+                                                       {Kind::Reset, "reset"},
+                                                       {Kind::CloseAfter, "closed behind"},
+                                                       {Kind::DataRefuse, "no data"},
+                                                       {Kind::DataClose, "data closed"},
+                                                       {Kind::DataReset, "data reset"},
+                                                       {Kind::DataSilent, "data silent"},
+                                                       {Kind::DataCutRecord, "cut in a record"},
+                                                       {Kind::DataNoNotify, "no notify"},
+                                                       {Kind::DataNoResume, "not resumed"}};
         Fault fault = fault_;
         fault.kind = kind;
         fault.bytes = bytes;

@@ -171,7 +171,7 @@ pid_t TestSite::Start(const std::vector<std::string>& arguments) {
     if (options.root.empty())
         options.root = root.path;
     server = std::make_unique<rehearsal::Server>(options);
-    program.port = server->Port();
+    program.port = detour ? detour(server->Port()) : server->Port();
     program.arguments = {"-s", options.address, "-c", options.user + ":here:" + options.password};
     program.arguments.insert(program.arguments.end(), arguments.begin(), arguments.end());
     return program.Start();

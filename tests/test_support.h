@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -91,6 +92,8 @@ struct TestSite {
     std::filesystem::path archive = work / "archive";
     rehearsal::Options options;
     std::unique_ptr<rehearsal::Server> server; // of the last run
+    // Puts something between the program and the server's port; returns the port to connect to.
+    std::function<std::uint16_t(std::uint16_t port)> detour;
     Program program;
 
     // Starts a server and the program with these arguments after those for the server and the login.

@@ -51,16 +51,23 @@ void KeepStandardDescriptors() {
     ::close(descriptor);
 }
 
+// Before the subcommand or after it.
+void AddConfigDirectory(CLI::App& command, std::string& configs) {
+    command.add_option("--config-dir", configs, "the directory of the configurations")->type_name("DIR");
+}
+
 int Main(int argc, char** argv) {
     static std::string configs = NIGHTLY_CONFIGS;
     CLI::App app("Keeps nights of backups of IBM i servers. See vondral-nightly(1).", "vondral-nightly");
     app.set_version_flag("--version", NIGHTLY_VERSION);
     app.require_subcommand(1);
-    app.fallthrough();
-    app.add_option("--config-dir", configs, "the directory of the configurations")->type_name("DIR");
+    AddConfigDirectory(app, configs);
     std::vector<Action> actions;
-    for (const Subcommand& subcommand : Subcommands)
-        actions.push_back(subcommand.declare(*app.add_subcommand(subcommand.name, subcommand.help), configs));
+    for (const Subcommand& subcommand : Subcommands) {
+        CLI::App& command = *app.add_subcommand(subcommand.name, subcommand.help);
+        actions.push_back(subcommand.declare(command, configs));
+        AddConfigDirectory(command, configs);
+    }
     ctar::RefuseBracketed(argc, argv);
     try {
         app.parse(argc, argv);

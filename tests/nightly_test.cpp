@@ -496,6 +496,15 @@ TEST(Nights, ChangedNightsKeepTheFullOneTheyBuildOn) {
         EXPECT_TRUE(site.HasArchive(night)) << night.Name();
     EXPECT_TRUE(site.HasArchive(full));
     EXPECT_EQ(ChainOf(site.Nights(), changed[3]).size(), 5);
+    // A file comes from the nights that have it, of which every one but the first saved it anew.
+    const std::string what = site.site.File("what", "/home/new\n\n");
+    const std::string plan = site.Command({"plan", "office", "-i", what}).out;
+    EXPECT_THAT(plan, HasSubstr("*** include file: line 2 is empty and matches everything"));
+    site.site.File("what", "/home/new\n");
+    const std::string no_system = site.site.File("system", "/Security Data\n/System Configuration\n");
+    const Outcome restored = site.Command({"restore", "office", "-i", what, "-e", no_system, "--yes"});
+    EXPECT_EQ(restored.status, 0) << restored.out << restored.err;
+    EXPECT_THAT(restored.out, HasSubstr("4 of 4 objects restored\n"));
     // The day of a full night was missed: the next one is full.
     site.now += 4 * Day;
     EXPECT_EQ(site.Run().record->level, Level::Full);
@@ -598,6 +607,13 @@ TEST(Nights, DamagedByHandReplaceNothing) {
     EXPECT_THROW(RunNight(world, site.config, {}), Failure);
     site.now += Day;
     EXPECT_TRUE(site.HasArchive(second));
+    // A good name without a readable record tells nothing about what would be lost.
+    restore_copy();
+    WriteFile(second.File(NightFiles::Record), "{");
+    EXPECT_THROW(RunNight(world, site.config, {}), Failure);
+    site.now += Day;
+    EXPECT_TRUE(site.HasArchive(second));
+    EXPECT_THAT(site.Command({"status"}).out, HasSubstr(second.Name() + ": its run.json is missing or damaged"));
     // Two servers in one directory would remove each other's nights.
     restore_copy();
     site.config.name = "branch";
@@ -727,7 +743,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{{"plan", "office", "2026-01-01T000000Z"}, 3, "no such night"},
              Row{{"prune", "office", "--dry-run", "--json"}, 0, "it has the newest good copy of 1 object, such as "},
              Row{{"history", "office", "--html", page}, 0, ""},
-             Row{{"restore", "office"}, 3, "nothing is restored without --yes"},
+             Row{{"restore", "office"}, 2, "nothing is restored without --yes"},
              Row{{"run", "office", "--dry-run"}, 0, "a full night: every night is full"},
              Row{{"run", "office", "--level", "half"}, 3, "half is not full or changed"},
              Row{{"drill", "office"}, 3, "the configuration has no key drill"},

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -89,6 +90,23 @@ std::string LastLine(const std::string& path) {
     while (text.ends_with('\n'))
         text.pop_back();
     return text.substr(text.rfind('\n') == text.npos ? 0 : text.rfind('\n') + 1);
+}
+
+// What the server shows over TLS: protocol, cipher, certificate and its expiry.
+bool CheckTls(Checks& checks) {
+    if (!checks.config.tls)
+        return true;
+    Command command;
+    command.arguments = RelayCommand(checks.config, checks.config.server);
+    command.arguments.emplace_back("--check");
+    command.output = checks.scratch + "/tls";
+    const bool good = RunCommand(command) == 0;
+    if (!checks.Report(good, "TLS", good ? "" : LastLine(command.output)))
+        return false;
+    std::ifstream shown(command.output);
+    for (std::string line; std::getline(shown, line);)
+        std::printf("        %s\n", Shown(line).c_str());
+    return true;
 }
 
 bool CheckLogin(Checks& checks) {
@@ -179,7 +197,7 @@ int Check(const std::string& configs, const std::string& name) {
     CheckPathFile(checks, config.exclude, PathFileUse::BackupExclude);
     CheckDirectory(checks);
     PassphraseFile(config);
-    if (CheckName(checks, config.server) && CheckLogin(checks))
+    if (CheckName(checks, config.server) && CheckTls(checks) && CheckLogin(checks))
         CheckListing(checks);
     if (config.drill)
         CheckName(checks, config.drill->server);

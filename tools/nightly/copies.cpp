@@ -51,7 +51,7 @@ std::vector<std::string> ArchivesOf(const Night& night) {
 
 Contained ReadContained(const Night& night) {
     Contained contained;
-    if (!night.IsGood()) {
+    if (!night.HasGoodVerdict()) {
         contained.partial = CoveredPaths(night.path, ArchivesOf(night));
         return contained;
     }

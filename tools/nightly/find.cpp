@@ -14,6 +14,7 @@
 #include "failure.h"
 #include "history.h"
 #include "night.h"
+#include "path_file.h"
 #include "records.h"
 #include "report/display.h"
 #include "text.h"
@@ -61,7 +62,7 @@ public:
         if (copies_.empty())
             return;
         ++paths_;
-        std::printf("%s\n", Shown(copies_.front().path).c_str());
+        std::printf("%s\n", MaskControls(copies_.front().path).c_str());
         for (std::size_t first = 0; first < copies_.size();) {
             std::size_t end = first + 1;
             while (end < copies_.size() && IsSame(copies_[end], copies_[first]))
@@ -86,7 +87,7 @@ private:
                                                                  copies_[end - 1].night->Name().c_str(), end - first);
         std::string what = copy.entry.empty()        ? "entry not known"
                            : copy.entry == copy.path ? "entry of its own"
-                                                     : "in " + Shown(copy.entry);
+                                                     : "in " + MaskControls(copy.entry);
         if (copy.bytes >= 0)
             what += ", " + report::ShowBytes(static_cast<double>(copy.bytes)) + ", sha256 " + copy.digest.substr(0, 12);
         if (copy.in_part)
@@ -97,20 +98,30 @@ private:
             what += FormatText(", night %s", VerdictName(copy.night->record->verdict));
         std::printf("  %s: %s\n", nights.c_str(), what.c_str());
     }
-    // The newest night that still has its archive.
-    void PrintWayBack() const {
-        const FoundCopy* newest = nullptr;
-        for (const FoundCopy& copy : copies_)
+    // The newest copy: one of a good night that missed nothing of it, or else any that still has its archive.
+    const FoundCopy* BestCopy() const {
+        const FoundCopy *best = nullptr, *any = nullptr;
+        for (const FoundCopy& copy : copies_) {
             if (!copy.archive.empty())
-                newest = &copy;
+                any = &copy;
+            if (!copy.archive.empty() && !copy.in_part && copy.night->IsGood())
+                best = &copy;
+        }
+        return best != nullptr ? best : any;
+    }
+    void PrintWayBack() const {
+        const FoundCopy* const newest = BestCopy();
         if (newest == nullptr)
             std::printf("  no night has it any more\n");
+        else if (HasWildCard(newest->path) || newest->path.find(" :: ") != std::string::npos)
+            std::printf("  to get it back: restore the directory above it from %s; no include line can name it\n",
+                        newest->night->Name().c_str());
         else if (!newest->night->complete)
             std::printf("  to get it back: vondral -s %s -c ... -r %s -i FILE, with the line: %s\n",
-                        config_.server.c_str(), newest->archive.c_str(), Shown(newest->path).c_str());
+                        config_.server.c_str(), newest->archive.c_str(), MaskControls(newest->path).c_str());
         else
             std::printf("  to get it back: vondral-nightly restore %s %s -i FILE, with the line: %s\n",
-                        config_.name.c_str(), newest->night->Name().c_str(), Shown(newest->path).c_str());
+                        config_.name.c_str(), newest->night->Name().c_str(), MaskControls(newest->path).c_str());
     }
 
     const Config& config_;

@@ -228,7 +228,7 @@ void FindFailures(const NightSum& sum, int exit_status, const NightRecord& recor
                               : "the run did not reach its end: read the log");
     else if (exit_status > 2)
         reasons.push_back(FormatText("vondral ended with status %d: read the log", exit_status));
-    if (sum.entries.empty())
+    if (sum.entries.empty() && sum.ran_to_end)
         reasons.emplace_back("the archive has no object: look at the include and exclude file");
     const auto attempted = static_cast<double>(std::max(record.attempted, record.missing));
     if (record.missing > 0 && static_cast<double>(record.missing) > rules.tolerate * attempted)

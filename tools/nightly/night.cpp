@@ -196,6 +196,32 @@ std::vector<Night> ListOwnNights(const Config& config) {
     return nights;
 }
 
+std::vector<std::string> FindOddNights(const std::vector<Night>& nights, std::time_t now) {
+    struct Kind {
+        const char* text;
+        bool (*applies)(const Night& night, std::time_t now);
+    };
+    static constexpr Kind kinds[] = {{"its name lies in the future; check the clock",
+                                      [](const Night& night, std::time_t moment) { return night.moment > moment; }},
+                                     {"its record belongs to a night of another name",
+                                      [](const Night& night, std::time_t) { return night.foreign; }},
+                                     {"its run.json is missing or damaged", [](const Night& night, std::time_t) {
+                                          return night.IsBroken() && !night.removed;
+                                      }}};
+    std::vector<std::string> sentences;
+    for (const Kind& kind : kinds) {
+        const Night* first = nullptr;
+        std::size_t count = 0;
+        for (const Night& night : nights)
+            if (kind.applies(night, now) && count++ == 0)
+                first = &night;
+        if (count > 0)
+            sentences.push_back(first->Name() + ": " + kind.text +
+                                (count > 1 ? FormatText(" (and %zu more)", count - 1) : ""));
+    }
+    return sentences;
+}
+
 std::vector<const Night*> Restorable(const std::vector<Night>& nights) {
     std::vector<const Night*> found;
     for (const Night& night : nights)

@@ -61,7 +61,11 @@ struct Night {
     // Its record belongs to a night of another name: somebody copied or renamed the directory. It counts for nothing.
     bool foreign = false;
 
-    bool IsGood() const { return complete && !foreign && record && nightly::IsGood(record->verdict); }
+    // Whether it was judged to be a backup; a killed run may not have given it its name yet.
+    bool HasGoodVerdict() const { return !foreign && record && nightly::IsGood(record->verdict); }
+    bool IsGood() const { return complete && HasGoodVerdict(); }
+    // A good name without a readable record: the disk or somebody damaged the night.
+    bool IsBroken() const { return complete && !record; }
     std::string Name() const;
     std::string File(const std::string& name) const { return path + "/" + name; }
 };
@@ -89,6 +93,10 @@ std::string SumsFileOf(const std::string& archive);
 std::vector<Night> ListNights(const std::string& directory);
 // The same; but nights of another configuration are a failure: two servers in one directory would remove each other's.
 std::vector<Night> ListOwnNights(const Config& config);
+
+// A sentence for each night that somebody should look at: in the future, copied, or without a readable record; of each
+// kind the first, and how many more.
+std::vector<std::string> FindOddNights(const std::vector<Night>& nights, std::time_t now);
 
 // The nights that count as backups and still have their archives.
 std::vector<const Night*> Restorable(const std::vector<Night>& nights);

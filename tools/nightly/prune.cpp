@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "copies.h"
+#include "failure.h"
 #include "moments.h"
 
 namespace nightly {
@@ -19,7 +20,7 @@ std::vector<RetainedNight> FactsOf(const std::vector<Night>& nights, const Confi
     for (std::size_t i = 0; i < nights.size(); ++i) {
         const Night& night = nights[i];
         facts.push_back({.moment = night.moment,
-                         .good = night.IsGood(),
+                         .good = night.HasGoodVerdict(),
                          .has_archive = night.has_archive,
                          .foreign = night.foreign,
                          .tonight = tonight == night.moment,
@@ -84,6 +85,11 @@ void RemoveFiles(Disk& disk, const std::string& directory) {
 
 std::vector<PruneDecision> PlanPruning(const std::vector<Night>& nights, const Config& config, std::time_t now,
                                        std::optional<std::time_t> tonight) {
+    for (const Night& night : nights)
+        if (night.IsBroken() && !night.removed)
+            throw Failure(night.path +
+                          ": its run.json is missing or damaged; nothing is removed until it is back, or the "
+                          "night is moved away");
     const std::vector<RetainedNight> facts = FactsOf(nights, config, now, tonight);
     std::vector<Decision> decisions = DecideRetention(facts, config.keep, now);
     std::vector<PruneDecision> plan;

@@ -1,5 +1,6 @@
 #include "report_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
@@ -26,8 +27,13 @@ report::RunContext ContextOf(const Config& config, const Night& night) {
     context.server = config.server;
     context.archive = NightFiles::Archive;
     context.night = night.Name();
-    context.loss = report::TrueLoss{record.objects + record.missing, record.objects, static_cast<double>(record.bytes)};
+    const std::uint64_t attempted = std::max({record.attempted, record.objects, record.missing});
+    context.loss = report::TrueLoss{attempted, attempted - record.missing, static_cast<double>(record.bytes)};
     context.judgement = report::Judgement{VerdictName(record.verdict), IsGood(record.verdict), record.reasons};
+    if (record.retries > 0)
+        context.judgement->reasons.push_back(
+            FormatText("The verdict counts %d further attempt%s; what follows is about the first one.", record.retries,
+                       record.retries == 1 ? "" : "s"));
     return context;
 }
 
@@ -41,7 +47,8 @@ struct Reading {
 };
 
 void ReadNightLog(Reading& reading, const Night& night, const Night* last_good) {
-    if (last_good != nullptr) {
+    // Compared with a night of another level, most of what differs would only be what was not saved.
+    if (last_good != nullptr && last_good->record->level == night.record->level) {
         reading.past = std::make_unique<report::PastRun>();
         if (!report::ReadPastRun(last_good->File(NightFiles::Log), *reading.past))
             reading.past.reset();

@@ -41,8 +41,9 @@ void PrintSteps(const RestorePlan& plan) {
         if (step.archive != archive)
             std::printf("from %s\n", step.archive.c_str());
         archive = step.archive;
-        std::printf("%4zu  %s%s\n      %s\n", ++number, Shown(step.path).c_str(),
-                    step.to.empty() ? "" : (" as " + Shown(step.to)).c_str(), Shown(step.command).c_str());
+        std::printf("%4zu  %s%s\n      %s\n", ++number, MaskControls(step.path).c_str(),
+                    step.to.empty() ? "" : (" as " + MaskControls(step.to)).c_str(),
+                    MaskControls(step.command).c_str());
         if (!step.fault.empty())
             std::printf("      THIS WILL FAIL: %s\n", step.fault.c_str());
     }
@@ -58,11 +59,13 @@ void PrintRemarks(const RestorePlan& plan) {
                     : plan.security_data                     ? "security data is"
                                                              : "configuration is",
                     std::string(SecurityDataPath).c_str(), std::string(ConfigurationPath).c_str());
+    for (const std::string& mistake : plan.mistakes)
+        std::printf("*** %s\n", MaskControls(mistake).c_str());
     for (const std::string& line : plan.unmatched)
-        std::printf("*** nothing matches the include line: %s\n", Shown(line).c_str());
+        std::printf("*** nothing matches the include line: %s\n", MaskControls(line).c_str());
     constexpr std::size_t most = 20;
     for (std::size_t i = 0; i < std::min(plan.returning.size(), most); ++i)
-        std::printf("*** deleted since, and would come back: %s\n", Shown(plan.returning[i]).c_str());
+        std::printf("*** deleted since, and would come back: %s\n", MaskControls(plan.returning[i]).c_str());
     if (plan.returning.size() > most)
         std::printf("*** and %zu more that %s no longer found on the server\n", plan.returning.size() - most,
                     plan.newest_full->Name().c_str());
@@ -108,8 +111,10 @@ int Plan(const std::string& configs, const RestoreOptions& options) {
 bool IsConfirmed(const Config& config, const RestoreOptions& options) {
     if (options.yes)
         return true;
-    if (::isatty(STDIN_FILENO) == 0)
-        throw Failure("standard input is no terminal: nothing is restored without --yes");
+    if (::isatty(STDIN_FILENO) == 0) {
+        std::fprintf(stderr, "vondral-nightly: standard input is no terminal: nothing is restored without --yes\n");
+        return false;
+    }
     std::printf("Type \"restore %s\" to begin: ", config.name.c_str());
     std::fflush(stdout);
     std::string answer;
@@ -122,6 +127,16 @@ struct Restored {
     bool clean = true;                       // every run of vondral ended with 0
 };
 
+// An include file with just what is planned from one archive: other lines could name what it does not have.
+std::string WriteInclude(const RestorePlan& plan, const std::string& archive, const std::string& path) {
+    std::string text;
+    for (const RestoreStep& step : plan.steps)
+        if (step.archive == archive)
+            text += step.path + (step.to.empty() ? "" : " :: " + step.to) + "\n";
+    Disk().WriteFile(path, text);
+    return path;
+}
+
 // Runs the restore archive by archive.
 Restored RestoreAll(const Config& config, const RestorePlan& plan, const RestoreRules& rules) {
     Restored restored;
@@ -129,7 +144,10 @@ Restored RestoreAll(const Config& config, const RestorePlan& plan, const Restore
     int number = 0;
     for (const std::string& archive : plan.archives) {
         RestoreOutcome outcome{};
-        const RestoreRun run{{}, archive, rules, FormatText("%s.%d.log", log.c_str(), ++number), true};
+        const std::string name = FormatText("%s.%d", log.c_str(), ++number);
+        RestoreRun run{{}, archive, rules, name + ".log", true};
+        if (!rules.include.empty())
+            run.rules.include = WriteInclude(plan, archive, name + ".include");
         if (!StopRequested())
             outcome = RunRestore(config, run);
         if (outcome.status != 0)
@@ -164,7 +182,7 @@ int Restore(const std::string& configs, const RestoreOptions& options) {
     CatchStopRequests();
     const Restored restored = RestoreAll(config, plan, options.rules);
     for (const RestoreStep* const step : restored.missing)
-        std::fprintf(stderr, "vondral-nightly: NOT RESTORED: %s from %s\n", Shown(step->path).c_str(),
+        std::fprintf(stderr, "vondral-nightly: NOT RESTORED: %s from %s\n", MaskControls(step->path).c_str(),
                      step->archive.c_str());
     std::printf("%zu of %zu objects restored\n", plan.steps.size() - restored.missing.size(), plan.steps.size());
     return restored.missing.empty() && restored.clean ? Good : Bad;

@@ -29,13 +29,30 @@ Stream OpenPathFile(const std::string& path) {
     return file;
 }
 
+void AddMistakes(RestorePlan& plan, std::FILE* file, const std::string& what) {
+    if (file == nullptr)
+        return;
+    for (const std::string& mistake : FindMistakes(file, PathFileUse::Restore))
+        plan.mistakes.push_back(what + ": " + mistake);
+}
+
 // The two path files.
 struct PathFiles {
     Stream include, exclude;
 };
 
-void AddSteps(RestorePlan& plan, const std::string& archive, const std::string& entry, const PathFiles& files) {
+// Whether one of the paths is this one, or below it.
+bool HasPathAt(const std::set<std::string>& paths, const std::string& path) {
+    const auto below = paths.lower_bound(path + "/");
+    return paths.contains(path) || (below != paths.end() && below->starts_with(path + "/"));
+}
+
+// `catalog` has the paths of the night: a part of an entry that it does not name is not in the archive.
+void AddSteps(RestorePlan& plan, const std::string& archive, const std::string& entry, const PathFiles& files,
+              const std::set<std::string>& catalog) {
     WantedParts wanted = SelectParts(entry, files.include.get(), files.exclude.get());
+    wanted.parts.remove_if(
+        [&](const StringPair& part) { return part.first != entry && !HasPathAt(catalog, part.first); });
     if (wanted.parts.empty())
         return;
     const RestoreMember& member = RestoreMemberFor(entry);
@@ -66,8 +83,7 @@ std::vector<std::string> FindUnmatched(const PathFiles& files, const std::set<st
         std::string path = line.substr(0, line.find(" :: "));
         while (path.size() > 1 && path.ends_with('/'))
             path.pop_back();
-        const auto below = paths.lower_bound(path + "/");
-        const bool matches = paths.contains(path) || (below != paths.end() && below->starts_with(path + "/"));
+        const bool matches = HasPathAt(paths, path);
         if (path != "\n" && (HasWildCard(path) || !matches))
             unmatched.push_back(line + (HasWildCard(path) ? " (a restore ignores lines with wild cards)" : ""));
     }
@@ -109,18 +125,22 @@ RestorePlan PlanRestore(const std::vector<Night>& nights, const Night& night, co
                        : !night.has_archive ? "its archives are gone"
                                             : "an archive that it builds on is gone"));
     const PathFiles files{OpenPathFile(rules.include), OpenPathFile(rules.exclude)};
+    AddMistakes(plan, files.include.get(), "include file");
+    AddMistakes(plan, files.exclude.get(), "exclude file");
     std::set<std::string> paths; // of the catalogs
     std::set<std::string> entries;
     for (const Night* const link : plan.chain) {
+        std::set<std::string> catalog;
         for (std::string& path : CatalogPaths(link->path))
-            paths.insert(std::move(path));
+            catalog.insert(std::move(path));
+        paths.insert(catalog.begin(), catalog.end());
         for (const std::string& archive : link->record->archives) {
             const ArchiveContents contents = ReadArchive(link->File(archive), Digests::Skip);
             if (!contents.fault.empty())
                 throw Failure(link->File(archive) + ": " + contents.fault +
                               "; take another night, or what \"ctar salvage\" makes of this archive");
             for (const EntryFacts& entry : contents.entries) {
-                AddSteps(plan, link->File(archive), entry.path, files);
+                AddSteps(plan, link->File(archive), entry.path, files, catalog);
                 entries.insert(entry.path);
             }
         }

@@ -98,11 +98,12 @@ struct Run {
     Night night{};
     int retries = 0;
     int exit_status = -1;
+    bool has_mistakes = false; // in a path file: no retry makes that good
     Judgement judgement{};
 
     bool IsSettled() const {
         return judgement.record.verdict == Verdict::Good || world.stop_requested() ||
-               (judgement.ran_to_end && judgement.missed.empty());
+               (judgement.ran_to_end && judgement.missed.empty()) || has_mistakes;
     }
 };
 
@@ -263,12 +264,10 @@ std::string Summarize(const Night& night, const std::string& zone) {
 void LetOldNightsGo(Run& run) {
     const std::vector<Night> nights = ListOwnNights(run.config);
     const std::time_t now = run.world.now();
+    for (const std::string& remark : FindOddNights(nights, now))
+        run.world.say(remark);
     const std::vector<PruneDecision> plan = PlanPruning(nights, run.config, now, run.night.moment);
     for (const PruneDecision& decision : plan) {
-        if (decision.night->moment > now)
-            run.world.say(decision.night->Name() + ": its name lies in the future; check the clock");
-        if (decision.night->foreign)
-            run.world.say(decision.night->Name() + ": its record belongs to a night of another name");
         if (decision.night->has_archive && !decision.archives.keep)
             run.world.say(decision.night->Name() + ": removed: " + decision.archives.reasons.front());
     }
@@ -297,6 +296,7 @@ void Conclude(Run& run) {
 
 void SaveAndJudge(Run& run) {
     const JudgeRules rules = RulesFor(run);
+    run.has_mistakes = !rules.mistakes.empty();
     run.world.disk.MakeDirectory(run.night.path);
     Attempt(run, rules);
     CarryOver(run, rules);

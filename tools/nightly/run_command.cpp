@@ -153,16 +153,15 @@ int PruneNights(const std::string& configs, const PruneArguments& arguments) {
         const bool keeps_archive = decision.night->has_archive && decision.archives.keep;
         records.push_back(
             {{"night", decision.night->Name()}, {"kept", keeps_archive}, {"reasons", ReasonsOf(decision)}});
-        if (arguments.json)
+        if (arguments.json || (!decision.night->has_archive && !decision.remove_records))
             continue;
         std::string reasons;
         for (const std::string& reason : ReasonsOf(decision))
             reasons += (reasons.empty() ? "" : "; ") + reason;
         std::printf("%s  %-7s  %s\n", decision.night->Name().c_str(),
-                    keeps_archive                 ? "keep"
-                    : decision.remove_records     ? "forget"
-                    : decision.night->has_archive ? "remove"
-                                                  : "records",
+                    keeps_archive             ? "keep"
+                    : decision.remove_records ? "forget"
+                                              : "remove",
                     Shown(reasons).c_str());
     }
     if (arguments.json)

@@ -34,6 +34,7 @@ struct ServerStatus {
     std::vector<Night> nights;
     const Night* good = nullptr; // the last one that counts as a backup
     const Night* last = nullptr; // the last one that ran
+    bool restorable = false;     // the good one and all that it builds on have their archives
     std::optional<DrillRecord> drill;
     std::string zone;
     double age = 0;            // seconds since the good night began
@@ -63,6 +64,7 @@ ServerStatus ReadServer(const std::string& configs, const std::string& name, std
         if (night.moment <= now && night.record && !night.foreign)
             status.last = &night;
     if (status.good != nullptr) {
+        status.restorable = !ChainOf(status.nights, *status.good).empty();
         status.age = static_cast<double>(now - status.good->moment);
         status.median_seconds = MedianSeconds(status.nights, *status.good);
     }
@@ -121,6 +123,9 @@ void PrintRemarks(const ServerStatus& status, bool is_late, const std::string& m
         std::printf("%s: %s\n", name, Shown(status.trouble).c_str());
     else if (status.good == nullptr)
         std::printf("%s: no good night yet\n", name);
+    else if (!status.restorable)
+        std::printf("%s: %s cannot be restored: an archive of it, or one that it builds on, is gone\n", name,
+                    status.good->Name().c_str());
     else if (is_late)
         std::printf("%s: the last good night is older than %s\n", name, max_age.c_str());
     if (status.last != nullptr && status.last != status.good && !status.last->IsGood()) {
@@ -128,11 +133,8 @@ void PrintRemarks(const ServerStatus& status, bool is_late, const std::string& m
         std::printf("%s: the last night, %s, was %s: %s\n", name, status.last->Name().c_str(),
                     VerdictName(record.verdict), record.reasons.empty() ? "" : Shown(record.reasons.front()).c_str());
     }
-    for (const Night& night : status.nights)
-        if (night.moment > now || night.foreign)
-            std::printf("%s: %s: %s\n", name, night.Name().c_str(),
-                        night.foreign ? "its record belongs to a night of another name"
-                                      : "its name lies in the future; check the clock");
+    for (const std::string& remark : FindOddNights(status.nights, now))
+        std::printf("%s: %s\n", name, remark.c_str());
     if (status.drill)
         std::printf("%s: the last drill was %s ago and %s\n", name,
                     ShowSpan(static_cast<double>(now - status.drill->moment)).c_str(),
@@ -153,12 +155,14 @@ int Status(const std::string& configs, const StatusOptions& options) {
     std::vector<std::vector<std::string>> rows;
     int result = Good;
     const auto is_late = [&](const ServerStatus& server) {
-        return server.good == nullptr || server.age > static_cast<double>(*max_age);
+        return server.good == nullptr || server.age > static_cast<double>(*max_age) || !server.restorable;
     };
     for (const ServerStatus& server : servers) {
         records.push_back(RecordOf(server));
         rows.push_back(RowOf(server));
-        if (is_late(server))
+        if (!server.trouble.empty())
+            result = std::max<int>(result, result == Bad ? Bad : Trouble);
+        else if (is_late(server))
             result = Bad;
     }
     if (options.json) {

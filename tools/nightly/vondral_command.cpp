@@ -14,15 +14,20 @@
 
 namespace nightly {
 
+std::vector<std::string> RelayCommand(const Config& config, const std::string& host) {
+    std::vector<std::string> command{FindProgram("vondral-tls"), "--server", host};
+    if (!config.tls->ca.empty())
+        command.insert(command.end(), {"--ca", config.tls->ca});
+    if (!config.tls->pin.empty())
+        command.insert(command.end(), {"--pin", config.tls->pin});
+    return command;
+}
+
 std::vector<std::string> VondralCommand(const Config& config, const std::string& server) {
     const std::string host = server.empty() ? config.server : server;
     std::vector<std::string> command;
     if (config.tls) {
-        command = {FindProgram("vondral-tls"), "--server", host};
-        if (!config.tls->ca.empty())
-            command.insert(command.end(), {"--ca", config.tls->ca});
-        if (!config.tls->pin.empty())
-            command.insert(command.end(), {"--pin", config.tls->pin});
+        command = RelayCommand(config, host);
         command.emplace_back("--");
     }
     const std::vector<std::string> own{FindProgram("vondral"),

@@ -13,6 +13,9 @@
 
 namespace nightly {
 
+// vondral-tls with the server and what to trust. Requires: the configuration has `tls`.
+std::vector<std::string> RelayCommand(const Config& config, const std::string& host);
+
 // The program and its options for the server and the login; through vondral-tls when the configuration says so.
 // `server` is another one than the configuration's when it is not empty. Throws Failure when a program or the
 // passphrase is not there.

@@ -20,7 +20,7 @@ h2 { font-size: 17px; margin: 0 0 10px; }
 summary { font-weight: 600; margin: 10px 0 4px; cursor: pointer; }
 p { margin: 4px 0; } .quiet { color: var(--quiet); } .count { color: var(--quiet); font-weight: normal; }
 .pill { font-size: 13px; font-weight: 600; padding: 2px 12px; border-radius: 99px; color: var(--pill); background: var(--bad); }
-.pill.complete { background: var(--good); } .pill.terminated, .pill.unfinished, .pill.unknown { background: var(--warn); }
+h1 .pill, td .pill { color: var(--pill); } .pill.complete { background: var(--good); } .pill.terminated, .pill.unfinished, .pill.unknown { background: var(--warn); }
 .tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(130px, 1fr)); gap: 12px; margin: 20px 0; }
 .tile, section { background: var(--card); border: 1px solid var(--line); border-radius: 10px; }
 .tile { padding: 12px 16px; } .tile b { display: block; font-size: 22px; font-variant-numeric: tabular-nums; }

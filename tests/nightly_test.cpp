@@ -99,7 +99,7 @@ TEST(Configuration, RefusesMistakesWithTheirPlace) {
                  "5:9: level: margin must be at least a minute"},
              Row{"drill = { server = \"x\", library = \"/home\", as = \"/QSYS.LIB/A.LIB\" }",
                  "4:9: drill: library and as must be libraries"},
-             Row{"retry = { times = 10 }", "4:19: times must be a number from 0 to 9"},
+             Row{"retry = { times = 10 }", "4:19: times must be a number from 0 to 8"},
              Row{"hooks = { on_start = \"x\" }", "4:22: on_start must be a list of commands in quotes"},
              Row{"keep = { last = 0, daily = 0, weekly = 0, monthly = 0 }",
                  "4:8: keep: last, daily, weekly and monthly are all 0, so that no night would be kept"},
@@ -297,7 +297,7 @@ TEST(Judge, BelievesOnlyWhatTheFilesProve) {
          }) {
         const TempDir night;
         WriteAttempt(night.path, 0, row.attempt);
-        const NightRecord record = JudgeNight(night.path, 0, row.status, row.rules).record;
+        const NightRecord record = JudgeNight(night.path, 0, {row.status, row.status}, row.rules).record;
         EXPECT_EQ(record.verdict, row.verdict) << row.what;
         EXPECT_EQ(record.missing, row.missing) << row.what;
         EXPECT_THAT(testing::PrintToString(record.reasons), HasSubstr(row.reason)) << row.what;
@@ -305,31 +305,42 @@ TEST(Judge, BelievesOnlyWhatTheFilesProve) {
 }
 
 TEST(Judge, CountsTheUnionOfAllAttempts) {
+    JudgeRules tolerant;
+    tolerant.tolerate = 0.5;
     const std::vector<ArchiveEntry> first{{"/a", "1"}}, second{{"/QSYS.LIB/B.LIB", "22"}};
     const TempDir night;
     WriteAttempt(night.path, 0, {first, "/a", "/QSYS.LIB/B.LIB,/c", 3});
     WriteAttempt(night.path, 1, {second, "/QSYS.LIB/B.LIB", "/c", 2});
     WriteFile(IncludeFileOf(night.path, 1), "/QSYS.LIB/B.LIB\n/c\n");
-    const Judgement one = JudgeNight(night.path, 1, 1, {});
+    const Judgement one = JudgeNight(night.path, 1, {1, 1}, {});
     EXPECT_EQ(one.record.missing, 1);
     EXPECT_EQ(one.missed, std::vector{ParseMissed("/c")});
     EXPECT_THAT(one.record.archives, ElementsAre("archive.ctar", "retry1.ctar"));
     WriteAttempt(night.path, 2, {{{"/c", "3"}}, "/c", "", 1});
     WriteFile(IncludeFileOf(night.path, 2), "/c\n");
-    const Judgement both = JudgeNight(night.path, 2, 0, {});
+    const Judgement both = JudgeNight(night.path, 2, {1, 0}, {});
     EXPECT_EQ(both.record.verdict, Verdict::Good) << testing::PrintToString(both.record.reasons);
     EXPECT_EQ(both.record.objects, 3);
     EXPECT_EQ(both.record.bytes, 4);
+    // A retry that died saved what its archive has; the rest is still missed, and its status is no verdict on the
+    // night.
+    const TempDir dead;
+    WriteAttempt(dead.path, 0, {first, "/a", "/QSYS.LIB/B.LIB,/c", 3});
+    WriteAttempt(dead.path, 1, {second, "/QSYS.LIB/B.LIB", "", -1, "vondral[socket.cpp,1]: connection closed"});
+    WriteFile(IncludeFileOf(dead.path, 1), "/QSYS.LIB/B.LIB\n/c\n");
+    const Judgement died = JudgeNight(dead.path, 1, {1, 255}, tolerant);
+    EXPECT_EQ(died.missed, std::vector{ParseMissed("/c")});
+    EXPECT_EQ(died.record.verdict, Verdict::GoodWithGaps) << testing::PrintToString(died.record.reasons);
     // A second attempt at everything takes the place of the first one's figures.
     const TempDir other;
     WriteAttempt(other.path, 0, {{}, "", "", -1, "vondral[vondral.cpp,1]: login failed"});
     WriteAttempt(other.path, 1, {first, "/a", "", 1});
     WriteFile(other / "archive.ctar", "damaged");
-    EXPECT_EQ(JudgeNight(other.path, 1, 0, {}).record.verdict, Verdict::Good);
+    EXPECT_EQ(JudgeNight(other.path, 1, {0, 0}, {}).record.verdict, Verdict::Good);
     // What a retry saved again counts once.
     WriteAttempt(other.path, 2, {{{"/a", "12345"}}, "/a", "", 1});
     WriteFile(IncludeFileOf(other.path, 2), "/a\n");
-    EXPECT_EQ(JudgeNight(other.path, 2, 0, {}).record.bytes, 5);
+    EXPECT_EQ(JudgeNight(other.path, 2, {0, 0}, {}).record.bytes, 5);
 }
 
 TEST(Records, AreReadAsTheyAreWritten) {

@@ -42,7 +42,7 @@ enum class Mishap {
 };
 
 // What somebody does to the directory before a night.
-enum class Meddling { None, DeletesNight, DeletesArchive, CopiesNight, Count };
+enum class Meddling { None, DeletesNight, DeletesArchive, CopiesNight, CopiesAsIncomplete, DamagesFile, Count };
 
 // One night, and what happens before it.
 struct Script {
@@ -80,6 +80,7 @@ struct Truth {
     Contents listed;       // what was there
     bool complete = false; // nothing was missing
     std::time_t true_time = 0;
+    std::set<std::string> archives; // names of files
 };
 
 bool IsFile(const std::string& path) {
@@ -139,6 +140,7 @@ private:
     std::time_t offset_ = 0; // of the clock
     Script script_;
     std::map<std::string, Truth> truths_; // by night name
+    std::string damaged_, undamaged_;     // a file, and what it should contain
 };
 
 void History::ChangeServer() {
@@ -167,9 +169,14 @@ void History::ChangeServer() {
 
 // The log, catalog and archive that vondral would leave.
 int History::BackUp(const BackupRequest& request) {
+    const bool is_retry = request.archive.find("retry") != std::string::npos;
     Truth truth;
+    if (is_retry)
+        truth = truths_[fs::path(request.archive).parent_path().filename().string().substr(0, 18)];
     truth.true_time = true_now_;
-    const Mishap mishap = script_.mishap;
+    const Mishap mishap = !is_retry ? script_.mishap : random_() % 3 == 0 ? Mishap::DiesHalfway : Mishap::None;
+    const std::string wanted = is_retry && !request.include.empty() ? "\n" + ReadFile(request.include) : "";
+    const Contents before = truth.whole;
     std::string log = "[02:00:00] [T00] Building Object Lists\n", catalog, missed;
     std::vector<ArchiveEntry> entries;
     std::string home;
@@ -184,6 +191,9 @@ int History::BackUp(const BackupRequest& request) {
     std::size_t attempted = 0;
     for (const auto& [path, version] : server_) {
         if (mishap == Mishap::EverythingLeftOut || (mishap == Mishap::ServerLost && random_() % 4 != 0))
+            continue;
+        if (!wanted.empty() && wanted.find("\n" + path + "\n") == wanted.npos &&
+            !(IsFile(path) && wanted.find("\n/home\n") != wanted.npos))
             continue;
         ++attempted;
         truth.listed[path] = version;
@@ -223,7 +233,8 @@ int History::BackUp(const BackupRequest& request) {
     } else if (!home.empty()) {
         entries.push_back({"/home.savf", home});
         if (!partly)
-            truth.whole.insert(home_files.begin(), home_files.end());
+            for (const auto& [path, version] : home_files)
+                truth.whole[path] = version;
     }
     truth.complete = truth.whole.size() == truth.listed.size() && !truth.listed.empty();
     std::string archive = MakeArchive(entries);
@@ -235,9 +246,10 @@ int History::BackUp(const BackupRequest& request) {
     int status = failed == 0 ? 0 : 1;
     if (mishap == Mishap::DiesHalfway) {
         const std::size_t half = entries.size() / 2;
-        truth.whole.clear();
-        truth.listed.clear();
+        truth.whole = before;
         truth.complete = false;
+        if (!is_retry)
+            truth.listed.clear();
         entries.resize(half);
         archive = MakeArchive(entries);
         catalog.resize(catalog.size() / 2);
@@ -248,6 +260,7 @@ int History::BackUp(const BackupRequest& request) {
         truth.complete = false;
         archive.resize(archive.size() - 512 - random_() % 200);
     }
+    truth.archives.insert(fs::path(request.archive).filename());
     WriteFile(request.archive, archive);
     WriteFile(request.catalog, catalog);
     WriteFile(request.missed, missed);
@@ -257,6 +270,9 @@ int History::BackUp(const BackupRequest& request) {
 }
 
 void History::Meddle(const Script& script) {
+    if (!damaged_.empty() && fs::exists(damaged_)) // somebody put it right again
+        WriteFile(damaged_, undamaged_);
+    damaged_.clear();
     std::vector<Night> nights = ListNights(directory_);
     if (nights.empty() || script.meddling == Meddling::None)
         return;
@@ -265,13 +281,23 @@ void History::Meddle(const Script& script) {
         fs::remove_all(victim.path);
     else if (script.meddling == Meddling::DeletesArchive)
         fs::remove(victim.File(NightFiles::Archive));
-    else
+    else if (script.meddling == Meddling::CopiesAsIncomplete && victim.complete)
+        fs::copy(victim.path, victim.path + IncompleteSuffix,
+                 fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    else if (script.meddling == Meddling::DamagesFile && victim.complete) {
+        static constexpr const char* files[] = {NightFiles::Record, NightFiles::Catalog, NightFiles::Missed};
+        damaged_ = victim.File(files[script.victim / 8 % 3]);
+        undamaged_ = ReadFile(damaged_);
+        WriteFile(damaged_, "junk\n" + undamaged_);
+    } else if (script.meddling == Meddling::CopiesNight)
         fs::copy(victim.path, directory_ + "/" + NightName(victim.moment + (script.victim % 9 - 4) * Day / 2 + 7),
                  fs::copy_options::recursive | fs::copy_options::overwrite_existing);
 }
 
 bool History::HasArchive(const std::string& name) const {
-    return fs::exists(directory_ + "/" + name + "/archive.ctar");
+    const std::set<std::string>& archives = truths_.at(name).archives;
+    return std::all_of(archives.begin(), archives.end(),
+                       [&](const std::string& file) { return fs::exists(directory_ + "/" + name + "/" + file); });
 }
 
 // For each path that must not be forgotten: the night with its newest copy, among those on disk that count now. Copies
@@ -279,12 +305,15 @@ bool History::HasArchive(const std::string& name) const {
 std::map<std::string, std::set<std::string>> History::NewestCopies() const {
     std::map<std::string, std::set<std::string>> newest;
     const std::string now = NightName(true_now_ + offset_);
-    for (const auto& [name, truth] : truths_) {
+    std::vector<std::pair<std::string, Truth>> nights(truths_.begin(), truths_.end());
+    std::stable_sort(nights.begin(), nights.end(),
+                     [](const auto& one, const auto& other) { return one.second.true_time < other.second.true_time; });
+    for (const auto& [name, truth] : nights) {
         const std::string record = directory_ + "/" + name + "/run.json";
         if (name > now || !HasArchive(name) || !fs::exists(record))
             continue;
         for (const auto& [path, version] : truth.whole)
-            newest[path] = {name}; // ascending, so that the newest stays
+            newest[path] = {name}; // the last one stays
     }
     std::erase_if(newest, [this](const auto& copy) {
         return std::none_of(truths_.begin(), truths_.end(), [&](const auto& night) {
@@ -302,7 +331,8 @@ std::string History::CheckCopies(const std::map<std::string, std::set<std::strin
         const std::string& name = *names.begin();
         bool is_kept = HasArchive(name);
         for (const auto& [other, truth] : truths_)
-            is_kept = is_kept || (other > name && other <= now && truth.whole.contains(path) && HasArchive(other));
+            is_kept = is_kept || (truth.true_time > truths_.at(name).true_time && other <= now &&
+                                  truth.whole.contains(path) && HasArchive(other));
         if (!is_kept)
             return "the newest good copy of " + path + ", in " + name + ", is gone";
     }
@@ -313,10 +343,12 @@ std::string History::CheckTonight(const Night& night) const {
     const auto truth = truths_.find(night.Name());
     if (night.IsGood() && config_.tolerate == 0 && (truth == truths_.end() || !truth->second.complete))
         return night.Name() + " counts as good, but something is missing from it";
-    if (!night.IsGood() && script_.mishap == Mishap::None && config_.max_shrink == 1)
+    if (!night.IsGood() && script_.mishap == Mishap::None && config_.max_shrink == 1 && config_.tolerate == 0)
         return night.Name() + " has everything, but does not count as good";
-    if (night.record && !night.record->archives.empty() && !fs::exists(night.File(NightFiles::Archive)))
-        return night.Name() + ": its own run removed its archive";
+    if (night.record)
+        for (const std::string& archive : night.record->archives)
+            if (!fs::exists(night.File(archive)))
+                return night.Name() + ": its own run removed its archive";
     return "";
 }
 

@@ -109,6 +109,15 @@ bool CheckTls(Checks& checks) {
     return true;
 }
 
+bool CheckPassphrase(Checks& checks) {
+    try {
+        PassphraseFile(checks.config);
+        return true;
+    } catch (const Failure& failure) {
+        return checks.Report(false, "passphrase", failure.what());
+    }
+}
+
 bool CheckLogin(Checks& checks) {
     Command command;
     command.arguments = VondralCommand(checks.config);
@@ -196,8 +205,7 @@ int Check(const std::string& configs, const std::string& name) {
     CheckPathFile(checks, config.include, PathFileUse::BackupInclude);
     CheckPathFile(checks, config.exclude, PathFileUse::BackupExclude);
     CheckDirectory(checks);
-    PassphraseFile(config);
-    if (CheckName(checks, config.server) && CheckTls(checks) && CheckLogin(checks))
+    if (CheckPassphrase(checks) && CheckName(checks, config.server) && CheckTls(checks) && CheckLogin(checks))
         CheckListing(checks);
     if (config.drill)
         CheckName(checks, config.drill->server);

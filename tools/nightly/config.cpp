@@ -208,7 +208,7 @@ std::vector<Key> KeysOf(Config& config) {
                         {"forget_after", Duration(keep.forget_after)}})},
         {"tolerate", Share(config.tolerate)},
         {"max_shrink", Share(config.max_shrink)},
-        {"retry", Table({{"times", Whole(config.retries, 0, 9), true}, {"wait", Duration(config.retry_wait)}})},
+        {"retry", Table({{"times", Whole(config.retries, 0, 8), true}, {"wait", Duration(config.retry_wait)}})},
         {"hooks", Table({{"on_start", Commands(config.hooks.on_start)},
                          {"on_success", Commands(config.hooks.on_success)},
                          {"on_failure", Commands(config.hooks.on_failure)},
@@ -221,7 +221,9 @@ std::vector<Key> KeysOf(Config& config) {
 
 // Keys that are good one by one but not together.
 void RefuseContradictions(const Config& config, const toml::table& table) {
-    const auto refuse = [&table](const char* key, const std::string& why) { FailAt(table.get(key)->source(), why); };
+    const auto refuse = [&table](const char* key, const std::string& why) {
+        FailAt(table.contains(key) ? table.get(key)->source() : table.source(), why);
+    };
     const KeepRules& keep = config.keep;
     if (keep.last + keep.daily + keep.weekly + keep.monthly == 0)
         refuse("keep", "keep: last, daily, weekly and monthly are all 0, so that no night would be kept");
@@ -373,7 +375,7 @@ std::string PassphraseFile(const Config& config) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0 || ::access(path.c_str(), R_OK) != 0)
         throw Failure(WithErrno("passphrase: " + path));
-    if ((status.st_mode & 077) != 0 && source.data() != nullptr && config.passphrase.starts_with("file:"))
+    if ((status.st_mode & 077) != 0 && config.passphrase.starts_with("file:"))
         throw Failure("passphrase: " + path + ": others can read it; run: chmod 600 " + path);
     return path;
 }

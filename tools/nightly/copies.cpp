@@ -1,12 +1,13 @@
 #include "copies.h"
 
 #include <algorithm>
-#include <functional>
+#include <numeric>
 #include <set>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "ctar/digest.h"
 #include "failure.h"
 #include "judge.h"
 #include "retention.h"
@@ -24,8 +25,13 @@ bool IsWithin(const std::set<std::string>& paths, std::string_view path) {
 
 std::set<std::string> MissedPaths(const Night& night) {
     std::set<std::string> paths;
-    for (const MissedLine& line : ReadMissed(night.File(NightFiles::Missed)))
+    const std::string file = night.File(NightFiles::Missed);
+    if (night.HasGoodVerdict())
+        RequireReadable(file);
+    for (const MissedLine& line : ReadMissed(file))
         paths.insert(line.path);
+    if (night.HasGoodVerdict() && night.record->missing > 0 && paths.empty())
+        throw Failure(file + ": names nothing, but the night missed something");
     return paths;
 }
 
@@ -33,7 +39,7 @@ namespace {
 
 // Paths as hashes of 64 bits, eight bytes each: a server has millions. A collision is less likely than a broken disk.
 std::uint64_t HashOf(std::string_view path) {
-    return std::hash<std::string_view>{}(path);
+    return ctar::ShortDigest(path);
 }
 
 // What one night has.
@@ -134,6 +140,17 @@ void FindSeen(Search& search) {
     }
 }
 
+// The nights in the order in which they ran, the last one first. Names tell the same, unless the clock has jumped.
+std::vector<std::size_t> LatestFirst(const std::vector<Night>& nights) {
+    std::vector<std::size_t> order(nights.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(), [&nights](std::size_t one, std::size_t other) {
+        const auto rank = [&nights](std::size_t i) { return nights[i].record ? nights[i].record->sequence : 0; };
+        return rank(one) != rank(other) ? rank(one) > rank(other) : one > other;
+    });
+    return order;
+}
+
 } // namespace
 
 std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
@@ -142,7 +159,7 @@ std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const
         moments.push_back(night.moment);
     Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, NightClock(now, moments)};
     std::vector<std::pair<std::size_t, std::vector<std::string>>> partial;
-    for (std::size_t i = nights.size(); i-- > 0;) {
+    for (const std::size_t i : LatestFirst(nights)) {
         if (!nights[i].has_archive || !search.Counts(i))
             continue;
         Contained contained = ReadContained(nights[i]);

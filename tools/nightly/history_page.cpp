@@ -91,7 +91,7 @@ std::string RowHtml(const Row& row, const Config& config, const fs::path& from, 
                     double most_bytes) {
     const Night& night = row.night;
     const NightRecord& record = *night.record;
-    const std::string name = FormatText("%s", ShowMoment(night.moment, config.timezone).c_str());
+    const std::string name = ShowMoment(night.moment, config.timezone);
     const std::string page = fs::proximate(night.File(NightFiles::Page), from);
     std::string html = FormatText("<tr class=\"%s\"><td>", night.has_archive ? "" : "removed");
     html += Exists(night.File(NightFiles::Page)) ? "<a href=\"" + report::HtmlText(page) + "\">" + name + "</a>" : name;

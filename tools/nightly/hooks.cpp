@@ -28,6 +28,7 @@ void RunHooks(const Config& config, HookKind kind, const HookFacts& facts) {
         command.arguments = {"/bin/sh", "-c", text};
         command.environment = {{"SERVER", config.name},    {"NIGHT", facts.night}, {"VERDICT", facts.verdict},
                                {"SUMMARY", facts.summary}, {"PAGE", facts.page},   {"LOG", facts.log}};
+        command.heeds_stop = false; // it tells that the run was stopped
         command.limit = static_cast<double>(config.hooks.limit);
         const int status = RunCommand(command);
         if (status != 0)

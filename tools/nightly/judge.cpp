@@ -40,6 +40,15 @@ std::vector<std::string> ReadLines(const std::string& path) {
 
 } // namespace
 
+void RequireReadable(const std::string& path) {
+    try {
+        if (Exists(path))
+            ctar::ReadCatalog(path, [](std::string_view) {});
+    } catch (const ctar::Failure& failure) {
+        throw Failure(failure.what());
+    }
+}
+
 MissedLine ParseMissed(std::string_view text) {
     constexpr std::string_view counted = " objects not saved";
     MissedLine line{std::string(text), std::string(text)};
@@ -115,20 +124,29 @@ AttemptFacts ReadAttempt(const std::string& directory, int retry) {
     return facts;
 }
 
-// What is left of the missed lines when a retry saved some of them.
-void ApplyRetry(std::vector<MissedLine>& missed, const std::string& directory, int retry, bool partial) {
-    std::vector<MissedLine> again = ReadMissed(In(directory, AttemptFile(NightFiles::Missed, retry)));
-    if (!partial) {
-        missed = std::move(again);
-        return;
-    }
-    std::set<std::string> tried;
+std::vector<std::string> ReadIncludeLines(const std::string& path) {
+    std::vector<std::string> lines;
     std::string line;
-    const Stream include(std::fopen(IncludeFileOf(directory, retry).c_str(), "re"));
+    const Stream include(std::fopen(path.c_str(), "re"));
     while (include != nullptr && ReadPathLine(line, include.get()))
-        tried.insert(line);
-    std::erase_if(missed, [&tried](const MissedLine& one) { return tried.contains(one.path); });
-    missed.insert(missed.end(), again.begin(), again.end());
+        lines.push_back(line);
+    return lines;
+}
+
+// What is missed after a retry that saved only some paths. One that reached its end names what it could not save; one
+// that died saved just what its archive has.
+void ApplyPartialRetry(std::vector<MissedLine>& missed, const std::vector<std::string>& tried,
+                       const std::vector<MissedLine>& again, bool complete, const ctar::Coverage& archive) {
+    std::set<std::string> open(tried.begin(), tried.end());
+    std::erase_if(missed, [&open](const MissedLine& line) { return open.contains(line.path); });
+    for (const MissedLine& line : again) {
+        missed.push_back(line);
+        open.erase(line.path);
+    }
+    if (!complete)
+        for (const std::string& path : open)
+            if (!archive.Covers(path))
+                missed.push_back({path, path});
 }
 
 // Everything that the attempts of a night come to.
@@ -151,7 +169,8 @@ void AddCatalog(NightSum& sum, std::vector<std::string> lines, std::unordered_se
             sum.lines.push_back(std::move(line));
 }
 
-void AddArchive(NightSum& sum, const std::string& directory, const std::string& name) {
+// `own` receives the entries of this archive alone.
+void AddArchive(NightSum& sum, const std::string& directory, const std::string& name, ctar::Coverage& own) {
     if (!Exists(In(directory, name)))
         return;
     const ArchiveContents contents = ReadArchive(In(directory, name), Digests::Skip);
@@ -163,6 +182,7 @@ void AddArchive(NightSum& sum, const std::string& directory, const std::string& 
     sum.archive_bytes.push_back(std::filesystem::file_size(In(directory, name)));
     for (const EntryFacts& entry : contents.entries) {
         sum.coverage.Add(entry.path);
+        own.Add(entry.path);
         sum.entries[entry.path] = entry.size;
     }
 }
@@ -173,16 +193,20 @@ NightSum SumUp(const std::string& directory, int retries) {
     for (int retry = 0; retry <= retries; ++retry) {
         const AttemptFacts facts = ReadAttempt(directory, retry);
         AddCatalog(sum, ReadLines(In(directory, AttemptFile(NightFiles::Catalog, retry))), known, retry == 0);
-        AddArchive(sum, directory, AttemptFile(NightFiles::Archive, retry));
+        ctar::Coverage own;
+        AddArchive(sum, directory, AttemptFile(NightFiles::Archive, retry), own);
+        own.Finish();
         if (!facts.partial) {
             sum.whole = facts;
             sum.ran_to_end = sum.ran_to_end || facts.complete;
         }
         sum.not_found = facts.not_found;
-        if (retry == 0)
-            sum.missed = ReadMissed(In(directory, NightFiles::Missed));
+        std::vector<MissedLine> missed = ReadMissed(In(directory, AttemptFile(NightFiles::Missed, retry)));
+        if (facts.partial)
+            ApplyPartialRetry(sum.missed, ReadIncludeLines(IncludeFileOf(directory, retry)), missed, facts.complete,
+                              own);
         else
-            ApplyRetry(sum.missed, directory, retry, facts.partial);
+            sum.missed = std::move(missed);
     }
     sum.coverage.Finish();
     return sum;
@@ -263,22 +287,22 @@ void FindDoubts(const NightSum& sum, int exit_status, const NightRecord& record,
 
 } // namespace
 
-Judgement JudgeNight(const std::string& directory, int retries, int exit_status, const JudgeRules& rules) {
+Judgement JudgeNight(const std::string& directory, int retries, ExitStatuses statuses, const JudgeRules& rules) {
     NightSum sum = SumUp(directory, retries);
     Judgement judgement;
     NightRecord& record = judgement.record;
-    record.exit_status = exit_status;
+    record.exit_status = statuses.last;
     record.retries = retries;
     for (const auto& [path, size] : sum.entries)
         record.bytes += static_cast<std::uint64_t>(size);
     record.archives = sum.archives;
     record.archive_bytes = sum.archive_bytes;
     CountFiles(sum, record);
-    FindFailures(sum, exit_status, record, rules, record.reasons);
+    FindFailures(sum, statuses.whole, record, rules, record.reasons);
     const bool failed = !record.reasons.empty();
     record.reasons.insert(record.reasons.end(), rules.mistakes.begin(), rules.mistakes.end());
     if (!failed)
-        FindDoubts(sum, exit_status, record, rules, record.reasons);
+        FindDoubts(sum, statuses.last, record, rules, record.reasons);
     if (failed)
         record.verdict = Verdict::Failed;
     else if (!record.reasons.empty())

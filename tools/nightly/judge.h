@@ -40,14 +40,22 @@ struct JudgeRules {
     std::set<std::string> known_missed; // paths that were missing in the last good night
 };
 
-// Reads the attempts 0 to `retries` of the night in `directory`. `exit_status` is that of the last attempt; below 0
-// when it is not known. Throws Failure when a file that exists cannot be read.
-Judgement JudgeNight(const std::string& directory, int retries, int exit_status, const JudgeRules& rules);
+// The exit statuses of vondral; below 0 when not known.
+struct ExitStatuses {
+    int whole = -1; // of the last attempt at the whole night
+    int last = -1;  // of the last attempt
+};
+
+// Reads the attempts 0 to `retries` of the night in `directory`. Throws Failure when an archive that exists cannot be
+// opened.
+Judgement JudgeNight(const std::string& directory, int retries, ExitStatuses statuses, const JudgeRules& rules);
 
 // All paths that the night's catalogs name. A line that was cut short by a kill is left out.
 std::vector<std::string> CatalogPaths(const std::string& directory);
 // Of these, the ones that its archives contain, and the paths of their entries.
 std::vector<std::string> CoveredPaths(const std::string& directory, const std::vector<std::string>& archives);
+// Throws Failure when a catalog or a list of what was missed has a line that cannot be read.
+void RequireReadable(const std::string& path);
 std::vector<MissedLine> ReadMissed(const std::string& path); // none when there is no such file
 
 // Whether a retry saved only what had been missed, rather than everything.

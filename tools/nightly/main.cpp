@@ -91,7 +91,8 @@ int main(int argc, char** argv) {
     nightly::KeepStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    ::umask(077); // nights contain everything that is on the server
+    std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the exit statuses of children away
+    ::umask(077);                  // nights contain everything that is on the server
     int status = nightly::Trouble;
     try {
         status = nightly::Main(argc, argv);

@@ -88,8 +88,8 @@ CalendarUnits UnitsOf(std::time_t moment, const std::string& zone) {
 
 bool IsTimeZone(const std::string& zone) {
     std::error_code error;
-    return !zone.empty() && zone.front() != '/' && zone.find("..") == zone.npos &&
-           std::filesystem::is_regular_file("/usr/share/zoneinfo/" + zone, error);
+    return zone == "UTC" || (!zone.empty() && zone.front() != '/' && zone.find("..") == zone.npos &&
+                             std::filesystem::is_regular_file("/usr/share/zoneinfo/" + zone, error));
 }
 
 std::string ShowMoment(std::time_t moment, const std::string& zone) {

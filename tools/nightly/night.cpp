@@ -56,6 +56,7 @@ std::string SumsFileOf(const std::string& archive) {
 std::string EncodeRecord(const NightRecord& record) {
     Json json{{"name", record.name},
               {"server", record.server},
+              {"sequence", record.sequence},
               {"level", LevelName(record.level)},
               {"verdict", VerdictName(record.verdict)},
               {"reasons", record.reasons},
@@ -84,6 +85,7 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
         NightRecord record;
         record.name = json.at("name");
         record.server = json.at("server");
+        record.sequence = json.at("sequence");
         record.level = ValueNamed<Level>(json.at("level"), LevelNames);
         record.verdict = ValueNamed<Verdict>(json.at("verdict"), VerdictNames);
         record.reasons = json.at("reasons").get<std::vector<std::string>>();
@@ -120,7 +122,8 @@ namespace {
 bool HasArchives(const Night& night) {
     if (night.removed)
         return false;
-    if (!night.record)
+    // Whatever a night that is not good left takes room, sound or not.
+    if (!night.record || !IsGood(night.record->verdict))
         return Exists(night.File(NightFiles::Archive));
     const NightRecord& record = *night.record;
     for (std::size_t i = 0; i < record.archives.size(); ++i) {
@@ -184,7 +187,17 @@ std::vector<Night> ListNights(const std::string& directory) {
     std::sort(nights.begin(), nights.end(), [](const Night& one, const Night& other) {
         return one.moment != other.moment ? one.moment < other.moment : one.complete < other.complete;
     });
+    for (std::size_t i = 1; i < nights.size(); ++i)
+        if (nights[i].moment == nights[i - 1].moment)
+            nights[i - 1].foreign = true; // a copy of the complete one
     return nights;
+}
+
+std::uint64_t NextSequence(const std::vector<Night>& nights) {
+    std::uint64_t last = 0;
+    for (const Night& night : nights)
+        last = std::max(last, night.record ? night.record->sequence : 0);
+    return last + 1;
 }
 
 std::vector<Night> ListOwnNights(const Config& config) {
@@ -224,8 +237,9 @@ std::vector<std::string> FindOddNights(const std::vector<Night>& nights, std::ti
 
 std::vector<const Night*> Restorable(const std::vector<Night>& nights) {
     std::vector<const Night*> found;
+    const std::time_t now = std::time(nullptr);
     for (const Night& night : nights)
-        if (night.IsGood() && night.has_archive)
+        if (night.IsGood() && night.has_archive && night.moment <= now)
             found.push_back(&night);
     return found;
 }

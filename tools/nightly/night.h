@@ -29,6 +29,7 @@ constexpr bool IsGood(Verdict verdict) {
 struct NightRecord {
     std::string name; // of the configuration
     std::string server;
+    std::uint64_t sequence = 0; // 1 for the first night that ran here, then one more each, whatever the clock said
     Level level = Level::Full;
     Verdict verdict = Verdict::Failed;
     std::vector<std::string> reasons; // why it is not simply good
@@ -98,8 +99,10 @@ std::vector<Night> ListOwnNights(const Config& config);
 // kind the first, and how many more.
 std::vector<std::string> FindOddNights(const std::vector<Night>& nights, std::time_t now);
 
-// The nights that count as backups and still have their archives.
+// The nights that count as backups and still have their archives, but for those in the future.
 std::vector<const Night*> Restorable(const std::vector<Night>& nights);
+// The sequence of a night that follows these.
+std::uint64_t NextSequence(const std::vector<Night>& nights);
 const Night* FindNight(const std::vector<Night>& nights, std::time_t moment);
 // The newest night before `moment` that counts as a backup, with its archives or without; of one level if given.
 const Night* LastGood(const std::vector<Night>& nights, std::time_t moment, std::optional<Level> level = {});

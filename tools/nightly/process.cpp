@@ -68,7 +68,7 @@ private:
     }
 };
 
-void FailChild() {
+[[noreturn]] void FailChild() {
     ::_exit(127);
 }
 
@@ -91,12 +91,11 @@ void FailChild() {
         FailChild();
     ::execve(prepared.arguments[0], prepared.arguments.data(), prepared.environment.data());
     FailChild();
-    std::abort();
 }
 
 void SleepBriefly() {
-    const timespec quarter{0, 100'000'000};
-    ::nanosleep(&quarter, nullptr);
+    const timespec tenth{0, 100'000'000};
+    ::nanosleep(&tenth, nullptr);
 }
 
 int ShellStatus(int status) {
@@ -127,13 +126,22 @@ int AwaitChild(const Command& command, pid_t child) {
 
 int RunCommand(const Command& command) {
     const Prepared prepared(command);
+    // Until the child has its own handlers, a signal would be swallowed by ours.
+    sigset_t stops, before;
+    ::sigemptyset(&stops);
+    ::sigaddset(&stops, SIGTERM);
+    ::sigaddset(&stops, SIGINT);
+    ::sigprocmask(SIG_BLOCK, &stops, &before);
     const pid_t child = ::fork();
-    if (child < 0)
+    if (child < 0) {
+        ::sigprocmask(SIG_SETMASK, &before, nullptr);
         throw Failure(WithErrno("fork"));
+    }
     if (child == 0)
         BecomeCommand(command, prepared);
-    running = child;
-    if (stop_requested) // it came before the child's number was known
+    running = command.heeds_stop ? child : 0;
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (stop_requested && command.heeds_stop) // it came before the child's number was known
         ::kill(child, SIGTERM);
     const int status = AwaitChild(command, child);
     running = 0;

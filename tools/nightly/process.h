@@ -17,6 +17,7 @@ struct Command {
     std::map<std::string, std::string> environment; // in addition to our own
     double limit = 0;                               // seconds until the child and its children are killed, 0 for none
     std::function<void()> tick;                     // called a few times a second while it runs; may be empty
+    bool heeds_stop = true;                         // a request to stop is passed on to it
     int lock = -1; // descriptor that the child inherits: the lock lasts as long as it runs
 };
 

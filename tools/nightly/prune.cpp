@@ -73,6 +73,13 @@ void RemoveArchives(Disk& disk, const std::string& directory) {
             disk.Remove(directory + "/" + name);
 }
 
+// Whether the removal of its archives was begun.
+bool HasRemovals(const std::string& directory) {
+    const std::vector<std::string> names = OurFiles(directory);
+    return std::any_of(names.begin(), names.end(),
+                       [](const std::string& name) { return name.ends_with(RemovingSuffix); });
+}
+
 void RemoveFiles(Disk& disk, const std::string& directory) {
     for (const std::string& name : OurFiles(directory))
         disk.Remove(directory + "/" + name);
@@ -109,9 +116,10 @@ void Prune(Disk& disk, const std::vector<PruneDecision>& plan, std::time_t now) 
             disk.Rename(night.path, night.path + RemovingSuffix);
             RemoveFiles(disk, night.path + RemovingSuffix);
         } else if (night.has_archive && !decision.archives.keep) {
+            RemoveArchives(disk, night.path);
+            // Last, because a full disk has room for it only now.
             disk.WriteFile(night.File(NightFiles::Removed),
                            NightName(now) + ": " + decision.archives.reasons.front() + "\n");
-            RemoveArchives(disk, night.path);
         }
     }
 }
@@ -130,9 +138,13 @@ void FinishRemovals(Disk& disk, const std::string& directory) {
     }
     for (const std::string& path : records)
         RemoveFiles(disk, path);
-    for (const Night& night : ListNights(directory))
-        if (night.removed && !night.foreign)
-            RemoveArchives(disk, night.path);
+    for (const Night& night : ListNights(directory)) {
+        if (night.foreign || !HasRemovals(night.path))
+            continue;
+        RemoveArchives(disk, night.path);
+        if (!night.removed)
+            disk.WriteFile(night.File(NightFiles::Removed), "a removal was interrupted\n");
+    }
 }
 
 } // namespace nightly

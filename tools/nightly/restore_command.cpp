@@ -48,7 +48,7 @@ void PrintSteps(const RestorePlan& plan) {
             std::printf("      THIS WILL FAIL: %s\n", step.fault.c_str());
     }
     if (plan.security_data)
-        std::printf("      then the private authorities: %s\n", "RSTAUT USRPRF(*ALL)");
+        std::printf("      then the private authorities: %s\n", plan.authorities.c_str());
 }
 
 void PrintRemarks(const RestorePlan& plan) {

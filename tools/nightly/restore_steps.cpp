@@ -68,6 +68,8 @@ void AddSteps(RestorePlan& plan, const std::string& archive, const std::string& 
                               MaskControls(subject.first)});
     }
     plan.security_data = plan.security_data || entry == SecurityDataPath;
+    if (plan.security_data)
+        plan.authorities = RestoreAuthorityCommand;
     plan.configuration = plan.configuration || entry == ConfigurationPath;
     if (plan.archives.empty() || plan.archives.back() != archive)
         plan.archives.push_back(archive);

@@ -30,6 +30,7 @@ struct RestorePlan {
     std::vector<const Night*> chain;   // the full night first
     std::vector<std::string> archives; // that contain something wanted, in order
     std::vector<RestoreStep> steps;
+    std::string authorities;            // the command that restores them at the end, if security data is part of it
     std::vector<std::string> mistakes;  // in the path files
     std::vector<std::string> unmatched; // lines of the include file that bring nothing back
     // Paths that the restore brings back, though the newest full night no longer found them on the server.

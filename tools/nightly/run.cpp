@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <set>
 
 #include <fcntl.h>
@@ -41,12 +42,15 @@ std::int64_t LastFullDay(const Config& config, const CalendarUnits& today) {
     return today.day - back;
 }
 
-// The newest night that a changed one can build on.
+// The night that a changed one can build on: of those that can be restored, the one that ran last. Names tell the same,
+// unless the clock has jumped.
 const Night* FindBase(const std::vector<Night>& nights, std::time_t now) {
-    for (auto night = nights.rbegin(); night != nights.rend(); ++night)
-        if (night->moment < now && night->IsGood() && !ChainOf(nights, *night).empty())
-            return &*night;
-    return nullptr;
+    const Night* base = nullptr;
+    for (const Night& night : nights)
+        if (night.moment < now && night.IsGood() && !ChainOf(nights, night).empty() &&
+            (base == nullptr || night.record->sequence > base->record->sequence))
+            base = &night;
+    return base;
 }
 
 // Why tonight has to be full; "" when it may be a changed night.
@@ -97,7 +101,7 @@ struct Run {
     NightPlan plan{};
     Night night{};
     int retries = 0;
-    int exit_status = -1;
+    ExitStatuses statuses{};
     bool has_mistakes = false; // in a path file: no retry makes that good
     Judgement judgement{};
 
@@ -171,8 +175,11 @@ void WriteRetryPaths(Run& run, int retry, const std::vector<MissedLine>& missed)
 }
 
 void Attempt(Run& run, const JudgeRules& rules) {
-    run.exit_status = run.world.back_up(RequestFor(run, run.retries));
-    run.judgement = JudgeNight(run.night.path, run.retries, run.exit_status, rules);
+    // A request to stop may have come before vondral could hear it.
+    run.statuses.last = run.world.stop_requested() ? 128 + SIGTERM : run.world.back_up(RequestFor(run, run.retries));
+    if (!IsPartialRetry(run.night.path, run.retries))
+        run.statuses.whole = run.statuses.last;
+    run.judgement = JudgeNight(run.night.path, run.retries, run.statuses, rules);
 }
 
 void Retry(Run& run, const JudgeRules& rules) {
@@ -229,6 +236,7 @@ void WriteSums(Run& run) {
 void WriteRecord(Run& run) {
     NightRecord& record = run.judgement.record;
     record.name = run.config.name;
+    record.sequence = NextSequence(run.nights);
     record.server = run.config.server;
     record.level = run.plan.level;
     record.started = run.night.moment;
@@ -274,12 +282,6 @@ void LetOldNightsGo(Run& run) {
     Prune(run.world.disk, plan, now);
 }
 
-// `verdict` is the one of a night that has none yet.
-HookFacts FactsFor(const Run& run, const std::string& summary, const char* verdict) {
-    return {run.night.Name(), run.night.record ? VerdictName(run.night.record->verdict) : verdict, summary,
-            run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)};
-}
-
 void Conclude(Run& run) {
     const std::string summary = Summarize(run.night, run.config.timezone);
     run.world.say(summary);
@@ -291,7 +293,8 @@ void Conclude(Run& run) {
     for (const std::string& reason : run.night.record->reasons)
         reasons += "; " + reason;
     run.world.run_hooks(run.night.IsGood() ? HookKind::Success : HookKind::Failure,
-                        FactsFor(run, summary + reasons, ""));
+                        {run.night.Name(), VerdictName(run.night.record->verdict), summary + reasons,
+                         run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)});
 }
 
 void SaveAndJudge(Run& run) {
@@ -303,6 +306,7 @@ void SaveAndJudge(Run& run) {
     Retry(run, rules);
     WriteMissed(run);
     WriteSums(run);
+    run.world.disk.SyncDirectory(run.night.path); // before the record says that all this is good
     WriteRecord(run);
     run.world.report(run.night);
     if (IsGood(run.judgement.record.verdict))
@@ -327,8 +331,9 @@ void FinishInterrupted(World& world, const Config& config) {
         int retries = 0;
         while (Exists(night.File(AttemptFile(NightFiles::Log, retries + 1))))
             ++retries;
-        NightRecord record = JudgeNight(night.path, retries, -1, {}).record;
+        NightRecord record = JudgeNight(night.path, retries, {}, {}).record;
         record.name = config.name;
+        record.sequence = NextSequence(ListNights(config.directory));
         record.server = config.server;
         record.started = record.ended = night.moment;
         record.verdict = Verdict::Failed;
@@ -339,23 +344,26 @@ void FinishInterrupted(World& world, const Config& config) {
 }
 
 Night RunNight(World& world, const Config& config, const RunOptions& options) {
-    FinishInterrupted(world, config);
-    Run run{.world = world, .config = config, .options = options, .nights = ListOwnNights(config)};
+    Run run{.world = world, .config = config, .options = options, .nights = {}};
     const std::time_t now = world.now();
-    run.plan = PlanNight(run.nights, config, now, options.level);
     run.night.moment = now;
     run.night.path = config.directory + "/" + NightName(now) + IncompleteSuffix;
-    if (FindNight(run.nights, now) != nullptr)
-        throw Failure(NightName(now) + ": there is a night of this name already; check the clock");
-    world.say(FormatText("%s: %s night of %s: %s", NightName(now).c_str(), LevelName(run.plan.level),
-                         config.server.c_str(), run.plan.why.c_str()));
     try {
+        FinishInterrupted(world, config);
+        run.nights = ListOwnNights(config);
+        run.plan = PlanNight(run.nights, config, now, options.level);
+        if (FindNight(run.nights, now) != nullptr)
+            throw Failure(NightName(now) + ": there is a night of this name already; check the clock");
+        world.say(FormatText("%s: %s night of %s: %s", NightName(now).c_str(), LevelName(run.plan.level),
+                             config.server.c_str(), run.plan.why.c_str()));
         world.run_hooks(HookKind::Start,
-                        FactsFor(run, "a " + std::string(LevelName(run.plan.level)) + " night begins", "running"));
+                        {run.night.Name(), "running", FormatText("a %s night begins", LevelName(run.plan.level)),
+                         run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)});
         SaveAndJudge(run);
         Conclude(run);
     } catch (const std::exception& trouble) {
-        world.run_hooks(HookKind::Failure, FactsFor(run, trouble.what(), "failed"));
+        world.run_hooks(HookKind::Failure, {run.night.Name(), "trouble", trouble.what(),
+                                            run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)});
         throw;
     }
     return run.night;

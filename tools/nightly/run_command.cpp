@@ -141,10 +141,12 @@ std::vector<std::string> ReasonsOf(const PruneDecision& decision) {
 
 int PruneNights(const std::string& configs, const PruneArguments& arguments) {
     const Config config = ReadConfig(configs, arguments.name);
-    const Descriptor lock = LockNights(config.directory);
     Disk disk;
-    if (!arguments.dry_run)
+    Descriptor lock;
+    if (!arguments.dry_run) {
+        lock = LockNights(config.directory);
         FinishRemovals(disk, config.directory);
+    }
     const std::vector<Night> nights = ListOwnNights(config);
     const std::time_t now = std::time(nullptr);
     const std::vector<PruneDecision> plan = PlanPruning(nights, config, now, std::nullopt);

@@ -85,7 +85,17 @@ ServerStatus ReadStatus(const std::string& configs, const std::string& name, std
 
 Json RecordOf(const ServerStatus& status) {
     if (status.good == nullptr)
-        return {{"server", status.name}, {"night", nullptr}, {"verdict", "none"}};
+        return {{"server", status.name},
+                {"night", nullptr},
+                {"level", nullptr},
+                {"verdict", "none"},
+                {"age_seconds", nullptr},
+                {"objects", nullptr},
+                {"bytes", nullptr},
+                {"seconds", nullptr},
+                {"missing", nullptr},
+                {"newly_missing", nullptr},
+                {"reason", status.trouble.empty() ? "no good night yet" : status.trouble}};
     const NightRecord& record = *status.good->record;
     return {{"server", status.name},
             {"night", status.good->Name()},

@@ -103,6 +103,7 @@ void ReserveStandardDescriptors() {
 int Main(int argc, char** argv) {
     ReserveStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the exit status of the command away
     Options options;
     if (const std::optional<int> status = ParseOptions(argc, argv, options))
         return *status;

@@ -11,7 +11,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -126,13 +128,19 @@ Descriptor InheritedListener() {
     return listener;
 }
 
-Relay::Relay(RelayState& state, Descriptor listener) : state_(state), listener_(std::move(listener)) {
+Relay::Relay(RelayState& state, Descriptor listener)
+    : state_(state), listener_(std::move(listener)), wake_(::eventfd(0, EFD_CLOEXEC)) {
+    if (!wake_.IsOpen())
+        throw RelayError(std::string("eventfd: ") + std::strerror(errno));
+    // A client that is gone again before accept() must not block it.
+    ::fcntl(listener_.Get(), F_SETFL, ::fcntl(listener_.Get(), F_GETFL) | O_NONBLOCK);
     accepting_ = std::thread([this] { Accept(); });
 }
 
 Relay::~Relay() {
     ending_ = true;
-    ::shutdown(listener_.Get(), SHUT_RDWR);
+    // The listening socket may be shared with whoever handed it over: shutting it down would end it for them too.
+    ::eventfd_write(wake_.Get(), 1);
     accepting_.join();
     for (RunningSession& running : sessions_)
         running.session.Interrupt();
@@ -142,10 +150,13 @@ Relay::~Relay() {
 
 void Relay::Accept() {
     while (!ending_) {
+        std::array<pollfd, 2> set{{{listener_.Get(), POLLIN, 0}, {wake_.Get(), POLLIN, 0}}};
+        if (::poll(set.data(), set.size(), -1) < 0 || set[1].revents != 0 || set[0].revents == 0)
+            continue;
         Descriptor client(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (client.IsOpen() && !ending_)
             Start(std::move(client));
-        else if (!ending_ && errno != EINTR && errno != ECONNABORTED)
+        else if (!ending_ && errno != EINTR && errno != ECONNABORTED && errno != EAGAIN)
             std::this_thread::sleep_for(std::chrono::milliseconds(50)); // out of descriptors, probably for a short time
     }
 }

@@ -48,6 +48,7 @@ private:
 
     RelayState& state_;
     Descriptor listener_;
+    Descriptor wake_; // an event: stop accepting
     std::atomic<bool> ending_ = false;
     int accepted_ = 0;
     std::list<RunningSession> sessions_; // changed by the accepting thread; after its end, by the destructor

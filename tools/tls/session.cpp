@@ -87,7 +87,7 @@ void Session::End(const SessionEnd& end) {
 // when the client has left.
 void Session::Await(std::span<pollfd> own, int milliseconds) {
     const bool has_room = replies_.Size() < MostReplies;
-    if (unread_ && has_room) // poll() does not see what OpenSSL holds
+    if (unread_ && has_room && server_.stream != nullptr) // poll() does not see what OpenSSL holds
         return ReadServer();
     std::array<pollfd, 4> set{};
     std::size_t count = 0;
@@ -253,8 +253,10 @@ std::string Session::NextCommand() {
 }
 
 void Session::ProcessCommand(const std::string& line) {
-    LogVerbose(LoggedCommand(line));
-    switch (ClassifyCommand(line)) {
+    const CommandKind kind = ClassifyCommand(line);
+    // It may be anything, even a passphrase behind a blank too many.
+    LogVerbose(kind == CommandKind::Malformed ? "a malformed command" : LoggedCommand(line));
+    switch (kind) {
     case CommandKind::Malformed:
         return SendClient("500 vondral-tls: not a command that can be passed on.\r\n");
     case CommandKind::Refused:

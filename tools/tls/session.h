@@ -89,7 +89,7 @@ private:
     ServerConnection server_;
     LineBuffer replies_;
     ReplyTracker tracker_;
-    bool unread_ = false;           // the stream may hold more than has been read
+    bool unread_ = true; // the stream may hold more than has been read, at first what came with the handshake
     IoResult server_end_{Io::Done}; // how the server's control connection ended, Done while it has not
 
     // Data connections

@@ -55,6 +55,17 @@ std::vector<std::string> ArchivesOf(const Night& night) {
                                                    : std::vector<std::string>{};
 }
 
+// The paths of a night's catalogs. Throws Failure when they name fewer than the night was judged by: what is not known
+// to be somewhere else must not go.
+std::vector<std::string> TrustedCatalog(const Night& night) {
+    std::vector<std::string> paths = CatalogPaths(night.path);
+    if (night.record && paths.size() < night.record->objects)
+        throw Failure(
+            night.path + ": its catalog names fewer than the " + std::to_string(night.record->objects) +
+            " objects that it was judged by; nothing is removed until it is back, or the night is moved away");
+    return paths;
+}
+
 Contained ReadContained(const Night& night) {
     Contained contained;
     if (!night.HasGoodVerdict()) {
@@ -62,12 +73,9 @@ Contained ReadContained(const Night& night) {
         return contained;
     }
     const std::set<std::string> missed = MissedPaths(night);
-    std::vector<std::string> paths =
-        night.record->catalog_is_covered ? CatalogPaths(night.path) : CoveredPaths(night.path, ArchivesOf(night));
-    if (paths.size() < night.record->objects)
-        throw Failure(
-            night.path + ": its catalog names fewer than the " + std::to_string(night.record->objects) +
-            " objects that it was judged by; nothing is removed until it is back, or the night is moved away");
+    std::vector<std::string> paths = TrustedCatalog(night);
+    if (!night.record->catalog_is_covered)
+        paths = CoveredPaths(night.path, ArchivesOf(night));
     for (std::string& path : paths)
         (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
     return contained;
@@ -130,7 +138,7 @@ void FindSeen(Search& search) {
                 search.doubtful.erase(found);
             }
         };
-        for (const std::string& path : CatalogPaths(night.path))
+        for (const std::string& path : TrustedCatalog(night))
             count_seen(path);
         std::vector<std::string> within;
         for (const auto& [path, where] : search.doubtful)

@@ -197,7 +197,10 @@ std::uint64_t NextSequence(const std::vector<Night>& nights) {
     std::uint64_t last = 0;
     for (const Night& night : nights)
         last = std::max(last, night.record ? night.record->sequence : 0);
-    return last + 1;
+    // A record that cannot be read now may have any of the next numbers, and be put right later.
+    const auto unreadable =
+        std::count_if(nights.begin(), nights.end(), [](const Night& night) { return !night.record; });
+    return last + 1 + static_cast<std::uint64_t>(unreadable);
 }
 
 std::vector<Night> ListOwnNights(const Config& config) {

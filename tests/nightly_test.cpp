@@ -394,7 +394,7 @@ struct NightSite {
             site.server = std::make_unique<rehearsal::Server>(site.options);
             ::setenv("VONDRAL_TEST_PORT", std::to_string(site.server->Port()).c_str(), 1);
             ::setenv("VONDRAL_TEST_MINUTE", "1000", 1);
-            return RunBackup(config, request, -1, {});
+            return RunBackup(config, request, -1, nullptr);
         };
         world.pause = [](std::int64_t) {};
         world.stop_requested = [] { return false; };

@@ -94,7 +94,6 @@ bool ReadEntry(Walk& walk, Digests digests) {
         return false;
     }
     walk.offset += static_cast<std::int64_t>(BlockSize) + RoundToBlocks(entry.size);
-    walk.contents.bytes += entry.size;
     walk.contents.entries.push_back(std::move(entry));
     return true;
 }

@@ -20,7 +20,6 @@ struct EntryFacts {
 
 struct ArchiveContents {
     std::vector<EntryFacts> entries; // those before a fault, if there is one
-    std::int64_t bytes = 0;          // their data
     std::string fault;               // why the archive is not sound, with the offset; "" when it is
 };
 

@@ -47,25 +47,11 @@ struct Row {
     bool IsSlow() const { return usual_seconds > 0 && night.record->Seconds() > usual_seconds * (1 + SlowerShare); }
 };
 
-// The middle of at most the last 30 durations.
-double Median(const std::vector<double>& all) {
-    constexpr std::size_t most = 30;
-    std::vector<double> last(all.end() - static_cast<std::ptrdiff_t>(std::min(all.size(), most)), all.end());
-    std::sort(last.begin(), last.end());
-    return last.empty() ? 0 : last[last.size() / 2];
-}
-
 std::vector<Row> BuildRows(const std::vector<Night>& nights) {
     std::vector<Row> rows;
-    std::vector<double> seconds[2]; // by level
-    for (const Night& night : nights) {
-        if (!night.record || night.foreign)
-            continue;
-        std::vector<double>& before = seconds[static_cast<std::size_t>(night.record->level)];
-        rows.push_back({night, Median(before)});
-        if (night.IsGood())
-            before.push_back(night.record->Seconds());
-    }
+    for (const Night& night : nights)
+        if (night.record && !night.foreign)
+            rows.push_back({night, UsualSeconds(nights, night.record->level, night.moment)});
     return rows;
 }
 

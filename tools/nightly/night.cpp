@@ -260,6 +260,16 @@ const Night* LastGood(const std::vector<Night>& nights, std::time_t moment, std:
     return found == nights.rend() ? nullptr : &*found;
 }
 
+double UsualSeconds(const std::vector<Night>& nights, Level level, std::time_t moment) {
+    constexpr std::size_t most = 30;
+    std::vector<double> seconds;
+    for (auto night = nights.rbegin(); night != nights.rend() && seconds.size() < most; ++night)
+        if (night->moment < moment && night->IsGood() && night->record->level == level)
+            seconds.push_back(night->record->Seconds());
+    std::sort(seconds.begin(), seconds.end());
+    return seconds.empty() ? 0 : seconds[seconds.size() / 2];
+}
+
 std::vector<const Night*> ChainOf(const std::vector<Night>& nights, const Night& night) {
     std::vector<const Night*> chain;
     for (const Night* link = &night;;) {

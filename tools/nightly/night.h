@@ -106,6 +106,8 @@ std::uint64_t NextSequence(const std::vector<Night>& nights);
 const Night* FindNight(const std::vector<Night>& nights, std::time_t moment);
 // The newest night before `moment` that counts as a backup, with its archives or without; of one level if given.
 const Night* LastGood(const std::vector<Night>& nights, std::time_t moment, std::optional<Level> level = {});
+// The median duration of the last 30 nights of that level before `moment` that count as backups; 0 without any.
+double UsualSeconds(const std::vector<Night>& nights, Level level, std::time_t moment);
 // A night and those that it builds on, the full one first. Empty when one of them lacks its archives, or the chain does
 // not end in a full night.
 std::vector<const Night*> ChainOf(const std::vector<Night>& nights, const Night& night);

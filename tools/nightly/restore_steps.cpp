@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "contents.h"
+#include "copies.h"
 #include "failure.h"
 #include "judge.h"
 #include "object_kind.h"
@@ -92,14 +93,6 @@ std::vector<std::string> FindUnmatched(const PathFiles& files, const std::set<st
     return unmatched;
 }
 
-// Whether a step restores the path.
-bool IsRestored(const std::set<std::string>& restored, std::string path) {
-    for (; !path.empty(); path.resize(path.rfind('/') == path.npos ? 0 : path.rfind('/')))
-        if (restored.contains(path))
-            return true;
-    return false;
-}
-
 void FindReturning(RestorePlan& plan, const std::vector<Night>& nights, const std::set<std::string>& paths) {
     for (const Night& night : nights)
         if (night.IsGood() && night.record->level == Level::Full && night.moment > plan.chain.front()->moment)
@@ -112,7 +105,7 @@ void FindReturning(RestorePlan& plan, const std::vector<Night>& nights, const st
     for (const RestoreStep& step : plan.steps)
         restored.insert(step.path);
     for (const std::string& path : paths)
-        if (!present.contains(path) && IsRestored(restored, path))
+        if (!present.contains(path) && IsWithin(restored, path))
             plan.returning.push_back(path);
 }
 

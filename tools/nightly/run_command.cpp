@@ -49,7 +49,7 @@ World RealWorld(const Config& config, int lock) {
     world.back_up = [&config, lock](const BackupRequest& request) {
         const std::vector<Night> nights = ListOwnNights(config);
         const Level level = request.cutoff ? Level::Changed : Level::Full;
-        return RunBackup(config, request, lock, ExpectationFrom(LastGood(nights, std::time(nullptr), level)));
+        return RunBackup(config, request, lock, LastGood(nights, std::time(nullptr), level));
     };
     world.pause = Pause;
     world.stop_requested = StopRequested;

@@ -42,16 +42,6 @@ struct ServerStatus {
     std::string trouble;       // why nothing is known; "" when something is
 };
 
-double MedianSeconds(const std::vector<Night>& nights, const Night& good) {
-    constexpr std::size_t most = 30;
-    std::vector<double> seconds;
-    for (auto night = nights.rbegin(); night != nights.rend() && seconds.size() < most; ++night)
-        if (night->moment <= good.moment && night->IsGood() && night->record->level == good.record->level)
-            seconds.push_back(night->record->Seconds());
-    std::sort(seconds.begin(), seconds.end());
-    return seconds[seconds.size() / 2];
-}
-
 ServerStatus ReadServer(const std::string& configs, const std::string& name, std::time_t now) {
     const Config config = ReadConfig(configs, name);
     ServerStatus status;
@@ -66,7 +56,7 @@ ServerStatus ReadServer(const std::string& configs, const std::string& name, std
     if (status.good != nullptr) {
         status.restorable = !ChainOf(status.nights, *status.good).empty();
         status.age = static_cast<double>(now - status.good->moment);
-        status.median_seconds = MedianSeconds(status.nights, *status.good);
+        status.median_seconds = UsualSeconds(status.nights, status.good->record->level, status.good->moment + 1);
     }
     return status;
 }

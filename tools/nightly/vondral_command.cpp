@@ -9,6 +9,7 @@
 
 #include "report/line_splitter.h"
 #include "report/progress.h"
+#include "report_files.h"
 #include "resources.h"
 #include "support.h"
 
@@ -69,7 +70,7 @@ namespace {
 // Follows a log that grows, and shows how far the run is.
 struct LiveLine {
     const BackupRequest& request;
-    const report::Expectation& expected;
+    report::Expectation expected;
     report::ProgressLine line{STDERR_FILENO};
     report::LoggedRun run{};
     report::LineSplitter splitter{};
@@ -98,12 +99,12 @@ struct LiveLine {
 
 } // namespace
 
-int RunBackup(const Config& config, const BackupRequest& request, int lock, const report::Expectation& expected) {
+int RunBackup(const Config& config, const BackupRequest& request, int lock, const Night* like) {
     Command command = BackupCommand(config, request);
     command.lock = lock;
     std::unique_ptr<LiveLine> live;
     if (::isatty(STDERR_FILENO) != 0) {
-        live = std::make_unique<LiveLine>(request, expected);
+        live = std::make_unique<LiveLine>(request, ExpectationFrom(like));
         command.tick = [&live] { live->Show(); };
     }
     return RunCommand(command);

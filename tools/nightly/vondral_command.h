@@ -8,7 +8,6 @@
 
 #include "config.h"
 #include "process.h"
-#include "report/run_context.h"
 #include "run.h"
 
 namespace nightly {
@@ -24,7 +23,8 @@ std::vector<std::string> VondralCommand(const Config& config, const std::string&
 // The command of one attempt of a night.
 Command BackupCommand(const Config& config, const BackupRequest& request);
 
-// Runs it. With a terminal on standard error, a line there shows the progress, compared with what is expected.
-int RunBackup(const Config& config, const BackupRequest& request, int lock, const report::Expectation& expected);
+// Runs it. With a terminal on standard error, a line there shows the progress, compared with `like`,
+// a night that is probably like this one; null when there is none.
+int RunBackup(const Config& config, const BackupRequest& request, int lock, const Night* like);
 
 } // namespace nightly

@@ -2,6 +2,7 @@
 // connections that end as they should not.
 
 #include <array>
+#include <utility>
 
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -265,16 +266,26 @@ public:
         ::send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         return Listen();
     }
-    // What comes next; "" at the end, "reset" at a reset.
+    // The next line, or what precedes the end, and "<end>", "<reset>" or, after ten seconds, "<silence>".
     std::string Listen() {
         std::array<char, 4096> bytes{};
-        const ssize_t count = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0);
-        return count < 0 ? (errno == ECONNRESET ? "reset" : "silence")
-                         : std::string(bytes.data(), static_cast<std::size_t>(count));
+        for (;;) {
+            if (const std::size_t end = pending_.find('\n'); end != std::string::npos) {
+                const std::string line = pending_.substr(0, end + 1);
+                pending_.erase(0, end + 1);
+                return line;
+            }
+            const ssize_t count = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0);
+            if (count <= 0)
+                return std::exchange(pending_, "") +
+                       (count == 0 ? "<end>" : errno == ECONNRESET ? "<reset>" : "<silence>");
+            pending_.append(bytes.data(), static_cast<std::size_t>(count));
+        }
     }
 
 private:
     Descriptor socket_;
+    std::string pending_;
 };
 
 TEST(Relay, RefusesWhatWouldPassItBy) {
@@ -309,11 +320,11 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
                                                           {"CWD /home", "250 "}})
         EXPECT_THAT(typist.Say(command + "\r\n"), testing::StartsWith(reply)) << command;
     EXPECT_EQ(site.Received(), "AUTH TLS|PASV|USER fred|PASS ****|PBSZ 0|PROT P|CWD /home|");
-    EXPECT_EQ(typist.Say("CWD /reset\r\n"), "reset");
+    EXPECT_EQ(typist.Say("CWD /reset\r\n"), "<reset>");
     Typist quits(relay.Port());
     quits.Listen();
     EXPECT_THAT(quits.Say("QUIT\r\n"), testing::StartsWith("221 "));
-    EXPECT_EQ(quits.Listen(), "");
+    EXPECT_EQ(quits.Listen(), "<end>");
     {
         Typist leaves(relay.Port());
         leaves.Listen();
@@ -347,8 +358,7 @@ TEST(Relay, ResetsTheDataAndReplacesTheReplyAfterACut) {
     ASSERT_TRUE(port);
     Typist data(*port);
     EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("150 "));
-    EXPECT_EQ(data.Listen(), "not");
-    EXPECT_EQ(data.Listen(), "reset");
+    EXPECT_EQ(data.Listen(), "not<reset>");
     EXPECT_THAT(typist.Listen(), testing::StartsWith("426 vondral-tls: the server's data connection ended without"));
 }
 

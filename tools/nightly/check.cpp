@@ -57,7 +57,7 @@ class ScratchDirectory {
 public:
     ScratchDirectory() : path_(std::filesystem::temp_directory_path() / "vondral-check.XXXXXX") {
         if (::mkdtemp(path_.data()) == nullptr)
-            throw Failure(WithErrno(path_));
+            throw Failure(ctar::WithReason(path_));
     }
     ~ScratchDirectory() {
         std::error_code ignored;

@@ -374,7 +374,7 @@ std::string PassphraseFile(const Config& config) {
     }
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0 || ::access(path.c_str(), R_OK) != 0)
-        throw Failure(WithErrno("passphrase: " + path));
+        throw Failure(ctar::WithReason("passphrase: " + path));
     if ((status.st_mode & 077) != 0 && config.passphrase.starts_with("file:"))
         throw Failure("passphrase: " + path + ": others can read it; run: chmod 600 " + path);
     return path;

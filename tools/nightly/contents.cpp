@@ -103,7 +103,7 @@ bool ReadEntry(Walk& walk, Digests digests) {
 ArchiveContents ReadArchive(const std::string& path, Digests digests) {
     Walk walk;
     if (!walk.buffer.Map(PieceSize) || !walk.reader.Open(path))
-        throw Failure(WithErrno(path));
+        throw Failure(ctar::WithReason(path));
     while (ReadEntry(walk, digests)) {
     }
     return std::move(walk.contents);

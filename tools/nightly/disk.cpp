@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 void Require(bool succeeded, const std::string& what) {
     if (!succeeded)
-        throw Failure(WithErrno(what));
+        throw Failure(ctar::WithReason(what));
 }
 
 void Sync(const std::string& path) {
@@ -34,10 +34,6 @@ std::string DirectoryOf(const std::string& path) {
 }
 
 } // namespace
-
-std::string WithErrno(const std::string& what) {
-    return what + ": " + std::strerror(errno);
-}
 
 void Disk::Before(const char* step, const std::string& path) const {
     if (before)

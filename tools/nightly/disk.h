@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "ctar/messages.h"
+
 namespace nightly {
 
 class Disk {
@@ -25,8 +27,6 @@ public:
 private:
     void Before(const char* step, const std::string& path) const;
 };
-
-std::string WithErrno(const std::string& what); // "what: reason"
 
 bool Exists(const std::string& path);
 // The text of a file of at most 16 MiB. Throws Failure.

@@ -197,7 +197,7 @@ void History::Rebuild(const std::string& directory, const std::vector<Night>& ni
         Update(database, nights);
     }
     if (::rename(path.c_str(), PathOf(directory).c_str()) != 0)
-        throw Failure(WithErrno(path));
+        throw Failure(ctar::WithReason(path));
 }
 
 namespace {

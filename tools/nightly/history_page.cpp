@@ -133,7 +133,7 @@ Action DeclareHistory(CLI::App& command, const std::string& configs) {
         const std::vector<Night> nights = ListOwnNights(config);
         const fs::path from = fs::absolute(path).parent_path();
         if (!report::ReplaceFile(path, HistoryPage(config, nights, from)))
-            throw Failure(WithErrno(path));
+            throw Failure(ctar::WithReason(path));
         return static_cast<int>(Good);
     };
 }

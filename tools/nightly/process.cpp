@@ -64,7 +64,7 @@ private:
         const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         files.emplace_back(number, Descriptor(file.IsOpen() ? ::fcntl(file.Get(), F_DUPFD_CLOEXEC, lowest) : -1));
         if (!files.back().second.IsOpen())
-            throw Failure(WithErrno(path));
+            throw Failure(ctar::WithReason(path));
     }
 };
 
@@ -135,7 +135,7 @@ int RunCommand(const Command& command) {
     const pid_t child = ::fork();
     if (child < 0) {
         ::sigprocmask(SIG_SETMASK, &before, nullptr);
-        throw Failure(WithErrno("fork"));
+        throw Failure(ctar::WithReason("fork"));
     }
     if (child == 0)
         BecomeCommand(command, prepared);

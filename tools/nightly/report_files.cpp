@@ -60,7 +60,7 @@ void ReadNightLog(Reading& reading, const Night& night, const Night* last_good) 
     const std::string path = night.File(NightFiles::Log);
     const Descriptor log(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!log.IsOpen() || (errno = report::ReadRun(log.Get(), reading.run)) != 0)
-        throw Failure(WithErrno(path));
+        throw Failure(ctar::WithReason(path));
     if (reading.past != nullptr && !report::FinishChanges(reading.changes, *reading.past, reading.run))
         reading.past.reset();
     if (reading.past != nullptr)
@@ -110,12 +110,12 @@ void WriteReports(Disk& disk, const Config& config, const Night& night, const Ni
         return;
     std::string labels = "server=\"" + config.name + "\"";
     if (!report::WritePrometheus(config.metrics, labels, reading.run, context, ended, Gauges(config, night)))
-        throw Failure(WithErrno(config.metrics));
+        throw Failure(ctar::WithReason(config.metrics));
     // Whoever collects the gauges is another user. A device keeps its mode.
     struct stat status {};
     if (::stat(config.metrics.c_str(), &status) != 0 ||
         (S_ISREG(status.st_mode) && ::chmod(config.metrics.c_str(), 0644) != 0))
-        throw Failure(WithErrno(config.metrics));
+        throw Failure(ctar::WithReason(config.metrics));
 }
 
 report::Expectation ExpectationFrom(const Night* last_good) {

@@ -26,7 +26,7 @@ Stream OpenPathFile(const std::string& path) {
         return nullptr;
     Stream file(std::fopen(path.c_str(), "re"));
     if (file == nullptr)
-        throw Failure(WithErrno(path));
+        throw Failure(ctar::WithReason(path));
     return file;
 }
 

@@ -23,9 +23,9 @@ Descriptor LockNights(const std::string& directory) {
     // The directory itself: a file made for the purpose could belong to the wrong user.
     Descriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock.IsOpen())
-        throw Failure(WithErrno(directory));
+        throw Failure(ctar::WithReason(directory));
     if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0)
-        throw Failure(errno == EWOULDBLOCK ? directory + ": another run is at work" : WithErrno(directory));
+        throw Failure(errno == EWOULDBLOCK ? directory + ": another run is at work" : ctar::WithReason(directory));
     return lock;
 }
 
@@ -117,7 +117,7 @@ void FindEmptyLines(const std::string& path, const char* meaning, std::vector<st
         return;
     const Stream file(std::fopen(path.c_str(), "re"));
     if (file == nullptr)
-        throw Failure(WithErrno(path));
+        throw Failure(ctar::WithReason(path));
     std::string line;
     for (int number = 1; ReadLine(file.get(), PathLineCapacity, line); ++number)
         if (line == "\n")

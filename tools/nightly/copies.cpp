@@ -87,9 +87,10 @@ struct Search {
     const KeepRules& rules;
     std::time_t now;
     std::vector<CopyCount> counts;
-    std::unordered_set<std::uint64_t> known; // objects whose newest copy has been found, and directories above them
+    std::unordered_set<std::uint64_t> whole; // objects with a copy saved in full, and directories above objects
+    std::unordered_set<std::uint64_t> any;   // objects with another copy
     // Objects whose newest copy is in a night of long ago, and that night.
-    std::unordered_map<std::string, std::size_t> doubtful;
+    std::unordered_multimap<std::string, std::size_t> doubtful;
     NightClock clock;
 
     void Count(std::size_t night, const std::string& path) {
@@ -97,6 +98,12 @@ struct Search {
             counts[night].example = path;
     }
     bool IsOld(std::size_t night) const { return clock.IsLongAgo(nights[night].moment, rules.forget_after); }
+    void Found(std::size_t night, const std::string& path) {
+        if (IsOld(night))
+            doubtful.emplace(path, night);
+        else
+            Count(night, path);
+    }
     bool Counts(std::size_t night) const { return !nights[night].foreign && nights[night].moment <= now; }
 };
 
@@ -105,23 +112,22 @@ struct Search {
 void LearnParents(Search& search, std::string_view path) {
     for (std::size_t slash = path.rfind('/'); slash != path.npos && slash > 0; slash = path.rfind('/')) {
         path = path.substr(0, slash);
-        if (!search.known.insert(HashOf(path)).second)
+        if (!search.whole.insert(HashOf(path)).second)
             return;
     }
 }
 
-void FindCopies(Search& search, std::size_t night, const std::vector<std::string>& paths) {
-    const bool is_old = search.IsOld(night);
-    for (const std::string& path : paths) {
-        if (!search.known.insert(HashOf(path)).second)
-            continue;
-        if (is_old)
-            search.doubtful.emplace(path, night);
-        else
-            search.Count(night, path);
-    }
-    for (const std::string& path : paths)
-        LearnParents(search, path);
+// Of each object, the newest copy saved in full stays, and a newer one that may be whole.
+void FindCopies(Search& search, std::size_t night, const Contained& contained) {
+    for (const std::vector<std::string>* const paths : {&contained.whole, &contained.partial})
+        for (const std::string& path : *paths)
+            LearnParents(search, path);
+    for (const std::string& path : contained.whole)
+        if (search.whole.insert(HashOf(path)).second)
+            search.Found(night, path);
+    for (const std::string& path : contained.partial)
+        if (!search.whole.contains(HashOf(path)) && search.any.insert(HashOf(path)).second)
+            search.Found(night, path);
 }
 
 // Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
@@ -133,10 +139,10 @@ void FindSeen(Search& search) {
         const Night& night = search.nights[i];
         std::set<std::string> seen = MissedPaths(night);
         const auto count_seen = [&](const std::string& path) {
-            if (const auto found = search.doubtful.find(path); found != search.doubtful.end()) {
+            const auto [first, last] = search.doubtful.equal_range(path);
+            for (auto found = first; found != last; ++found)
                 search.Count(found->second, path);
-                search.doubtful.erase(found);
-            }
+            search.doubtful.erase(first, last);
         };
         for (const std::string& path : TrustedCatalog(night))
             count_seen(path);
@@ -165,18 +171,10 @@ std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const
     std::vector<std::time_t> moments;
     for (const Night& night : nights)
         moments.push_back(night.moment);
-    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, NightClock(now, moments)};
-    std::vector<std::pair<std::size_t, std::vector<std::string>>> partial;
-    for (const std::size_t i : LatestFirst(nights)) {
-        if (!nights[i].has_archive || !search.Counts(i))
-            continue;
-        Contained contained = ReadContained(nights[i]);
-        FindCopies(search, i, contained.whole);
-        if (!contained.partial.empty())
-            partial.emplace_back(i, std::move(contained.partial));
-    }
-    for (const auto& [night, paths] : partial)
-        FindCopies(search, night, paths);
+    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, NightClock(now, moments)};
+    for (const std::size_t i : LatestFirst(nights))
+        if (nights[i].has_archive && search.Counts(i))
+            FindCopies(search, i, ReadContained(nights[i]));
     FindSeen(search);
     return search.counts;
 }

@@ -26,6 +26,8 @@ enum class BlockKind {
 };
 // Judges a block of which `held` bytes were read. Sets `size` for a Header: bytes of the entry's data.
 BlockKind ClassifyBlock(std::span<const char, BlockSize> block, std::size_t held, std::int64_t& size);
+// Why the chain of entries breaks there. Requires: neither a Header nor a Sentinel.
+const char* DescribeBlock(BlockKind kind);
 
 enum class SkipStep {
     Seek, // the archive cannot be positioned, and is read instead

@@ -24,6 +24,19 @@ BlockKind ClassifyBlock(std::span<const char, BlockSize> block, std::size_t held
     return ReadCtarSize(block, size) ? BlockKind::Header : BlockKind::BadSize;
 }
 
+const char* DescribeBlock(BlockKind kind) {
+    switch (kind) {
+    case BlockKind::Nothing:
+        return "the archive ends without a sentinel";
+    case BlockKind::Part:
+        return "the archive ends inside a block";
+    case BlockKind::BadChecksum:
+        return "neither a header nor the sentinel: bad checksum";
+    default:
+        return "a header with an unreadable size";
+    }
+}
+
 // Opening and reading
 
 namespace {

@@ -70,12 +70,12 @@ bool ContainsPath(const Entry& entry, const std::string& wanted) {
 // Walking
 
 const ChainStopText& Describe(ChainStop stop) {
-    static constexpr ChainStopText texts[] = {
+    static const ChainStopText texts[] = {
         {"", ""},
-        {"no-sentinel", "the archive ends without a sentinel"},
-        {"cut-header", "the archive ends inside a block"},
-        {"checksum", "neither a header nor the sentinel: bad checksum"},
-        {"size", "a header with an unreadable size"},
+        {"no-sentinel", DescribeBlock(BlockKind::Nothing)},
+        {"cut-header", DescribeBlock(BlockKind::Part)},
+        {"checksum", DescribeBlock(BlockKind::BadChecksum)},
+        {"size", DescribeBlock(BlockKind::BadSize)},
         {"cut-data", "the archive ends inside this entry"},
     };
     return texts[static_cast<std::size_t>(stop)];

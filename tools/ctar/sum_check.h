@@ -8,7 +8,7 @@
 #include <string>
 
 #include "findings.h"
-#include "sums.h"
+#include "sum_lines.h"
 
 namespace ctar {
 

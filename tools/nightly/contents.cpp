@@ -1,16 +1,14 @@
 #include "contents.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <span>
 
 #include "archive_reader.h"
 #include "ctar.h"
 #include "ctar/digest.h"
 #include "ctar/messages.h"
-#include "disk.h"
+#include "ctar/sum_lines.h"
 #include "failure.h"
 #include "resources.h"
 #include "text.h"
@@ -32,19 +30,6 @@ struct Walk {
         contents.fault = FormatText("at %lld: %s", static_cast<long long>(offset), why.c_str());
     }
 };
-
-const char* DescribeStop(BlockKind kind) {
-    switch (kind) {
-    case BlockKind::Nothing:
-        return "the archive ends without a sentinel";
-    case BlockKind::Part:
-        return "the archive ends inside a block";
-    case BlockKind::BadChecksum:
-        return "neither a header nor the sentinel: bad checksum";
-    default:
-        return "a header with an unreadable size";
-    }
-}
 
 // Reads the data of an entry into its digest. Returns false when the archive ends before or cannot be read.
 bool DigestData(Walk& walk, EntryFacts& entry) {
@@ -83,7 +68,7 @@ bool ReadEntry(Walk& walk, Digests digests) {
         return false;
     }
     if (kind != BlockKind::Header) {
-        walk.Fail(DescribeStop(kind));
+        walk.Fail(DescribeBlock(kind));
         return false;
     }
     entry.name = ReadCtarName(block);
@@ -112,28 +97,15 @@ ArchiveContents ReadArchive(const std::string& path, Digests digests) {
 std::string SumsText(const ArchiveContents& contents) {
     std::string text;
     for (const EntryFacts& entry : contents.entries)
-        text += FormatText("%s %lld %lld %s\n", entry.digest.c_str(), static_cast<long long>(entry.offset),
-                           static_cast<long long>(entry.size), ctar::Escape(entry.name).c_str());
+        text += ctar::FormatSumLine({entry.digest, entry.offset, entry.size, entry.name});
     return text;
 }
 
-std::vector<EntryFacts> ParseSums(const std::string& text) {
+std::vector<EntryFacts> ReadSums(const std::string& path) {
     std::vector<EntryFacts> entries;
-    std::string_view rest = text;
-    while (!rest.empty()) {
-        std::string_view line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-        EntryFacts entry;
-        entry.digest = ConsumeField(line);
-        const std::optional<std::int64_t> offset = ParseNumber<std::int64_t>(ConsumeField(line));
-        const std::optional<std::int64_t> size = ParseNumber<std::int64_t>(ConsumeField(line));
-        if (!offset || !size || !ConsumePrefix(line, " "))
-            continue;
-        entry.offset = *offset;
-        entry.size = *size;
-        entry.name = ctar::Unescape(line);
-        entry.path = CutNameSuffix(entry.name);
-        entries.push_back(std::move(entry));
+    for (ctar::SumsFile file(path); file.Current(); file.Advance()) {
+        const ctar::SumLine& line = *file.Current();
+        entries.push_back({std::string(CutNameSuffix(line.name)), line.name, line.offset, line.size, line.digest});
     }
     return entries;
 }

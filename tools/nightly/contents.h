@@ -31,7 +31,7 @@ ArchiveContents ReadArchive(const std::string& path, Digests digests);
 
 // Lines as `ctar sum` writes them. Requires: the contents have digests.
 std::string SumsText(const ArchiveContents& contents);
-// The entries that such lines name. Lines that cannot be read are left out.
-std::vector<EntryFacts> ParseSums(const std::string& text);
+// The entries that a file of such lines names. Throws Failure at a line that is malformed or out of order.
+std::vector<EntryFacts> ReadSums(const std::string& path);
 
 } // namespace nightly

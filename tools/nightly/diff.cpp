@@ -37,13 +37,9 @@ NightContents ReadContents(const Night& night) {
     NightContents contents;
     for (std::string& path : CatalogPaths(night.path))
         contents.paths.insert(std::move(path));
-    for (const std::string& archive : night.record->archives) {
-        const std::string sums = night.File(SumsFileOf(archive));
-        if (!Exists(sums))
-            throw Failure(sums + ": is missing");
-        for (EntryFacts& entry : ParseSums(ReadSmallFile(sums)))
+    for (const std::string& archive : night.record->archives)
+        for (EntryFacts& entry : ReadSums(night.File(SumsFileOf(archive))))
             contents.entries[entry.path] = std::move(entry);
-    }
     return contents;
 }
 

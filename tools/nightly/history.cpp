@@ -87,19 +87,24 @@ std::vector<std::string> PathsOf(const Night& night) {
     return night.has_archive ? CoveredPaths(night.path, night.record->archives) : std::vector<std::string>{};
 }
 
+// The entries that a night's sums name. Sums that somebody damaged cost only sizes and digests.
+std::vector<EntryFacts> ReadableSums(const std::string& path) {
+    try {
+        return ReadSums(path);
+    } catch (const Failure&) {
+        return {};
+    }
+}
+
 void AddEntries(Writer& writer, const Night& night) {
-    for (const std::string& archive : night.record->archives) {
-        const std::string sums = night.File(SumsFileOf(archive));
-        if (!Exists(sums))
-            continue;
-        for (const EntryFacts& entry : ParseSums(ReadSmallFile(sums)))
+    for (const std::string& archive : night.record->archives)
+        for (const EntryFacts& entry : ReadableSums(night.File(SumsFileOf(archive))))
             writer.add_entry.Bind(0, writer.IdOf(entry.path))
                 .Bind(1, night.moment)
                 .Bind(2, archive)
                 .Bind(3, entry.size)
                 .Bind(4, entry.digest)
                 .Run();
-    }
 }
 
 // The next position of a series.

@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 
-#include "entry.h"
 #include "resources.h"
 
 namespace ctar {
@@ -20,6 +19,8 @@ struct SumLine {
     std::string name;  // as stored
     long position = 0; // of the line in its file
 };
+
+std::string FormatSumLine(const SumLine& line); // with its newline
 
 // Reads such a file. Every call throws Failure, with the line's number, at a line that is malformed or out of order.
 class SumsFile {

@@ -276,8 +276,8 @@ TEST(Report, KnownLossAndJudgement) {
            {},
            false,
            "complete: 1 save, 92 of 164 files missing (56.1 %), 2.500 MB in a sound archive in 10 s"},
-          {good, {}, Judgement{"suspicious", false, {}}, false, "suspicious: 1 save in 10 s"},
-          {run, none, Judgement{"good with gaps", true, {}}, true,
+          {good, {}, Judgement{"suspicious", false, false, {}}, false, "suspicious: 1 save in 10 s"},
+          {run, none, Judgement{"good with gaps", true, true, {}}, true,
            "good with gaps: 1 save, none of 164 files missing, 2.500 MB in a sound archive in 10 s"}}) {
         const RunContext context{"as400", "n1/archive.ctar", "n1", loss, judgement};
         TempDir work;

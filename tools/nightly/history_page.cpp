@@ -30,8 +30,8 @@ constexpr double SlowerShare = 0.20; // marked when it took so much longer than 
 constexpr char RowStyle[] = R"(
 .bar { display: inline-block; height: 9px; border-radius: 2px; vertical-align: middle; margin-right: 8px; }
 .chart { white-space: nowrap; } td:first-child { white-space: nowrap; } .slow { color: var(--warn); font-weight: 600; }
-.removed { opacity: .55; } td .pill { white-space: nowrap; } .pill.good, .pill.gaps { background: var(--good); }
-.pill.suspicious { background: var(--warn); } .pill.failed { color: var(--pill); } a { color: inherit; }
+.removed { opacity: .55; } td .pill { white-space: nowrap; } .pill.good { background: var(--good); }
+.pill.gaps, .pill.suspicious { background: var(--warn); } .pill.failed { color: var(--pill); } a { color: inherit; }
 .reason { font-size: 13px; color: var(--quiet); }
 @media (max-width: 640px) { main { padding: 16px 8px 40px; } section { padding: 12px; }
   table { min-width: 0; } thead { display: none; } tr { display: block; padding: 8px 0; border-bottom: 1px solid var(--line); }

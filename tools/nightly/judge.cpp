@@ -32,7 +32,7 @@ std::vector<std::string> ReadLines(const std::string& path) {
         return lines;
     try {
         ctar::ReadCatalog(path, [&lines](std::string_view line) { lines.emplace_back(line); });
-    } catch (const ctar::Failure&) {
+    } catch (const Failure&) {
         // Whatever follows an unreadable line counts as not saved.
     }
     return lines;
@@ -41,12 +41,8 @@ std::vector<std::string> ReadLines(const std::string& path) {
 } // namespace
 
 void RequireReadable(const std::string& path) {
-    try {
-        if (Exists(path))
-            ctar::ReadCatalog(path, [](std::string_view) {});
-    } catch (const ctar::Failure& failure) {
-        throw Failure(failure.what());
-    }
+    if (Exists(path))
+        ctar::ReadCatalog(path, [](std::string_view) {});
 }
 
 MissedLine ParseMissed(std::string_view text) {
@@ -79,6 +75,13 @@ std::string IncludeFileOf(const std::string& directory, int retry) {
 
 bool IsPartialRetry(const std::string& directory, int retry) {
     return retry > 0 && Exists(IncludeFileOf(directory, retry));
+}
+
+std::string WholeLogOf(const Night& night) {
+    int retry = night.record->retries;
+    while (IsPartialRetry(night.path, retry))
+        --retry;
+    return night.File(AttemptFile(NightFiles::Log, retry));
 }
 
 namespace {

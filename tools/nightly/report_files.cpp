@@ -9,6 +9,7 @@
 
 #include "drill.h"
 #include "failure.h"
+#include "judge.h"
 #include "report/html.h"
 #include "report/log_reader.h"
 #include "report/output_file.h"
@@ -29,11 +30,12 @@ report::RunContext ContextOf(const Config& config, const Night& night) {
     context.night = night.Name();
     const std::uint64_t attempted = std::max({record.attempted, record.objects, record.missing});
     context.loss = report::TrueLoss{attempted, attempted - record.missing, static_cast<double>(record.bytes)};
-    context.judgement = report::Judgement{VerdictName(record.verdict), IsGood(record.verdict), record.reasons};
+    context.judgement = report::Judgement{VerdictName(record.verdict), IsGood(record.verdict),
+                                          record.verdict == Verdict::GoodWithGaps, record.reasons};
     if (record.retries > 0)
         context.judgement->reasons.push_back(
-            FormatText("The verdict counts %d further attempt%s; what follows is about the first one.", record.retries,
-                       record.retries == 1 ? "" : "s"));
+            FormatText("The verdict counts %d further attempt%s; what follows is about the last one that saved all.",
+                       record.retries, record.retries == 1 ? "" : "s"));
     return context;
 }
 
@@ -50,14 +52,14 @@ void ReadNightLog(Reading& reading, const Night& night, const Night* last_good) 
     // Compared with a night of another level, most of what differs would only be what was not saved.
     if (last_good != nullptr && last_good->record->level == night.record->level) {
         reading.past = std::make_unique<report::PastRun>();
-        if (!report::ReadPastRun(last_good->File(NightFiles::Log), *reading.past))
+        if (!report::ReadPastRun(WholeLogOf(*last_good), *reading.past))
             reading.past.reset();
     }
     reading.run.on_result = [&reading](const report::LoggedRun& run, const report::Result& result) {
         if (reading.past != nullptr)
             report::AddChange(reading.changes, *reading.past, run, result);
     };
-    const std::string path = night.File(NightFiles::Log);
+    const std::string path = WholeLogOf(night);
     const Descriptor log(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!log.IsOpen() || (errno = report::ReadRun(log.Get(), reading.run)) != 0)
         throw Failure(ctar::WithReason(path));
@@ -123,7 +125,7 @@ report::Expectation ExpectationFrom(const Night* last_good) {
     if (last_good == nullptr)
         return expected;
     report::PastRun past;
-    if (report::ReadPastRun(last_good->File(NightFiles::Log), past))
+    if (report::ReadPastRun(WholeLogOf(*last_good), past))
         expected = past.expectation;
     return expected;
 }

@@ -294,7 +294,7 @@ void Conclude(Run& run) {
         reasons += "; " + reason;
     run.world.run_hooks(run.night.IsGood() ? HookKind::Success : HookKind::Failure,
                         {run.night.Name(), VerdictName(run.night.record->verdict), summary + reasons,
-                         run.night.File(NightFiles::Page), run.night.File(NightFiles::Log)});
+                         run.night.File(NightFiles::Page), WholeLogOf(run.night)});
 }
 
 void SaveAndJudge(Run& run) {

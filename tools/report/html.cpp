@@ -67,7 +67,7 @@ std::string DocumentTitle(const LoggedRun& run, const RunContext& context) {
 std::string Header(const LoggedRun& run, const RunContext& context, std::time_t ended) {
     const char* style = StatusName(StatusOf(run));
     if (context.judgement)
-        style = context.judgement->good ? "complete" : "failed";
+        style = !context.judgement->good ? "failed" : context.judgement->has_gaps ? "terminated" : "complete";
     std::string html = "<h1>" + Title(run, context) + FormatText(" <span class=\"pill %s\">", style) +
                        StateText(run, context) + "</span></h1>" + Subtitle(context);
     if (context.judgement)

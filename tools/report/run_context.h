@@ -26,8 +26,9 @@ struct TrueLoss {
 
 // What somebody who examined more than the log concluded. It takes the place of the status according to the log.
 struct Judgement {
-    std::string verdict; // a word or two: "good with gaps"
-    bool good = false;   // the run counts as a good one
+    std::string verdict;   // a word or two: "good with gaps"
+    bool good = false;     // the run counts as a good one
+    bool has_gaps = false; // though something is missing
     std::vector<std::string> reasons;
 };
 

@@ -164,8 +164,12 @@ void CheckClock(Checks& checks, const ServerListing& listing) {
     if (listing.newest == 0)
         return;
     const double ahead = std::difftime(listing.newest, std::time(nullptr));
-    const std::string newest = FormatText("%s, %s ago (%s)", ShowMoment(listing.newest, checks.config.timezone).c_str(),
-                                          ShowSpan(std::max(-ahead, 0.0)).c_str(), listing.newest_path.c_str());
+    std::string newest = FormatText("%s, %s ago (%s)", ShowMoment(listing.newest, checks.config.timezone).c_str(),
+                                    ShowSpan(std::max(-ahead, 0.0)).c_str(), listing.newest_path.c_str());
+    // A clock that is behind looks like a server on which nothing happens.
+    constexpr double busy = 3600; // seconds within which a server in use changes something
+    if (ahead < -busy)
+        newest += "; if something was changed there since, its clock is behind ours, or timezone is not its zone";
     checks.Report(ahead <= tolerated, "the newest object on the server is of " + newest,
                   FormatText("%s in the future: the server's clock differs from ours, or timezone is not its zone",
                              ShowSpan(ahead).c_str()));

@@ -794,7 +794,7 @@ TEST(Commands, RestoreWhatWasPlannedAndNoMore) {
 TEST(Commands, DrillRestoresOneLibraryUnderAnotherName) {
     NightSite site;
     site.Run();
-    site.config.drill = DrillPlan{"127.0.0.1", "/QSYS.LIB/TOOLS.LIB", "/QSYS.LIB/DRILL.LIB"};
+    site.config.drill = DrillPlan{"127.0.0.1", "/QSYS.LIB/TOOLS.LIB", "/QSYS.LIB/DRILL.LIB", ""};
     const Outcome outcome = site.Command({"drill", "office"});
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(ReadFile(site.site.root / "QSYS.LIB/DRILL.LIB/RUN.PGM"), "run");

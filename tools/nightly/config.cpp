@@ -175,7 +175,8 @@ Reader Optional(std::optional<Record>& target, std::vector<Key> (*keys)(Record&)
 std::vector<Key> DrillKeys(DrillPlan& drill) {
     return {{"server", Text(drill.server), true},
             {"library", FullPath(drill.library), true},
-            {"as", FullPath(drill.as), true}};
+            {"as", FullPath(drill.as), true},
+            {"pin", Text(drill.pin)}};
 }
 
 std::vector<Key> TlsKeys(TlsRules& tls) {
@@ -236,6 +237,8 @@ void RefuseContradictions(const Config& config, const toml::table& table) {
     if (config.drill && (ClassifyPath(config.drill->library) != ObjectKind::Library ||
                          ClassifyPath(config.drill->as) != ObjectKind::Library))
         refuse("drill", "drill: library and as must be libraries, such as \"/QSYS.LIB/TESTLIB.LIB\"");
+    if (config.drill && !config.drill->pin.empty() && !config.tls)
+        refuse("drill", "drill: pin needs the key tls");
     if (!IsTimeZone(config.timezone))
         refuse("timezone", "timezone must be the name of a zone, such as \"Europe/Berlin\"");
     if (!config.passphrase.starts_with("file:/") && !config.passphrase.starts_with("credential:"))
@@ -350,7 +353,8 @@ std::string ShowConfig(const Config& config) {
             " }\n";
     if (config.drill)
         text += "drill = { server = " + Quoted(config.drill->server) + ", library = " + Quoted(config.drill->library) +
-                ", as = " + Quoted(config.drill->as) + " }\n";
+                ", as = " + Quoted(config.drill->as) +
+                (config.drill->pin.empty() ? "" : ", pin = " + Quoted(config.drill->pin)) + " }\n";
     if (config.tls) {
         text += "tls = { " + (config.tls->ca.empty() ? "" : "ca = " + Quoted(config.tls->ca));
         text += config.tls->ca.empty() || config.tls->pin.empty() ? "" : ", ";

@@ -28,6 +28,7 @@ struct Hooks {
 
 struct DrillPlan {
     std::string server, library, as;
+    std::string pin; // of the server's key, as in TlsRules
 };
 
 struct TlsRules {

@@ -12,6 +12,7 @@
 #include "object_kind.h"
 #include "path_file.h"
 #include "process.h"
+#include "report/log_line.h"
 #include "resources.h"
 #include "restore_plan.h"
 #include "text.h"
@@ -158,31 +159,20 @@ RestoreOutcome RunRestore(const Config& config, const RestoreRun& run) {
     add("--exclude", run.rules.exclude);
     command.output = run.log;
     RestoreOutcome outcome;
-    Stream log;
-    const auto read_lines = [&] {
-        if (log == nullptr)
-            log.reset(std::fopen(run.log.c_str(), "re"));
-        if (log == nullptr)
-            return;
-        std::clearerr(log.get());
-        constexpr std::size_t longest = 65536;
-        for (std::string line; ReadLine(log.get(), longest, line);) {
-            if (run.shows_log)
-                std::fputs(line.c_str(), stdout);
-            constexpr std::string_view success = "] Restore Success: ";
-            const std::size_t at = line.find(success);
-            if (at != line.npos && line.starts_with('['))
-                outcome.successes.push_back(line.substr(at + success.size()));
-        }
-        std::fflush(stdout);
-    };
+    LogFollower follower(run.log, [&](std::string_view line) {
+        if (run.shows_log)
+            std::printf("%.*s\n", static_cast<int>(line.size()), line.data());
+        const report::LogLine parsed = report::ParseLogLine(line);
+        if (parsed.kind == report::LineKind::Restored)
+            outcome.successes.emplace_back(parsed.text);
+    });
     if (run.shows_log)
-        command.tick = read_lines;
+        command.tick = [&] {
+            follower.Follow();
+            std::fflush(stdout);
+        };
     outcome.status = RunCommand(command);
-    read_lines();
-    for (std::string& name : outcome.successes)
-        if (name.ends_with('\n'))
-            name.pop_back();
+    follower.Finish();
     return outcome;
 }
 

@@ -7,10 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "report/line_splitter.h"
 #include "report/progress.h"
 #include "report_files.h"
-#include "resources.h"
 #include "support.h"
 
 namespace nightly {
@@ -19,8 +17,9 @@ std::vector<std::string> RelayCommand(const Config& config, const std::string& h
     std::vector<std::string> command{FindProgram("vondral-tls"), "--server", host};
     if (!config.tls->ca.empty())
         command.insert(command.end(), {"--ca", config.tls->ca});
-    if (!config.tls->pin.empty())
-        command.insert(command.end(), {"--pin", config.tls->pin});
+    const bool is_spare = config.drill && host == config.drill->server && host != config.server;
+    if (const std::string& pin = is_spare ? config.drill->pin : config.tls->pin; !pin.empty())
+        command.insert(command.end(), {"--pin", pin});
     return command;
 }
 
@@ -65,30 +64,36 @@ Command BackupCommand(const Config& config, const BackupRequest& request) {
     return command;
 }
 
+void LogFollower::Follow() {
+    if (!log_.IsOpen())
+        log_.Reset(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<char, 65536> piece;
+    ssize_t count = 0;
+    while (log_.IsOpen() && (count = ReadSome(log_.Get(), piece.data(), piece.size())) > 0)
+        report::SplitLines(splitter_, {piece.data(), static_cast<std::size_t>(count)}, handle_);
+}
+
+void LogFollower::Finish() {
+    Follow();
+    report::FlushLine(splitter_, handle_);
+}
+
 namespace {
 
-// Follows a log that grows, and shows how far the run is.
+// Shows how far a backup is.
 struct LiveLine {
     const BackupRequest& request;
     report::Expectation expected;
     report::ProgressLine line{STDERR_FILENO};
     report::LoggedRun run{};
-    report::LineSplitter splitter{};
-    Descriptor log{};
+    LogFollower log;
     double begun = SecondsNow();
 
-    LiveLine(const BackupRequest& of, const report::Expectation& like) : request(of), expected(like) {}
-    void Follow() {
-        if (!log.IsOpen())
-            log.Reset(::open(request.log.c_str(), O_RDONLY | O_CLOEXEC));
-        std::array<char, 65536> piece;
-        ssize_t count = 0;
-        while (log.IsOpen() && (count = ReadSome(log.Get(), piece.data(), piece.size())) > 0)
-            report::SplitLines(splitter, {piece.data(), static_cast<std::size_t>(count)},
-                               [this](std::string_view text) { report::ProcessLogLine(run, text); });
-    }
+    LiveLine(const BackupRequest& of, const report::Expectation& like)
+        : request(of), expected(like),
+          log(of.log, [this](std::string_view text) { report::ProcessLogLine(run, text); }) {}
     void Show() {
-        Follow();
+        log.Follow();
         report::Progress progress{.seconds = SecondsNow() - begun, .archive = {}, .expected = expected};
         struct stat status {};
         if (::stat(request.archive.c_str(), &status) == 0)

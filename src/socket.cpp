@@ -163,19 +163,22 @@ int FailReplies(FtpConnection& control) {
     return -1;
 }
 
-// One wait and one read.
+// One read, and a wait before it where nothing has come yet.
 int FillReplyBuffer(FtpConnection& control) {
-    const int events = PollSocket(control.socket, POLLIN | POLLPRI);
-    if (events < 0) {
-        LogFailure("poll(): %s\n", std::strerror(errno));
-        return FailReplies(control);
-    }
-    if (events == 0) {
-        LogFailure("poll(): timedout on control read after %.2fs\n", PollSeconds);
-        return -1;
-    }
     const std::span<char> room = control.replies.Room();
-    const ssize_t count = ::read(control.socket.Get(), room.data(), room.size());
+    ssize_t count = ::recv(control.socket.Get(), room.data(), room.size(), MSG_DONTWAIT);
+    if (count < 0 && WouldBlock()) {
+        const int events = PollSocket(control.socket, POLLIN | POLLPRI);
+        if (events < 0) {
+            LogFailure("poll(): %s\n", std::strerror(errno));
+            return FailReplies(control);
+        }
+        if (events == 0) {
+            LogFailure("poll(): timedout on control read after %.2fs\n", PollSeconds);
+            return -1;
+        }
+        count = ::read(control.socket.Get(), room.data(), room.size());
+    }
     if (count < 0) {
         LogFailure("read(%s:%d): %s\n", Host(control), Port(control), std::strerror(errno));
         return FailReplies(control);
@@ -222,9 +225,10 @@ int ReportPoll(SourceLocation place = SourceLocation::Here()) {
 }
 
 // Fills the transfer buffer from the data socket: to its end, to the end of the data or to a minute's silence.
-// `timeouts` counts silent minutes in a row and becomes 0 with every read. Returns the bytes filled, or -1. Data is
-// moved without asking first; poll() is needed only when there is nothing to move.
-int FillTransferBuffer(FtpConnection& data, int& timeouts) {
+// `timeouts` counts silent minutes in a row and becomes 0 with every read; `at_end` is set at the end of the data.
+// Returns the bytes filled, or -1. Data is moved without asking first; poll() is needed only when there is nothing to
+// move.
+int FillTransferBuffer(FtpConnection& data, int& timeouts, bool& at_end) {
     std::size_t filled = 0;
     while (filled < TransferCapacity) {
         char* const position = data.transfer_buffer.Data() + filled;
@@ -236,6 +240,7 @@ int FillTransferBuffer(FtpConnection& data, int& timeouts) {
             filled += static_cast<std::size_t>(count);
         } else if (count == 0) {
             timeouts = 0;
+            at_end = true;
             break;
         } else if (WouldBlock()) {
             const int events = PollSocket(data.socket, POLLIN | POLLPRI);
@@ -259,8 +264,8 @@ int ReceiveData(FtpConnection& data, const Transfer& transfer) {
     if (data.options.verbosity >= 4)
         LogMessage("reading from %s:%d\n", Host(data), Port(data));
     int timeouts = 0;
-    for (;;) {
-        int count = FillTransferBuffer(data, timeouts);
+    for (bool at_end = false; !at_end;) {
+        int count = FillTransferBuffer(data, timeouts, at_end);
         if (count < 0)
             return -1;
         if (count > 0) {
@@ -271,12 +276,11 @@ int ReceiveData(FtpConnection& data, const Transfer& transfer) {
         } else if (timeouts >= data.options.timeout) {
             LogFailure("Timeout limit reached (%d times).\n", timeouts);
             return -1;
-        } else if (timeouts == 0) {
-            return 0;
-        } else if (data.options.verbosity >= 4) {
+        } else if (!at_end && data.options.verbosity >= 4) {
             LogFailure("No data read for callback\n");
         }
     }
+    return 0;
 }
 
 int AwaitRoom(const FtpConnection& data) {

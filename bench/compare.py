@@ -1,9 +1,10 @@
 """Paired runs of the program and of what it is compared with: prints tables of medians and ratios.
 
-Usage: compare.py BUILD [--rounds N] [--scale N] [--only PART] [-- SERVER-PREFIX...]; --scale divides every size, for a
-quick look.
+Usage: compare.py BUILD [--against BUILD] [--rounds N] [--scale N] [--only PART] [-- SERVER-PREFIX...]; --scale divides
+every size, for a quick look; --against adds the programs of another build to the tables.
 """
 import argparse
+import json
 import os
 import random
 import resource
@@ -13,6 +14,8 @@ import subprocess
 import sys
 import tempfile
 import time
+
+import nights
 
 MIB = 1 << 20
 ADDRESS = "127.0.0.31"
@@ -45,28 +48,22 @@ def calls(command):
         return int([line for line in report if line.rstrip().endswith("total")][-1].split()[3])
 
 
-def compare(title, commands, rounds, before=None, mebibytes=0):
-    """Runs the commands in turn, and prints each with the ratios of the first one to it."""
-    runs = {name: [] for name in commands}
-    for _ in range(rounds):
-        for name, command in commands.items():
-            if before:
-                before()
-            runs[name].append(Run(command))
-    first = runs[next(iter(commands))]
-    print(f"\n### {title}\n")
-    print("| | wall s | CPU s | memory MiB | calls/MiB | wall ratio (min to max) | CPU ratio (min to max) |")
-    print("|---|---|---|---|---|---|---|")
-    for name, command in commands.items():
-        row = [name]
-        for figure in ("wall", "cpu"):
-            row.append(f"{statistics.median(getattr(run, figure) for run in runs[name]):.3f}")
-        row.append(f"{max(run.memory for run in runs[name]):.1f}")
-        row.append(f"{calls(command) / mebibytes:.1f}" if mebibytes else "")
-        for figure in ("wall", "cpu"):
-            ratios = [getattr(a, figure) / getattr(b, figure) for a, b in zip(first, runs[name])]
-            row.append(f"{statistics.median(ratios):.2f} ({min(ratios):.2f} to {max(ratios):.2f})")
-        print("| " + " | ".join(row) + " |", flush=True)
+class Targets:
+    """What the figures should be at most, or at least, and were."""
+
+    def __init__(self):
+        self.lines = []
+
+    def add(self, what, figure, limit, at_least=False):
+        held = figure >= limit if at_least else figure <= limit
+        off = abs(figure / limit - 1) * 100
+        verdict = "held by" if held else "NOT HELD by"
+        bound = "at least" if at_least else "at most"
+        self.lines.append(f"{verdict:>11} {off:3.0f} %  {what}: {figure:.2f}, {bound} {limit:g}")
+
+    def print(self):
+        if self.lines:
+            print("\n## Targets\n\n" + "\n".join(self.lines))
 
 
 def fill(path, size):
@@ -85,15 +82,53 @@ def touch(folder, count):
 
 
 class Bench:
-    def __init__(self, build, work, prefix, rounds, scale):
-        self.build, self.work, self.prefix, self.rounds, self.scale = build, work, prefix, rounds, scale
+    def __init__(self, options, work, prefix):
+        self.build, self.against, self.work, self.prefix = options.build, options.against, work, prefix
+        self.rounds, self.scale = options.rounds, options.scale
         self.servers = []
+        self.targets = Targets()
         self.root = f"{work}/root"
         os.makedirs(f"{self.root}/QSYS.LIB")
         os.makedirs(f"{self.root}/home")
         fill(f"{self.root}/Security Data", 1)
         fill(f"{self.root}/System Configuration", 1)
         self.no_system = self.file("no-system", "/Security Data\n/System Configuration\n")
+
+    def compare(self, title, commands, before=None, mebibytes=0):
+        """Runs the commands in turn, and prints each with the ratios of the first one to it. Returns the medians of
+        these ratios by command and figure, and the first one's greatest memory in MiB."""
+        if self.against:
+            for name, command in list(commands.items()):
+                if name.startswith("vondral"):
+                    other = [word.replace(f"{self.build}/", f"{self.against}/") for word in command]
+                    commands[f"{name}, {self.against}"] = other
+        runs = {name: [] for name in commands}
+        for _ in range(self.rounds):
+            for name, command in commands.items():
+                if before:
+                    before()
+                runs[name].append(Run(command))
+        first = runs[next(iter(commands))]
+        medians = {}
+        print(f"\n### {title}\n")
+        print("| | wall s | CPU s | memory MiB | calls/MiB | wall ratio (min to max) | CPU ratio (min to max) |")
+        print("|---|---|---|---|---|---|---|")
+        for name, command in commands.items():
+            row = [name]
+            for figure in ("wall", "cpu"):
+                row.append(f"{statistics.median(getattr(run, figure) for run in runs[name]):.3f}")
+            row.append(f"{max(run.memory for run in runs[name]):.1f}")
+            row.append(f"{calls(command) / mebibytes:.1f}" if mebibytes else "")
+            for figure in ("wall", "cpu"):
+                ratios = [getattr(a, figure) / getattr(b, figure) for a, b in zip(first, runs[name])]
+                medians[name, figure] = statistics.median(ratios)
+                row.append(f"{medians[name, figure]:.2f} ({min(ratios):.2f} to {max(ratios):.2f})")
+            print("| " + " | ".join(row) + " |", flush=True)
+        return medians, max(run.memory for run in first)
+
+    def against_curl(self, what, medians, curl, wall, cpu):
+        self.targets.add(f"{what}: wall time, of curl's", medians[curl, "wall"], wall)
+        self.targets.add(f"{what}: processor time, of curl's", medians[curl, "cpu"], cpu)
 
     def file(self, name, text):
         path = f"{self.work}/{name}"
@@ -139,12 +174,13 @@ class Bench:
 
     def backup(self):
         server, size, backup, lftp = self.large()
-        compare(f"Backup of one save file of {size} MiB, into memory", {
+        medians, _ = self.compare(f"Backup of one save file of {size} MiB, into memory", {
             "vondral": backup,
             "curl": ["curl", "-s", "-o", f"{self.work}/copy", f"{self.url}/big"],
             "lftp": lftp(f"get /home/big -o {self.work}/copy"),
             "floor": self.floor("get", "/home/big", f"{self.work}/copy"),
-        }, self.rounds, mebibytes=size)
+        }, mebibytes=size)
+        self.against_curl("backup", medians, "curl", 1.0, 1.0)
         self.stop(server)
         os.unlink(f"{self.work}/copy")
         os.unlink(f"{self.root}/home/big")
@@ -166,12 +202,14 @@ class Bench:
                             os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
 
                 where = "in memory" if place == self.work else "on disk, not cached" if cold else "on disk, cached"
-                compare(f"Restore of {size} MiB, archive {where}", {
+                medians, memory = self.compare(f"Restore of {size} MiB, archive {where}", {
                     "vondral": self.vondral("-r", there, "-e", self.no_system),
                     "curl -T": ["curl", "-s", "-T", plain, f"{self.url}/up"],
                     "lftp put": lftp(f"put {plain} -o /home/up"),
                     "floor": self.floor("put", "/home/up", plain),
-                }, self.rounds, before=forget if cold else None, mebibytes=size)
+                }, before=forget if cold else None, mebibytes=size)
+                self.against_curl(f"restore, {where}", medians, "curl -T", *((0.8, 0.8) if cold else (1.0, 0.9)))
+                self.targets.add(f"restore, {where}: memory in MiB", memory, 8)
         self.stop(server)
         os.unlink(f"{self.root}/home/big")
         os.unlink(f"{self.root}/home/up")
@@ -191,14 +229,16 @@ class Bench:
         curl = ["curl", "-s", "--ssl-reqd", "--cacert", f"{certificate}.pem"]
         system = ["-e", self.no_system]
         server = self.serve(*raw, f"tls:{certificate}")
-        compare(f"Backup of one save file of {size} MiB over TLS, into memory", {
+        medians, _ = self.compare(f"Backup of one save file of {size} MiB over TLS, into memory", {
             "vondral-tls and vondral": [*relay, "-b", f"{self.work}/archive", "-i", include, *system],
             "curl --ssl-reqd": [*curl, "-o", f"{self.work}/copy", f"{self.url}/big"],
-        }, self.rounds, mebibytes=size)
-        compare(f"Restore of {size} MiB over TLS, archive in memory", {
+        }, mebibytes=size)
+        self.against_curl("backup over TLS", medians, "curl --ssl-reqd", 1.0, 1.3)
+        medians, _ = self.compare(f"Restore of {size} MiB over TLS, archive in memory", {
             "vondral-tls and vondral": [*relay, "-r", f"{self.work}/archive", *system],
             "curl --ssl-reqd -T": [*curl, "-T", f"{self.root}/home/big", f"{self.url}/up"],
-        }, self.rounds, mebibytes=size)
+        }, mebibytes=size)
+        self.against_curl("restore over TLS", medians, "curl --ssl-reqd -T", 1.0, 1.3)
         self.stop(server)
         os.unlink(f"{self.work}/copy")
         os.unlink(f"{self.root}/home/big")
@@ -224,12 +264,16 @@ class Bench:
         os.makedirs(f"{self.work}/copies", exist_ok=True)
         server = self.serve()
         common = ["-i", include, "-e", self.no_system, "-m", "0", "-p", "no", "-b", f"{self.work}/archive"]
-        compare(f"Backup of {count} objects of 1 to 64 KiB (curl only fetches the files, nothing is saved for it)", {
+        medians, _ = self.compare(f"Backup of {count} objects of 1 to 64 KiB (curl only fetches the files, nothing is saved for it)", {
             "vondral -x no": self.vondral(*common, "-x", "no"),
             "vondral -x yes": self.vondral(*common, "-x", "yes"),
             "floor, the same commands": self.floor("save", paths, f"{self.work}/copy"),
             "curl": ["curl", "-s", "-K", config],
-        }, self.rounds)
+        })
+        floor = medians["floor, the same commands", "wall"]
+        self.targets.add("small objects in one session: wall time, of the floor's", floor, 1.05)
+        self.targets.add("small objects, --threading: wall time, of the floor's", floor / medians["vondral -x yes", "wall"],
+                         0.55)
         self.stop(server)
         for folder in ("root/home/small", "root/QSYS.LIB", "copies"):
             shutil.rmtree(f"{self.work}/{folder}")
@@ -246,32 +290,60 @@ class Bench:
         for number in range(10000 // self.scale):
             touch(f"{self.root}/home/tree/a{number % 100:02d}/b{number // 100:03d}", 2)
         server = self.serve("locked:/home/tree", *(f"locked:/home/d{count}" for count in counts))
-        self.row("nothing", "none", 0, self.no_system, 0)
+        base = self.row("nothing", "none", 0, self.no_system, 0)
         for count in counts:
-            self.row(f"{count} entries in one directory", f"d{count}", count, self.no_system, self.base)
-        self.row(f"a tree of {10000 // self.scale} directories", "tree", 10000 // self.scale * 3, self.no_system, self.base)
+            peak = self.row(f"{count} entries in one directory", f"d{count}", count, self.no_system, base)
+        name = len("object0000000.txt")
+        self.targets.add("listing: bytes an entry, its name left out", (peak - base) * MIB / counts[-1] - name, 120)
+        self.row(f"a tree of {10000 // self.scale} directories", "tree", 10000 // self.scale * 3, self.no_system, base)
         middle = counts[1]
         for lines in (1, 10, 100):
             text = "/Security Data\n/System Configuration\n" + "".join(f"/home/other{n}/x*\n" for n in range(lines - 2))
             exclude = self.file(f"exclude{lines}", text if lines > 1 else "/Security Data\n")
-            self.row(f"{middle} entries, {lines} exclude lines", f"d{middle}", middle, exclude, self.base)
-        self.row(f"{middle} entries, --date", f"d{middle}", middle, self.no_system, self.base, "-d", "1")
+            self.row(f"{middle} entries, {lines} exclude lines", f"d{middle}", middle, exclude, base)
+        self.row(f"{middle} entries, --date", f"d{middle}", middle, self.no_system, base, "-d", "1")
         self.stop(server)
 
-    base = 0.0
-
     def row(self, title, name, entries, exclude, base, *more):
+        """Prints a row. Returns the peak in MiB."""
         include = self.file("listed", f"/home/{name}\n")
         runs = [Run(self.vondral("-b", "/dev/null", "-i", include, "-e", exclude, *more), ok=(0, 1, 2, 255))
                 for _ in range(self.rounds)]
         wall = statistics.median(run.wall for run in runs)
         cpu = statistics.median(run.cpu for run in runs)
         memory = statistics.median(run.memory for run in runs)
-        if entries == 0:
-            Bench.base = memory
         each = f"{cpu / entries * 1e9:.0f}" if entries else ""
         weight = f"{(memory - base) * MIB / entries:.0f}" if entries else ""
         print(f"| {title} | {wall:.3f} | {cpu:.3f} | {each} | {memory:.1f} | {weight} |", flush=True)
+        return memory
+
+    def steps(self):
+        """The single steps, each alone."""
+        print("\n### Single steps\n\n| | CPU ns | million a second |\n|---|---|---|")
+        report = subprocess.run([f"{self.build}/micro", "--benchmark_format=json", "--benchmark_repetitions=3",
+                                 "--benchmark_report_aggregates_only=true"], stdout=subprocess.PIPE,
+                                stderr=subprocess.DEVNULL, check=True).stdout
+        units = {"ns": 1, "us": 1e3, "ms": 1e6}
+        took = {}
+        for each in json.loads(report)["benchmarks"]:
+            if each["aggregate_name"] != "median":
+                continue
+            took[each["run_name"]] = nanoseconds = each["cpu_time"] * units[each["time_unit"]]
+            rate = each.get("items_per_second", 1e9 / nanoseconds)
+            print(f"| {each['run_name']} | {nanoseconds:.0f} | {rate / 1e6:.2f} |")
+        plain = took["ParseAndPlace/0"]
+        self.targets.add("listing: million entries a second", 100000 / plain * 1e3, 3, at_least=True)
+        self.targets.add("listing with --date, of the time without", took["ParseAndPlaceDated"] / plain, 1.3)
+        self.targets.add("listing with an exclude line, of the time without", took["ParseAndPlace/1"] / plain, 1.2)
+
+    def nights(self):
+        count, paths = 1000 // self.scale, 100000
+        print(f"\n### {count} nights of {paths} paths\n\n| | s |\n|---|---|")
+        took = nights.measure(f"{self.build}/vondral-nightly", count, paths)
+        for name, each in took.items():
+            print(f"| vondral-nightly, {name} | {each:.3f} |")
+        for name in ("find a path", "find a name", "status"):
+            self.targets.add(f"vondral-nightly, {name}: seconds", took[name], 1)
 
 
 def machine():
@@ -287,7 +359,9 @@ def main():
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--scale", type=int, default=1)
-    parser.add_argument("--only", choices=["backup", "restore", "tls", "small", "listing"], help="one part of the tables")
+    parser.add_argument("--against", metavar="BUILD", help="another build, whose programs are measured beside these")
+    parser.add_argument("--only", choices=["backup", "restore", "tls", "small", "listing", "steps", "nights"],
+                        help="one part of the tables")
     words = sys.argv[1:]
     at = words.index("--") if "--" in words else len(words)
     options = parser.parse_args(words[:at])
@@ -295,11 +369,12 @@ def main():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     memory = "/dev/shm" if shutil.disk_usage("/dev/shm").free > 8 << 30 else None
     with tempfile.TemporaryDirectory(dir=memory) as work:
-        bench = Bench(options.build, work, words[at + 1:], options.rounds, options.scale)
+        bench = Bench(options, work, words[at + 1:])
         try:
-            for part in (bench.backup, bench.restore, bench.tls, bench.small, bench.listing):
+            for part in (bench.backup, bench.restore, bench.tls, bench.small, bench.listing, bench.steps, bench.nights):
                 if options.only in (None, part.__name__):
                     part()
+            bench.targets.print()
         finally:
             for server in bench.servers:
                 server.kill()

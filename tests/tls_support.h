@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "relay.h"
+#include "sockets.h"
 #include "test_support.h"
 
 // Files made once per process, by name: ca, other-ca; good, wrong-name, soon and expired of ca; self-signed; client of
@@ -28,7 +29,7 @@ class TestRelay {
 public:
     TestRelay(RelayOptions options, std::uint16_t server_port);
 
-    std::uint16_t Port() const { return ntohs(tls::ListeningAddress(relay_.Listener()).sin_port); }
+    std::uint16_t Port() const { return ntohs(tls::LocalAddress(relay_.Listener()).sin_port); }
     std::string Log() const;
 
 private:

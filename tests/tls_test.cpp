@@ -277,8 +277,9 @@ public:
             }
             const ssize_t count = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0);
             if (count <= 0)
-                return std::exchange(pending_, "") +
-                       (count == 0 ? "<end>" : errno == ECONNRESET ? "<reset>" : "<silence>");
+                return std::exchange(pending_, "") + (count == 0            ? "<end>"
+                                                      : errno == ECONNRESET ? "<reset>"
+                                                                            : "<silence>");
             pending_.append(bytes.data(), static_cast<std::size_t>(count));
         }
     }
@@ -332,8 +333,7 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
     for (int tries = 0; tries < 400 && site.server->OpenSessions() > 0; ++tries)
         ::usleep(5000);
     EXPECT_EQ(site.server->OpenSessions(), 0);
-    Descriptor probe =
-        tls::ConnectTcp(tls::ListeningAddress(tls::ListenOn("127.0.0.1:0")), 7, [](auto) { return true; });
+    Descriptor probe = tls::ConnectTcp(tls::LocalAddress(tls::ListenOn("127.0.0.1:0")), 7, [](auto) { return true; });
     for (const auto& [level, option, expected] :
          {std::tuple{SOL_TCP, TCP_KEEPIDLE, 7}, {SOL_SOCKET, SO_KEEPALIVE, 1}}) {
         int value = 0;
@@ -341,6 +341,14 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
         ::getsockopt(probe.Get(), level, option, &value, &length);
         EXPECT_EQ(value, expected);
     }
+}
+
+// Returns the port of the data connection.
+std::uint16_t LogInAndPass(Typist& typist) {
+    typist.Listen();
+    for (const char* const command : {"USER fred\r\n", "PASS secret\r\n", "TYPE I\r\n"})
+        typist.Say(command);
+    return tls::ParsePassivePort(typist.Say("PASV\r\n")).value_or(0);
 }
 
 // Either alone would do for most clients; the program needs both when it is slow.
@@ -351,15 +359,26 @@ TEST(Relay, ResetsTheDataAndReplacesTheReplyAfterACut) {
     site.server = std::make_unique<rehearsal::Server>(site.options);
     const TestRelay relay({}, site.server->Port());
     Typist typist(relay.Port());
-    typist.Listen();
-    for (const char* const command : {"USER fred\r\n", "PASS secret\r\n", "TYPE I\r\n"})
-        typist.Say(command);
-    const std::optional<std::uint16_t> port = tls::ParsePassivePort(typist.Say("PASV\r\n"));
-    ASSERT_TRUE(port);
-    Typist data(*port);
+    const std::uint16_t port = LogInAndPass(typist);
+    Typist data(port);
     EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("150 "));
     EXPECT_EQ(data.Listen(), "not<reset>");
     EXPECT_THAT(typist.Listen(), testing::StartsWith("426 vondral-tls: the server's data connection ended without"));
+}
+
+// Anybody on the machine can connect to the port of a data connection.
+TEST(Relay, MovesNoDataWhenSomebodyElseHasConnected) {
+    TlsSite site;
+    site.options.root = site.root.path;
+    site.server = std::make_unique<rehearsal::Server>(site.options);
+    const TestRelay relay({}, site.server->Port());
+    Typist typist(relay.Port());
+    const std::uint16_t port = LogInAndPass(typist);
+    Typist thief(port);
+    Typist data(port);
+    EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("425 vondral-tls: somebody else"));
+    EXPECT_EQ(thief.Listen(), "<end>");
+    EXPECT_EQ(data.Listen(), "<end>");
 }
 
 // The program itself.
@@ -434,7 +453,7 @@ TEST_F(TlsProgram, RefusesBadOptionsAndPlaces) {
 TEST_F(TlsProgram, TakesAnInheritedSocket) {
     Descriptor listener = tls::ListenOn("127.0.0.1:0");
     const std::string number = std::to_string(::dup(listener.Get()));
-    const std::string port = std::to_string(ntohs(tls::ListeningAddress(listener).sin_port));
+    const std::string port = std::to_string(ntohs(tls::LocalAddress(listener).sin_port));
     const Outcome outcome =
         RunProgram("/bin/bash", {"-c", "LISTEN_PID=$$ LISTEN_FDS=1 exec " TLS_UNDER_TEST " -v --server " + place +
                                            " --ca " + CertificateFile("ca") + " -- echo {} 3<&" + number});

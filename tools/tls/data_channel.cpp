@@ -10,6 +10,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "sockets.h"
 #include "text.h"
 
 namespace tls {
@@ -111,9 +112,9 @@ std::string CloseServer(TlsStream& stream, const Wait& wait) {
 
 } // namespace
 
-void SetResetOnClose(int socket, bool reset) {
-    const linger at_once{reset ? 1 : 0, 0};
-    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+void DataChannel::ResetOnClose() {
+    if (stream_ != nullptr)
+        stream_->ResetOnClose();
 }
 
 void DataChannel::Protect(const TlsContext& context, SSL_SESSION* session, const Wait& wait) {
@@ -123,7 +124,7 @@ void DataChannel::Protect(const TlsContext& context, SSL_SESSION* session, const
 }
 
 DataEnd DataChannel::Cut(const std::string& reason) {
-    stream_->ResetOnClose();
+    ResetOnClose();
     return {.cut = reason, .without_close_notify = false, .bytes = bytes_};
 }
 

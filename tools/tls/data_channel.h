@@ -25,6 +25,8 @@ public:
 
     // Runs the handshake, resuming `session` unless that is null. Throws RelayError.
     void Protect(const TlsContext& context, SSL_SESSION* session, const Wait& wait);
+    // Makes the server see a broken transfer when the channel is destroyed before its end.
+    void ResetOnClose();
     // Requires: Protect has returned.
     const TlsStream& Stream() const { return *stream_; }
 
@@ -42,8 +44,5 @@ private:
     std::unique_ptr<TlsStream> stream_;
     std::uint64_t bytes_ = 0;
 };
-
-// Makes the next close of the socket send a reset, or not.
-void SetResetOnClose(int socket, bool reset);
 
 } // namespace tls

@@ -16,6 +16,7 @@
 #include "output_file.h"
 #include "relay.h"
 #include "report.h"
+#include "sockets.h"
 #include "text.h"
 
 namespace tls {
@@ -28,7 +29,6 @@ void Log(const std::string& line) {
     WriteAll(STDERR_FILENO, text.data(), text.size());
 }
 
-// Told once in the life of this process.
 void ReportCertificate(const Options& options, const CertificateFacts& certificate) {
     const std::string warning = ExpiryWarning(options.server.host, certificate, std::time(nullptr));
     if (!warning.empty())
@@ -37,6 +37,24 @@ void ReportCertificate(const Options& options, const CertificateFacts& certifica
         !report::ReplaceFile(options.prometheus, Gauges(options.server.host, certificate)))
         Log(options.prometheus + ": " + std::strerror(errno));
 }
+
+// Decides when a certificate is reported: at first, when it is another one, and once a day.
+class CertificateNews {
+public:
+    bool IsDue(const CertificateFacts& certificate, std::time_t now) { // any thread may call it
+        constexpr std::time_t day = 86400;
+        const std::lock_guard lock(mutex_);
+        if (certificate.expires == expires_ && now >= told_ && now - told_ < day)
+            return false;
+        expires_ = certificate.expires;
+        told_ = now;
+        return true;
+    }
+
+private:
+    std::mutex mutex_;
+    std::time_t told_ = 0, expires_ = 0;
+};
 
 int Check(const Options& options) {
     const ServerReport report = CheckServer(options.server, TlsContext(options.tls));
@@ -70,17 +88,18 @@ int Serve() {
 }
 
 int RunRelay(const Options& options) {
-    std::once_flag told;
+    CertificateNews news;
     RelayState state{.server = options.server,
                      .context = TlsContext(options.tls),
                      .accept_missing_close_notify = options.accept_missing_close_notify,
                      .verbose = options.verbose,
                      .log = Log,
                      .on_certificate = [&](const CertificateFacts& certificate) {
-                         std::call_once(told, [&] { ReportCertificate(options, certificate); });
+                         if (news.IsDue(certificate, std::time(nullptr)))
+                             ReportCertificate(options, certificate);
                      }};
     const Relay relay(state, OpenListener(options));
-    const sockaddr_in address = ListeningAddress(relay.Listener());
+    const sockaddr_in address = LocalAddress(relay.Listener());
     if (options.command.empty() || options.verbose)
         Log(FormatText("listening on %s:%d for %s:%d", FormatAddress(address).c_str(), ntohs(address.sin_port),
                        options.server.host.c_str(), options.server.port));

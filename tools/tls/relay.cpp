@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "sockets.h"
 #include "text.h"
 
 namespace tls {
@@ -74,13 +75,6 @@ std::string FormatAddress(const sockaddr_in& address) {
     return text.data();
 }
 
-sockaddr_in ListeningAddress(const Descriptor& listener) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ::getsockname(listener.Get(), reinterpret_cast<sockaddr*>(&address), &length);
-    return address;
-}
-
 Descriptor ListenOn(const std::string& place) {
     const sockaddr_in address = ParsePlace(place);
     Descriptor listener = TryListen(address);
@@ -121,7 +115,7 @@ Descriptor InheritedListener() {
     socklen_t length = sizeof listens;
     if (::getsockopt(first, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) != 0 || listens == 0)
         throw RelayError("the inherited descriptor is not a listening socket");
-    if (!IsLoopback(ListeningAddress(listener)))
+    if (!IsLoopback(LocalAddress(listener)))
         throw RelayError("the inherited socket does not listen on an IPv4 loopback address");
     for (const char* const variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
         ::unsetenv(variable);

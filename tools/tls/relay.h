@@ -22,7 +22,6 @@ Descriptor ListenAnywhere();
 // when it is not a listening socket of a loopback address. Call before any thread exists.
 Descriptor InheritedListener();
 
-sockaddr_in ListeningAddress(const Descriptor& listener);
 std::string FormatAddress(const sockaddr_in& address); // 127.0.0.5
 
 class Relay {

@@ -6,6 +6,7 @@
 
 #include <sys/socket.h>
 
+#include "sockets.h"
 #include "text.h"
 
 namespace tls {
@@ -70,6 +71,8 @@ void Session::Serve() {
 void Session::End(const SessionEnd& end) {
     if (data_client_.IsOpen())
         SetResetOnClose(data_client_.Get(), true);
+    if (data_ != nullptr) // what a server has of an upload must not look complete
+        data_->ResetOnClose();
     if (!end.refusal.empty()) {
         Log(end.refusal);
         const std::string reply = "421 vondral-tls: " + MaskControls(end.refusal) + "\r\n";

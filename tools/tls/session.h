@@ -77,7 +77,7 @@ private:
     void CollectFinalReply();
     void FinishTransfer(const DataEnd& end, bool upload);
     bool ListenForData();
-    void AcceptData(bool wait);
+    std::string AcceptData();
     SSL_SESSION* SessionToResume() const;
 
     RelayState& relay_;

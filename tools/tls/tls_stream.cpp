@@ -7,6 +7,8 @@
 #include <openssl/err.h>
 #include <sys/socket.h>
 
+#include "sockets.h"
+
 namespace tls {
 
 TlsStream::TlsStream(const TlsContext& context, Descriptor socket, SSL_SESSION* resume)
@@ -85,8 +87,7 @@ IoResult TlsStream::CloseNotify() {
 }
 
 void TlsStream::ResetOnClose() {
-    const linger at_once{1, 0};
-    ::setsockopt(socket_.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    SetResetOnClose(socket_.Get(), true);
 }
 
 } // namespace tls

@@ -10,29 +10,17 @@
 #include <sys/socket.h>
 
 #include "session.h"
+#include "sockets.h"
 #include "text.h"
 
 namespace tls {
 
 namespace {
 
-constexpr auto RefusedPatience = std::chrono::seconds(5); // for the data connection to end after a refusal
-constexpr int DrainPatience = 2000;                       // milliseconds, for more data of a refused transfer
-constexpr std::size_t LongestHeldReply = 300000;          // bytes; the client accepts no more either
-
-sockaddr_in LocalAddress(const Descriptor& socket) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ::getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &length);
-    return address;
-}
-
-in_addr_t PeerAddress(const Descriptor& socket) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ::getpeername(socket.Get(), reinterpret_cast<sockaddr*>(&address), &length);
-    return address.sin_addr.s_addr;
-}
+constexpr auto RefusedPatience = std::chrono::seconds(5);  // for the data connection to end after a refusal
+constexpr auto ConnectPatience = std::chrono::seconds(10); // for the client's data connection
+constexpr int DrainPatience = 2000;                        // milliseconds, for more data of a refused transfer
+constexpr std::size_t LongestHeldReply = 300000;           // bytes; the client accepts no more either
 
 } // namespace
 
@@ -50,18 +38,23 @@ bool Session::ListenForData() {
     return true;
 }
 
-// Accepts the client's data connection, which is in the queue by the time of a transfer command. With `wait`, waits
-// until it is; without, there may be none.
-void Session::AcceptData(bool wait) {
-    while (!data_client_.IsOpen()) {
+// Accepts the client's data connection, which is there by the time of its transfer command. Anybody on this machine can
+// connect to that port; a single connection is the client's, and of two nobody knows which is. Returns what is wrong.
+std::string Session::AcceptData() {
+    using std::chrono::steady_clock;
+    const auto deadline = steady_clock::now() + ConnectPatience;
+    pollfd entry{listener_.Get(), POLLIN, 0};
+    while (entry.revents == 0 && steady_clock::now() < deadline)
+        Await({&entry, 1}, std::chrono::milliseconds(ConnectPatience).count());
+    for (;;) {
         Descriptor accepted(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (accepted.IsOpen() && PeerAddress(accepted) == PeerAddress(client_)) {
-            data_client_ = std::move(accepted);
-        } else if (!accepted.IsOpen()) {
-            if (!wait)
-                return;
-            WaitForSocket(AwaitAnything(), listener_.Get(), POLLIN);
-        }
+        if (!accepted.IsOpen())
+            return data_client_.IsOpen() ? "" : "no data connection before the transfer command";
+        if (PeerAddress(accepted).sin_addr.s_addr != PeerAddress(client_).sin_addr.s_addr)
+            continue;
+        if (data_client_.IsOpen())
+            return "somebody else has connected to the data port";
+        data_client_ = std::move(accepted);
     }
 }
 
@@ -170,9 +163,6 @@ DataEnd Session::MoveData(bool upload) {
 void Session::RefuseTransfer(const std::string& reply) {
     SendClient(reply);
     data_.reset();
-    AcceptData(false);
-    if (!data_client_.IsOpen())
-        return;
     SetResetOnClose(data_client_.Get(), false);
     ::shutdown(data_client_.Get(), SHUT_WR);
     std::array<char, 65536> ignored{};
@@ -186,6 +176,12 @@ void Session::RefuseTransfer(const std::string& reply) {
 void Session::TransferData(const std::string& line, bool upload) {
     if (data_ == nullptr)
         return SendClient("425 vondral-tls: PASV first.\r\n");
+    if (const std::string trouble = AcceptData(); !trouble.empty()) {
+        Log(trouble);
+        data_.reset();
+        data_client_.Reset();
+        return SendClient("425 vondral-tls: " + trouble + ".\r\n");
+    }
     held_.clear();
     final_ = 0;
     SendServer(line);
@@ -202,7 +198,6 @@ void Session::TransferData(const std::string& line, bool upload) {
         SendClient(first);
     else
         std::tie(final_, held_) = std::pair(read.kind, first);
-    AcceptData(true);
     FinishTransfer(MoveData(upload), upload);
 }
 

@@ -203,6 +203,7 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 |--root is required
 --colour red|unknown option: --colour
 --busy home|--busy: not an absolute path: home
+--tls-max 1.1|--tls-max: not 1.2 or 1.3: 1.1
 --save-rate 10T|--save-rate: not a number of bytes: 10T
 --fault 'shut STRU'|--fault: unknown kind of fault: shut
 --fault 'close nth=2'|command missing

@@ -252,7 +252,9 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
     }
     TestSite site;
     EXPECT_THAT(site.Run({"-r", site.work.path}).err, HasSubstr("Is a directory"));
-    EXPECT_THAT(Messages(site.Run({"-r", site.archive}).err), HasSubstr("vondral[restore.cpp]: open("));
+    const Outcome missing = site.Run({"-r", site.archive});
+    EXPECT_EQ(missing.status, 255);
+    EXPECT_THAT(Messages(missing.err), HasSubstr("vondral[restore.cpp]: open("));
 }
 
 } // namespace

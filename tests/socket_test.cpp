@@ -305,9 +305,10 @@ TEST(Pasv, AddressesAndPortsOfReplies) {
         Peer peer;
         peer.Send(std::string(row.reply) + "\r\n");
         Capture capture;
-        EXPECT_EQ(SendCommand(&peer.control, "PASV"), -1);
+        EXPECT_EQ(peer.Retrieve(), -1);
         EXPECT_EQ(capture.Take(), std::string("vondral[socket.cpp]: ") + row.messages +
-                                      "\nvondral[socket.cpp]: can't connect data port\n");
+                                      "\nvondral[socket.cpp]: can't connect data port\n"
+                                      "vondral[socket.cpp]: PASV command failed\n");
     }
 }
 

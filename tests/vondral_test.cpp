@@ -293,6 +293,13 @@ TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
             << row.file;
     }
     EXPECT_EQ(MatchPathFile("/a", nullptr, nullptr, WildCards::Match), 1);
+    WriteFile(temp / "paths", "/a\n\n/b");
+    const Stream lines(std::fopen((temp / "paths").c_str(), "r"));
+    for (const char* const expected : {"/a", "\n", "/b"}) {
+        std::string line;
+        EXPECT_TRUE(ReadPathLine(line, lines.get()));
+        EXPECT_EQ(line, expected);
+    }
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     const Stream pipe(::fdopen(ends[0], "r"));

@@ -35,6 +35,10 @@ private:
     int value_ = -1;
 };
 
+// Opens /dev/null, with these flags of open(), for each standard descriptor that the caller left closed, so that no other
+// file becomes one; with O_RDONLY a write there still fails. Returns false when /dev/null cannot be opened.
+bool ReserveStandardDescriptors(int flags);
+
 // Owns anonymous private pages, readable and writable, zeroed when mapped. Their address suits direct I/O.
 class Mapping {
 public:

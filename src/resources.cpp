@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -33,6 +34,13 @@ bool Mapping::Map(std::size_t size) {
 Mapping::~Mapping() {
     if (data_ != nullptr)
         ::munmap(data_, size_);
+}
+
+bool ReserveStandardDescriptors(int flags) {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
+        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", flags) < 0)
+            return false;
+    return true;
 }
 
 namespace {

@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "messages.h"
+#include "resources.h"
 
 namespace ctar {
 
@@ -31,15 +32,6 @@ constexpr Command Commands[] = {
     {"salvage", "build a sound archive from a damaged one", DeclareSalvage},
     {"export", "write the save files as a tar archive", DeclareExport},
 };
-
-// Opens closed standard descriptors read-only, so that no archive gets their number and writes to them fail.
-void KeepStandardDescriptors() {
-    int descriptor;
-    do
-        descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-    ::close(descriptor);
-}
 
 int Run(int argc, char** argv) {
     CLI::App app("Looks after CTAR archives without a server. See ctar(1).", "ctar");
@@ -68,7 +60,8 @@ int Run(int argc, char** argv) {
 } // namespace ctar
 
 int main(int argc, char** argv) {
-    ctar::KeepStandardDescriptors();
+    if (!ReserveStandardDescriptors(O_RDONLY | O_CLOEXEC))
+        return ctar::ExitError;
     // A reader that is gone and a file that is too large become failed writes.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);

@@ -15,6 +15,7 @@
 #include "ctar/messages.h"
 #include "failure.h"
 #include "records.h"
+#include "resources.h"
 #include "subcommands.h"
 
 namespace nightly {
@@ -41,15 +42,6 @@ constexpr Subcommand Subcommands[] = {
     {"reindex", "make the history anew", DeclareReindex},
     {"config", "show the effective configuration", DeclareConfig},
 };
-
-// Opens closed standard descriptors, so that no file of a night gets their number.
-void KeepStandardDescriptors() {
-    int descriptor;
-    do
-        descriptor = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-    ::close(descriptor);
-}
 
 // Before the subcommand or after it.
 void AddConfigDirectory(CLI::App& command, std::string& configs) {
@@ -88,7 +80,8 @@ int Main(int argc, char** argv) {
 } // namespace nightly
 
 int main(int argc, char** argv) {
-    nightly::KeepStandardDescriptors();
+    if (!ReserveStandardDescriptors(O_RDWR | O_CLOEXEC))
+        return nightly::Trouble;
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the exit statuses of children away

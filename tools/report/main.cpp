@@ -64,13 +64,6 @@ struct Report {
     }
 };
 
-// Without this, the next file opened would become a standard descriptor that the caller left closed.
-void ReserveStandardDescriptors() {
-    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
-        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) < 0)
-            std::exit(Trouble);
-}
-
 // If the report ended before the run, the run would die of a closed pipe. So while a run writes the log, signals that
 // end a job, or come from the terminal, are left to the run.
 class SignalsIgnored {
@@ -305,7 +298,8 @@ int MakeReport(const Options& options) {
 } // namespace
 
 int Main(int argc, char** argv) {
-    ReserveStandardDescriptors();
+    if (!ReserveStandardDescriptors(O_RDWR))
+        return Trouble;
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN); // a file size limit is reported like a full disk
     Options options;

@@ -16,6 +16,7 @@
 #include "output_file.h"
 #include "relay.h"
 #include "report.h"
+#include "resources.h"
 #include "sockets.h"
 #include "text.h"
 
@@ -112,15 +113,9 @@ int RunRelay(const Options& options) {
     return status;
 }
 
-// Otherwise a connection could become a standard descriptor that the caller left closed.
-void ReserveStandardDescriptors() {
-    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
-        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) < 0)
-            std::exit(Trouble);
-}
-
 int Main(int argc, char** argv) {
-    ReserveStandardDescriptors();
+    if (!ReserveStandardDescriptors(O_RDWR))
+        return Trouble;
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the exit status of the command away
     Options options;

@@ -536,6 +536,15 @@ TEST(Nights, AnEmptyFailedNightReplacesNoBetterOne) {
     site.site.options.locked.clear();
     EXPECT_TRUE(site.Run().IsGood());
     EXPECT_FALSE(site.HasArchive(useful));
+    // It may have what no later night has.
+    WriteFile(site.site.root / "home/brief", "x");
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    const Night only = site.Run();
+    EXPECT_FALSE(only.complete);
+    fs::remove(site.site.root / "home/brief");
+    site.site.options.locked.clear();
+    EXPECT_TRUE(site.Run().IsGood());
+    EXPECT_TRUE(site.HasArchive(only));
 }
 
 TEST(Nights, RetrySavesWhatWasMissed) {

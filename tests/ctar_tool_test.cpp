@@ -262,6 +262,7 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
          differs + "name, mode, user, group, modification time, type, third piece of the name, first fixed number, "
                    "second fixed number, copy of the size, third fixed number, fourth fixed number, fifth piece of "
                    "the name, second piece of the name, fourth piece of the name, bytes outside the fields\n"},
+        {Rechecked(With(header, 108, "7")) + junk + zeros, differs + "user\n"},
         {With(header, 148, " ") + junk + zeros, differs + "form of the checksum\n"}};
     for (const auto& [archive, finding] : findings)
         Check({{archive, "verify x.ctar", 1, finding}});

@@ -250,6 +250,29 @@ TEST(Relay, TellsOnceWhatAcceptingCosts) {
     EXPECT_EQ(site.relay->Log().find('\n'), site.relay->Log().size() - 1);
 }
 
+TEST(ControlFilter, KnowsWhereRepliesEnd) {
+    struct Line {
+        const char* text;
+        bool ends_reply;
+        char kind;
+    };
+    tls::ReplyTracker tracker;
+    for (const Line& line : {Line{"250-first\r\n", false, '2'},
+                             {" 250 within\r\n", false, '2'},
+                             {"550-also within\r\n", false, '2'},
+                             {"250-still\r\n", false, '2'},
+                             {"250 last\r\n", true, '2'},
+                             {"150-coming\r\n", false, '1'},
+                             {"150\r\n", true, '1'},
+                             {"no reply-\r\n", true, 'n'},
+                             {"\r\n", true, '\r'},
+                             {"426 cut\r\n", true, '4'}}) {
+        const tls::ReplyTracker::Line tracked = tracker.Track(line.text);
+        EXPECT_EQ(tracked.ends_reply, line.ends_reply) << line.text;
+        EXPECT_EQ(tracked.kind, line.kind) << line.text;
+    }
+}
+
 // A client that types its commands.
 class Typist {
 public:

@@ -31,7 +31,7 @@ void ReadAhead::Begin(int descriptor, std::int64_t from, std::int64_t to) {
 // Ends with a piece that is not full: short, empty after a failure, or empty at the end of the stretch.
 void ReadAhead::Fill(std::int64_t from, std::int64_t to) noexcept {
     for (std::uint32_t number = 0;; ++number) {
-        for (std::uint32_t drained; number - (drained = drained_) >= Depth;)
+        for (std::uint32_t drained; !stopped_ && number - (drained = drained_) >= Depth;)
             drained_.wait(drained);
         if (stopped_)
             return;
@@ -73,7 +73,7 @@ void ReadAhead::End() {
     if (!IsActive())
         return;
     stopped_ = true;
-    drained_ += Depth;
+    ++drained_; // another value, for a reader that waits
     drained_.notify_one();
     reader_.join();
     reader_ = std::thread();

@@ -88,6 +88,25 @@ TEST(ArchiveReader, DeliversTheDataAndConsumesThePadding) {
     }
 }
 
+// A restore that fails leaves an entry at any point; the thread may be waiting for room, or still reading.
+TEST(ReadAhead, EndsWheneverItsReaderDoes) {
+    constexpr std::size_t size = 6 << 20;
+    const TempDir temp;
+    WriteFile(temp / "file", std::string(size, 'x'));
+    const Descriptor file(::open((temp / "file").c_str(), O_RDONLY));
+    std::vector<char> buffer(TransferCapacity);
+    ReadAhead ahead;
+    for (const int deliveries : {0, 1, 16, 17, 40, 96}) {
+        ahead.Begin(file.Get(), 0, size);
+        for (int i = 0; i < deliveries; ++i)
+            ASSERT_EQ(ahead.Deliver(buffer.data(), buffer.size()), buffer.size());
+        if (deliveries % 2 == 0)
+            ::usleep(2000);
+        ahead.End();
+        EXPECT_FALSE(ahead.IsActive());
+    }
+}
+
 TEST(ArchiveReader, FailedReadsAreReported) {
     RestoredArchive archive{{}, "the archive"};
     EXPECT_TRUE(archive.reader.Open("/")); // a directory opens, and cannot be read

@@ -264,7 +264,8 @@ class Bench:
         os.makedirs(f"{self.work}/copies", exist_ok=True)
         server = self.serve()
         common = ["-i", include, "-e", self.no_system, "-m", "0", "-p", "no", "-b", f"{self.work}/archive"]
-        medians, _ = self.compare(f"Backup of {count} objects of 1 to 64 KiB (curl only fetches the files, nothing is saved for it)", {
+        title = f"Backup of {count} objects of 1 to 64 KiB (curl only fetches the files, nothing is saved for it)"
+        medians, _ = self.compare(title, {
             "vondral -x no": self.vondral(*common, "-x", "no"),
             "vondral -x yes": self.vondral(*common, "-x", "yes"),
             "floor, the same commands": self.floor("save", paths, f"{self.work}/copy"),
@@ -272,8 +273,8 @@ class Bench:
         })
         floor = medians["floor, the same commands", "wall"]
         self.targets.add("small objects in one session: wall time, of the floor's", floor, 1.05)
-        self.targets.add("small objects, --threading: wall time, of the floor's", floor / medians["vondral -x yes", "wall"],
-                         0.55)
+        threaded = floor / medians["vondral -x yes", "wall"]
+        self.targets.add("small objects, --threading: wall time, of the floor's", threaded, 0.55)
         self.stop(server)
         for folder in ("root/home/small", "root/QSYS.LIB", "copies"):
             shutil.rmtree(f"{self.work}/{folder}")
@@ -295,10 +296,12 @@ class Bench:
             peak = self.row(f"{count} entries in one directory", f"d{count}", count, self.no_system, base)
         name = len("object0000000.txt")
         self.targets.add("listing: bytes an entry, its name left out", (peak - base) * MIB / counts[-1] - name, 120)
-        self.row(f"a tree of {10000 // self.scale} directories", "tree", 10000 // self.scale * 3, self.no_system, base)
+        directories = 10000 // self.scale
+        self.row(f"a tree of {directories} directories", "tree", directories * 3, self.no_system, base)
         middle = counts[1]
         for lines in (1, 10, 100):
-            text = "/Security Data\n/System Configuration\n" + "".join(f"/home/other{n}/x*\n" for n in range(lines - 2))
+            others = "".join(f"/home/other{n}/x*\n" for n in range(lines - 2))
+            text = f"/Security Data\n/System Configuration\n{others}"
             exclude = self.file(f"exclude{lines}", text if lines > 1 else "/Security Data\n")
             self.row(f"{middle} entries, {lines} exclude lines", f"d{middle}", middle, exclude, base)
         self.row(f"{middle} entries, --date", f"d{middle}", middle, self.no_system, base, "-d", "1")

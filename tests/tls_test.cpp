@@ -2,6 +2,7 @@
 // connections that end as they should not.
 
 #include <array>
+#include <list>
 #include <utility>
 
 #include <netinet/tcp.h>
@@ -276,11 +277,14 @@ TEST(ControlFilter, KnowsWhereRepliesEnd) {
 // A client that types its commands.
 class Typist {
 public:
-    explicit Typist(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit Typist(std::uint16_t port, std::uint32_t from = INADDR_LOOPBACK)
+        : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
         constexpr timeval patience{10, 0};
         ::setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         sockaddr_in address{};
         address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(from);
+        ::bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         ::connect(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
@@ -395,13 +399,17 @@ TEST(Relay, MovesNoDataWhenSomebodyElseHasConnected) {
     site.options.root = site.root.path;
     site.server = std::make_unique<rehearsal::Server>(site.options);
     const TestRelay relay({}, site.server->Port());
-    Typist typist(relay.Port());
-    const std::uint16_t port = LogInAndPass(typist);
-    Typist thief(port);
-    Typist data(port);
-    EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("425 vondral-tls: somebody else"));
-    EXPECT_EQ(thief.Listen(), "<end>");
-    EXPECT_EQ(data.Listen(), "<end>");
+    for (const std::uint32_t address : {INADDR_LOOPBACK, INADDR_LOOPBACK + 1}) {
+        Typist typist(relay.Port());
+        const std::uint16_t port = LogInAndPass(typist);
+        std::list<Typist> strangers;
+        for (int i = 0; i < 10; ++i)
+            strangers.emplace_back(port, address);
+        Typist data(port);
+        EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("425 vondral-tls: somebody else"));
+        EXPECT_EQ(strangers.front().Listen(), "<end>");
+        EXPECT_EQ(data.Listen(), "<end>");
+    }
 }
 
 // The program itself.

@@ -113,7 +113,7 @@ std::string CloseServer(TlsStream& stream, const Wait& wait) {
 } // namespace
 
 void DataChannel::ResetOnClose() {
-    if (stream_ != nullptr)
+    if (stream_ != nullptr && !uploaded_)
         stream_->ResetOnClose();
 }
 
@@ -184,6 +184,7 @@ DataEnd DataChannel::Upload(int client, const Wait& wait) {
             break;
         bytes_ += static_cast<std::uint64_t>(std::max<ssize_t>(count, 0));
     }
+    uploaded_ = true;
     SetResetOnClose(client, false);
     return {.cut = "", .without_close_notify = false, .bytes = bytes_};
 }

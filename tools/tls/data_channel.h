@@ -25,7 +25,7 @@ public:
 
     // Runs the handshake, resuming `session` unless that is null. Throws RelayError.
     void Protect(const TlsContext& context, SSL_SESSION* session, const Wait& wait);
-    // Makes the server see a broken transfer when the channel is destroyed before its end.
+    // Makes the server see a broken transfer when the channel is destroyed; not once an upload is whole.
     void ResetOnClose();
     // Requires: Protect has returned.
     const TlsStream& Stream() const { return *stream_; }
@@ -43,6 +43,7 @@ private:
     Descriptor socket_; // until Protect
     std::unique_ptr<TlsStream> stream_;
     std::uint64_t bytes_ = 0;
+    bool uploaded_ = false; // the server was told where the data end
 };
 
 } // namespace tls

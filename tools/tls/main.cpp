@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -45,16 +46,18 @@ public:
     bool IsDue(const CertificateFacts& certificate, std::time_t now) { // any thread may call it
         constexpr std::time_t day = 86400;
         const std::lock_guard lock(mutex_);
-        if (certificate.expires == expires_ && now >= told_ && now - told_ < day)
+        const std::string known = std::to_string(certificate.expires) + certificate.pin;
+        if (known == known_ && now >= told_ && now - told_ < day)
             return false;
-        expires_ = certificate.expires;
+        known_ = known;
         told_ = now;
         return true;
     }
 
 private:
     std::mutex mutex_;
-    std::time_t told_ = 0, expires_ = 0;
+    std::time_t told_ = 0;
+    std::string known_; // expiry and pin of the one reported last
 };
 
 int Check(const Options& options) {

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "control_filter.h"
 #include "data_channel.h"
@@ -77,7 +78,7 @@ private:
     void CollectFinalReply();
     void FinishTransfer(const DataEnd& end, bool upload);
     bool ListenForData();
-    std::string AcceptData();
+    std::vector<Descriptor> AcceptData();
     SSL_SESSION* SessionToResume() const;
 
     RelayState& relay_;

@@ -1,4 +1,4 @@
-// Facts about sockets, and their way of closing. For any thread.
+// Socket helpers: addresses, and reset on close. For any thread.
 
 #pragma once
 

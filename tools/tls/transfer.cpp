@@ -32,29 +32,29 @@ bool Session::ListenForData() {
     address.sin_port = 0;
     Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener.Get(), 1) != 0)
+        ::listen(listener.Get(), SOMAXCONN) != 0)
         return false;
     listener_ = std::move(listener);
     return true;
 }
 
-// Accepts the client's data connection, which is there by the time of its transfer command. Anybody on this machine can
-// connect to that port; a single connection is the client's, and of two nobody knows which is. Returns what is wrong.
-std::string Session::AcceptData() {
+// Accepts the client's data connection, which should be there by the time of its transfer command. Anybody on this
+// machine can connect to that port: a single connection is the client's, and of several nobody knows which is. Returns
+// all that have come, none after ten seconds.
+std::vector<Descriptor> Session::AcceptData() {
+    using std::chrono::milliseconds;
     using std::chrono::steady_clock;
     const auto deadline = steady_clock::now() + ConnectPatience;
     pollfd entry{listener_.Get(), POLLIN, 0};
-    while (entry.revents == 0 && steady_clock::now() < deadline)
-        Await({&entry, 1}, std::chrono::milliseconds(ConnectPatience).count());
+    for (milliseconds left = ConnectPatience; entry.revents == 0 && left > milliseconds(0);
+         left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now()))
+        Await({&entry, 1}, static_cast<int>(left.count()));
+    std::vector<Descriptor> accepted;
     for (;;) {
-        Descriptor accepted(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!accepted.IsOpen())
-            return data_client_.IsOpen() ? "" : "no data connection before the transfer command";
-        if (PeerAddress(accepted).sin_addr.s_addr != PeerAddress(client_).sin_addr.s_addr)
-            continue;
-        if (data_client_.IsOpen())
-            return "somebody else has connected to the data port";
-        data_client_ = std::move(accepted);
+        Descriptor next(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!next.IsOpen())
+            return accepted;
+        accepted.push_back(std::move(next));
     }
 }
 
@@ -163,6 +163,8 @@ DataEnd Session::MoveData(bool upload) {
 void Session::RefuseTransfer(const std::string& reply) {
     SendClient(reply);
     data_.reset();
+    if (!data_client_.IsOpen())
+        return;
     SetResetOnClose(data_client_.Get(), false);
     ::shutdown(data_client_.Get(), SHUT_WR);
     std::array<char, 65536> ignored{};
@@ -176,11 +178,14 @@ void Session::RefuseTransfer(const std::string& reply) {
 void Session::TransferData(const std::string& line, bool upload) {
     if (data_ == nullptr)
         return SendClient("425 vondral-tls: PASV first.\r\n");
-    if (const std::string trouble = AcceptData(); !trouble.empty()) {
+    std::vector<Descriptor> accepted = AcceptData();
+    if (!accepted.empty())
+        data_client_ = std::move(accepted.front());
+    if (accepted.size() != 1) {
+        const char* const trouble =
+            accepted.empty() ? "no data connection has come" : "somebody else has connected to the data port";
         Log(trouble);
-        data_.reset();
-        data_client_.Reset();
-        return SendClient("425 vondral-tls: " + trouble + ".\r\n");
+        return RefuseTransfer(FormatText("425 vondral-tls: %s.\r\n", trouble));
     }
     held_.clear();
     final_ = 0;

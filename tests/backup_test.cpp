@@ -18,6 +18,9 @@ using testing::AllOf, testing::EndsWith, testing::StartsWith;
 // The object tree
 
 TEST(Tree, KindsOfPaths) {
+    std::string path(PathCapacity - 3, 'x');
+    AppendToPath(path, "/name");
+    EXPECT_EQ(path.size(), PathCapacity - 1);
     struct Row {
         const char* path;
         ObjectKind kind;
@@ -69,9 +72,6 @@ TEST(Tree, RollsUpAdoptsAndDumps) {
 
 TEST(Tree, AMillionSiblingsNeitherOverflowNorWeighMuch) {
     EXPECT_LE(sizeof(ObjectNode), 136U); // with the allocator's share below 160 bytes
-    std::string path(PathCapacity - 3, 'x');
-    AppendToPath(path, "/name");
-    EXPECT_EQ(path.size(), PathCapacity - 1);
     EXPECT_LE(sizeof(ObjectFile), 136U);
     const ObjectTree root = NewDirectoryNode(nullptr, "", 0, 0, {});
     for (int i = 0; i < 1000000; ++i) {

@@ -761,7 +761,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{{"plan", "office", "-i", what}, 0, "*** WARNING: security data and configuration are part"},
              Row{{"plan", "office", first.Name()}, 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
              Row{{"plan", "office", "2026-01-01T000000Z"}, 3, "no such night"},
-             Row{{"prune", "office", "--dry-run", "--json"}, 0, "it has the newest good copy of 1 object, such as "},
+             Row{{"prune", "office", "--dry-run", "--json"}, 0, "it has the newest copy of 1 object, such as "},
              Row{{"history", "office", "--html", page}, 0, ""},
              Row{{"restore", "office"}, 2, "nothing is restored without --yes"},
              Row{{"run", "office", "--dry-run"}, 0, "a full night: every night is full"},

@@ -287,6 +287,7 @@ TEST(Report, KnownLossAndJudgement) {
         EXPECT_EQ(gauges.find("\nvondral_last_good_run_end_time_seconds 1234\n") != gauges.npos, is_good) << summary;
         EXPECT_EQ(gauges.find("\nvondral_run_files_missing 92\n") != gauges.npos, loss && loss->Missing() > 0);
         EXPECT_EQ(page.find(">92 (56.1 %)</b>files missing<") != page.npos, loss && loss->Missing() > 0) << page;
+        EXPECT_EQ(page.find("pill terminated\">good with gaps") != page.npos, judgement && judgement->has_gaps);
         EXPECT_THAT(
             page, HasSubstr("<title>Backup of as400: " + summary.substr(0, summary.find(':')) + ", n1, archive.ctar<"));
         EXPECT_EQ(page.find("files failed, at least") == page.npos, loss.has_value() || &log == &good);

@@ -239,6 +239,8 @@ void RefuseContradictions(const Config& config, const toml::table& table) {
         refuse("drill", "drill: library and as must be libraries, such as \"/QSYS.LIB/TESTLIB.LIB\"");
     if (config.drill && !config.drill->pin.empty() && !config.tls)
         refuse("drill", "drill: pin needs the key tls");
+    if (config.drill && !config.drill->pin.empty() && config.drill->server == config.server)
+        refuse("drill", "drill: pin is for another server than the one that is saved, whose pin is in tls");
     if (!IsTimeZone(config.timezone))
         refuse("timezone", "timezone must be the name of a zone, such as \"Europe/Berlin\"");
     if (!config.passphrase.starts_with("file:/") && !config.passphrase.starts_with("credential:"))

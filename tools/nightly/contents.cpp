@@ -101,13 +101,11 @@ std::string SumsText(const ArchiveContents& contents) {
     return text;
 }
 
-std::vector<EntryFacts> ReadSums(const std::string& path) {
-    std::vector<EntryFacts> entries;
+void ReadSums(const std::string& path, std::vector<EntryFacts>& entries) {
     for (ctar::SumsFile file(path); file.Current(); file.Advance()) {
         const ctar::SumLine& line = *file.Current();
         entries.push_back({std::string(CutNameSuffix(line.name)), line.name, line.offset, line.size, line.digest});
     }
-    return entries;
 }
 
 } // namespace nightly

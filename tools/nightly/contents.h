@@ -31,7 +31,8 @@ ArchiveContents ReadArchive(const std::string& path, Digests digests);
 
 // Lines as `ctar sum` writes them. Requires: the contents have digests.
 std::string SumsText(const ArchiveContents& contents);
-// The entries that a file of such lines names. Throws Failure at a line that is malformed or out of order.
-std::vector<EntryFacts> ReadSums(const std::string& path);
+// Appends the entries that a file of such lines names. Throws Failure when it cannot be read, or at a line that is
+// malformed or out of order; the entries before that are there.
+void ReadSums(const std::string& path, std::vector<EntryFacts>& entries);
 
 } // namespace nightly

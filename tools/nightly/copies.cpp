@@ -87,8 +87,9 @@ struct Search {
     const KeepRules& rules;
     std::time_t now;
     std::vector<CopyCount> counts;
-    std::unordered_set<std::uint64_t> whole; // objects with a copy saved in full, and directories above objects
-    std::unordered_set<std::uint64_t> any;   // objects with another copy
+    std::unordered_set<std::uint64_t> whole;   // objects with a copy saved in full
+    std::unordered_set<std::uint64_t> any;     // objects with another copy
+    std::unordered_set<std::uint64_t> parents; // directories above objects
     // Objects whose newest copy is in a night of long ago, and that night.
     std::unordered_multimap<std::string, std::size_t> doubtful;
     NightClock clock;
@@ -107,12 +108,12 @@ struct Search {
     bool Counts(std::size_t night) const { return !nights[night].foreign && nights[night].moment <= now; }
 };
 
-// The directories above a path: one that is an entry of a failed night is no object of its own where good nights have
-// what is in it.
+// The directories above a path: one that is an entry of a failed night is no object of its own where a night has what
+// is in it.
 void LearnParents(Search& search, std::string_view path) {
     for (std::size_t slash = path.rfind('/'); slash != path.npos && slash > 0; slash = path.rfind('/')) {
         path = path.substr(0, slash);
-        if (!search.whole.insert(HashOf(path)).second)
+        if (!search.parents.insert(HashOf(path)).second)
             return;
     }
 }
@@ -125,9 +126,11 @@ void FindCopies(Search& search, std::size_t night, const Contained& contained) {
     for (const std::string& path : contained.whole)
         if (search.whole.insert(HashOf(path)).second)
             search.Found(night, path);
-    for (const std::string& path : contained.partial)
-        if (!search.whole.contains(HashOf(path)) && search.any.insert(HashOf(path)).second)
+    for (const std::string& path : contained.partial) {
+        const std::uint64_t hash = HashOf(path);
+        if (!search.whole.contains(hash) && !search.parents.contains(hash) && search.any.insert(hash).second)
             search.Found(night, path);
+    }
 }
 
 // Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
@@ -171,7 +174,7 @@ std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const
     std::vector<std::time_t> moments;
     for (const Night& night : nights)
         moments.push_back(night.moment);
-    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, NightClock(now, moments)};
+    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, NightClock(now, moments)};
     for (const std::size_t i : LatestFirst(nights))
         if (nights[i].has_archive && search.Counts(i))
             FindCopies(search, i, ReadContained(nights[i]));

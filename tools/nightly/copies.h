@@ -1,4 +1,4 @@
-// Which night has the newest good copy of which object, read from the catalogs and archives themselves.
+// Which night has the newest copy of which object, read from the catalogs and archives themselves.
 
 #pragma once
 
@@ -24,11 +24,10 @@ struct CopyCount {
     std::string example; // one of them
 };
 
-// For each night, how many objects have their newest good copy in it and are not forgotten. An object is a path of a
-// catalog that an archive contains. A copy is good in a night that counts as a backup and saved the object in full. A
-// copy that is newer than that counts, too, in whatever night: nobody knows that it is not whole. An object is
-// forgotten when no night of the last `forget_after` has seen it on the server. Nights in the future and foreign ones
-// count for nothing.
+// For each night, how many objects have their newest copy in it and are not forgotten. An object is a path of a catalog
+// that an archive contains. A night that counts as a backup and saved the object in full has a good copy; the newest of
+// these counts, and so does a newer copy in any other night, which may be whole. An object is forgotten when no night
+// of the last `forget_after` has seen it on the server. Nights in the future and foreign ones count for nothing.
 //
 // Reads the catalogs of the nights that have archives; those of the others only for objects about to be forgotten.
 // Throws Failure when one of them cannot be read.

@@ -37,9 +37,11 @@ NightContents ReadContents(const Night& night) {
     NightContents contents;
     for (std::string& path : CatalogPaths(night.path))
         contents.paths.insert(std::move(path));
+    std::vector<EntryFacts> entries;
     for (const std::string& archive : night.record->archives)
-        for (EntryFacts& entry : ReadSums(night.File(SumsFileOf(archive))))
-            contents.entries[entry.path] = std::move(entry);
+        ReadSums(night.File(SumsFileOf(archive)), entries);
+    for (EntryFacts& entry : entries)
+        contents.entries[entry.path] = std::move(entry);
     return contents;
 }
 

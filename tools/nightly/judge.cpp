@@ -77,11 +77,15 @@ bool IsPartialRetry(const std::string& directory, int retry) {
     return retry > 0 && Exists(IncludeFileOf(directory, retry));
 }
 
-std::string WholeLogOf(const Night& night) {
+int WholeAttemptOf(const Night& night) {
     int retry = night.record->retries;
     while (IsPartialRetry(night.path, retry))
         --retry;
-    return night.File(AttemptFile(NightFiles::Log, retry));
+    return retry;
+}
+
+std::string WholeLogOf(const Night& night) {
+    return night.File(AttemptFile(NightFiles::Log, WholeAttemptOf(night)));
 }
 
 namespace {

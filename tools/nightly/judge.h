@@ -60,7 +60,8 @@ std::vector<MissedLine> ReadMissed(const std::string& path); // none when there 
 
 // Whether a retry saved only what had been missed, rather than everything.
 bool IsPartialRetry(const std::string& directory, int retry);
-// The log of the last attempt at the whole night: what followed saved only what was missed. Requires: a record.
+// The last attempt at the whole night, and its log; what followed saved only what was missed. Require: a record.
+int WholeAttemptOf(const Night& night);
 std::string WholeLogOf(const Night& night);
 std::string IncludeFileOf(const std::string& directory, int retry);
 

@@ -26,7 +26,7 @@ report::RunContext ContextOf(const Config& config, const Night& night) {
     const NightRecord& record = *night.record;
     report::RunContext context;
     context.server = config.server;
-    context.archive = NightFiles::Archive;
+    context.archive = AttemptFile(NightFiles::Archive, WholeAttemptOf(night));
     context.night = night.Name();
     const std::uint64_t attempted = std::max({record.attempted, record.objects, record.missing});
     context.loss = report::TrueLoss{attempted, attempted - record.missing, static_cast<double>(record.bytes)};
@@ -34,8 +34,8 @@ report::RunContext ContextOf(const Config& config, const Night& night) {
                                           record.verdict == Verdict::GoodWithGaps, record.reasons};
     if (record.retries > 0)
         context.judgement->reasons.push_back(
-            FormatText("The verdict counts %d further attempt%s; what follows is about the last one that saved all.",
-                       record.retries, record.retries == 1 ? "" : "s"));
+            FormatText("The night took %d attempts; what follows is about the last one at the whole night (%s).",
+                       record.retries + 1, AttemptFile(NightFiles::Log, WholeAttemptOf(night)).c_str()));
     return context;
 }
 

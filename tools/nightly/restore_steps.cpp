@@ -173,6 +173,7 @@ RestoreOutcome RunRestore(const Config& config, const RestoreRun& run) {
         };
     outcome.status = RunCommand(command);
     follower.Finish();
+    std::fflush(stdout);
     return outcome;
 }
 

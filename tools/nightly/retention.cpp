@@ -37,9 +37,9 @@ void KeepSpecial(Retention& run) {
         if (run.IsFuture(i))
             run.Keep(i, "its name lies in the future; check the clock");
         if (night.newest_copies > 0)
-            run.Keep(i, FormatText("it has the newest good copy of %llu object%s, such as %s",
-                                   Printable(night.newest_copies), night.newest_copies == 1 ? "" : "s",
-                                   MaskControls(night.example).c_str()));
+            run.Keep(i,
+                     FormatText("it has the newest copy of %llu object%s, such as %s", Printable(night.newest_copies),
+                                night.newest_copies == 1 ? "" : "s", MaskControls(night.example).c_str()));
     }
 }
 

@@ -27,7 +27,7 @@ struct RetainedNight {
     std::optional<std::time_t> base{}; // the night that it builds on
     CalendarUnits units{};             // of its moment, in the server's time zone
     std::uint64_t objects = 0;         // that a failed night saved, to compare it with others
-    std::uint64_t newest_copies = 0;   // objects whose newest good copy it has, forgotten ones left out
+    std::uint64_t newest_copies = 0;   // objects of which it has the newest copy, see copies.h
     std::string example{};             // one of these
 };
 

@@ -1,7 +1,7 @@
 """Paired runs of the program and of what it is compared with: prints tables of medians and ratios.
 
 Usage: compare.py BUILD [--against BUILD] [--rounds N] [--scale N] [--only PART] [-- SERVER-PREFIX...]; --scale divides
-every size, for a quick look; --against adds the programs of another build to the tables.
+every size, for a quick look; --against adds the programs of another build to the tables of transfers.
 """
 import argparse
 import json
@@ -362,7 +362,7 @@ def main():
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--scale", type=int, default=1)
-    parser.add_argument("--against", metavar="BUILD", help="another build, whose programs are measured beside these")
+    parser.add_argument("--against", metavar="BUILD", help="another build, whose transfers are measured beside these")
     parser.add_argument("--only", choices=["backup", "restore", "tls", "small", "listing", "steps", "nights"],
                         help="one part of the tables")
     words = sys.argv[1:]
@@ -378,6 +378,8 @@ def main():
                 if options.only in (None, part.__name__):
                     part()
             bench.targets.print()
+            if options.scale != 1:
+                print("\nThe targets are meant for --scale 1.")
         finally:
             for server in bench.servers:
                 server.kill()

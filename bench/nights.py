@@ -44,9 +44,9 @@ def make_nights(directory, nights, paths):
         with open(os.path.join(night, "archive.sum"), "w") as file:
             file.write(f"{digest} 0 1000 /home.savf\n")
         record = {"name": "bench", "server": "bench", "sequence": number + 1, "level": "full", "verdict": "good",
-                  "reasons": [], "started": moment, "ended": moment + 3600, "exit_status": 0, "retries": 0, "attempted": lines,
-                  "objects": lines, "missing": 0, "newly_missing": 0, "bytes": 1000, "archives": ["archive.ctar"],
-                  "archive_bytes": [0], "catalog_is_covered": True}
+                  "reasons": [], "started": moment, "ended": moment + 3600, "exit_status": 0, "retries": 0,
+                  "attempted": lines, "objects": lines, "missing": 0, "newly_missing": 0, "bytes": 1000,
+                  "archives": ["archive.ctar"], "archive_bytes": [0], "catalog_is_covered": True}
         with open(os.path.join(night, "run.json"), "w") as file:
             json.dump(record, file)
         open(os.path.join(night, "archive.ctar"), "w").close()

@@ -577,7 +577,11 @@ TEST(Nights, RetrySavesWhatWasMissed) {
             site.site.options.password = "secret";
         return back_up(request);
     };
-    EXPECT_TRUE(RunNight(world, site.config, {}).IsGood());
+    const Night second = RunNight(world, site.config, {});
+    EXPECT_TRUE(second.IsGood());
+    EXPECT_THAT(ReadFile(second.File(NightFiles::Page)),
+                AllOf(HasSubstr("retry1.ctar"), HasSubstr("the last one at the whole night (retry1.log)"),
+                      HasSubstr(">good</span>"), Not(HasSubstr("login failed"))));
 }
 
 // A changed night by itself would never save what its base missed.

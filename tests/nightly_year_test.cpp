@@ -591,7 +591,7 @@ TEST(Retention, KeepsNoMoreThanTheRules) {
 
 // Old by the clock is not enough: as many nights must have been.
 TEST(Retention, LetsNothingGrowOldByAClockThatJumps) {
-    std::vector<std::time_t> moments;
+    std::vector<std::time_t> moments; // in the order in which the nights ran
     for (int i = 0; i < 30; ++i)
         moments.push_back(Now + i * Day);
     const NightClock soon(Now + 29 * Day, moments), jumped(Now + 4000 * Day, moments);
@@ -600,6 +600,10 @@ TEST(Retention, LetsNothingGrowOldByAClockThatJumps) {
     EXPECT_TRUE(jumped.IsLongAgo(Now, 36 * Day - 1));
     EXPECT_FALSE(jumped.IsLongAgo(Now, 36 * Day));
     EXPECT_FALSE(NightClock(Now + 5 * Day, moments).IsLongAgo(Now, 10 * Day));
+    // A night that ran under a clock far behind has no more nights after it than ran after it.
+    const NightClock behind(Now + 3 * Day, {Now, Now + Day, Now - 90 * Day, Now + 2 * Day});
+    EXPECT_TRUE(behind.IsLongAgo(Now - 90 * Day, 8 * Day - 1));
+    EXPECT_FALSE(behind.IsLongAgo(Now - 90 * Day, 8 * Day));
 }
 
 } // namespace

@@ -10,7 +10,6 @@
 #include "ctar/digest.h"
 #include "failure.h"
 #include "judge.h"
-#include "retention.h"
 
 namespace nightly {
 
@@ -78,6 +77,9 @@ Contained ReadContained(const Night& night) {
         paths = CoveredPaths(night.path, ArchivesOf(night));
     for (std::string& path : paths)
         (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
+    if (night.record->retries > 0) // one that died may have saved what its catalog does not name
+        for (std::string& path : CoveredPaths(night.path, ArchivesOf(night)))
+            contained.partial.push_back(std::move(path));
     return contained;
 }
 
@@ -170,11 +172,16 @@ std::vector<std::size_t> LatestFirst(const std::vector<Night>& nights) {
 
 } // namespace
 
-std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
+NightClock ClockOf(const std::vector<Night>& nights, std::time_t now) {
     std::vector<std::time_t> moments;
-    for (const Night& night : nights)
-        moments.push_back(night.moment);
-    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, NightClock(now, moments)};
+    for (const std::size_t i : LatestFirst(nights))
+        moments.push_back(nights[i].moment);
+    std::reverse(moments.begin(), moments.end());
+    return {now, moments};
+}
+
+std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
+    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, ClockOf(nights, now)};
     for (const std::size_t i : LatestFirst(nights))
         if (nights[i].has_archive && search.Counts(i))
             FindCopies(search, i, ReadContained(nights[i]));

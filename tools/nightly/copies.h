@@ -11,6 +11,7 @@
 
 #include "config.h"
 #include "night.h"
+#include "retention.h"
 
 namespace nightly {
 
@@ -18,6 +19,9 @@ namespace nightly {
 std::set<std::string> MissedPaths(const Night& night);
 // Whether the path is one of those, or below one.
 bool IsWithin(const std::set<std::string>& paths, std::string_view path);
+
+// Tells how long ago nights were, by the order in which they ran.
+NightClock ClockOf(const std::vector<Night>& nights, std::time_t now);
 
 struct CopyCount {
     std::uint64_t objects = 0;

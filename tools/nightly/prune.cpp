@@ -102,7 +102,7 @@ std::vector<PruneDecision> PlanPruning(const std::vector<Night>& nights, const C
     std::vector<PruneDecision> plan;
     for (std::size_t i = 0; i < nights.size(); ++i)
         plan.push_back({&nights[i], std::move(decisions[i])});
-    for (const std::size_t i : FindOldRecords(facts, config.keep, now))
+    for (const std::size_t i : FindOldRecords(facts, config.keep, now, ClockOf(nights, now)))
         plan[i].remove_records = true;
     return plan;
 }

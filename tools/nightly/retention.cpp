@@ -86,21 +86,19 @@ void KeepChains(Retention& run) {
 
 } // namespace
 
-NightClock::NightClock(std::time_t now, const std::vector<std::time_t>& moments)
-    : now_(now), moments_(moments), believed_(moments.size()) {
+NightClock::NightClock(std::time_t now, const std::vector<std::time_t>& moments) : now_(now) {
     constexpr std::int64_t most = std::int64_t{7} * 86400;
     std::int64_t sum = 0;
     std::time_t next = now;
     for (std::size_t i = moments.size(); i-- > 0; next = moments[i]) {
         sum += std::clamp<std::int64_t>(next - moments[i], 0, most);
-        believed_[i] = sum;
+        believed_[moments[i]] = sum;
     }
 }
 
 bool NightClock::IsLongAgo(std::time_t moment, std::int64_t span) const {
-    const auto found = std::lower_bound(moments_.begin(), moments_.end(), moment);
-    return found != moments_.end() && now_ - moment > span &&
-           believed_[static_cast<std::size_t>(found - moments_.begin())] > span;
+    const auto found = believed_.find(moment);
+    return found != believed_.end() && now_ - moment > span && found->second > span;
 }
 
 std::vector<Decision> DecideRetention(const std::vector<RetainedNight>& nights, const KeepRules& rules,
@@ -122,12 +120,8 @@ std::vector<Decision> DecideRetention(const std::vector<RetainedNight>& nights, 
 }
 
 std::vector<std::size_t> FindOldRecords(const std::vector<RetainedNight>& nights, const KeepRules& rules,
-                                        std::time_t now) {
+                                        std::time_t now, const NightClock& clock) {
     std::vector<std::size_t> old;
-    std::vector<std::time_t> moments;
-    for (const RetainedNight& night : nights)
-        moments.push_back(night.moment);
-    const NightClock clock(now, moments);
     for (std::size_t i = 0; i < nights.size(); ++i) {
         const RetainedNight& night = nights[i];
         if (!night.has_archive && !night.foreign && !night.tonight && clock.IsLongAgo(night.moment, rules.records) &&

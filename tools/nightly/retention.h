@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,7 +40,7 @@ struct Decision {
 // Tells how long ago a night was, by the clock and by the nights since: a clock that jumps forward makes nothing old.
 class NightClock {
 public:
-    // `moments` of all nights, ascending.
+    // `moments` of all nights, in the order in which they ran.
     NightClock(std::time_t now, const std::vector<std::time_t>& moments);
 
     // Whether a night is longer ago than `span` seconds: by the clock, and by the nights since, between any two of
@@ -48,8 +49,7 @@ public:
 
 private:
     std::time_t now_;
-    std::vector<std::time_t> moments_;
-    std::vector<std::int64_t> believed_; // seconds from each night to now
+    std::map<std::time_t, std::int64_t> believed_; // seconds from each night to now
 };
 
 // Decides for each night whether its archives stay. Requires: ascending moments.
@@ -58,6 +58,6 @@ std::vector<Decision> DecideRetention(const std::vector<RetainedNight>& nights, 
 
 // The nights without archives whose records go, too: indices.
 std::vector<std::size_t> FindOldRecords(const std::vector<RetainedNight>& nights, const KeepRules& rules,
-                                        std::time_t now);
+                                        std::time_t now, const NightClock& clock);
 
 } // namespace nightly

@@ -32,7 +32,7 @@ constexpr char RowStyle[] = R"(
 .chart { white-space: nowrap; } td:first-child { white-space: nowrap; } .slow { color: var(--warn); font-weight: 600; }
 .removed { opacity: .55; } td .pill { white-space: nowrap; } .pill.good { background: var(--good); }
 .pill.gaps, .pill.suspicious { background: var(--warn); } .pill.failed { color: var(--pill); } a { color: inherit; }
-.reason { font-size: 13px; color: var(--quiet); }
+.reason { font-size: 13px; color: var(--quiet); min-width: 135px; }
 @media (max-width: 640px) { main { padding: 16px 8px 40px; } section { padding: 12px; }
   table { min-width: 0; } thead { display: none; } tr { display: block; padding: 8px 0; border-bottom: 1px solid var(--line); }
   td { display: inline-block; border: 0; padding: 2px 12px 2px 0; } td.number::before { content: attr(data-label) " ";
@@ -57,7 +57,7 @@ std::vector<Row> BuildRows(const std::vector<Night>& nights) {
 
 // A bar as long as its share of the greatest value, and the value.
 std::string Chart(double value, double greatest, const char* colour, const std::string& text, bool marked) {
-    const double width = greatest > 0 ? 80 * value / greatest : 0; // pixels
+    const double width = greatest > 0 ? 50 * value / greatest : 0; // pixels
     return FormatText("<td class=\"chart\"><span class=\"bar %s\" style=\"width:%.0fpx\"></span>"
                       "<span class=\"%s\">%s</span></td>",
                       colour, std::max(width, 1.0), marked ? "slow" : "", text.c_str());

@@ -75,11 +75,10 @@ Contained ReadContained(const Night& night) {
     std::vector<std::string> paths = TrustedCatalog(night);
     if (!night.record->catalog_is_covered)
         paths = CoveredPaths(night.path, ArchivesOf(night));
+    else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
+        contained.partial = CoveredPaths(night.path, ArchivesOf(night));
     for (std::string& path : paths)
         (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
-    if (night.record->retries > 0) // one that died may have saved what its catalog does not name
-        for (std::string& path : CoveredPaths(night.path, ArchivesOf(night)))
-            contained.partial.push_back(std::move(path));
     return contained;
 }
 

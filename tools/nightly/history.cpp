@@ -87,13 +87,13 @@ std::vector<std::string> PathsOf(const Night& night) {
     return night.has_archive ? CoveredPaths(night.path, night.record->archives) : std::vector<std::string>{};
 }
 
-// The entries that a night's sums name, as far as they can be read: what is missing costs only sizes and digests.
+// The entries that a night's sums name, as far as they can be read.
 std::vector<EntryFacts> ReadableSums(const std::string& path) {
     std::vector<EntryFacts> entries;
     try {
         ReadSums(path, entries);
     } catch (const Failure&) {
-        return entries;
+        // What is missing costs only sizes and digests.
     }
     return entries;
 }

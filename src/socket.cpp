@@ -163,7 +163,7 @@ int FailReplies(FtpConnection& control) {
     return -1;
 }
 
-// One read, and a wait before it where nothing has come yet.
+// Reads once; waits first if nothing has arrived.
 int FillReplyBuffer(FtpConnection& control) {
     const std::span<char> room = control.replies.Room();
     ssize_t count = ::recv(control.socket.Get(), room.data(), room.size(), MSG_DONTWAIT);

@@ -10,10 +10,9 @@ static void Feed(const std::string& path, std::string_view rest, std::int64_t si
     assert(archive.reader.Open(path));
     archive.reader.BeginEntry(size);
     alignas(4096) static std::array<char, 65536> buffer;
-    for (int count = buffer.size(); ArchiveReadCallback(&archive, buffer.data(), &count) == 0 && count > 0;
-         count = buffer.size()) {
-        assert(rest.starts_with(std::string_view(buffer.data(), static_cast<std::size_t>(count))));
-        rest.remove_prefix(static_cast<std::size_t>(count));
+    for (std::string_view data; SupplyEntryData(&archive, buffer, data) == 0 && !data.empty();) {
+        assert(rest.starts_with(data));
+        rest.remove_prefix(data.size());
     }
     assert(rest.empty() || archive.reader.Left() <= 0);
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/types.h>
@@ -63,18 +64,19 @@ public:
 
     // Begins an entry's data at the current position.
     void BeginEntry(std::int64_t size);
-    // Delivers the next data bytes, at most `count` (a multiple of 512): 0 at the end of the entry and where the
-    // archive ends early, -1 with errno set when a read failed. The padding is read with the last data, so that the
-    // archive's position stays on the block grid.
-    ssize_t ReadData(char* buffer, int count);
-    // How many bytes ReadData(..., count) asks for.
-    std::size_t WantedBytes(int count) const;
+    // Sets `data` to the next data bytes, at most `room.size()` (a multiple of 512): in `room`, or in the reader's own
+    // memory until its next call. Empty at the end of the entry and where the archive ends early. Returns false with
+    // errno set when a read failed. The padding is read with the last data, so that the archive's position stays on
+    // the block grid.
+    bool ReadData(std::span<char> room, std::string_view& data);
+    // How many bytes ReadData() asks for when it has `room` bytes.
+    std::size_t WantedBytes(std::size_t room) const;
     // Data bytes not yet delivered; below 0 once the padding of the last block has been read.
     std::int64_t Left() const { return left_; }
 
 private:
     ssize_t ReadFromCache(char* buffer, std::size_t length);
-    ssize_t ReadAheadOf(char* buffer, std::size_t length);
+    std::string_view ReadAheadOf(std::span<char> room);
     ssize_t ReadSomeAt(char* buffer, std::size_t length);
     bool StopDirectReads();
 

@@ -109,7 +109,7 @@ struct RestoreRequest {
 // result of SendCommand; for several paths the result of the last one. A connection that breaks once the upload has
 // begun fails the entry: its bytes cannot be read again.
 int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes& times,
-                  DataCallback callback, void* argument);
+                  DataSource source, void* argument);
 
 // Has the server restore the private authorities of the restored user profiles. Returns 0 or -1.
 int RestoreAuthority(FtpSession* session);

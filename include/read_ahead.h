@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <thread>
 
 #include "resources.h"
@@ -28,9 +29,9 @@ public:
     void Begin(int descriptor, std::int64_t from, std::int64_t to);
     // Whether it was begun and still has something to deliver.
     bool IsActive() const { return reader_.joinable(); }
-    // Copies the next bytes, at most `length`, whole blocks. Returns 0 when there are none, and then is not active any
-    // more.
-    std::size_t Deliver(char* buffer, std::size_t length);
+    // The next bytes, at most `length`, whole blocks, which stay until the next call of any of these. Empty when there
+    // are none, and then it is not active any more.
+    std::string_view Next(std::size_t length);
     void End();
 
 private:
@@ -44,7 +45,7 @@ private:
 
     int descriptor_ = -1;
     std::array<Piece, Depth> pieces_;
-    std::size_t used_ = 0; // bytes delivered of the piece that is being drained
+    std::size_t used_ = 0; // bytes handed out of the piece that is being drained
     // Counts of pieces. The thread owns a piece from when it has been drained until it is filled again; otherwise the
     // caller does. The last one is not a full one.
     std::atomic<std::uint32_t> filled_ = 0;

@@ -15,9 +15,9 @@ struct RestoredArchive {
     std::string path; // for messages
 };
 
-// The DataCallback for STOR: delivers the data of the current entry of a RestoredArchive. An archive that ends early
-// ends the data. Returns 0, or -1 after a failed read.
-int ArchiveReadCallback(void* archive, char* buffer, int* count);
+// The DataSource of an upload: the data of the current entry of a RestoredArchive. An archive that ends early ends the
+// data. Returns 0, or -1 after logging why a read failed.
+int SupplyEntryData(void* archive, std::span<char> room, std::string_view& data);
 
 // The run mode. Returns 0 or -1: a later entry that is restored or skipped hides an earlier failure. Returns
 // TerminatedStatus when termination was requested.

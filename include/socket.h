@@ -53,16 +53,20 @@ struct FtpConnection {
     Mapping transfer_buffer; // TransferCapacity bytes, made by the first transfer and kept
 };
 
-// Moves the data of a transfer. Receiving (LIST, RETR): `buffer` holds `count` bytes, 1 to TransferCapacity. Sending
-// (STOR): `buffer` has room for `count` bytes; the callback sets `count` to what it put there, 0 or less at the end of
-// the data. Returns 0 to continue, anything else to abort the transfer.
+// Receives the data of a LIST or RETR: `buffer` holds `count` bytes, 1 to TransferCapacity. Returns 0 to continue,
+// anything else to abort the transfer.
 using DataCallback = int (*)(void* argument, char* buffer, int* count);
+
+// Supplies the data of a STOR: sets `data` to the next bytes, at most `room.size()`, in `room` or in memory of the
+// source's own, where they stay until its next call; empty at the end of the data. Returns 0 to continue, anything else
+// to abort the transfer.
+using DataSource = int (*)(void* argument, std::span<char> room, std::string_view& data);
 
 // What a command transfers: nothing, or one direction.
 struct Transfer {
     DataCallback receive = nullptr;
-    DataCallback send = nullptr;
-    void* argument = nullptr; // handed to the callback
+    DataSource send = nullptr;
+    void* argument = nullptr; // handed to the function
 };
 
 // Resolves the host, connects to its port for `service` ("ftp"; IPv4 only), reads the greeting and makes the data

@@ -128,41 +128,43 @@ void ArchiveReader::BeginEntry(std::int64_t size) {
 }
 
 // An entry's data begins a block into a page: a short first read brings the others onto page boundaries.
-std::size_t ArchiveReader::WantedBytes(int count) const {
-    const std::int64_t most = has_offset_ ? count - offset_ % PageSize : count;
+std::size_t ArchiveReader::WantedBytes(std::size_t room) const {
+    const std::int64_t most = static_cast<std::int64_t>(room) - (has_offset_ ? offset_ % PageSize : 0);
     return static_cast<std::size_t>(RoundToBlocks(std::min<std::int64_t>(left_, most)));
 }
 
-// The next bytes of a large entry that is not in the cache, from the thread that reads ahead; 0 when that has none.
-ssize_t ArchiveReader::ReadAheadOf(char* buffer, std::size_t length) {
+// The next bytes of a large entry: from the cache, or from the thread that reads ahead. Empty when neither has them.
+std::string_view ArchiveReader::ReadAheadOf(std::span<char> room) {
     std::int64_t end;
     if (!ahead_.IsActive()) {
         if (!is_direct_ || left_ < ReadAhead::PieceSize || offset_ % PageSize != 0 ||
             __builtin_add_overflow(offset_, RoundToBlocks(left_), &end))
-            return 0;
-        const ssize_t count = ReadFromCache(buffer, length);
-        offset_ += count;
+            return {};
+        const ssize_t count = ReadFromCache(room.data(), room.size());
         if (count > 0)
-            return count;
+            return {room.data(), static_cast<std::size_t>(count)};
         ahead_.Begin(descriptor_.Get(), offset_, end);
     }
-    const auto count = static_cast<ssize_t>(ahead_.Deliver(buffer, length));
-    offset_ += count;
-    return count;
+    return ahead_.Next(room.size());
 }
 
-ssize_t ArchiveReader::ReadData(char* buffer, int count) {
+bool ArchiveReader::ReadData(std::span<char> room, std::string_view& data) {
+    data = {};
     if (left_ <= 0)
-        return 0;
-    const std::size_t length = WantedBytes(count);
-    ssize_t read = ReadAheadOf(buffer, length);
-    if (read == 0)
-        read = Read(buffer, length);
-    if (read < 0)
-        return -1;
-    const std::int64_t delivered = std::min<std::int64_t>(read, left_);
-    left_ -= read;
-    return static_cast<ssize_t>(delivered);
+        return true;
+    room = room.first(WantedBytes(room.size()));
+    data = ReadAheadOf(room);
+    offset_ += static_cast<std::int64_t>(data.size());
+    if (data.empty()) {
+        const ssize_t count = Read(room.data(), room.size());
+        if (count < 0)
+            return false;
+        data = {room.data(), static_cast<std::size_t>(count)};
+    }
+    const auto left = static_cast<std::size_t>(left_);
+    left_ -= static_cast<std::int64_t>(data.size());
+    data = data.substr(0, left);
+    return true;
 }
 
 // Skipping

@@ -525,7 +525,7 @@ int RestoreFromSaveFile(const RestoreMember& member, FtpSession& session, const 
 } // namespace
 
 int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes& times,
-                  DataCallback callback, void* argument) {
+                  DataSource source, void* argument) {
     if (!IsSession(session))
         return -1;
     const char* const fault = member.library ? PrepareLibraryNames(request.objects.front()) : "";
@@ -539,7 +539,7 @@ int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreReque
         const double begun = SecondsNow();
         PassPointOfNoReturn(*session);
         if (SendCommand(session->control.get(), "STOR /QSYS.LIB/QTEMP.LIB/SAVTEMP.SAVF", {},
-                        {.send = callback, .argument = argument}) != 0)
+                        {.send = source, .argument = argument}) != 0)
             return ReportCommand("STOR");
         const double uploaded = SecondsNow();
         const int result = RestoreFromSaveFile(member, *session, outer, request);

@@ -1,7 +1,6 @@
 #include "read_ahead.h"
 
 #include <algorithm>
-#include <cstring>
 #include <system_error>
 
 #include <unistd.h>
@@ -48,25 +47,22 @@ void ReadAhead::Fill(std::int64_t from, std::int64_t to) noexcept {
     }
 }
 
-std::size_t ReadAhead::Deliver(char* buffer, std::size_t length) {
+std::string_view ReadAhead::Next(std::size_t length) {
     if (!IsActive())
-        return 0;
+        return {};
+    if (used_ == static_cast<std::size_t>(PieceSize)) { // and nobody looks at it any more
+        used_ = 0;
+        ++drained_;
+        drained_.notify_one();
+    }
     const std::uint32_t number = drained_;
     filled_.wait(number);
     const Piece& piece = pieces_[number % Depth];
-    const std::size_t count = std::min(length, piece.length - used_);
-    if (count == 0) { // of the last piece
+    const std::string_view bytes = std::string_view(piece.bytes.Data(), piece.length).substr(used_, length);
+    used_ += bytes.size();
+    if (bytes.empty()) // the end of the last piece
         End();
-        return 0;
-    }
-    std::memcpy(buffer, piece.bytes.Data() + used_, count);
-    used_ += count;
-    if (used_ == static_cast<std::size_t>(PieceSize)) {
-        used_ = 0;
-        drained_ = number + 1;
-        drained_.notify_one();
-    }
-    return count;
+    return bytes;
 }
 
 void ReadAhead::End() {

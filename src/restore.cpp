@@ -8,20 +8,17 @@
 
 #include "restore_plan.h"
 
-int ArchiveReadCallback(void* argument, char* buffer, int* count) {
+int SupplyEntryData(void* argument, std::span<char> room, std::string_view& data) {
     auto* const archive = static_cast<RestoredArchive*>(argument);
     if (archive == nullptr) {
         LogFailure("bad argument\n");
         return -1;
     }
-    const auto wanted = static_cast<int>(archive->reader.WantedBytes(*count));
-    const ssize_t delivered = archive->reader.ReadData(buffer, *count);
-    if (delivered < 0) {
-        LogFailure("read(%s,, %d): %s\n", archive->path.c_str(), wanted, std::strerror(errno));
-        return -1;
-    }
-    *count = static_cast<int>(delivered);
-    return 0;
+    const auto wanted = static_cast<int>(archive->reader.WantedBytes(room.size()));
+    if (archive->reader.ReadData(room, data))
+        return 0;
+    LogFailure("read(%s,, %d): %s\n", archive->path.c_str(), wanted, std::strerror(errno));
+    return -1;
 }
 
 namespace {
@@ -76,7 +73,7 @@ StringList WantedPartsOf(const std::string& name, const Settings& settings) {
 bool RestoreWanted(RestoreRun& run, RestoreRequest& request, std::int64_t size) {
     const RestoreMember& member = RestoreMemberFor(request.name);
     RestoreTimes times;
-    if (RestoreObject(member, run.session, request, times, ArchiveReadCallback, &run.archive) != 0) {
+    if (RestoreObject(member, run.session, request, times, SupplyEntryData, &run.archive) != 0) {
         LogFailure("%s\n", member.failure);
         return false;
     }

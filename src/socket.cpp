@@ -316,19 +316,19 @@ int WriteData(const FtpConnection& data, std::string_view bytes) {
     return 0;
 }
 
-// Sends what the callback supplies. The socket stays open after a failure.
+// Sends what the source supplies. The socket stays open after a failure.
 int SendData(FtpConnection& data, const Transfer& transfer) {
     if (data.options.verbosity >= 4)
         LogMessage("writing to %s:%d\n", Host(data), Port(data));
     for (;;) {
-        int count = TransferCapacity;
-        if (transfer.send(transfer.argument, data.transfer_buffer.Data(), &count) != 0)
+        std::string_view bytes;
+        if (transfer.send(transfer.argument, {data.transfer_buffer.Data(), TransferCapacity}, bytes) != 0)
             return -1;
-        if (count <= 0)
+        if (bytes.empty())
             return 0;
         if (data.options.verbosity >= 5)
-            LogFailure("callback gave us %d bytes\n", count);
-        if (WriteData(data, {data.transfer_buffer.Data(), static_cast<std::size_t>(count)}) != 0) {
+            LogFailure("callback gave us %d bytes\n", static_cast<int>(bytes.size()));
+        if (WriteData(data, bytes) != 0) {
             LogFailure("we didn't send everything\n");
             return -1;
         }

@@ -21,9 +21,9 @@ int WriteLocal(void* argument, char* buffer, int* count) {
     return std::fwrite(buffer, 1, size, static_cast<std::FILE*>(argument)) == size ? 0 : -1;
 }
 
-int ReadLocal(void* argument, char* buffer, int* count) {
+int ReadLocal(void* argument, std::span<char> room, std::string_view& data) {
     auto* const file = static_cast<std::FILE*>(argument);
-    *count = static_cast<int>(std::fread(buffer, 1, static_cast<std::size_t>(*count), file));
+    data = {room.data(), std::fread(room.data(), 1, room.size(), file)};
     return std::ferror(file) != 0 ? -1 : 0;
 }
 
@@ -33,7 +33,8 @@ int Move(FtpSession& session, bool get, const std::string& remote, const char* l
         std::perror(local);
         return -1;
     }
-    const Transfer transfer{get ? WriteLocal : nullptr, get ? nullptr : ReadLocal, file.get()};
+    const Transfer transfer{
+        .receive = get ? WriteLocal : nullptr, .send = get ? nullptr : ReadLocal, .argument = file.get()};
     std::array<char, 128> reply{};
     const std::string command = (get ? "RETR " : "STOR ") + remote;
     const int result = SendCommand(session.control.get(), command.c_str(), reply, transfer);

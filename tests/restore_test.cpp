@@ -46,15 +46,16 @@ std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, 
     EXPECT_TRUE(archive.reader.Open(path));
     std::string fed;
     Mapping buffer;
-    EXPECT_TRUE(buffer.Map(65536));
+    EXPECT_TRUE(buffer.Map(TransferCapacity));
     std::vector<SkipFailure> failures;
     EXPECT_TRUE(archive.reader.Skip(static_cast<std::int64_t>(start), failures));
     archive.reader.BeginEntry(size);
-    for (int count = 65536;; count = 65536) {
-        EXPECT_EQ(ArchiveReadCallback(&archive, buffer.Data(), &count), 0);
-        if (count <= 0)
+    for (std::string_view data;;) {
+        EXPECT_EQ(SupplyEntryData(&archive, {buffer.Data(), TransferCapacity}, data), 0);
+        if (data.empty())
             break;
-        fed.append(buffer.Data(), static_cast<std::size_t>(count));
+        EXPECT_LE(data.size(), TransferCapacity);
+        fed.append(data);
     }
     left = archive.reader.Left();
     // The position is behind the padding.
@@ -94,12 +95,11 @@ TEST(ReadAhead, EndsWheneverItsReaderDoes) {
     const TempDir temp;
     WriteFile(temp / "file", std::string(size, 'x'));
     const Descriptor file(::open((temp / "file").c_str(), O_RDONLY));
-    std::vector<char> buffer(TransferCapacity);
     ReadAhead ahead;
     for (const int deliveries : {0, 1, 16, 17, 40, 96}) {
         ahead.Begin(file.Get(), 0, size);
         for (int i = 0; i < deliveries; ++i)
-            ASSERT_EQ(ahead.Deliver(buffer.data(), buffer.size()), buffer.size());
+            ASSERT_EQ(ahead.Next(TransferCapacity), std::string(TransferCapacity, 'x'));
         if (deliveries % 2 == 0)
             ::usleep(2000);
         ahead.End();
@@ -111,11 +111,11 @@ TEST(ArchiveReader, FailedReadsAreReported) {
     RestoredArchive archive{{}, "the archive"};
     EXPECT_TRUE(archive.reader.Open("/")); // a directory opens, and cannot be read
     archive.reader.BeginEntry(10);
-    int count = 65536;
     char block[512];
+    std::string_view data;
     Capture capture;
-    EXPECT_EQ(ArchiveReadCallback(&archive, block, &count), -1);
-    EXPECT_EQ(ArchiveReadCallback(nullptr, nullptr, &count), -1);
+    EXPECT_EQ(SupplyEntryData(&archive, block, data), -1);
+    EXPECT_EQ(SupplyEntryData(nullptr, block, data), -1);
     EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Is a directory\n"
                               "vondral[restore.cpp]: bad argument\n");
     EXPECT_FALSE(RestoredArchive().reader.Open("/nowhere"));

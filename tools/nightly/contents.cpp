@@ -37,11 +37,11 @@ bool DigestData(Walk& walk, EntryFacts& entry) {
     std::int64_t left = entry.size;
     walk.reader.BeginEntry(entry.size);
     while (left > 0) {
-        const ssize_t count = walk.reader.ReadData(walk.buffer.Data(), PieceSize);
-        if (count <= 0)
+        std::string_view data;
+        if (!walk.reader.ReadData({walk.buffer.Data(), PieceSize}, data) || data.empty())
             return false;
-        digest.Add({walk.buffer.Data(), static_cast<std::size_t>(count)});
-        left -= count;
+        digest.Add(data);
+        left -= static_cast<std::int64_t>(data.size());
     }
     entry.digest = digest.Hex();
     return true;

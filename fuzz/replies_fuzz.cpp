@@ -32,7 +32,7 @@ void Run(FuzzedDataProvider& input) {
     ::shutdown(server.Get(), SHUT_WR);
     ::shutdown(data_server.Get(), SHUT_WR);
     std::string received;
-    const Transfer transfer{*command == 'L' ? TakeData : nullptr, nullptr, &received};
+    const Transfer transfer{.receive = *command == 'L' ? TakeData : nullptr, .argument = &received};
     for (int result = 0; result != -1;) {
         std::array<char, ReplyCapacity> line{};
         result = *command == '\0' ? ReadReply(&control, line) : SendCommand(&control, command, reply, transfer);

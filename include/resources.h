@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -35,8 +36,8 @@ private:
     int value_ = -1;
 };
 
-// Opens /dev/null, with these flags of open(), for each standard descriptor that the caller left closed, so that no other
-// file becomes one; with O_RDONLY a write there still fails. Returns false when /dev/null cannot be opened.
+// Opens /dev/null, with these flags of open(), for each standard descriptor that the caller left closed, so that no
+// other file becomes one; with O_RDONLY a write there still fails. Returns false when /dev/null cannot be opened.
 bool ReserveStandardDescriptors(int flags);
 
 // Owns anonymous private pages, readable and writable, zeroed when mapped. Their address suits direct I/O.
@@ -81,6 +82,9 @@ std::unique_ptr<Record> NewRecord() {
 // (EAGAIN): the other user of a pipe or a terminal may have set that.
 ssize_t ReadSome(int descriptor, void* bytes, std::size_t count);
 ssize_t WriteSome(int descriptor, const void* bytes, std::size_t count);
+
+// As sendfile(), but from `offset`, and a broken socket is an error (EPIPE) and no signal.
+ssize_t SendFile(int socket, int file, std::int64_t offset, std::size_t count);
 
 // Writes all of it, in as many calls as that takes. Returns false with errno set (0 when a write took nothing).
 bool WriteAll(int descriptor, const void* bytes, std::size_t count);

@@ -62,11 +62,16 @@ using DataCallback = int (*)(void* argument, char* buffer, int* count);
 // to abort the transfer.
 using DataSource = int (*)(void* argument, std::span<char> room, std::string_view& data);
 
+// Moves the next data of a STOR from a file to `socket`, which must not block, without a copy in this program. Returns
+// the bytes moved, or -1 with errno set when the socket takes none; 0 when the DataSource has to supply the next ones.
+using DataForwarder = ssize_t (*)(void* argument, int socket);
+
 // What a command transfers: nothing, or one direction.
 struct Transfer {
     DataCallback receive = nullptr;
     DataSource send = nullptr;
-    void* argument = nullptr; // handed to the function
+    DataForwarder forward = nullptr; // asked after each time `send` was, where there is one
+    void* argument = nullptr;        // handed to the function
 };
 
 // Resolves the host, connects to its port for `service` ("ftp"; IPv4 only), reads the greeting and makes the data

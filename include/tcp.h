@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <span>
 
 #include <netinet/in.h>
@@ -10,6 +12,22 @@
 #include "resources.h"
 
 constexpr int PollMilliseconds = 60000; // every poll() of a socket; longer waits repeat it
+
+// The connections of a session that are waited for.
+struct PollSet {
+    std::array<pollfd, 2> entries{{{-1, 0, 0}, {-1, 0, 0}}};
+    std::size_t count = 0;
+    int control = -1; // index, -1 when not polled
+    int data = -1;
+
+    int Add(const Descriptor& socket, short events) {
+        entries[count] = {socket.Get(), events, 0};
+        return static_cast<int>(count++);
+    }
+    int Events(int index) const {
+        return index < 0 ? 0 : static_cast<unsigned short>(entries[static_cast<std::size_t>(index)].revents);
+    }
+};
 
 // poll() for PollMilliseconds, repeated after a signal.
 int PollSockets(std::span<pollfd> set);

@@ -41,7 +41,8 @@ const char* DescribeBlock(BlockKind kind) {
 
 namespace {
 
-constexpr std::int64_t PageSize = 4096; // direct reads from a page boundary on are the fastest
+constexpr std::int64_t PageSize = 4096;                         // direct reads from a page boundary on are the fastest
+constexpr std::int64_t ForwardedAtOnce = std::int64_t{1} << 20; // bytes
 
 // Reads from the page cache only; -1 with EAGAIN when the bytes are not there.
 ssize_t ReadIfCached([[maybe_unused]] int descriptor, [[maybe_unused]] const iovec& room,
@@ -52,6 +53,16 @@ ssize_t ReadIfCached([[maybe_unused]] int descriptor, [[maybe_unused]] const iov
     errno = ENOSYS; // a C library without the call, such as musl before 1.2.5
     return -1;
 #endif
+}
+
+// Whether sendfile() failed because of the file and not of the socket: it cannot be read there, or is none that
+// sendfile() reads. Keeps errno.
+bool IsFaultOf(int file, std::int64_t offset) {
+    const int error = errno;
+    char byte;
+    const bool is_readable = ::pread(file, &byte, 1, offset) == 1;
+    errno = error;
+    return !is_readable || error == EINVAL || error == ENOSYS;
 }
 
 } // namespace
@@ -83,22 +94,28 @@ bool ArchiveReader::StopDirectReads() {
     return std::exchange(is_direct_, false) && ::fcntl(descriptor_.Get(), F_SETFL, flags & ~O_DIRECT) == 0;
 }
 
-// What the page cache has of the bytes at the offset, whole blocks; 0 when it has none, or cannot be asked.
-ssize_t ArchiveReader::ReadFromCache(char* buffer, std::size_t length) {
+// Reads what the page cache has of the bytes there; 0 when it has none, or cannot be asked.
+ssize_t ArchiveReader::ReadFromCache(char* buffer, std::size_t length, std::int64_t offset) {
     if (!cached_.IsOpen())
         return 0;
     iovec room{buffer, length};
-    const ssize_t count = ReadIfCached(cached_.Get(), room, offset_);
+    const ssize_t count = ReadIfCached(cached_.Get(), room, offset);
     if (count < 0 && errno != EAGAIN) // no system or file system that can tell
         cached_.Reset();
-    return std::max<ssize_t>(count, 0) / static_cast<ssize_t>(BlockSize) * static_cast<ssize_t>(BlockSize);
+    return std::max<ssize_t>(count, 0);
+}
+
+// Whole blocks at the offset, as far as the page cache has them.
+ssize_t ArchiveReader::ReadBlocksFromCache(char* buffer, std::size_t length) {
+    constexpr auto block = static_cast<ssize_t>(BlockSize);
+    return ReadFromCache(buffer, length, offset_) / block * block;
 }
 
 // One read, moving the offset.
 ssize_t ArchiveReader::ReadSomeAt(char* buffer, std::size_t length) {
     if (!has_offset_)
         return ReadSome(descriptor_.Get(), buffer, length);
-    ssize_t count = ReadFromCache(buffer, length);
+    ssize_t count = ReadBlocksFromCache(buffer, length);
     if (count == 0)
         do
             count = ::pread(descriptor_.Get(), buffer, length, offset_);
@@ -127,10 +144,16 @@ void ArchiveReader::BeginEntry(std::int64_t size) {
     ahead_.End();
 }
 
+// `count` bytes and what is behind them in their last block.
+std::int64_t ArchiveReader::ToBlockEnd(std::int64_t count) const {
+    const std::int64_t before = offset_ % static_cast<std::int64_t>(BlockSize);
+    return RoundToBlocks(before + count) - before;
+}
+
 // An entry's data begins a block into a page: a short first read brings the others onto page boundaries.
 std::size_t ArchiveReader::WantedBytes(std::size_t room) const {
-    const std::int64_t most = static_cast<std::int64_t>(room) - (has_offset_ ? offset_ % PageSize : 0);
-    return static_cast<std::size_t>(RoundToBlocks(std::min<std::int64_t>(left_, most)));
+    const std::int64_t most = static_cast<std::int64_t>(room) - offset_ % PageSize;
+    return static_cast<std::size_t>(ToBlockEnd(std::min(left_, most)));
 }
 
 // The next bytes of a large entry: from the cache, or from the thread that reads ahead. Empty when neither has them.
@@ -140,7 +163,7 @@ std::string_view ArchiveReader::ReadAheadOf(std::span<char> room) {
         if (!is_direct_ || left_ < ReadAhead::PieceSize || offset_ % PageSize != 0 ||
             __builtin_add_overflow(offset_, RoundToBlocks(left_), &end))
             return {};
-        const ssize_t count = ReadFromCache(room.data(), room.size());
+        const ssize_t count = ReadBlocksFromCache(room.data(), room.size());
         if (count > 0)
             return {room.data(), static_cast<std::size_t>(count)};
         ahead_.Begin(descriptor_.Get(), offset_, end);
@@ -165,6 +188,28 @@ bool ArchiveReader::ReadData(std::span<char> room, std::string_view& data) {
     left_ -= static_cast<std::int64_t>(data.size());
     data = data.substr(0, left);
     return true;
+}
+
+// A full socket stops sendfile() anywhere. Pieces end with a page, so that reading can continue behind them, and what
+// is left of a block is moved in any case, because direct reads do not begin inside one.
+ssize_t ArchiveReader::ForwardData(int socket) {
+    if (!has_offset_ || left_ <= 0 || ahead_.IsActive())
+        return 0;
+    const bool inside_block = offset_ % static_cast<std::int64_t>(BlockSize) != 0;
+    const std::int64_t most = (inside_block ? PageSize : ForwardedAtOnce) - offset_ % PageSize;
+    const auto length = static_cast<std::size_t>(std::min(left_, most));
+    char last;
+    if (is_direct_ && !inside_block && ReadFromCache(&last, 1, offset_ + static_cast<std::int64_t>(length) - 1) == 0)
+        return 0;
+    const int file = is_direct_ ? cached_.Get() : descriptor_.Get();
+    const ssize_t count = SendFile(socket, file, offset_, length);
+    if (count < 0)
+        return IsFaultOf(file, offset_) ? 0 : -1;
+    offset_ += count;
+    left_ -= count;
+    if (left_ == 0)
+        offset_ += ToBlockEnd(0);
+    return count;
 }
 
 // Skipping
@@ -213,7 +258,7 @@ bool ReadOver(ArchiveReader& archive, std::int64_t count, std::vector<SkipFailur
 
 bool ArchiveReader::Skip(std::int64_t count, std::vector<SkipFailure>& failures) {
     ahead_.End();
-    const std::int64_t length = RoundToBlocks(count);
+    const std::int64_t length = ToBlockEnd(count);
     std::int64_t target;
     errno = EINVAL; // as lseek() has it for an offset that no file can have
     if (has_offset_ && !__builtin_add_overflow(offset_, length, &target) &&

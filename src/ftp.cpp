@@ -525,7 +525,7 @@ int RestoreFromSaveFile(const RestoreMember& member, FtpSession& session, const 
 } // namespace
 
 int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes& times,
-                  DataSource source, void* argument) {
+                  const Transfer& upload) {
     if (!IsSession(session))
         return -1;
     const char* const fault = member.library ? PrepareLibraryNames(request.objects.front()) : "";
@@ -538,8 +538,7 @@ int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreReque
             return -1;
         const double begun = SecondsNow();
         PassPointOfNoReturn(*session);
-        if (SendCommand(session->control.get(), "STOR /QSYS.LIB/QTEMP.LIB/SAVTEMP.SAVF", {},
-                        {.send = source, .argument = argument}) != 0)
+        if (SendCommand(session->control.get(), "STOR /QSYS.LIB/QTEMP.LIB/SAVTEMP.SAVF", {}, upload) != 0)
             return ReportCommand("STOR");
         const double uploaded = SecondsNow();
         const int result = RestoreFromSaveFile(member, *session, outer, request);

@@ -1,10 +1,13 @@
 #include "resources.h"
 
 #include <cerrno>
+#include <csignal>
+#include <ctime>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/sendfile.h>
 #include <unistd.h>
 
 int Descriptor::Close() {
@@ -67,6 +70,23 @@ ssize_t WriteSome(int descriptor, const void* bytes, std::size_t count) {
         if (result >= 0 || !MayTryAgain(descriptor, POLLOUT))
             return result;
     }
+}
+
+// sendfile() has no flag like MSG_NOSIGNAL.
+ssize_t SendFile(int socket, int file, std::int64_t offset, std::size_t count) {
+    sigset_t pipe{}, before{};
+    ::sigemptyset(&pipe);
+    ::sigaddset(&pipe, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    off_t from = offset;
+    const ssize_t sent = ::sendfile(socket, file, &from, count);
+    const int error = errno;
+    const timespec at_once{};
+    if (sent < 0 && error == EPIPE && ::sigismember(&before, SIGPIPE) == 0)
+        ::sigtimedwait(&pipe, nullptr, &at_once); // the signal that came with it
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return sent;
 }
 
 bool WriteAll(int descriptor, const void* bytes, std::size_t count) {

@@ -21,6 +21,10 @@ int SupplyEntryData(void* argument, std::span<char> room, std::string_view& data
     return -1;
 }
 
+ssize_t ForwardEntryData(void* argument, int socket) {
+    return static_cast<RestoredArchive*>(argument)->reader.ForwardData(socket);
+}
+
 namespace {
 
 // The run over one archive.
@@ -73,7 +77,8 @@ StringList WantedPartsOf(const std::string& name, const Settings& settings) {
 bool RestoreWanted(RestoreRun& run, RestoreRequest& request, std::int64_t size) {
     const RestoreMember& member = RestoreMemberFor(request.name);
     RestoreTimes times;
-    if (RestoreObject(member, run.session, request, times, SupplyEntryData, &run.archive) != 0) {
+    const Transfer upload{.send = SupplyEntryData, .forward = ForwardEntryData, .argument = &run.archive};
+    if (RestoreObject(member, run.session, request, times, upload) != 0) {
         LogFailure("%s\n", member.failure);
         return false;
     }

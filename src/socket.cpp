@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/ip.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -293,6 +294,11 @@ int AwaitRoom(const FtpConnection& data) {
     return -1;
 }
 
+int ReportWrite(const FtpConnection& data, SourceLocation place = SourceLocation::Here()) {
+    LogFailureAt(place, "write(%s:%d): %s\n", Host(data), Port(data), std::strerror(errno));
+    return -1;
+}
+
 // Writes all of `bytes`. Never blocks in the write itself: a peer that stops reading must end in the timeout. With
 // TCP_NODELAY alone the end of every block would be sent in a small segment of its own; MSG_MORE joins it to the next
 // block, and closing the socket sends the last one.
@@ -305,10 +311,8 @@ int WriteData(const FtpConnection& data, std::string_view bytes) {
                 return -1;
             continue;
         }
-        if (count < 0)
-            LogFailure("write(%s:%d): %s\n", Host(data), Port(data), std::strerror(errno));
         if (count <= 0)
-            return -1;
+            return count < 0 ? ReportWrite(data) : -1;
         if (data.options.verbosity >= 5)
             LogFailure("write(%s:%d) %d bytes\n", Host(data), Port(data), static_cast<int>(count));
         bytes.remove_prefix(static_cast<std::size_t>(count));
@@ -316,10 +320,29 @@ int WriteData(const FtpConnection& data, std::string_view bytes) {
     return 0;
 }
 
-// Sends what the source supplies. The socket stays open after a failure.
+// Forwards what the transfer can. Like WriteData() it waits for nothing but room, and for that with a timeout.
+int ForwardData(const FtpConnection& data, const Transfer& transfer) {
+    ssize_t count;
+    while ((count = transfer.forward(transfer.argument, data.socket.Get())) != 0) {
+        if (count < 0 && !WouldBlock())
+            return ReportWrite(data);
+        if (count < 0 && AwaitRoom(data) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+// Whether data can be forwarded. A trace of every block needs every block supplied.
+bool MayForward(const FtpConnection& data, const Transfer& transfer) {
+    return transfer.forward != nullptr && data.options.verbosity < 5 &&
+           ::fcntl(data.socket.Get(), F_SETFL, O_NONBLOCK) == 0;
+}
+
+// Sends what the source supplies and forwards. The socket stays open after a failure.
 int SendData(FtpConnection& data, const Transfer& transfer) {
     if (data.options.verbosity >= 4)
         LogMessage("writing to %s:%d\n", Host(data), Port(data));
+    const bool forwards = MayForward(data, transfer);
     for (;;) {
         std::string_view bytes;
         if (transfer.send(transfer.argument, {data.transfer_buffer.Data(), TransferCapacity}, bytes) != 0)
@@ -328,7 +351,7 @@ int SendData(FtpConnection& data, const Transfer& transfer) {
             return 0;
         if (data.options.verbosity >= 5)
             LogFailure("callback gave us %d bytes\n", static_cast<int>(bytes.size()));
-        if (WriteData(data, bytes) != 0) {
+        if (WriteData(data, bytes) != 0 || (forwards && ForwardData(data, transfer) != 0)) {
             LogFailure("we didn't send everything\n");
             return -1;
         }
@@ -403,22 +426,6 @@ struct Exchange {
     bool AwaitsReply() const { return last[0] == '1'; }
 };
 
-// What one pass waits for: the control socket until the final reply, the data socket while it is open.
-struct PollSet {
-    std::array<pollfd, 2> entries{{{-1, 0, 0}, {-1, 0, 0}}};
-    std::size_t count = 0;
-    int control = -1; // index, -1 when not polled
-    int data = -1;
-
-    int Add(const Descriptor& socket, short events) {
-        entries[count] = {socket.Get(), events, 0};
-        return static_cast<int>(count++);
-    }
-    int Events(int index) const {
-        return index < 0 ? 0 : static_cast<unsigned short>(entries[static_cast<std::size_t>(index)].revents);
-    }
-};
-
 // Closes both connections. Returns -1, which ends the exchange.
 int AbandonConnections(Exchange& exchange) {
     if (exchange.control.data != nullptr)
@@ -473,7 +480,8 @@ int WriteCommand(FtpConnection& control, const char* command) {
     return 0;
 }
 
-// Requires: a control socket that is open when the final reply is awaited.
+// What one pass waits for: the control socket until the final reply, which must be open then, and the data socket while
+// it is open.
 PollSet BuildPollSet(const Exchange& exchange) {
     const bool verbose = exchange.control.options.verbosity >= 4;
     PollSet set;

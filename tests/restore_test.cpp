@@ -4,9 +4,11 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tcp.h"
 #include "test_support.h"
 
 namespace {
@@ -19,10 +21,49 @@ std::string Bytes(std::size_t size) {
     return bytes;
 }
 
-enum class From { File, Cache, Disk, Pipe };
+enum class From { File, Cache, PartlyCache, Disk, Pipe };
 
-// Feeds the entry of `size` bytes that begins in the archive at `start`. Nothing is left in the page cache for Disk.
-std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, From from, std::int64_t& left) {
+// A connection whose reader is slow: what is sent stops between segments, at any byte of a block.
+struct SlowReader {
+    Descriptor in, out;
+    std::string bytes;
+
+    SlowReader() : in(OpenSocket(0)), out(OpenSocket(0)) {
+        const Descriptor listener(OpenSocket(0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* const name = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(::bind(listener.Get(), name, length) | ::listen(listener.Get(), 1), 0);
+        EXPECT_EQ(::getsockname(listener.Get(), name, &length) | ConnectSocket(out, address), 0);
+        in.Reset(::accept(listener.Get(), nullptr, nullptr));
+        EXPECT_EQ(::fcntl(in.Get(), F_SETFL, O_NONBLOCK) | ::fcntl(out.Get(), F_SETFL, O_NONBLOCK), 0);
+    }
+    // Returns false at the end of the data.
+    bool Drain() {
+        char piece[70001];
+        const ssize_t count = ::recv(in.Get(), piece, sizeof piece, 0);
+        bytes.append(piece, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        return count != 0;
+    }
+};
+
+// What is forwarded until the next data have to be supplied.
+std::string Forwarded(RestoredArchive& archive) {
+    SlowReader reader;
+    for (ssize_t count = 0; (count = ForwardEntryData(&archive, reader.out.Get())) != 0; reader.Drain())
+        EXPECT_TRUE(count > 0 || errno == EAGAIN) << std::strerror(errno);
+    reader.out.Reset();
+    while (reader.Drain()) {
+    }
+    return reader.bytes;
+}
+
+// Feeds the entry of `size` bytes that begins in the archive at `start`, with or without forwarding. Nothing is left in
+// the page cache for Disk, and the first part for PartlyCache.
+std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, From from, bool forwards,
+                std::int64_t& left) {
     const TempDir temp;
     const std::string path = from == From::Pipe ? temp / "pipe" : temp / "file";
     std::thread feeder;
@@ -37,8 +78,8 @@ std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, 
         WriteFile(path, bytes);
         const Descriptor file(::open(path.c_str(), O_RDONLY));
         EXPECT_EQ(::fsync(file.Get()), 0);
-        if (from == From::Disk) {
-            EXPECT_EQ(::posix_fadvise(file.Get(), 0, 0, POSIX_FADV_DONTNEED), 0);
+        if (from == From::Disk || from == From::PartlyCache) {
+            EXPECT_EQ(::posix_fadvise(file.Get(), from == From::Disk ? 0 : 3 << 20, 0, POSIX_FADV_DONTNEED), 0);
         }
     }
     ::setenv("VONDRAL_TEST_DISK", from == From::File ? "plain:" : "", 1);
@@ -56,10 +97,12 @@ std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, 
             break;
         EXPECT_LE(data.size(), TransferCapacity);
         fed.append(data);
+        if (forwards)
+            fed += Forwarded(archive);
     }
     left = archive.reader.Left();
     // The position is behind the padding.
-    const std::size_t next = start + static_cast<std::size_t>(size - left);
+    const std::size_t next = start + static_cast<std::size_t>(RoundToBlocks(size));
     if (next + 512 <= bytes.size()) {
         EXPECT_EQ(archive.reader.Read(buffer.Data(), 512), 512);
         EXPECT_EQ(std::string(buffer.Data(), 512), bytes.substr(next, 512));
@@ -71,22 +114,24 @@ std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, 
 }
 
 TEST(ArchiveReader, DeliversTheDataAndConsumesThePadding) {
-    for (const From from : {From::File, From::Cache, From::Disk, From::Pipe}) {
-        std::int64_t left = 0;
-        for (const std::size_t size : {1, 511, 512, 513, 65024, 65535, 65536, 65537, 200000, 1 << 20, 5000000}) {
-            const std::string data = Bytes(size);
-            const std::size_t padded = (size + 511) / 512 * 512;
-            const std::string archive =
-                std::string(512, 'h') + data + std::string(padded - size, '\0') + std::string(512, 'n');
-            EXPECT_TRUE(Fed(archive, 512, static_cast<std::int64_t>(size), from, left) == data) << size;
-            EXPECT_EQ(left, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(padded));
+    for (const From from : {From::File, From::Cache, From::PartlyCache, From::Disk, From::Pipe})
+        for (const bool forwards : {false, true}) {
+            SCOPED_TRACE(testing::Message() << static_cast<int>(from) << ' ' << forwards);
+            std::int64_t left = 0;
+            for (const std::size_t size : {1, 511, 512, 513, 65024, 65535, 65536, 65537, 200000, 1 << 20, 5000000}) {
+                const std::string data = Bytes(size);
+                const std::size_t padded = (size + 511) / 512 * 512;
+                const std::string archive =
+                    std::string(512, 'h') + data + std::string(padded - size, '\0') + std::string(512, 'n');
+                EXPECT_TRUE(Fed(archive, 512, static_cast<std::int64_t>(size), from, forwards, left) == data) << size;
+                EXPECT_LE(left, 0);
+            }
+            for (const std::size_t cut : {7, 65536, 70000, 3000000}) { // an archive that ends early
+                EXPECT_TRUE(Fed(Bytes(cut), 0, 9000000, from, forwards, left) == Bytes(cut)) << cut;
+                EXPECT_EQ(left, 9000000 - static_cast<std::int64_t>(cut));
+            }
+            EXPECT_EQ(Fed("data", 0, 0, from, forwards, left), "");
         }
-        for (const std::size_t cut : {7, 65536, 70000, 3000000}) { // an archive that ends early
-            EXPECT_TRUE(Fed(Bytes(cut), 0, 9000000, from, left) == Bytes(cut)) << cut;
-            EXPECT_EQ(left, 9000000 - static_cast<std::int64_t>(cut));
-        }
-        EXPECT_EQ(Fed("data", 0, 0, from, left), "");
-    }
 }
 
 // A restore that fails leaves an entry at any point; the thread may be waiting for room, or still reading.
@@ -119,6 +164,25 @@ TEST(ArchiveReader, FailedReadsAreReported) {
     EXPECT_EQ(capture.Take(), "vondral[restore.cpp]: read(the archive,, 512): Is a directory\n"
                               "vondral[restore.cpp]: bad argument\n");
     EXPECT_FALSE(RestoredArchive().reader.Open("/nowhere"));
+}
+
+// Only a fault of the socket ends an upload; what cannot be forwarded is read.
+TEST(ArchiveReader, ForwardingFailsForTheSocketOnly) {
+    const TempDir temp;
+    WriteFile(temp / "archive", Bytes(1000));
+    RestoredArchive archive{{}, "the archive"};
+    ASSERT_TRUE(archive.reader.Open(temp / "archive"));
+    archive.reader.BeginEntry(1000);
+    const Descriptor no_target(::open((temp / "archive").c_str(), O_WRONLY | O_APPEND));
+    EXPECT_EQ(ForwardEntryData(&archive, no_target.Get()), 0);
+    SlowReader gone;
+    gone.in.Reset();
+    EXPECT_EQ(::send(gone.out.Get(), "x", 1, 0), 1); // refused by the peer, which the next one learns
+    errno = 0;
+    EXPECT_EQ(ForwardEntryData(&archive, gone.out.Get()), -1);
+    EXPECT_THAT(errno, testing::AnyOf(EPIPE, ECONNRESET));
+    archive.reader.BeginEntry(100000);
+    EXPECT_EQ(ForwardEntryData(&archive, SlowReader().out.Get()), 0);
 }
 
 // Skips in an archive; "ok", or what failed.

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,7 +50,7 @@ struct Peer {
     void Send(const std::string& piece) const {
         EXPECT_EQ(::write(server.Get(), piece.data(), piece.size()), piece.size());
     }
-    int Retrieve() { return SendCommand(&control, "RETR x", {}, {Collector::Take, nullptr, &collector}); }
+    int Retrieve() { return SendCommand(&control, "RETR x", {}, {.receive = Collector::Take, .argument = &collector}); }
     std::string Received() const {
         std::array<char, 8192> bytes;
         const ssize_t count = ::recv(server.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
@@ -239,11 +240,17 @@ TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
     EXPECT_EQ(peer.collector.bytes, std::string(8, 'x'));
 }
 
-// Supplies data without an end.
+// Data without an end, supplied or forwarded.
 int Supply(void*, std::span<char> room, std::string_view& data) {
     data = {room.data(), room.size()};
     return 0;
 }
+ssize_t Forward(void*, int socket) {
+    static const Descriptor zeros(::memfd_create("zeros", 0));
+    EXPECT_EQ(::ftruncate(zeros.Get(), 65536), 0);
+    return SendFile(socket, zeros.Get(), 0, 65536);
+}
+constexpr Transfer Endless[] = {{.send = Supply}, {.send = Supply, .forward = Forward}};
 
 // A peer that has gone is a failed write, not a signal.
 TEST(Transfer, AGoneReaderIsNoSignal) {
@@ -251,11 +258,16 @@ TEST(Transfer, AGoneReaderIsNoSignal) {
     Peer peer;
     peer.server.Reset();
     EXPECT_EQ(SendCommand(&peer.control, "NOOP"), -1);
-    Peer other;
-    other.OpenData();
-    other.data_server.Reset();
-    other.Send("150 coming\r\n426 gone\r\n");
-    EXPECT_NE(SendCommand(&other.control, "STOR x", {}, {.send = Supply}), 0);
+    for (const Transfer& upload : Endless) {
+        Peer other;
+        other.OpenData();
+        other.data_server.Reset();
+        other.Send("150 coming\r\n426 gone\r\n");
+        Capture capture;
+        EXPECT_NE(SendCommand(&other.control, "STOR x", {}, upload), 0);
+        EXPECT_THAT(capture.Take(), testing::StartsWith("vondral[socket.cpp]: write(:0): Broken pipe\n"
+                                                        "vondral[socket.cpp]: we didn't send everything\n"));
+    }
 }
 
 TEST(Transfer, SilenceBeforeTheFirstReplyClosesBothConnections) {
@@ -270,16 +282,18 @@ TEST(Transfer, SilenceBeforeTheFirstReplyClosesBothConnections) {
 }
 
 TEST(Transfer, OneSilentMinuteAbortsAnUpload) {
-    Peer peer;
-    peer.OpenData();
-    peer.Send("150 go on\r\n");
-    peer.Send("426 no data\r\n");
-    Capture capture;
-    const int result = SendCommand(&peer.control, "STOR x", {}, {.send = Supply});
-    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout on data write after 60.00s\n"
-                              "vondral[socket.cpp]: we didn't send everything\n");
-    EXPECT_EQ(result, 1);
-    EXPECT_FALSE(peer.control.data->socket.IsOpen());
+    for (const Transfer& upload : Endless) {
+        Peer peer;
+        peer.OpenData();
+        peer.Send("150 go on\r\n");
+        peer.Send("426 no data\r\n");
+        Capture capture;
+        const int result = SendCommand(&peer.control, "STOR x", {}, upload);
+        EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout on data write after 60.00s\n"
+                                  "vondral[socket.cpp]: we didn't send everything\n");
+        EXPECT_EQ(result, 1);
+        EXPECT_FALSE(peer.control.data->socket.IsOpen());
+    }
 }
 
 TEST(Pasv, AddressesAndPortsOfReplies) {

@@ -87,29 +87,55 @@ struct Site {
 TEST(Rehearsal, RefusesWhatARealServerWould) {
     rehearsal::Options options;
     options.busy = {"/home/note"};
-    options.locked = {"/home/locked"};
     const Site site(options);
     fs::permissions(site.root / "home/f", fs::perms{07755});
     const Client client = site.LogIn();
     std::istringstream rows(R"(NOOP2|501 NOOP2 unsuccessful; specified subcommand not recognized.
+USER bob|331 Enter password.
+PASS secret|530 Log on attempt by user BOB rejected.
+SYST|530 Not logged on.
+USER fred|331 Enter password.
+PASS Secret|530 Log on attempt by user FRED rejected.
+PASS secret|230 FRED logged on.
 TIME 9 9x|501 TIME
 TIME 9 0|501 TIME
+TIME 0|501 TIME
+TIME 10000000|501 TIME
+TIME 9999999 9999999|250 Inactivity time-out set to 9999999 seconds.
+AUTH TLS|501 AUTH unsuccessful; parameter not valid.
+PBSZ 0|501 PBSZ
+PROT P|501 PROT
+STRU R|501 STRU
+CWD home|250 "/home" is current directory.
+CWD f|550  Path does not exist: f
+MKD a|257 "/home/a" directory created.
+MKD a|550  Directory not created: a
 RCMD STRPDM|Command STRPDM in library *LIBL not found.
 RCMD SAVLIB DEV(*SAVF) SAVF(QTEMP/S)|Parameter LIB required.
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) COLOR(RED)|Keyword COLOR not valid
-RCMD SAVLIB LIB(ELEVENCHARS) DEV(*SAVF) SAVF(QTEMP/S)|550
-RCMD SAVLIB LIB(NONE) DEV(*SAVF) SAVF(QTEMP/S)|550 Library NONE not found.
+RCMD SAVLIB LIB(ELEVENCHARS) DEV(*SAVF) SAVF(QTEMP/S)|550 Value 'ELEVENCHARS' for parameter LIB not a valid name..
+RCMD SAVLIB LIB(9NAME) DEV(*SAVF) SAVF(QTEMP/S)|Value '9NAME' for parameter LIB not a valid name.
+RCMD SAVLIB LIB(A-B) DEV(*SAVF) SAVF(QTEMP/S)|Value 'A-B' for parameter LIB not a valid name.
+RCMD SAVLIB LIB(TEN_CHARS.) DEV(*SAVF) SAVF(QTEMP/S)|550 Library TEN_CHARS. not found..
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/T)|File T in library QTEMP not found.
-RCMD SAVLIB LIB(TOOLS DEV(*SAVF) SAVF(QTEMP/S)|550
+RCMD SAVLIB LIB(TOOLS DEV(*SAVF) SAVF(QTEMP/S)|550 Matching parenthesis not found..
+RCMD CRTSAVF FILE('QTEMP/S)|Matching apostrophe not found.
+RCMD CRTSAVF FILE|Error found on CRTSAVF command.
+RCMD CRTSAVF (QTEMP/S)|Error found on CRTSAVF command.
+RCMD CRTSAVF FILE(QTEMP/S) FILE(QTEMP/T)|Keyword FILE specified more than once.
+RCMD CRTSAVF FILE(QTEMP/S QTEMP/T)|Value '' for parameter FILE not valid.
+RCMD CRTSAVF FILE((QTEMP/T))|Value '' for parameter FILE not valid.
+RCMD CRTSAVF FILE(QTEMP/)|Value '' for parameter FILE not a valid name.
+RCMD CRTSAVF FILE(T)|File T not created in library *LIBL.
+RCMD CLRSAVF FILE(QGPL/S)|File S in library QGPL not found.
+RCMD CLRSAVF FILE(QTEMP/S)|250 File S in library QTEMP cleared.
+RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) PRECHK(*MAYBE)|Value '*MAYBE' for parameter PRECHK not valid.
 RCMD CRTSAVF FILE(QTEMP/S)|File S not created in library QTEMP.
 RCMD CRTSAVF FILE(QTEMP/T)|250 File T created in library QTEMP.
-RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('"/home/../home/f"')) SUBTREE(*ALL)|550
+RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('"/home/../home/f"')) SUBTREE(*ALL)|550 Object /home/../home/f not found..
 RCMD RSTLIB SAVLIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S)|Save file S in QTEMP contains no data.
-RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note'))|550 1 objects saved. 1 objects not saved..
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note' *OMIT))|250 1 objects saved.
-RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/locked'))|550 0 objects restored. 1 not
 RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/note'))|250 1 objects restored.
-RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/T.FILE') OBJ(('/home')) SUBTREE(*ALL) PRECHK(*YES)|550 Preliminary check failed for 1
 RETR /home|550  Unable to find file /home
 STOR /home/g|425 Not able to open data connection.
 MKD /../out|550
@@ -117,8 +143,17 @@ MKD /../out|550
     for (string command, reply; std::getline(rows, command, '|') && std::getline(rows, reply);)
         EXPECT_THAT(client.Ask(command), HasSubstr(reply)) << command;
     EXPECT_EQ(fs::status(site.root / "home/note").permissions(), fs::perms{01755});
-    EXPECT_THAT(client.Ask("RCMD SAVLIB LIB(" + string(1000, 'X') + ")"), StartsWith("501"));
+    EXPECT_THAT(client.Ask("RCMD " + string(1000, 'X')), StartsWith("550-Error occurred on command X"));
+    EXPECT_EQ(client.Ask("RCMD " + string(1001, 'X')),
+              "501 RCMD unsuccessful; command longer than 1000 characters.\r\n");
     EXPECT_THAT(site.LogIn().Ask("RCMD CLRSAVF FILE(QTEMP/T)"), StartsWith("550")); // that of the other session
+    EXPECT_THAT(client.Ask(string(60'000, 'x')), StartsWith("501 XXX"));
+    const string endless(80'000, 'x');
+    ::send(client.control.Get(), endless.data(), endless.size(), MSG_NOSIGNAL);
+    EXPECT_THAT(client.Reply(), testing::AnyOf("<end>", "<error>"));
+    const Client idle = site.LogIn();
+    idle.Ask("TIME 1");
+    EXPECT_EQ(idle.Reply(), "<end>");
 }
 
 TEST(Rehearsal, TransfersAndTheirFaults) {

@@ -4,11 +4,15 @@
 #include <fstream>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "control_language.h"
 #include "option_values.h"
+#include "save_file.h"
+#include "save_restore.h"
 #include "test_support.h"
 
 namespace {
@@ -154,6 +158,163 @@ MKD /../out|550
     const Client idle = site.LogIn();
     idle.Ask("TIME 1");
     EXPECT_EQ(idle.Reply(), "<end>");
+}
+
+// Control language commands without a session. SAV and RST use the save file S, and so do the others by default.
+struct Machine {
+    TempDir root;
+    rehearsal::Options options;
+    const rehearsal::Store store{root.path};
+    const rehearsal::TemporaryLibrary library;
+
+    Machine() { Run("CRTSAVF FILE(QTEMP/S)"); }
+    string Run(string command) const {
+        const string verb = command.substr(0, command.find(' '));
+        if (verb == "SAV" || verb == "RST")
+            command += " DEV('/QSYS.LIB/QTEMP.LIB/S.FILE')";
+        else if (verb != "CRTSAVF")
+            command += " DEV(*SAVF) SAVF(QTEMP/S)";
+        std::uint64_t saved = 0;
+        try {
+            return rehearsal::RunCommand({options, store, library, saved}, command);
+        } catch (const rehearsal::EscapeMessage& escape) {
+            return escape.text;
+        }
+    }
+    void SetTime(const string& path, std::time_t seconds) const {
+        const timespec times[]{{seconds, 0}, {seconds, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, (root / path).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    }
+    // Type, permissions and time of last change.
+    std::tuple<mode_t, std::time_t> Facts(const string& path) const {
+        struct stat info {};
+        EXPECT_EQ(::lstat((root / path).c_str(), &info), 0) << path;
+        return {info.st_mode, info.st_mtime};
+    }
+};
+
+TEST(Rehearsal, SavesAndRestoresWhatIsChosen) {
+    Machine machine;
+    machine.options.busy = {"/home/note", "/QDLS/BUSY"};
+    machine.options.locked = {"/home/shut", "/QSYS.LIB/TOOLS.LIB/X.PGM", "/QSYS.LIB/SHUT.LIB",
+                              "/QSYS.LIB/NEW.LIB/RUN.PGM"};
+    machine.options.raw = {"/raw"};
+    machine.options.release = "V10R1M0"; // later than V5R4M0
+    for (const char* const file : {"home/f", "home/note", "home/old/kept", "home/shut/x", "QSYS.LIB/TOOLS.LIB/RUN.PGM",
+                                   "QSYS.LIB/TOOLS.LIB/X.PGM", "QSYS.LIB/FILE.LIB", "QSYS.LIB/SHUT.LIB/X.PGM",
+                                   "QDLS/BUSY", "QDLS/LETTER", "lib/QSYS.LIB/x", "Security Data", "raw"})
+        WriteFile(machine.root / file, file);
+    fs::create_symlink("f", machine.root / "home/link");
+    ::mkfifo((machine.root / "pipe").c_str(), 0600);
+    fs::resize_file(machine.root / "raw", 1 << 20);
+    std::tm moment{5, 4, 3, 2, 0, 120, 0, 0, -1, 0, nullptr};
+    const std::time_t year_2020 = std::mktime(&moment); // 2 January, 03:04:05
+    for (const char* const old : {"home/old/kept", "home/old", "home/shut", "home/note"})
+        machine.SetTime(old, year_2020);
+    fs::permissions(machine.root / "home/old", fs::perms{0710});
+    machine.SetTime("home/link", 1);
+    std::istringstream rows(R"(SAV OBJ(('/home'))|5 objects saved. 2 objects not saved.
+SAV OBJ(('/home')) CHGPERIOD('01/02/20' '03:04:05')|4 objects saved. 2 objects not saved.
+SAV OBJ(('/home')) CHGPERIOD('01/02/20' '03:04:06')|2 objects saved. 1 objects not saved.
+SAV OBJ(('/home')) CHGPERIOD('01/01/40' '00:00:00')|5 objects saved. 2 objects not saved.
+SAV OBJ(('/home')) CHGPERIOD('12/31/39' '00:00:00')|No objects saved or restored.
+SAV OBJ(('/home')) CHGPERIOD('12/31/39' '00:00:00') PRECHK(*YES)|Preliminary check failed for 1 objects. No objects saved.
+RST OBJ(('/home'))|Save file S in QTEMP contains no data.
+SAV OBJ(('/home')) CHGPERIOD('01/02/20')|Value '01/02/20 ' for parameter CHGPERIOD not valid.
+SAV OBJ(('/'))|9 objects saved. 3 objects not saved.
+SAV OBJ(('/home/f') ('/pipe')) PRECHK(*YES)|Preliminary check failed for 1 objects. No objects saved.
+SAV OBJ(('/home/f') ('/pipe'))|1 objects saved. 1 objects not saved.
+SAV OBJ(('/pipe'))|No objects saved or restored.
+RST OBJ(('/pipe'))|Save file S in QTEMP contains no data.
+SAV OBJ((''))|Object  not found.
+SAV OBJ(('/QSYS.LIB'))|Object /QSYS.LIB cannot be saved or restored with SAV.
+SAV OBJ(('"/a""b"'))|Object /a"b not found.
+SAV OBJ(('"/a"b'))|Value '"/a"b' for parameter OBJ not valid.
+SAV OBJ(())|Value '' for parameter OBJ not valid.
+SAV OBJ((/a))|Value '/A' for parameter OBJ not valid.
+SAV OBJ(('/a' *KEEP))|Value '*KEEP' for parameter OBJ not valid.
+SAV OBJ(('/a' '*OMIT'))|Value '*OMIT' for parameter OBJ not valid.
+SAV OBJ(('/a' *OMIT '/b'))|Value '/b' for parameter OBJ not valid.
+SAV OBJ(('/a' *INCLUDE *KEEP))|Value '*KEEP' for parameter OBJ not valid.
+SAV OBJ(('/a' *INCLUDE '/b' '/c'))|Value '/c' for parameter OBJ not valid.
+SAVLIB LIB(TOOLS)|2 objects saved from TOOLS. 1 objects not saved.
+SAVLIB LIB(FILE)|Library FILE not found.
+SAVLIB LIB(SHUT)|No objects saved or restored for library SHUT.
+SAVCFG|No objects saved or restored.
+SAVDLO DLO(*ALL)|2 document library objects saved. 1 not saved.
+RSTLIB SAVLIB(TOOLS)|Save file S in QTEMP not valid for RSTLIB.
+RSTDLO DLO(*ALL)|2 document library objects restored.
+SAV OBJ(('/raw'))|1 objects saved.
+RST OBJ(('/raw' *INCLUDE '/new/raw'))|1 objects restored.
+RST OBJ(('/raw' *INCLUDE '/new/raw2'))|1 objects restored.
+SAVLIB LIB(TOOLS)|2 objects saved from TOOLS. 1 objects not saved.
+RSTLIB SAVLIB(OTHER)|No objects saved or restored for library OTHER.
+RSTLIB SAVLIB(TOOLS) RSTLIB(NEW)|1 objects restored. 1 not restored to NEW.
+RSTLIB SAVLIB(TOOLS) RSTLIB(NEWER)|2 objects restored from TOOLS to NEWER.
+SAV OBJ(('/lib'))|3 objects saved.
+RST OBJ(('/lib' *INCLUDE '/'))|1 objects restored. 2 not restored.
+SAV OBJ(('/home/f') ('/home/link') ('/home/old'))|4 objects saved.
+RST OBJ(('/none'))|No objects saved or restored.
+RST OBJ(('/home/f' *INCLUDE '/QSYS.LIB/F'))|Object /QSYS.LIB/F cannot be saved or restored with RST.
+RST OBJ(('/home/f' *INCLUDE *SAME))|1 objects restored.
+RST OBJ(('/home/old' *INCLUDE '/home/f'))|0 objects restored. 2 not restored.
+RST OBJ(('/home/f' *INCLUDE '/home/old'))|0 objects restored. 1 not restored.
+RST OBJ(('/home' *INCLUDE '/copy'))|0 objects restored. 4 not restored.
+RST OBJ(('/home' *INCLUDE '/copy')) CRTPRNDIR(*YES)|4 objects restored.
+RST OBJ(('/' *INCLUDE '/all')) CRTPRNDIR(*YES)|4 objects restored.
+RST OBJ(('/home' *INCLUDE '/'))|4 objects restored.
+)");
+    for (string command, text; std::getline(rows, command, '|') && std::getline(rows, text);)
+        EXPECT_EQ(machine.Run(command), text) << command;
+    for (const string copy : {"copy/", "all/home/", ""})
+        for (const string object : {"f", "link", "old", "old/kept"})
+            EXPECT_EQ(machine.Facts(copy + object), machine.Facts("home/" + object)) << copy + object;
+    EXPECT_EQ(machine.Facts("home/old"), std::tuple(S_IFDIR | 0710, year_2020));
+    EXPECT_EQ(ReadFile(machine.root / "all/home/old/kept"), "home/old/kept");
+    EXPECT_EQ(fs::read_symlink(machine.root / "copy/link"), "f");
+    EXPECT_TRUE(ReadFile(machine.root / "raw") == "raw" + string((1 << 20) - 3, '\0')); // restored as a link
+    EXPECT_TRUE(ReadFile(machine.root / "new/raw2") == ReadFile(machine.root / "new/raw"));
+    EXPECT_EQ(ReadFile(machine.root / "QSYS.LIB/NEWER.LIB/RUN.PGM"), "QSYS.LIB/TOOLS.LIB/RUN.PGM");
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(machine.root.path))
+        EXPECT_FALSE(entry.path().filename().string().starts_with(".rehearsal")) << entry.path();
+    machine.options.release = "V5R3M0";
+    EXPECT_EQ(machine.Run("RST OBJ(('/home/f')) CRTPRNDIR(*YES)"), "Keyword CRTPRNDIR not valid for this command.");
+}
+
+// What precedes the damage is restored, and the rest is counted.
+TEST(Rehearsal, DamagedSaveFiles) {
+    const Machine machine;
+    WriteFile(machine.root / "home/f", "data");
+    fs::create_symlink("f", machine.root / "home/link");
+    ASSERT_EQ(machine.Run("SAV OBJ(('/home'))"), "3 objects saved.");
+    const string bytes = ReadFile(machine.library.File("S"));
+    ASSERT_EQ(bytes.size(), 528U);
+    std::size_t end = 16 + 1 + 8 + 2 + 3 + 8; // of the header
+    const std::size_t record = 27 + 8;        // without path and data
+    const std::size_t ends[] = {end, end += record + 5, end += record + 7 + 4, end += record + 10 + 1, end += record};
+    const char* const texts[] = {"Save file S in QTEMP is damaged.",    "Save file S in QTEMP is damaged.",
+                                 "1 objects restored. 2 not restored.", "2 objects restored. 1 not restored.",
+                                 "3 objects restored. 1 not restored.", "3 objects restored."};
+    for (std::size_t at = 1; at < bytes.size(); ++at)
+        for (const string& damaged :
+             {bytes.substr(0, at), string(bytes).replace(at, 1, 1, static_cast<char>(bytes[at] ^ 1))}) {
+            WriteFile(machine.library.File("S"), damaged);
+            const auto whole = std::upper_bound(std::begin(ends), std::end(ends), at) - std::begin(ends);
+            EXPECT_EQ(machine.Run("RST OBJ(('/home' *INCLUDE '/copy'))"), texts[whole])
+                << at << " of " << damaged.size();
+        }
+    // Sound streams that no save writes.
+    using Kind = rehearsal::SaveKind;
+    for (const auto& [kind, path, command] : {std::tuple(Kind::Paths, "/QSYS.LIB/L.LIB", "RST OBJ(('/home'))"),
+                                              {Kind::Paths, "/home/../x", "RST OBJ(('/home'))"},
+                                              {Kind::Library, "/home/x", "RSTLIB SAVLIB(L)"},
+                                              {Kind::Library, "/QSYS.LIB/L.LIB/../x", "RSTLIB SAVLIB(L)"}}) {
+        const Descriptor file = machine.library.Replace("S");
+        rehearsal::SaveFileWriter writer(file.Get(), kind, "L");
+        writer.AddDirectory({rehearsal::Entry::Type::Directory, 0755, {}, 0, path});
+        writer.Finish();
+        EXPECT_EQ(machine.Run(command), "Save file S in QTEMP is damaged.") << path;
+    }
 }
 
 TEST(Rehearsal, TransfersAndTheirFaults) {

@@ -197,6 +197,7 @@ TEST_F(CtarTool, SalvageKeepsWhatCanBeKnown) {
     using Row = std::tuple<std::string, std::string, std::string>; // what is told is empty if all is well
     for (const auto& [damaged, kept, told] :
          {Row{Three, A + B + C, ""},
+          {A, A, "entry /a: the data may be wrong: zero padding and a header do not follow"},
           {With(broken(AtB + 1, "x"), AtC + 1, "y"), A + EntryOf("/x", DataB) + EntryOf("/y", DataC), " 2 entries in"},
           {With(broken(0, lost), AtC, lost), B, "4096 bytes dropped, 1 entry in doubt"},
           {With(broken(AtC + 1, "x"), AtSentinel + 9, "x"), A + B + EntryOf("/x", DataC), " 1 entry in doubt"},
@@ -257,7 +258,8 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
         {A + With(Sentinel, 148, "400" + zeros.substr(0, 4)), "header: the sentinel differs from"},
         {A + Sentinel + "x", "x.ctar: 0x800 (2048): unreached: 1 byte that a restore will not see: data of a broken"},
         {A + Sentinel + zeros, ": unreached: 700 bytes that a restore will not see: zeros\n"},
-        {A + Sentinel + junk + B + Sentinel + C + Sentinel, ": 6144 bytes that a restore will not see: 2 entries, the"},
+        {A + Sentinel + junk + HeaderOf("/zero", 0) + B + Sentinel + C + Sentinel,
+         ": 6656 bytes that a restore will not see: 2 entries, the"},
         {Rechecked(odd) + junk + junk + Sentinel,
          differs + "name, mode, user, group, modification time, type, third piece of the name, first fixed number, "
                    "second fixed number, copy of the size, third fixed number, fourth fixed number, fifth piece of "
@@ -288,6 +290,7 @@ TEST_F(CtarTool, HostileInputsEndCleanly) {
            {zero + Sentinel, "export x.ctar", 0},
            {Three, "list x.ctar <&- >&- 2>&-", 2},
            {"x", "salvage x.ctar -o never", 2, "x.ctar: shorter than one block"},
+           {Three, "list [x.ctar]", 2, "[x.ctar]: begins and ends with a bracket; put ./ before a file"},
            {Three, "list .", 2, "read at offset 0x0 (0): Is a directory\n"},
            {Three, "extract fifo /a", 2, ": this command needs the name of a regular file"},
            {Three, "salvage x.ctar -o -", 2},
@@ -307,6 +310,7 @@ TEST_F(CtarTool, SumsRevealWhatChanged) {
     Check(
         {{Three, "verify --sums sums -", 0, all},
          {changed, check, 1, differs},
+         {Three, "verify --sums <(cat sums) --max-duration 9 x.ctar", 2, ": cannot be read a second time, which --max"},
          {changed, check + " --sample 0", 0, " 0 of 3 entries (0.0 %), 0 of 3168 bytes (0.0 %)\n"},
          {fault, check, 1, " (1536): missing: /b: in the sums, but not found: see the fault at 0x600 (1536)\nx.ctar: "},
          {With(fault, AtB + 1024, HeaderOf("/x", 1584)), "verify --sums sums -", 1, "(4096): differs: /c: "},
@@ -391,6 +395,7 @@ TEST_F(CtarTool, ATerminalALockAndAFullDisk) {
     ASSERT_EQ(::flock(writer.Get(), LOCK_EX), 0);
     WriteFile("./damaged", Three);
     Check({{archive, "sum x.ctar >/dev/full", 2, "ctar: standard output: No space left on device\n"},
+           {archive, "export x.ctar >/dev/full", 2, "ctar: standard output: No space left on device\n"},
            {archive, "list x.ctar", 0, warning},
            {archive, "salvage damaged -f -o x.ctar", 2, warning},
            {A + Sentinel + Data(1, 'j'), "verify x.ctar", 1, "data of the backup in progress\nx.ctar: 1 entry, 1 fi"}});

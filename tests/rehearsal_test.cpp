@@ -142,7 +142,6 @@ RCMD CRTSAVF (QTEMP/S)|Error found on CRTSAVF command.
 RCMD CRTSAVF FILE(QTEMP/S) FILE(QTEMP/T)|Keyword FILE specified more than once.
 RCMD CRTSAVF FILE(QTEMP/S QTEMP/T)|Value '' for parameter FILE not valid.
 RCMD CRTSAVF FILE(T)|File T not created in library *LIBL.
-RCMD CLRSAVF FILE(QGPL/S)|File S in library QGPL not found.
 RCMD CLRSAVF FILE(QTEMP/S)|250 File S in library QTEMP cleared.
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) PRECHK(*MAYBE)|Value '*MAYBE' for parameter PRECHK not valid.
 RCMD CRTSAVF FILE(QTEMP/S)|File S not created in library QTEMP.
@@ -279,7 +278,6 @@ RST OBJ(('/home' *INCLUDE '/'))|4 objects restored.
         for (const string object : {"f", "link", "old", "old/kept"})
             EXPECT_EQ(machine.Facts(copy + object), machine.Facts("home/" + object)) << copy + object;
     EXPECT_EQ(machine.Facts("home/old"), std::tuple(S_IFDIR | 0710, year_2020));
-    EXPECT_EQ(ReadFile(machine.root / "all/home/old/kept"), "home/old/kept");
     EXPECT_EQ(DiffTrees(machine.root / "raw", machine.root / "new/raw"), ""); // was copied, not moved
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(machine.root.path))
         EXPECT_FALSE(entry.path().filename().string().starts_with(".rehearsal")) << entry.path();
@@ -432,7 +430,6 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 --tls-max 1.2 --root .|the options of TLS need --tls-cert
 --tls-key x --root .|--tls-cert and --tls-key belong together
 --port 65536|--port: not a port: 65536
---passive-address ::1|--passive-address: not an IPv4 address: ::1
 --save-rate 17179869184G|--save-rate: not a number of bytes: 17179869184G
 --save-rate 10T|--save-rate: not a number of bytes: 10T
 --fault 'shut STRU'|--fault: unknown kind of fault: shut

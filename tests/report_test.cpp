@@ -308,7 +308,7 @@ TEST(Report, Outputs) {
     for (const auto& [log, parts] :
          {Row{good, {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", ": 1 save in 10 s\n"}},
           {Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly"),
-           {exit_status + "143.", ": terminated: 0 saves"}},
+           {exit_status + "143.", ": terminated: 0 saves", "!Cleanly"}},
           {good + Line("01:00:00", "vondral[a.cpp,1]: login failed"),
            {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
@@ -320,6 +320,8 @@ TEST(Report, Outputs) {
            {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored",
             "Connection lost at 01:00:10 during /a; recovered by itself", "{\"type\":\"entry\",", "\"seconds\":30",
             "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
+          {restore + Line("01:00:31", "vondral[a.cpp,1]: failed to restore object at offset 0x0"),
+           {"\"failed\":1,\"not found\":0"}},
           {huge,
            {"\"bytes\":999999999000000000,", "!\":-", "!>-", ">backed up so far<",
             ": unfinished: 2 saves, 999999999.000 GB in "}},

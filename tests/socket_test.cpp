@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "name_lookup.h"
 #include "test_support.h"
 
 namespace {
@@ -319,6 +320,12 @@ TEST(Pasv, AddressesAndPortsOfReplies) {
                                       "\nvondral[socket.cpp]: can't connect data port\n"
                                       "vondral[socket.cpp]: PASV command failed\n");
     }
+}
+
+TEST(Lookup, NamesAnUnknownProtocol) {
+    int protocol = -1;
+    EXPECT_TRUE(LookUpProtocol("tcp", protocol).empty() && protocol == IPPROTO_TCP);
+    EXPECT_EQ(LookUpProtocol("none", protocol), "getprotobyname(none)");
 }
 
 } // namespace

@@ -289,6 +289,7 @@ public:
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         ::connect(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
+    void ResetOnClose() const { tls::SetResetOnClose(socket_.Get(), true); }
     std::string Say(const std::string& bytes) {
         ::send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         return Listen();
@@ -391,6 +392,10 @@ TEST(Relay, ResetsTheDataAndReplacesTheReplyAfterACut) {
     EXPECT_THAT(typist.Say("RETR /home/note\r\n"), testing::StartsWith("150 "));
     EXPECT_EQ(data.Listen(), "not<reset>");
     EXPECT_THAT(typist.Listen(), testing::StartsWith("426 vondral-tls: the server's data connection ended without"));
+    Typist(tls::ParsePassivePort(typist.Say("PASV\r\n")).value_or(0)).ResetOnClose();
+    typist.Say("STOR /home/new\r\n");
+    EXPECT_EQ(typist.Listen(), "426 Data connection closed; transfer ended.\r\n");
+    EXPECT_THAT(relay.Log(), testing::HasSubstr("the client's data connection: Connection reset by peer\n"));
 }
 
 // Anybody on the machine can connect to the port of a data connection.
@@ -473,11 +478,15 @@ TEST_F(TlsProgram, RefusesBadOptionsAndPlaces) {
              {{"--pin", "sha256//short"}, 2, "44 characters of base64"},
              {{"--min-tls", "1.1"}, 2, "1.1"},
              {{"--json"}, 2, "goes with --check"},
+             {{"--key", "/none"}, 2, "goes with --cert"},
+             {{"--keep-alive", "0"}, 2, "must be from 1 to 32767"},
              {{"--insecure"}, 2, "--insecure"}}) {
         const Outcome outcome = Run(arguments);
         EXPECT_EQ(outcome.status, status) << outcome.err;
         EXPECT_THAT(outcome.err, testing::AllOf(testing::StartsWith("vondral-tls: "), testing::HasSubstr(text)));
     }
+    site.server.reset();
+    EXPECT_EQ(Run({"--check"}).err, "vondral-tls: connect to " + place + ": Connection refused\n");
 }
 
 // As a service manager does.

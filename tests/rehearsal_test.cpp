@@ -121,7 +121,6 @@ STRU R|501 STRU
 CWD home|250 "/home" is current directory.
 CWD f|550  Path does not exist: f
 MKD a|257 "/home/a" directory created.
-MKD a|550  Directory not created: a
 CWD /home/abs/a|250
 CWD /home/up/a|250
 CWD /out/a|250
@@ -141,6 +140,7 @@ RCMD CRTSAVF FILE('QTEMP/S)|Matching apostrophe not found.
 RCMD CRTSAVF (QTEMP/S)|Error found on CRTSAVF command.
 RCMD CRTSAVF FILE(QTEMP/S) FILE(QTEMP/T)|Keyword FILE specified more than once.
 RCMD CRTSAVF FILE(QTEMP/S QTEMP/T)|Value '' for parameter FILE not valid.
+RCMD CRTSAVF FILE((QTEMP/T))|Value '' for parameter FILE not valid.
 RCMD CRTSAVF FILE(T)|File T not created in library *LIBL.
 RCMD CLRSAVF FILE(QTEMP/S)|250 File S in library QTEMP cleared.
 RCMD SAVLIB LIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S) PRECHK(*MAYBE)|Value '*MAYBE' for parameter PRECHK not valid.
@@ -194,7 +194,6 @@ struct Machine {
         const timespec times[]{{seconds, 0}, {seconds, 0}};
         ASSERT_EQ(::utimensat(AT_FDCWD, (root / path).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
     }
-    // Type, permissions and time of last change.
     std::tuple<mode_t, std::time_t> Facts(const string& path) const {
         struct stat info {};
         EXPECT_EQ(::lstat((root / path).c_str(), &info), 0) << path;
@@ -292,7 +291,6 @@ TEST(Rehearsal, DamagedSaveFiles) {
     fs::create_symlink("f", machine.root / "home/link");
     ASSERT_EQ(machine.Run("SAV OBJ(('/home'))"), "3 objects saved.");
     const string bytes = ReadFile(machine.library.File("S"));
-    ASSERT_EQ(bytes.size(), 528U);
     std::size_t end = 16 + 1 + 8 + 2 + 3 + 8; // of the header
     const std::size_t record = 27 + 8;        // without path and data
     const std::size_t ends[] = {end, end += record + 5, end += record + 7 + 4, end += record + 10 + 1, end += record};
@@ -310,9 +308,9 @@ TEST(Rehearsal, DamagedSaveFiles) {
     // Sound streams that no save writes.
     using Kind = rehearsal::SaveKind;
     for (const auto& [kind, path, command] : {std::tuple(Kind::Paths, "/QSYS.LIB/L.LIB", "RST OBJ(('/home'))"),
-                                              {Kind::Paths, "/home/../x", "RST OBJ(('/home'))"},
+                                              {Kind::Paths, "/home/", "RST OBJ(('/home'))"},
                                               {Kind::Library, "/home/x", "RSTLIB SAVLIB(L)"},
-                                              {Kind::Library, "/QSYS.LIB/L.LIB/../x", "RSTLIB SAVLIB(L)"}}) {
+                                              {Kind::Library, "/QSYS.LIB/L.LIB/./x", "RSTLIB SAVLIB(L)"}}) {
         const Descriptor file = machine.library.Replace("S");
         rehearsal::SaveFileWriter writer(file.Get(), kind, "L");
         writer.AddDirectory({rehearsal::Entry::Type::Directory, 0755, {}, 0, path});
@@ -361,9 +359,10 @@ TEST(Rehearsal, TransfersAndTheirFaults) {
                                          {"STOR" + save_file, image},
                                          {"STOR /none/x", "550  Unable to open file /none/x"}}) {
         const Descriptor data = client.OpenData();
-        EXPECT_TRUE(WriteAll(data.Get(), "x", 1));
         EXPECT_THAT(client.Ask(command), StartsWith(reply));
-        EXPECT_EQ(Receive(data), "<end>") << command; // no reset
+        EXPECT_EQ(Receive(data), "<end>") << command;
+        for (int i = 0; i < 100; ++i) // what it is still sending is no broken connection
+            EXPECT_TRUE(WriteAll(data.Get(), "x", 1));
     }
 }
 
@@ -428,6 +427,8 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 --busy home|--busy: not an absolute path: home
 --tls-max 1.1|--tls-max: not 1.2 or 1.3: 1.1
 --tls-max 1.2 --root .|the options of TLS need --tls-cert
+--tls-implicit --root .|the options of TLS need --tls-cert
+--tls-require-resumption --root .|the options of TLS need --tls-cert
 --tls-key x --root .|--tls-cert and --tls-key belong together
 --port 65536|--port: not a port: 65536
 --save-rate 17179869184G|--save-rate: not a number of bytes: 17179869184G

@@ -308,7 +308,7 @@ TEST(Report, Outputs) {
     for (const auto& [log, parts] :
          {Row{good, {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", ": 1 save in 10 s\n"}},
           {Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly"),
-           {exit_status + "143.", ": terminated: 0 saves", "!Cleanly"}},
+           {exit_status + "143.", ": terminated: 0 saves", "!Messages about the run"}},
           {good + Line("01:00:00", "vondral[a.cpp,1]: login failed"),
            {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),

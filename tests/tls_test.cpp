@@ -437,7 +437,7 @@ protected:
 TEST_F(TlsProgram, ShowsTheCertificateAndWarns) {
     const std::string gauges = site.work / "gauges";
     const std::string ca = CertificateFile("ca");
-    const Outcome good = Run({"--ca", ca, "--check", "--prometheus", gauges});
+    const Outcome good = Run({"--ca", ca, "--pin", PinOf("soon"), "--check", "--prometheus", gauges});
     EXPECT_EQ(good.status, 0);
     EXPECT_THAT(good.out, testing::HasSubstr("protocol  TLSv1.3\ncipher    TLS_AES_256_GCM_SHA384\n"
                                              "subject   CN = test-soon\nissuer    CN = test-ca\n"));

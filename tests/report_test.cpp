@@ -511,6 +511,22 @@ TEST(Report, LimitOfTheLargestSaves) {
     EXPECT_EQ(Ranked(run.largest, BytesOf).back().bytes, 13e6); // of 3 to 32 MB
 }
 
+// A fault that cost an object is told even where the faults that are kept had no consequences.
+TEST(Report, LimitOfTheFaults) {
+    const std::string lost =
+        Line("23:59:50", "vondral[socket.cpp,1]: read(10.0.0.1:21): Connection reset by peer", "01");
+    std::string log;
+    for (int i = 0; i < 120; ++i)
+        log += lost + Success("/a");
+    for (int i = 0; i < 12; ++i)
+        log += lost + Failure("/b");
+    Tool tool;
+    EXPECT_EQ(tool.Run(Ended(log), AllOutputs), 0);
+    EXPECT_THAT(tool.Read("err"), HasSubstr("vondral-report: connection: and 12 more\n"));
+    EXPECT_THAT(tool.Read("page"), HasSubstr("a restore from this archive stops at that object"));
+    EXPECT_THAT(tool.Read("records"), HasSubstr("Connection faults beyond the first 100."));
+}
+
 // On a terminal the line of progress never mixes with the log, and is gone at the end. It is 40 columns wide.
 TEST(Report, ProgressOnATerminal) {
     int input[2];

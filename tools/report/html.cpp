@@ -151,7 +151,7 @@ std::string MessagesSection(const LoggedRun& run) {
 }
 
 bool LostConnection(const LoggedRun& run) {
-    return !std::ranges::all_of(run.faults, &ConnectionFault::recovered);
+    return run.lasting_fault_count > 0;
 }
 
 // What happened to the connections in words, with the lines of the log folded away.

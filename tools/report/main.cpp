@@ -235,12 +235,12 @@ void WriteReports(Report& report, std::time_t ended) {
 }
 
 void PrintNames(const char* what, const Changes::Names& names) {
-    constexpr std::size_t most = 10;
-    for (std::size_t i = 0; i < names.names.size() && i < most; ++i)
+    const std::size_t shown = std::min<std::size_t>(names.names.size(), 10);
+    for (std::size_t i = 0; i < shown; ++i)
         std::fprintf(stderr, "vondral-report: %s: %s\n", what, TerminalText(names.names[i]).c_str());
-    if (names.count > most)
+    if (names.count > shown)
         std::fprintf(stderr, "vondral-report: %s: and %llu more\n", what,
-                     static_cast<unsigned long long>(names.count - most));
+                     static_cast<unsigned long long>(names.count - shown));
 }
 
 // The faults that cost something.
@@ -249,7 +249,7 @@ Changes::Names LastingFaults(const LoggedRun& run) {
     for (const ConnectionFault& fault : run.faults)
         if (!fault.recovered)
             texts.names.push_back(FaultText(fault, run.clock.first));
-    texts.count = texts.names.size();
+    texts.count = run.lasting_fault_count;
     return texts;
 }
 

@@ -44,6 +44,7 @@ std::string EndFault(LoggedRun& run, Worker& worker, const std::string& during, 
         fault.during = during;
     std::string reason = FaultReason(fault, run.clock.first);
     ++run.fault_count;
+    run.lasting_fault_count += recovered ? 0 : 1;
     if (run.faults.size() < LoggedRun::MostFaults)
         run.faults.push_back(std::move(fault));
     return reason;

@@ -71,12 +71,13 @@ struct LoggedRun {
     std::map<int, Worker> workers;
     int reply_to = -1; // the thread whose message a line without a prefix belongs to
 
-    std::vector<Result> missing;         // in the order of the log
-    std::vector<Result> longest;         // a heap, see KeepGreatest
-    std::vector<Result> largest;         // a heap, see KeepGreatest
-    std::vector<std::string> messages;   // failure messages of the run itself
-    std::vector<ConnectionFault> faults; // in the order in which they ended
-    std::uint64_t fault_count = 0;       // including those that are not kept
+    std::vector<Result> missing;           // in the order of the log
+    std::vector<Result> longest;           // a heap, see KeepGreatest
+    std::vector<Result> largest;           // a heap, see KeepGreatest
+    std::vector<std::string> messages;     // failure messages of the run itself
+    std::vector<ConnectionFault> faults;   // in the order in which they ended
+    std::uint64_t fault_count = 0;         // including those that are not kept
+    std::uint64_t lasting_fault_count = 0; // of these, the ones that were not recovered
 
     std::optional<double> Get(Total total) const { return totals[static_cast<std::size_t>(total)]; }
     std::uint64_t Count(Outcome outcome) const { return counts[static_cast<std::size_t>(outcome)]; }

@@ -50,6 +50,12 @@ constexpr std::pair<std::string_view, CommandKind> Verbs[] = {
     {"REIN", CommandKind::Refused},
 };
 
+bool IsLetter(char character) {
+    return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z');
+}
+
+} // namespace
+
 std::string_view WithoutLineEnd(std::string_view line) {
     if (line.ends_with('\n'))
         line.remove_suffix(1);
@@ -57,12 +63,6 @@ std::string_view WithoutLineEnd(std::string_view line) {
         line.remove_suffix(1);
     return line;
 }
-
-bool IsLetter(char character) {
-    return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z');
-}
-
-} // namespace
 
 CommandKind ClassifyCommand(std::string_view line) {
     line = WithoutLineEnd(line);

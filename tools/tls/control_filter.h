@@ -39,6 +39,9 @@ enum class CommandKind {
     Malformed, // a server might find another command in it
 };
 
+// The line without its CR LF, LF or CR.
+std::string_view WithoutLineEnd(std::string_view line);
+
 // `line` may end in CR LF or LF.
 CommandKind ClassifyCommand(std::string_view line);
 

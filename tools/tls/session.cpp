@@ -15,11 +15,6 @@ namespace {
 
 constexpr std::size_t MostReplies = 4 * LongestLine; // bytes read ahead of the client
 
-std::string WithoutLineEnd(std::string text) {
-    text.resize(text.find_last_not_of("\r\n") + 1);
-    return text;
-}
-
 } // namespace
 
 void Session::Log(const std::string& text) const {

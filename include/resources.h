@@ -83,7 +83,7 @@ std::unique_ptr<Record> NewRecord() {
 ssize_t ReadSome(int descriptor, void* bytes, std::size_t count);
 ssize_t WriteSome(int descriptor, const void* bytes, std::size_t count);
 
-// As sendfile(), but from `offset`, and a broken socket is an error (EPIPE) and no signal.
+// As sendfile(), but from `offset`, and without SIGPIPE when the socket is broken.
 ssize_t SendFile(int socket, int file, std::int64_t offset, std::size_t count);
 
 // Writes all of it, in as many calls as that takes. Returns false with errno set (0 when a write took nothing).

@@ -82,8 +82,9 @@ ssize_t SendFile(int socket, int file, std::int64_t offset, std::size_t count) {
     const ssize_t sent = ::sendfile(socket, file, &from, count);
     const int error = errno;
     const timespec at_once{};
-    if (sent < 0 && error == EPIPE && ::sigismember(&before, SIGPIPE) == 0)
-        ::sigtimedwait(&pipe, nullptr, &at_once); // the signal that came with it
+    // The socket can break after a part has been sent, and the signal comes then, too.
+    if (sent != static_cast<ssize_t>(count) && ::sigismember(&before, SIGPIPE) == 0)
+        ::sigtimedwait(&pipe, nullptr, &at_once);
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     errno = error;
     return sent;

@@ -522,7 +522,7 @@ TEST(Report, LimitOfTheFaults) {
         log += lost + Failure("/b");
     Tool tool;
     EXPECT_EQ(tool.Run(Ended(log), AllOutputs), 0);
-    EXPECT_THAT(tool.Read("err"), HasSubstr("vondral-report: connection: and 12 more\n"));
+    EXPECT_THAT(tool.Read("err"), HasSubstr("vondral-report: connection: 12, not listed\n"));
     EXPECT_THAT(tool.Read("page"), HasSubstr("a restore from this archive stops at that object"));
     EXPECT_THAT(tool.Read("records"), HasSubstr("Connection faults beyond the first 100."));
 }

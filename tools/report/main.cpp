@@ -239,7 +239,8 @@ void PrintNames(const char* what, const Changes::Names& names) {
     for (std::size_t i = 0; i < shown; ++i)
         std::fprintf(stderr, "vondral-report: %s: %s\n", what, TerminalText(names.names[i]).c_str());
     if (names.count > shown)
-        std::fprintf(stderr, "vondral-report: %s: and %llu more\n", what,
+        std::fprintf(stderr,
+                     shown > 0 ? "vondral-report: %s: and %llu more\n" : "vondral-report: %s: %llu, not listed\n", what,
                      static_cast<unsigned long long>(names.count - shown));
 }
 

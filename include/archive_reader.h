@@ -69,8 +69,9 @@ public:
     // errno set when a read failed. The padding is read with the last data, so that the archive's position stays on
     // the block grid.
     bool ReadData(std::span<char> room, std::string_view& data);
-    // Moves the next data bytes from the page cache to a socket that does not block. Returns how many; 0 when the cache
-    // has none, so that ReadData() has to deliver them; -1 with errno set when the socket takes none.
+    // Moves the next data bytes to a socket that does not block, where the page cache has them or reads go through it
+    // anyway. Returns how many; 0 when ReadData() has to deliver the next ones; -1 with errno set when the socket takes
+    // none.
     ssize_t ForwardData(int socket);
     // How many bytes ReadData() asks for when it has `room` bytes.
     std::size_t WantedBytes(std::size_t room) const;
@@ -79,8 +80,8 @@ public:
 
 private:
     std::int64_t ToBlockEnd(std::int64_t count) const;
-    ssize_t ReadFromCache(char* buffer, std::size_t length, std::int64_t offset);
-    ssize_t ReadBlocksFromCache(char* buffer, std::size_t length);
+    std::int64_t CountCached(std::int64_t length);
+    ssize_t ReadFromCache(char* buffer, std::size_t length);
     std::string_view ReadAheadOf(std::span<char> room);
     ssize_t ReadSomeAt(char* buffer, std::size_t length);
     bool StopDirectReads();

@@ -29,8 +29,8 @@ public:
     void Begin(int descriptor, std::int64_t from, std::int64_t to);
     // Whether it was begun and still has something to deliver.
     bool IsActive() const { return reader_.joinable(); }
-    // The next bytes, at most `length`, whole blocks, which stay until the next call of any of these. Empty when there
-    // are none, and then it is not active any more.
+    // The next bytes, at most `length`, whole blocks, which stay until the next call of Next() or End(). Empty when
+    // there are none, and then it is not active any more.
     std::string_view Next(std::size_t length);
     void End();
 

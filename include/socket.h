@@ -63,14 +63,15 @@ using DataCallback = int (*)(void* argument, char* buffer, int* count);
 using DataSource = int (*)(void* argument, std::span<char> room, std::string_view& data);
 
 // Moves the next data of a STOR from a file to `socket`, which must not block, without a copy in this program. Returns
-// the bytes moved, or -1 with errno set when the socket takes none; 0 when the DataSource has to supply the next ones.
+// the bytes moved; 0 when the DataSource has to supply the next ones; -1 with errno set when the socket takes none:
+// EAGAIN and EINTR ask for another try when it has room, anything else ends the upload.
 using DataForwarder = ssize_t (*)(void* argument, int socket);
 
 // What a command transfers: nothing, or one direction.
 struct Transfer {
     DataCallback receive = nullptr;
     DataSource send = nullptr;
-    DataForwarder forward = nullptr; // asked after each time `send` was, where there is one
+    DataForwarder forward = nullptr; // optional, beside `send`; asked again after each of its calls
     void* argument = nullptr;        // handed to the function
 };
 

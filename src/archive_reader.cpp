@@ -1,14 +1,15 @@
 #include "archive_reader.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -44,25 +45,20 @@ namespace {
 constexpr std::int64_t PageSize = 4096;                         // direct reads from a page boundary on are the fastest
 constexpr std::int64_t ForwardedAtOnce = std::int64_t{1} << 20; // bytes
 
-// Reads from the page cache only; -1 with EAGAIN when the bytes are not there.
-ssize_t ReadIfCached([[maybe_unused]] int descriptor, [[maybe_unused]] const iovec& room,
-                     [[maybe_unused]] std::int64_t offset) {
-#ifdef RWF_NOWAIT
-    return ::preadv2(descriptor, &room, 1, offset, RWF_NOWAIT);
-#else
-    errno = ENOSYS; // a C library without the call, such as musl before 1.2.5
-    return -1;
-#endif
+// Whether the kernel tells this process what the page cache has of the file; it answers others with everything.
+bool MayAskCache(const struct stat& status, const char* path) {
+    return status.st_uid == ::geteuid() || ::faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) == 0;
 }
 
-// Whether sendfile() failed because of the file and not of the socket: it cannot be read there, or is none that
-// sendfile() reads. Keeps errno.
-bool IsFaultOf(int file, std::int64_t offset) {
+// Whether sendfile() failed because of the socket, and not because the file cannot be read there or cannot be sent this
+// way. Keeps errno.
+bool IsSocketFault(int file, std::int64_t offset) {
+    static constexpr int Faults[] = {EAGAIN, EINTR, EPIPE, ECONNRESET, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, ENETDOWN};
     const int error = errno;
     char byte;
     const bool is_readable = ::pread(file, &byte, 1, offset) == 1;
     errno = error;
-    return !is_readable || error == EINVAL || error == ENOSYS;
+    return is_readable && std::ranges::find(Faults, error) != std::end(Faults);
 }
 
 } // namespace
@@ -82,8 +78,12 @@ bool ArchiveReader::Open(const std::string& path) {
     struct statfs system;
     const bool is_in_memory = ::fstatfs(descriptor_.Get(), &system) == 0 && system.f_type == TMPFS_MAGIC;
     is_direct_ = !is_in_memory && ::fcntl(descriptor_.Get(), F_SETFL, O_RDONLY | O_DIRECT) == 0;
-    if (is_direct_)
+    if (is_direct_ && MayAskCache(status, path.c_str()))
         cached_.Reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat again {};
+    if (cached_.IsOpen() && (::fstat(cached_.Get(), &again) != 0 || again.st_ino != status.st_ino ||
+                             again.st_dev != status.st_dev)) // renamed meanwhile
+        cached_.Reset();
     return true;
 }
 
@@ -94,28 +94,39 @@ bool ArchiveReader::StopDirectReads() {
     return std::exchange(is_direct_, false) && ::fcntl(descriptor_.Get(), F_SETFL, flags & ~O_DIRECT) == 0;
 }
 
-// Reads what the page cache has of the bytes there; 0 when it has none, or cannot be asked.
-ssize_t ArchiveReader::ReadFromCache(char* buffer, std::size_t length, std::int64_t offset) {
-    if (!cached_.IsOpen())
+// How many bytes from the offset on the page cache has, at most `length` (which is at most ForwardedAtOnce). Asks
+// without reading: a read with RWF_NOWAIT would have the kernel read ahead into the cache.
+std::int64_t ArchiveReader::CountCached(std::int64_t length) {
+    if (!cached_.IsOpen() || offset_ > INT64_MAX - length)
         return 0;
-    iovec room{buffer, length};
-    const ssize_t count = ReadIfCached(cached_.Get(), room, offset);
-    if (count < 0 && errno != EAGAIN) // no system or file system that can tell
+    const std::int64_t page = ::getpagesize();
+    const std::int64_t before = offset_ % page;
+    const auto asked = static_cast<std::size_t>(before + length);
+    void* const window = ::mmap(nullptr, asked, PROT_READ, MAP_SHARED, cached_.Get(), offset_ - before);
+    std::array<unsigned char, ForwardedAtOnce / 4096 + 1> resident{};
+    const bool is_told = window != MAP_FAILED && ::mincore(window, asked, resident.data()) == 0;
+    if (window != MAP_FAILED)
+        ::munmap(window, asked);
+    if (!is_told) { // no system or file system that can tell
         cached_.Reset();
-    return std::max<ssize_t>(count, 0);
+        return 0;
+    }
+    const auto missing = std::ranges::find(resident, 0, [](unsigned char flags) { return flags & 1; });
+    return std::clamp((missing - resident.begin()) * page - before, std::int64_t{0}, length);
 }
 
 // Whole blocks at the offset, as far as the page cache has them.
-ssize_t ArchiveReader::ReadBlocksFromCache(char* buffer, std::size_t length) {
-    constexpr auto block = static_cast<ssize_t>(BlockSize);
-    return ReadFromCache(buffer, length, offset_) / block * block;
+ssize_t ArchiveReader::ReadFromCache(char* buffer, std::size_t length) {
+    constexpr auto block = static_cast<std::int64_t>(BlockSize);
+    const std::int64_t cached = CountCached(static_cast<std::int64_t>(length)) / block * block;
+    return cached == 0 ? 0 : ::pread(cached_.Get(), buffer, static_cast<std::size_t>(cached), offset_) / block * block;
 }
 
 // One read, moving the offset.
 ssize_t ArchiveReader::ReadSomeAt(char* buffer, std::size_t length) {
     if (!has_offset_)
         return ReadSome(descriptor_.Get(), buffer, length);
-    ssize_t count = ReadBlocksFromCache(buffer, length);
+    ssize_t count = ReadFromCache(buffer, length);
     if (count == 0)
         do
             count = ::pread(descriptor_.Get(), buffer, length, offset_);
@@ -144,7 +155,7 @@ void ArchiveReader::BeginEntry(std::int64_t size) {
     ahead_.End();
 }
 
-// `count` bytes and what is behind them in their last block.
+// `count` bytes and what follows them in their last block.
 std::int64_t ArchiveReader::ToBlockEnd(std::int64_t count) const {
     const std::int64_t before = offset_ % static_cast<std::int64_t>(BlockSize);
     return RoundToBlocks(before + count) - before;
@@ -163,7 +174,7 @@ std::string_view ArchiveReader::ReadAheadOf(std::span<char> room) {
         if (!is_direct_ || left_ < ReadAhead::PieceSize || offset_ % PageSize != 0 ||
             __builtin_add_overflow(offset_, RoundToBlocks(left_), &end))
             return {};
-        const ssize_t count = ReadBlocksFromCache(room.data(), room.size());
+        const ssize_t count = ReadFromCache(room.data(), room.size());
         if (count > 0)
             return {room.data(), static_cast<std::size_t>(count)};
         ahead_.Begin(descriptor_.Get(), offset_, end);
@@ -190,21 +201,22 @@ bool ArchiveReader::ReadData(std::span<char> room, std::string_view& data) {
     return true;
 }
 
-// A full socket stops sendfile() anywhere. Pieces end with a page, so that reading can continue behind them, and what
-// is left of a block is moved in any case, because direct reads do not begin inside one.
+// A full socket stops sendfile() anywhere. Pieces end with a page, so that reading can continue there, and the rest of
+// a block is sent in any case, because direct reads do not begin inside one.
 ssize_t ArchiveReader::ForwardData(int socket) {
     if (!has_offset_ || left_ <= 0 || ahead_.IsActive())
         return 0;
     const bool inside_block = offset_ % static_cast<std::int64_t>(BlockSize) != 0;
     const std::int64_t most = (inside_block ? PageSize : ForwardedAtOnce) - offset_ % PageSize;
-    const auto length = static_cast<std::size_t>(std::min(left_, most));
-    char last;
-    if (is_direct_ && !inside_block && ReadFromCache(&last, 1, offset_ + static_cast<std::int64_t>(length) - 1) == 0)
+    std::int64_t length = std::min(left_, most);
+    if (is_direct_ && !inside_block)
+        length = CountCached(length);
+    if (length == 0)
         return 0;
     const int file = is_direct_ ? cached_.Get() : descriptor_.Get();
-    const ssize_t count = SendFile(socket, file, offset_, length);
+    const ssize_t count = SendFile(socket, file, offset_, static_cast<std::size_t>(length));
     if (count < 0)
-        return IsFaultOf(file, offset_) ? 0 : -1;
+        return IsSocketFault(file, offset_) ? -1 : 0;
     offset_ += count;
     left_ -= count;
     if (left_ == 0)

@@ -50,7 +50,7 @@ void ReadAhead::Fill(std::int64_t from, std::int64_t to) noexcept {
 std::string_view ReadAhead::Next(std::size_t length) {
     if (!IsActive())
         return {};
-    if (used_ == static_cast<std::size_t>(PieceSize)) { // and nobody looks at it any more
+    if (used_ == static_cast<std::size_t>(PieceSize)) { // and its last bytes are not in use any more
         used_ = 0;
         ++drained_;
         drained_.notify_one();

@@ -29,7 +29,6 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 extern "C" {
@@ -37,7 +36,7 @@ int __real_poll(pollfd* set, nfds_t count, int milliseconds);
 int __real_clock_gettime(clockid_t clock, timespec* time);
 servent* __real_getservbyname(const char* name, const char* protocol);
 ssize_t __real_pread64(int descriptor, void* bytes, size_t count, off_t offset);
-ssize_t __real_preadv64v2(int descriptor, const iovec* room, int count, off_t offset, int flags);
+int __real_mincore(void* pages, size_t length, unsigned char* resident);
 int __real_fcntl64(int descriptor, int operation, ...);
 ssize_t __real_write(int descriptor, const void* bytes, size_t count);
 off_t __real_lseek64(int descriptor, off_t offset, int whence);
@@ -196,10 +195,10 @@ ssize_t __wrap_pread64(int descriptor, void* bytes, size_t count, off_t offset) 
 }
 
 // With VONDRAL_TEST_DISK=plain (or direct) the system cannot tell what is in its cache.
-ssize_t __wrap_preadv64v2(int descriptor, const iovec* room, int count, off_t offset, int flags) {
+int __wrap_mincore(void* pages, size_t length, unsigned char* resident) {
     if (OrderFor("plain") == nullptr && OrderFor("direct") == nullptr)
-        return __real_preadv64v2(descriptor, room, count, offset, flags);
-    errno = EOPNOTSUPP;
+        return __real_mincore(pages, length, resident);
+    errno = ENOSYS;
     return -1;
 }
 

@@ -350,6 +350,16 @@ TEST(ArchiveWriter, WritesWholeBlocksHoweverTheDataCome) {
     }
 }
 
+TEST(ArchiveWriter, AnEntryWithoutDataLeavesNothing) {
+    const TempDir temp;
+    const std::string sentinel(512, '\0');
+    WriteFile(temp / "a", sentinel);
+    ArchiveFile archive{Descriptor(::open((temp / "a").c_str(), O_RDWR | O_APPEND)), {}};
+    ArchiveWriter writer{archive};
+    EXPECT_TRUE(CloseEntry(writer, 512, [](std::int64_t) { return CtarBlock{'h'}; }).empty());
+    EXPECT_EQ(ReadFile(temp / "a"), sentinel);
+}
+
 TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     ArchiveFile archive{Descriptor(::open("/dev/full", O_WRONLY)), {}};
     ArchiveWriter writer{archive};

@@ -115,6 +115,9 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
         EXPECT_EQ(outcome.status, 0) << row.include << outcome.err;
         EXPECT_EQ(Restores(fresh), row.restores) << row.include;
         EXPECT_THAT(Messages(outcome.err), HasSubstr(row.messages)) << row.include;
+        EXPECT_EQ(outcome.err.find("/home: not included") == outcome.err.npos,
+                  row.restores.find("/home") != row.restores.npos)
+            << row.include;
         if (row.restores.find("place") != row.restores.npos) {
             EXPECT_EQ(ReadFile(fresh.root / "other/place/b"), "b");
         }

@@ -271,6 +271,8 @@ TEST(Backup, WithoutAnArchiveOrAnyObjects) {
     EXPECT_EQ(idle.status, 0);
     EXPECT_THAT(idle.out, AllOf(HasSubstr("Object not found: /none\n"), HasSubstr("** No objects attempted\n")));
     EXPECT_THAT(night.Archived(), ElementsAre());
+    const Outcome unlisted = night.RunBackup({"-i", night.File("special", "/Security Data\n"), "-e", exclude});
+    EXPECT_THAT(unlisted.out, testing::Not(HasSubstr("** Total List Data")));
     EXPECT_EQ(night.Run({"-b", "/dev/null"}).status, 0); // keeps nothing, and so has nothing to flush
 
     // /proc takes no file from root either, whom permissions do not stop.

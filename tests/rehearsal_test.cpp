@@ -151,6 +151,7 @@ RCMD RSTLIB SAVLIB(TOOLS) DEV(*SAVF) SAVF(QTEMP/S)|Save file S in QTEMP contains
 RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f') ('/home/note' *OMIT))|250 1 objects saved.
 RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home/f' *INCLUDE '/home/note'))|250 1 objects restored.
 RETR /home|550  Unable to find file /home
+RETR /QSYS.LIB/QTEMP.LIB/T.FILE|550  Unable to find file /QSYS.LIB
 STOR /home/g|425 Not able to open data connection.
 MKD /../out|550
 )");

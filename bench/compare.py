@@ -89,8 +89,8 @@ class Bench:
         self.rounds, self.scale = options.rounds, options.scale
         self.servers = []
         self.targets = Targets()
-        # For large transfers the server has the first processor for itself. Left alone, the kernel moves both ends of
-        # a loopback connection together and apart again, and a transfer takes up to six times as long.
+        # For large transfers the server has the first processor for itself, so that the figures do not depend on where
+        # the kernel puts both ends of a loopback connection.
         first, *others = sorted(os.sched_getaffinity(0))
         self.server_side = ["taskset", "-c", str(first)] if others else []
         self.client_side = ["taskset", "-c", ",".join(map(str, others))] if others else []

@@ -105,9 +105,9 @@ struct RestoreRequest {
     std::FILE* exclude = nullptr; // path file with what to omit below them
 };
 
-// Uploads the entry's save file and has the server restore from it. Returns 0, or -1; for RSTDLO the
-// result of SendCommand; for several paths the result of the last one. A connection that breaks once the upload has
-// begun fails the entry: its bytes cannot be read again.
+// Uploads the entry's save file and has the server restore from it. Returns 0, or -1; for RSTDLO the result of
+// SendCommand; for several paths the result of the last one. A connection that breaks once the upload has begun fails
+// the entry: its bytes cannot be read again.
 int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes& times,
                   const Transfer& upload);
 

@@ -29,16 +29,10 @@ struct SlowReader {
     Descriptor in, out;
     std::string bytes;
 
-    SlowReader() : in(OpenSocket(0)), out(OpenSocket(0)) {
-        const Descriptor listener(OpenSocket(0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto* const name = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(::bind(listener.Get(), name, length) | ::listen(listener.Get(), 1), 0);
-        EXPECT_EQ(::getsockname(listener.Get(), name, &length) | ConnectSocket(out, address), 0);
-        in.Reset(::accept(listener.Get(), nullptr, nullptr));
+    SlowReader() : out(OpenSocket(0)) {
+        const Listener listener;
+        EXPECT_EQ(ConnectSocket(out, listener.Address()), 0);
+        in = listener.Accept();
         EXPECT_EQ(::fcntl(in.Get(), F_SETFL, O_NONBLOCK) | ::fcntl(out.Get(), F_SETFL, O_NONBLOCK), 0);
     }
     // Returns false at the end of the data.

@@ -308,6 +308,42 @@ TEST(Transfer, OneSilentMinuteAbortsAnUpload) {
     }
 }
 
+// The last byte of what is sent with MSG_OOB is urgent.
+TEST(Connections, UrgentBytesAreDataLikeAnyOther) {
+    const Listener listener, data_listener;
+    std::thread server([&] {
+        const Descriptor control = listener.Accept();
+        const auto send = [](const Descriptor& to, const std::string& text, int flags) {
+            EXPECT_EQ(::send(to.Get(), text.data(), text.size(), flags), text.size());
+        };
+        const auto await_command = [&control] {
+            char byte;
+            do
+                ASSERT_EQ(::read(control.Get(), &byte, 1), 1);
+            while (byte != '\n');
+        };
+        send(control, "220 ready\r\n", 0);
+        await_command();
+        const int port = data_listener.Port();
+        send(control, FormatText("227 (127,0,0,1,%d,%d)\r\n", port / 256, port % 256), 0);
+        const Descriptor data = data_listener.Accept();
+        await_command();
+        send(data, "data", MSG_OOB);
+        ::shutdown(data.Get(), SHUT_WR);
+        send(control, "550 gon", MSG_OOB);
+        send(control, "e\r\n", 0);
+    });
+    ::setenv("VONDRAL_TEST_MINUTE", "60000", 1);
+    ::setenv("VONDRAL_TEST_PORT", std::to_string(listener.Port()).c_str(), 1);
+    const auto control = OpenConnections("127.0.0.1", "ftp", {}, {});
+    ASSERT_NE(control, nullptr);
+    Collector collector;
+    std::array<char, 32> reply{};
+    EXPECT_EQ(SendCommand(control.get(), "RETR x", reply, {.receive = Collector::Take, .argument = &collector}), 1);
+    EXPECT_EQ(collector.bytes + reply.data(), "data550 gone");
+    server.join();
+}
+
 TEST(Pasv, AddressesAndPortsOfReplies) {
     struct Row {
         const char* reply;

@@ -159,6 +159,20 @@ Outcome Program::Wait() {
     return outcome;
 }
 
+Listener::Listener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address_;
+    auto* const name = reinterpret_cast<sockaddr*>(&address_);
+    if (::bind(socket_.Get(), name, length) != 0 || ::listen(socket_.Get(), 1) != 0 ||
+        ::getsockname(socket_.Get(), name, &length) != 0)
+        throw std::runtime_error("listening: " + std::string(std::strerror(errno)));
+}
+
+Descriptor Listener::Accept() const {
+    return Descriptor(::accept(socket_.Get(), nullptr, nullptr));
+}
+
 rehearsal::Fault Replace(const std::string& command, const std::string& text, int nth) {
     return {rehearsal::Fault::Kind::Replace, command, nth, 0, 0, text, {}, 0};
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include "rehearsal.h"
@@ -79,6 +80,19 @@ struct Program {
 private:
     pid_t process_ = -1;
     TempDir logs_;
+};
+
+// A listening socket at the loopback address.
+class Listener {
+public:
+    Listener();
+    const sockaddr_in& Address() const { return address_; }
+    std::uint16_t Port() const { return ntohs(address_.sin_port); }
+    Descriptor Accept() const;
+
+private:
+    Descriptor socket_;
+    sockaddr_in address_{};
 };
 
 // Faults of a rehearsal server: another reply to a command, and a connection that ends before the reply.

@@ -127,7 +127,10 @@ TEST_F(CtarTool, ListsEveryKindAndEscapesNames) {
     Check({{archive, "list x.ctar", 0, lines},
            {archive, "list -", 0, lines},
            {archive, "list --json x.ctar /ho* *\xff*", 0, home + "\n{\"offset\":5120,\"size\":3,\"mtime\":"},
-           {archive, "list --json x.ctar *\xff*", 0, odd + "\n"}});
+           {archive, "list --json x.ctar *\xff*", 0, odd + "\n"},
+           // A mode that is no number becomes that of a file or directory, by the name.
+           {archive.substr(0, 4096) + Rechecked(With(archive.substr(4096, 512), 100, "-000001")) + archive.substr(4608),
+            "list --json x.ctar", 0, home}});
     EXPECT_EQ(Run("list x.ctar /none").out, "");
 }
 
@@ -276,6 +279,28 @@ TEST_F(CtarTool, VerifyNamesEveryFinding) {
     // A second of the hour that a time zone repeats is sound.
     WriteFile("./x.ctar", Rechecked(With(A.substr(0, 512), 136, "12423013130")) + A.substr(512) + Sentinel);
     EXPECT_EQ(Run("verify x.ctar", "TZ=Europe/Moscow").status, 0);
+}
+
+TEST_F(CtarTool, VerifyNeedsEveryPathOfTheCatalog) {
+    const std::string malformed = ": not a line of a catalog, or cut short\n";
+    using Row = std::tuple<std::string, int, std::string>;
+    for (const auto& [catalog, status, told] :
+         {Row{"", 0, "3 entries, sound\n"},
+          {"[01:02:03] [T00] /c\n[23:59:59] [T12] /b/in/side\n", 0, "3 entries, sound\n"},
+          {"[01:02:03] [T00] /bb\n", 1, "uncovered: /bb: in the catalog, but no entry of the archive contains it\n"},
+          {"[01:02:03] [T00] \n", 1, ": uncovered: in the catalog, but no entry"},
+          {"[01:02:03] [T00] /a\n[01:02", 2, "ctar: catalog: line 2" + malformed},
+          {"[01:02:03] [T00] /a", 2, "ctar: catalog: line 1" + malformed},
+          {"[01:02\n", 2, malformed},
+          {"\n", 2, malformed},
+          {"[01:02:0x] [T00] /a\n", 2, malformed},
+          {"[01:02:03] [T] /a\n", 2, malformed},
+          {"[01:02:03] [T00]/a\n", 2, malformed}}) {
+        WriteFile("./catalog", catalog);
+        Check({{Three, "verify --catalog catalog x.ctar", status, told}});
+    }
+    Check({{Three, "verify --catalog none x.ctar", 2, "none: No such file or directory\n"},
+           {Three, "verify --catalog . x.ctar", 2, ".: read: Is a directory\n"}});
 }
 
 TEST_F(CtarTool, HostileInputsEndCleanly) {

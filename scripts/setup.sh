@@ -149,3 +149,26 @@ end_servers() {
     "${privilege[@]}" kill "$@" 2>/dev/null || true
     wait "$@" 2>/dev/null || true
 }
+
+rehearsals=() # process ids
+
+# rehearse PROGRAM DIRECTORY ADDRESS OPTION...: starts a rehearsal server on the directory, which is made if it is not
+# there, and waits until it listens. Its log is DIRECTORY.log.
+rehearse() {
+    local log=$2.log tries
+    mkdir -p "$2"
+    : >"$log" # before the server is, for grep
+    "${privilege[@]}" "${identity[@]}" "$1" --root "$2" --address "${@:3}" >"$log" 2>&1 &
+    rehearsals+=($!)
+    for ((tries = 0; tries < 100; tries++)); do
+        ! grep -q listening "$log" || return 0
+        [ -d "/proc/${rehearsals[-1]}" ] || break
+        sleep 0.1
+    done
+    die "the rehearsal server on $3: $(tail -n 1 "$log")"
+}
+
+end_rehearsals() {
+    end_servers "${rehearsals[@]}"
+    rehearsals=()
+}

@@ -209,13 +209,15 @@ TEST(Backup, IncludesExcludesAndDates) {
     const std::time_t stored = std::stoll(ReadFile(night.archive).substr(136, 11), nullptr, 8);
     EXPECT_TRUE(stored >= begun && stored <= std::time(nullptr)) << stored - begun; // seconds count
 
-    Night dated; // only what is younger, and libraries that hold something younger
+    Night dated; // only what is younger, and libraries that hold something younger, which are searched no further
+    WriteFile(dated.root / "QSYS.LIB/PAYROLL.LIB/NEW.PGM", "x");
     const auto old = fs::file_time_type::clock::now() - std::chrono::hours(24 * 400);
     fs::last_write_time(dated.root / "home/note", old);
     fs::last_write_time(dated.root / "QSYS.LIB/TOOLS.LIB/RUN.PGM", old);
     EXPECT_EQ(dated.RunBackup({"-d", std::to_string(std::time(nullptr) - 86400)}).status, 0);
     EXPECT_THAT(dated.Archived(), WhenSorted(ElementsAre("/QDLS", "/QSYS.LIB/PAYROLL.LIB", "/Security Data",
                                                          "/System Configuration", "/home.savf")));
+    EXPECT_THAT(dated.Received(), Not(HasSubstr("LIST /QSYS.LIB/PAYROLL.LIB/")));
 }
 
 // What is missing because it was not listed is told, but not what is saved with the directory above it.

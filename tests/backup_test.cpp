@@ -212,6 +212,13 @@ TEST(ListingCallback, AssemblesLinesFromChunks) {
     EXPECT_EQ(Listing().List("/d", false, {File + "a\r\n" + Dir + "b\r\n"}), "/b/ /a ");
     EXPECT_EQ(Listing().List("/d", false, {File.substr(0, 5), File.substr(5) + "a\r\n"}), "/a ");
     EXPECT_EQ(Listing().List("/d", false, {File + "a\r", "\n"}), "/a ");
+    const std::string longest(4094 - File.size(), 'x');
+    EXPECT_EQ(Listing().List("/d", false, {File + longest + "\r\n"}), "/" + longest + " ");
+    for (const int verbosity : {4, 5}) {
+        Listing shown;
+        shown.settings.transport.verbosity = verbosity;
+        EXPECT_EQ(shown.List("/d", false, {File + "a\r\n"}), (verbosity == 5 ? File + "a\r\n" : "") + "/a ");
+    }
     Listing torn; // of a line in three chunks the first part is lost
     const std::string result =
         torn.List("/d", false, {File.substr(0, 5), File.substr(5, 5), File.substr(10) + "a\r\n"});

@@ -123,14 +123,17 @@ TEST_F(CtarTool, ListsEveryKindAndEscapesNames) {
         "        4096            2  2026-01-02 00:00:00  directory      /home [.savf]\n"
         "        5120            3  2026-01-02 00:00:00  file           /e\\x1b[2J\\x0a\\xff\\x5c\n";
     const std::string home = R"("mode":16877,"kind":"directory","path":"/home","name":"/home.savf"})";
+    const auto with_mode = [&archive](const char* mode) {
+        return archive.substr(0, 4096) + Rechecked(With(archive.substr(4096, 512), 100, mode)) + archive.substr(4608);
+    };
     const std::string odd = R"("path":"/e\\x1b[2J\\x0a\\xff\\x5c","name":"/e\\x1b[2J\\x0a\\xff\\x5c"})";
     Check({{archive, "list x.ctar", 0, lines},
            {archive, "list -", 0, lines},
            {archive, "list --json x.ctar /ho* *\xff*", 0, home + "\n{\"offset\":5120,\"size\":3,\"mtime\":"},
            {archive, "list --json x.ctar *\xff*", 0, odd + "\n"},
+           {with_mode("0000000"), "list --json x.ctar", 0, R"("mode":0,"kind":"file","path":"/home")"},
            // A mode that is no number becomes that of a file or directory, by the name.
-           {archive.substr(0, 4096) + Rechecked(With(archive.substr(4096, 512), 100, "-000001")) + archive.substr(4608),
-            "list --json x.ctar", 0, home}});
+           {with_mode("-000001"), "list --json x.ctar", 0, home}});
     EXPECT_EQ(Run("list x.ctar /none").out, "");
 }
 

@@ -86,7 +86,8 @@ std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, 
     std::vector<SkipFailure> failures;
     EXPECT_TRUE(archive.reader.Skip(static_cast<std::int64_t>(start), failures));
     archive.reader.BeginEntry(size);
-    for (std::string_view data;;) {
+    int supplied = 0; // blocks
+    for (std::string_view data;; ++supplied) {
         EXPECT_EQ(SupplyEntryData(&archive, {buffer.Data(), TransferCapacity}, data), 0);
         if (data.empty())
             break;
@@ -95,6 +96,7 @@ std::string Fed(const std::string& bytes, std::size_t start, std::int64_t size, 
         if (forwards)
             fed += Forwarded(archive);
     }
+    EXPECT_TRUE(supplied <= 1 || from != From::Cache || !forwards) << supplied << ": what is cached was copied";
     left = archive.reader.Left();
     // The position is after the padding.
     const std::size_t next = start + static_cast<std::size_t>(RoundToBlocks(size));

@@ -39,13 +39,13 @@ TEST(Restore, BringsEverythingBackOnEveryRelease) {
         TestSite fresh;
         fresh.options.release = old ? "V5R3M0" : "V5R4M0";
         fresh.program.environment["VONDRAL_TEST_DISK"] = disk;
-        const Outcome outcome = fresh.Run({"-v2", "-r", old ? made : saved.archive.string()});
+        const Outcome outcome = fresh.Run({old ? "-v1" : "-v2", "-r", old ? made : saved.archive.string()});
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         EXPECT_EQ(DiffTrees(saved.root.path, fresh.root.path), "") << disk;
         EXPECT_THAT(Messages(outcome.out),
                     AllOf(HasSubstr("Restore Success: /QSYS.LIB/PAYROLL\n"), HasSubstr("Restored "),
-                          HasSubstr("Archive  : /home\nObject   : /home\nRestore Success: /home\n"
-                                    "Transfer : # s\nRestore  : # s\n")));
+                          HasSubstr(std::string("Archive  : /home\nObject   : /home\nRestore Success: /home\n") +
+                                    (old ? "Archive  : " : "Transfer : # s\nRestore  : # s\n"))));
         EXPECT_THAT(fresh.Received(), EndsWith("|RCMD RSTAUT USRPRF(*ALL)|QUIT|"));
         EXPECT_EQ(fresh.Received().find("CRTPRNDIR(*Yes)") == std::string::npos, old);
     }

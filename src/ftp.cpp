@@ -343,7 +343,7 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
         return -1;
     ReplyText reply{};
     int listed = 0;
-    const int result = WithRecovery(*session, [&](const Checkpoint& outer) {
+    const int result = WithRecovery(*session, [&](const Checkpoint&) {
         if (SetParameters(*session, ListingParameters) != 0)
             return -1;
         const std::string command = std::string("LIST ") + path;
@@ -351,7 +351,6 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
             return ReportTooLong("LIST command");
         PassPointOfNoReturn(*session);
         listed = SendForReply(*session, command, reply, {.receive = callback, .argument = context});
-        session->checkpoint = outer;
         return 0;
     });
     if (result != 0 || listed == 0)

@@ -269,6 +269,7 @@ TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
                            {"/home/*\n", "/home/a", false, 0, "/home/a> "},
                            {"/home/*\n", "/home/a/b", false, 0, "/home/a/b> "},
                            {"/home/*\n", "/home", false, 1, "/home/*> "},
+                           {"/home/*/x\n", "/home/a/b/x", false, 1, ""}, // no wild card stands for a slash
                            {"*.txt\n", "a.txt", false, 0, "a.txt> "},
                            {"/a/*\n/b\n", "/a/x", true, 1, ""},
                            {"/a/b :: /c/d\n/a/b/c\n/a\n", "/a", true, 0, "/a/b>/c/d /a/b/c> /a> "},

@@ -69,6 +69,9 @@ TEST(Text, AmountsChangeUnitsAboveTheLimitOnly) {
         EXPECT_DOUBLE_EQ(scaled.value, row.value) << row.amount;
         EXPECT_EQ(scaled.unit, row.unit) << row.amount;
     }
+    Capture capture;
+    ReportObject(528, {}); // phases that took no time have no rate
+    EXPECT_EQ(capture.Take(), "Size: 528.000  B\n");
 }
 
 } // namespace

@@ -241,15 +241,16 @@ TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
     EXPECT_EQ(peer.collector.bytes, std::string(8, 'x'));
 }
 
-TEST(Transfer, AResetDownloadIsReported) {
+TEST(Transfer, AResetDownloadIsReportedAndEndsTheSession) {
     Peer peer;
     peer.OpenData();
     EXPECT_EQ(::write(peer.control.data->socket.Get(), "x", 1), 1); // never read, so that the peer's close is a reset
     peer.data_server.Reset();
     peer.Send("150 coming\r\n426 gone\r\n");
     Capture capture;
-    EXPECT_NE(peer.Retrieve(), 0);
+    EXPECT_EQ(peer.Retrieve(), -1);
     EXPECT_THAT(capture.Take(), testing::StartsWith("vondral[socket.cpp]: read(:0): Connection reset by peer\n"));
+    EXPECT_FALSE(peer.control.socket.IsOpen());
 }
 
 // Data without an end, supplied or forwarded.

@@ -41,7 +41,7 @@ std::size_t SharedState::RecordCommand(int session, const std::string& line) {
         return 0;
     const bool secret = StartsWithIgnoringCase(line, "PASS ");
     const std::lock_guard lock(mutex_);
-    exchanges_.push_back({session, secret ? line.substr(0, 5) + "****" : line, {}, 0});
+    exchanges_.push_back({session, secret ? line.substr(0, 5) + "****" : line, {}});
     return exchanges_.size() - 1;
 }
 

@@ -215,6 +215,8 @@ TEST_F(CtarTool, SalvageKeepsWhatCanBeKnown) {
           {broken(AtB, sized(4096)), A + B + C, "0 bytes dropped, 1 entry in doubt"},
           {broken(AtB, sized(528)), A + B + C, ""},
           {With(broken(AtB, sized(0)), AtC, lost), A + B, "2560 bytes dropped, 1 entry in doubt"},
+          // The size that the checksum confirms wins over one that leads to the sentinel.
+          {With(broken(AtB + 124, "00000010000"), AtC, lost), A + B, "2560 bytes dropped, 1 entry in doubt"},
           // Bytes lost or added, so that no header is where the size leads. B's data are kept as far as they go.
           {less, A + EntryOf("/b", less.substr(AtB + 512, 1584)), "entry /b: the data may be wrong"},
           {head, A + EntryOf("/b", head.substr(AtB + 512, 1584)), "entry /b, header repaired: the data may be wrong"},

@@ -37,21 +37,24 @@ bool ParseSwitch(const char* text) {
     return *text != '\0' && std::strchr("YyTt1", *text) != nullptr;
 }
 
-// The file that holds or receives the archive, when that can be destroyed by writing.
-std::optional<struct stat> ArchiveStatus(const std::optional<std::string>& path) {
-    struct stat status;
-    if (!path || (path == "-" ? ::fstat(STDIN_FILENO, &status) : ::stat(path->c_str(), &status)) != 0)
-        return std::nullopt;
-    return S_ISREG(status.st_mode) || S_ISBLK(status.st_mode) ? std::optional(status) : std::nullopt;
+// The path of the archive that is the same file as `other` and would be destroyed by writing to that; nullptr when none
+// is. Only a restore takes "-" for standard input.
+const std::string* FindArchive(const Settings& settings, const struct stat& other) {
+    for (const std::optional<std::string>* path : {&settings.backup_path, &settings.restore_path}) {
+        if (!*path)
+            continue;
+        struct stat archive;
+        const bool is_input = path == &settings.restore_path && **path == "-";
+        if ((is_input ? ::fstat(STDIN_FILENO, &archive) : ::stat((*path)->c_str(), &archive)) == 0 &&
+            (S_ISREG(archive.st_mode) || S_ISBLK(archive.st_mode)) && archive.st_dev == other.st_dev &&
+            archive.st_ino == other.st_ino)
+            return &**path;
+    }
+    return nullptr;
 }
 
-// Whether both are one file; logs the path when they are.
-bool IsArchive(const std::optional<struct stat>& archive, const struct stat& other, const char* path,
-               const char* name) {
-    if (!archive || archive->st_dev != other.st_dev || archive->st_ino != other.st_ino)
-        return false;
+void LogArchiveAs(const char* path, const char* name) {
     LogError("%s: is the archive and cannot be %s too\n", path, name);
-    return true;
 }
 
 // Requires: the first pass over the options is done.
@@ -68,7 +71,6 @@ int OpenPathFile(Stream& stream, const char* path, PathFileUse use) {
     }
     for (const std::string& mistake : FindMistakes(stream.get(), use))
         LogError("%s: %s\n", path, mistake.c_str());
-    ::setlinebuf(stream.get());
     return 0;
 }
 
@@ -108,10 +110,10 @@ int SetCredentials(Settings& settings, char* argument) {
 // Opening the catalog empties it, so it is compared with the archive before that.
 int SetCatalog(Settings& settings, char* argument) {
     struct stat status;
-    if (::stat(argument, &status) == 0)
-        for (const std::optional<std::string>& archive : {settings.backup_path, settings.restore_path})
-            if (IsArchive(ArchiveStatus(archive), status, argument, "the catalog"))
-                return OptionError;
+    if (::stat(argument, &status) == 0 && FindArchive(settings, status) != nullptr) {
+        LogArchiveAs(argument, "the catalog");
+        return OptionError;
+    }
     settings.catalog.reset(std::fopen(argument, "w"));
     if (settings.catalog)
         return 0;
@@ -349,9 +351,10 @@ bool SharesArchive(const Settings& settings) {
         struct stat status;
         if (::fstat(other.descriptor, &status) != 0)
             continue;
-        for (const std::optional<std::string>& path : {settings.backup_path, settings.restore_path})
-            if (IsArchive(ArchiveStatus(path), status, path.value_or("").c_str(), other.name))
-                return true;
+        if (const std::string* const path = FindArchive(settings, status)) {
+            LogArchiveAs(path->c_str(), other.name);
+            return true;
+        }
     }
     return false;
 }

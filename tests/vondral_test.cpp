@@ -160,6 +160,12 @@ TEST(Options, TheArchiveIsNoOtherFileOfTheRun) {
         EXPECT_EQ(ReadFile(archive), "/archive\n");
     }
     EXPECT_EQ(CommandLine({"-s", "h", "-c", "u:here:p", "-b", "/dev/null", "-C", "/dev/null"}).result, 0);
+    // A backup does not take "-" for standard input.
+    std::filesystem::current_path(temp.path);
+    WriteFile("./-", "archive");
+    EXPECT_EQ(CommandLine({"-s", "h", "-c", "u:here:p", "-b", "-", "-C", "-"}).result, -1);
+    EXPECT_EQ(ReadFile("-"), "archive");
+    std::filesystem::current_path("/");
 }
 
 TEST(Options, MistakesInPathFilesAreSaid) {

@@ -43,7 +43,7 @@ struct SkipFailure {
 };
 std::string DescribeFailure(const SkipFailure& failure);
 
-// One archive on its way from front to back. A file is read directly, past the page cache where its file system allows
+// Reads one archive from front to back. A file is read directly, past the page cache where its file system allows
 // that, because data that is read once gains nothing from the cache; but what is in the cache already is taken from
 // there. Standard input and anything but a file is read as it comes.
 //

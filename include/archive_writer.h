@@ -4,7 +4,8 @@
 // Between entries the file is always a valid archive: entries, then one sentinel. An entry's data is appended after
 // that sentinel, in whole blocks; closing the entry pads the last block, writes a new sentinel after the data, and only
 // then the entry's header over the old sentinel. A program that dies before that last write leaves an archive that ends
-// at the old sentinel.
+// at the old sentinel. So does an entry that is never closed, because the connection broke: its data follow the
+// sentinel. And after a failed step of CloseEntry the last header may claim data that are not there.
 //
 // Several workers share one ArchiveFile and append to it one at a time: whoever appends holds `appending`. Each has an
 // ArchiveWriter of its own.
@@ -58,11 +59,12 @@ using ArchiveFailures = std::vector<ArchiveFailure>;
 // What a log line says of the failure, such as "ftruncate64(): Read-only file system".
 std::string DescribeFailure(const ArchiveFailure& failure);
 
-// Whether a failure of these steps loses the entry: any but those of a cut, which can only follow another one.
+// Whether a failure of these steps loses the entry: any but those of a cut, which follows another failure or
+// removes an empty entry.
 bool LosesEntry(const ArchiveFailures& failures);
 
 // Opens the archive for this run alone and cuts it to zero. The descriptor stays closed, with errno set, when that
-// fails, and also while another run writes the same file.
+// fails: to EWOULDBLOCK while another run writes the same file.
 void OpenArchive(ArchiveFile& file, const std::string& path);
 
 // Writes the first sentinel. After a failure the archive is empty; appending entries to it would fail too.
@@ -72,7 +74,7 @@ ArchiveFailures BeginArchive(ArchiveFile& file);
 off_t BeginEntry(ArchiveWriter& writer);
 
 // Appends at the file's position, in whole blocks; at most 511 bytes wait in the writer for the next call. `count`
-// comes back as the number of bytes that were not consumed, 0 unless a bulk write failed. A gathered block that could
+// comes back as the number of bytes that were not consumed, 0 unless a write failed. A gathered block that could
 // not be written stays pending.
 ArchiveFailures AppendData(ArchiveWriter& writer, const char* data, int& count);
 

@@ -33,7 +33,7 @@ bool IsTooLong(std::string_view command);
 // Doubles every quote and apostrophe of a path for use inside a quoted CL string. Cut at 4093 characters.
 std::string QuoteForCL(std::string_view text);
 
-// The part of a path below /QSYS.LIB/; empty when there is none.
+// The part of a path below /QSYS.LIB/. Requires: it begins with that, or is /QSYS.LIB.
 std::string NameBelowLibraries(const std::string& path);
 
 // Whether the text can be the name of a library inside a command: not empty, no "*" in front (which would be a special

@@ -52,8 +52,8 @@ struct FtpSession {
 // Connects to the host's port for `service`. Returns nothing after a failure, which is logged.
 std::unique_ptr<FtpSession> NewSession(const char* host, const char* service, const TransportOptions& options = {});
 
-// Logs in and checks the server; without user or password the stored ones are used. Returns 0, or -1 when the server
-// refuses USER, PASS or CWD; trouble with SYST or TIME is only logged.
+// Logs in and checks the server; without user or password the stored ones are used. Returns 0, or -1 after
+// logging the reason; trouble with SYST or TIME is only logged.
 int Login(FtpSession* session, const char* user, const char* password);
 
 // Sends QUIT, closes and frees. Returns 0 when the socket closed cleanly, else -1.
@@ -90,12 +90,12 @@ struct SaveRequest {
 };
 
 // Has the server save the object into a save file and appends that to the archive. Returns 0 when the object is in the
-// archive, a save that the server calls partial included, else -1. `times` is set unless the save failed. Throws
-// WorkerEnd when termination was requested by the time the entry is closed.
+// archive, a save that the server calls partial included, else -1. `times` is set once the retrieval has returned.
+// Throws WorkerEnd when termination was requested by the time the entry is closed.
 int SaveObject(const SaveMember& member, FtpSession* session, const SaveRequest& request, SaveTimes& times,
                const EntryTarget& target);
 
-// Ends a worker after a termination request: thrown by a retrieval that has closed its entry.
+// Ends a worker after a termination request: thrown when no entry is open.
 struct WorkerEnd {};
 
 // What to restore of one entry.
@@ -107,7 +107,7 @@ struct RestoreRequest {
 
 // Uploads the entry's save file and has the server restore from it. Returns 0, or -1; for RSTDLO the result of
 // SendCommand; for several paths the result of the last one. A connection that breaks once the upload has begun fails
-// the entry: its bytes cannot be read again.
+// the entry: its bytes cannot be read again. Requires: for a library, `objects` is not empty.
 int RestoreObject(const RestoreMember& member, FtpSession* session, RestoreRequest& request, RestoreTimes& times,
                   const Transfer& upload);
 

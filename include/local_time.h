@@ -1,5 +1,5 @@
-// Converting many local times to epochs, where each mktime() would cost more than parsing the line that the time is
-// from. Not for use by several threads at once.
+// Converts many local times to epochs: one mktime() per line of a listing would cost more than parsing it. Not
+// thread-safe.
 
 #pragma once
 

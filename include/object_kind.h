@@ -1,4 +1,4 @@
-// Paths of the server that mean something by themselves, and the kind of object that a path names.
+// Server paths with a special meaning, and the kind of object that a path names.
 
 #pragma once
 

@@ -1,5 +1,5 @@
 // Include and exclude files: one full server path per line, which may be a pattern, optionally " :: " and a
-// second path. Questions come from one thread at a time.
+// second path. Not thread-safe: call from one thread at a time.
 
 #pragma once
 
@@ -12,8 +12,7 @@
 
 constexpr std::size_t PathLineCapacity = 4096; // a line and its terminator; longer lines count in pieces
 
-// Reads the next line without the newlines at its end; a line of newlines alone keeps its first. Returns false at the
-// end of the file.
+// Reads the next line without its newline; an empty line keeps it. Returns false at the end of the file.
 bool ReadPathLine(std::string& line, std::FILE* stream);
 
 // Whether a pattern contains "*" or "?".
@@ -28,7 +27,8 @@ std::vector<std::string> FindMistakes(std::FILE* stream, PathFileUse use);
 // Whether lines that contain "*" or "?" count: in a backup they do, in a restore they are ignored.
 enum class WildCards { Match, Ignore };
 
-// Asks a path file about a path. The file is read again from its start each time.
+// Asks a path file about a path. A change of the file is noticed a second later at most. Requires: a stream that was
+// asked about stays open while others are asked about.
 //
 // A line matches the path when its pattern, under fnmatch with wild cards that do not cross "/", matches the path or a
 // leading part of it that ends before a "/"; a pattern with more levels than the path never does. The first such line

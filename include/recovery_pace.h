@@ -2,7 +2,7 @@
 // cannot keep an operation busy forever. Silent; one pace belongs to one operation.
 //
 // The first twenty recoveries follow each other at once. From then on each is preceded by a pause of 1, 2, 4 ... 60
-// seconds, and there is none once the timeout has passed since the first one.
+// seconds. No recovery is allowed once the timeout has passed since the first one.
 
 #pragma once
 

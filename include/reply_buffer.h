@@ -16,7 +16,8 @@ public:
     // Where the next read goes; empty when the buffer is full.
     std::span<char> Room();
     // Counts in what a read has put into Room(). Line ends (CR LF) are counted within the bytes of this read alone: one
-    // that the network has split is not an end, and the text continues to the next one.
+    // that the network has split is not counted, though FirstLine() ends at it. Replies then lag one behind until
+    // Clear().
     void Append(std::size_t count);
     int Lines() const { return lines_; }
 

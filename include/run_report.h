@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-// Seconds that a backup spent on one object, or in sum on several.
+// Seconds that a backup spent on one object, or the sum over several.
 struct SaveTimes {
     double save = 0;     // by the server's save command
     double wait = 0;     // for other workers' retrievals
@@ -20,7 +20,7 @@ struct RestoreTimes {
     double transfer = 0; // by the upload
 };
 
-// What a worker did, and in sum the run.
+// What a worker did; summed up, what the run did.
 struct BackupTotals {
     std::uint64_t attempted = 0; // files
     std::uint64_t failed = 0;    // as printed: a directory that fails sets it to its own count, whatever it was

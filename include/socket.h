@@ -80,7 +80,8 @@ struct Transfer {
 std::unique_ptr<FtpConnection> OpenConnections(const char* host, const char* service, const TransportOptions& options,
                                                BrokenHandler on_broken);
 
-// Connects a closed control connection and reads the greeting. Returns 0, or -1 with the socket closed.
+// Connects a control connection and reads the greeting. Returns 0, or -1 after logging the reason, with the socket
+// closed. Requires: it is closed; an open one stays as it is, and the result is -1.
 int ConnectControl(FtpConnection* control);
 
 // Stores the next reply line, without its line end, in `line`. Returns 0 when it is positive (2xx, 3xx), 1 when it is

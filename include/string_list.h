@@ -12,5 +12,5 @@ struct StringPair {
     std::optional<std::string> second; // the text after " :: " in a path file; absent, not empty, without one
 };
 
-// Pairs in the order in which they were appended. Users walk and remove them directly.
+// Pairs in the order in which they were appended. Callers iterate over the list and erase from it directly.
 using StringList = std::list<StringPair>;

@@ -42,5 +42,5 @@ void KeepUrgentDataInline(const Descriptor& socket);
 Descriptor OpenSocket(int protocol);
 int ConnectSocket(const Descriptor& socket, const sockaddr_in& address);
 
-// Whether a call that must not block failed for no other reason than that.
+// Whether a call failed only because it would have blocked, or a signal interrupted it.
 bool WouldBlock();

@@ -5,8 +5,8 @@
 // of the names from the root down; a root's name is a path, a wild-card pattern or empty. Each directory has two chains
 // of children, in the order of appending, each child owned by its predecessor.
 //
-// One thread builds the trees; afterwards they are only read, by any thread. A server object costs at most 160 bytes
-// and its name. Chains of millions are walked and freed by loops.
+// One thread builds the trees; afterwards any thread reads them, and only SAV changes a name, in the worker whose tree
+// it is. A server object costs at most 160 bytes and its name. Chains of millions are walked and freed by loops.
 
 #pragma once
 

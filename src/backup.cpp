@@ -552,7 +552,10 @@ int BackupDriver(FtpSession* session, const Settings& settings) {
     ArchiveFile archive;
     OpenArchive(archive, path);
     if (!archive.descriptor.IsOpen()) {
-        LogFailure("open(%s): %s\n", path.c_str(), std::strerror(errno));
+        if (errno == EWOULDBLOCK)
+            LogFailure("%s: another run is writing this archive\n", path.c_str());
+        else
+            LogFailure("open(%s): %s\n", path.c_str(), std::strerror(errno));
         return -1;
     }
     LogMessage("Building Object Lists\n");

@@ -296,7 +296,9 @@ TEST(Backup, OneRunAtATimeWritesAnArchive) {
     const Descriptor other(::open(night.archive.c_str(), O_WRONLY | O_CREAT, 0600));
     ASSERT_EQ(::flock(other.Get(), LOCK_EX), 0);
     WriteFile(night.archive, "another run's");
-    EXPECT_EQ(night.RunBackup().status, 255);
+    const Outcome outcome = night.RunBackup();
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_THAT(outcome.err, HasSubstr("archive: another run is writing this archive\n"));
     EXPECT_EQ(ReadFile(night.archive), "another run's");
 }
 

@@ -23,10 +23,9 @@ constexpr int TerminatedStatus = 143; // exit status of a run that honoured it: 
 void LogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void LogMessageTo(std::FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Registers the calling thread, replacing an earlier registration, under `number`, or under the next free
-// number when it is -1. Returns the number. Numbers are never given twice in a run, so the result also names
-// what belongs to the thread elsewhere (a worker's save file on the server).
-std::uint32_t RegisterThread(int number);
+// Registers the calling thread under the next free number, replacing an earlier registration. Returns the number. None
+// is given twice in a run, so it also names what belongs to the thread elsewhere (a worker's save file on the server).
+std::uint32_t RegisterThread();
 
 // The place of a call. Stands in for std::source_location, which clang 14 lacks.
 struct SourceLocation {

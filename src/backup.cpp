@@ -206,7 +206,7 @@ void ReportUnfinishedLine(ListingContext& context) {
     CountParseError(context);
 }
 
-// Lists the context's path into `directory`. Returns the listing's parse errors, -1 when it failed.
+// Lists the context's path into `directory`. Returns 0, or -1 when the listing failed.
 int ListInto(FtpSession* session, ObjectNode& directory, ListingContext& context) {
     BeginListing(context, directory);
     ++context.totals.list_calls;
@@ -217,7 +217,7 @@ int ListInto(FtpSession* session, ObjectNode& directory, ListingContext& context
         LogFailure("%d parse errors in directory %s\n", context.parse_errors, MaskControls(context.path).c_str());
         context.totals.parse_errors += static_cast<std::uint64_t>(context.parse_errors);
     }
-    return result != 0 ? -1 : context.parse_errors;
+    return result;
 }
 
 // With a cut-off, a library that already holds changed objects is saved whole and need not be searched
@@ -231,7 +231,7 @@ bool IsSettledLibrary(const ObjectNode& dir, const ListingContext& context) {
 void WalkDirectory(FtpSession* session, ObjectNode& dir, ListingContext& context) {
     const std::size_t parent_length = context.path.size();
     AppendToPath(context.path, dir.name);
-    if (ListInto(session, dir, context) < 0) {
+    if (ListInto(session, dir, context) != 0) {
         LogFailure("list failed\n%s\n", MaskControls(context.path).c_str());
         dir.unlisted = true;
     } else if (!dir.released) {
@@ -273,7 +273,7 @@ int ResolveIncludePath(FtpSession* session, const std::string& include, ObjectNo
         return 0;
     }
     context.found = false;
-    if (ListInto(session, root, context) < 0) {
+    if (ListInto(session, root, context) != 0) {
         LogFailure("list failed\n");
         return -1;
     }
@@ -436,7 +436,7 @@ std::unique_ptr<FtpSession> OpenWorkerSession(const Settings& settings) {
 }
 
 BackupTotals BackupWorker(const WorkerContext& context, const ObjectNode& kind_tree) {
-    const std::uint32_t number = RegisterThread(-1);
+    const std::uint32_t number = RegisterThread();
     std::unique_ptr<FtpSession> session = OpenWorkerSession(context.settings);
     WorkerRun run{session.get(), number, context.settings, context.archive};
     SaveTree(run, kind_tree);

@@ -116,12 +116,12 @@ int SendLogin(FtpSession& session, const LoginStep& step, const std::string& val
 }
 
 // The value to log in with: the caller's, else the stored one.
-std::optional<std::string> ChooseLogin(const char* given, const std::optional<std::string>& stored,
-                                       const char* article_and_name, SourceLocation place = SourceLocation::Here()) {
+std::optional<std::string> ChooseLogin(const char* given, const std::optional<std::string>& stored, const char* name,
+                                       SourceLocation place = SourceLocation::Here()) {
     if (given != nullptr)
         return given;
     if (!stored)
-        LogFailureAt(place, "we don't have a %s\n", article_and_name);
+        LogFailureAt(place, "we don't have a %s\n", name);
     return stored;
 }
 

@@ -72,5 +72,4 @@ void ReadAhead::End() {
     ++drained_; // another value, for a reader that waits
     drained_.notify_one();
     reader_.join();
-    reader_ = std::thread();
 }

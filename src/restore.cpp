@@ -37,7 +37,7 @@ struct RestoreRun {
     int header_error = 0;      // its errno
     std::uint64_t offset = 0;  // of the current header; sizes that add up to more than a file can hold make it wrap
     int result = 0;            // of the last entry, or of what ended the run
-    int restored_profiles = 0; // user profile entries restored: their authorities follow at the end
+    bool has_profiles = false; // user profiles were restored: their authorities follow at the end
 };
 
 // One entry
@@ -83,7 +83,7 @@ bool RestoreWanted(RestoreRun& run, RestoreRequest& request, std::int64_t size) 
         return false;
     }
     if (member.profiles)
-        ++run.restored_profiles;
+        run.has_profiles = true;
     if (run.settings.Verbosity() >= 2)
         ReportEntry(size, times);
     return true;
@@ -132,12 +132,9 @@ bool ProcessEntry(RestoreRun& run) {
 
 // Has the server restore the authorities of the user profiles that were restored.
 void RestoreAuthorities(RestoreRun& run) {
-    if (run.restored_profiles == 0)
-        return;
-    const int restored = RestoreAuthority(run.session);
-    if (restored != 0) {
+    if (run.has_profiles && RestoreAuthority(run.session) != 0) {
         LogFailure("failed to restore authority\n");
-        run.result = run.result != 0 ? -1 : restored;
+        run.result = -1;
     }
 }
 

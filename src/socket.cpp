@@ -358,15 +358,8 @@ int SendData(FtpConnection& data, const Transfer& transfer) {
     }
 }
 
-// Runs the whole transfer. Closing the socket tells a receiving server that the file has ended.
-int RunTransfer(FtpConnection& control, const Transfer& transfer) {
-    if (!IsControlRecord(&control) || !HasDataRecord(&control))
-        return -1;
-    FtpConnection& data = *control.data;
-    if (!data.socket.IsOpen()) {
-        LogFailure("no client descriptor\n");
-        return -1;
-    }
+// Runs the whole transfer over an open socket. Closing it tells a receiving server that the file has ended.
+int RunTransfer(FtpConnection& data, const Transfer& transfer) {
     const int result = transfer.receive != nullptr ? ReceiveData(data, transfer) : SendData(data, transfer);
     data.socket.Reset();
     return result;
@@ -537,7 +530,7 @@ int HandleEvents(Exchange& exchange, const PollSet& set) {
     const int on_data = set.Events(set.data);
     if ((on_control & (POLLIN | POLLPRI)) != 0)
         ConsumeReplies(exchange);
-    if (on_data != 0 && RunTransfer(exchange.control, exchange.transfer) != 0 && exchange.result == 0)
+    if (on_data != 0 && RunTransfer(*exchange.control.data, exchange.transfer) != 0 && exchange.result == 0)
         exchange.result = -1;
     if (((on_control | on_data) & ~(POLLIN | POLLPRI | POLLOUT)) != 0) {
         LogFailure("poll(): revents: 0x%X, 0x%X\n", static_cast<unsigned>(set.Events(0)),
@@ -557,8 +550,6 @@ int AwaitCompletion(Exchange& exchange) {
             return -1;
         }
         PollSet set = BuildPollSet(exchange);
-        if (set.count == 0)
-            break;
         const int events = PollSockets({set.entries.data(), set.count});
         if (events < 0)
             return ReportPoll();

@@ -90,10 +90,10 @@ void LogMessageTo(std::FILE* stream, const char* format, ...) {
     va_end(arguments);
 }
 
-std::uint32_t RegisterThread(int number) {
+std::uint32_t RegisterThread() {
     const std::lock_guard<std::mutex> lock(LogLock);
     RemoveEntry(ThreadIdentity());
-    return AddEntry(number == -1 ? Registry().count : static_cast<std::uint32_t>(number));
+    return AddEntry(Registry().count);
 }
 
 // Failure messages

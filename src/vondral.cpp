@@ -134,7 +134,7 @@ bool ReserveStandardDescriptors() {
 int StartUp(const char* program) {
     if (!ReserveStandardDescriptors())
         return -1;
-    RegisterThread(-1);
+    RegisterThread();
     const char* const slash = std::strrchr(program, '/');
     ProgramName = slash != nullptr ? slash + 1 : program;
     std::signal(SIGXFSZ, SIG_IGN); // a file size limit is a failed write, to be reported like a full disk

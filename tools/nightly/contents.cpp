@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <span>
 
 #include "archive_reader.h"
@@ -24,6 +25,7 @@ struct Walk {
     ArchiveReader reader;
     Mapping buffer;
     std::int64_t offset = 0; // of the next header
+    std::int64_t size = 0;   // of the file, bytes
     ArchiveContents contents;
 
     void Fail(const std::string& why) {
@@ -48,8 +50,9 @@ bool DigestData(Walk& walk, EntryFacts& entry) {
 }
 
 bool SkipData(Walk& walk, const EntryFacts& entry) {
-    std::vector<SkipFailure> failures;
-    return walk.reader.Skip(entry.size, failures);
+    std::vector<SkipFailure> failures; // a seek goes beyond the end, too
+    return walk.reader.Skip(entry.size, failures) &&
+           RoundToBlocks(entry.size) <= walk.size - walk.offset - static_cast<std::int64_t>(BlockSize);
 }
 
 // Reads one header and its entry. Returns false at the end of the chain, which may be a fault.
@@ -63,7 +66,10 @@ bool ReadEntry(Walk& walk, Digests digests) {
     EntryFacts entry;
     const BlockKind kind = ClassifyBlock(block, static_cast<std::size_t>(held), entry.size);
     if (kind == BlockKind::Sentinel) {
-        if (walk.reader.Read(walk.buffer.Data(), BlockSize) != 0)
+        const ssize_t more = walk.reader.Read(walk.buffer.Data(), BlockSize);
+        if (more < 0)
+            walk.Fail(std::strerror(errno));
+        else if (more > 0)
             walk.Fail("data after the end of the archive, which a restore will not see");
         return false;
     }
@@ -89,6 +95,7 @@ ArchiveContents ReadArchive(const std::string& path, Digests digests) {
     Walk walk;
     if (!walk.buffer.Map(PieceSize) || !walk.reader.Open(path))
         throw Failure(ctar::WithReason(path));
+    walk.size = static_cast<std::int64_t>(std::filesystem::file_size(path));
     while (ReadEntry(walk, digests)) {
     }
     return std::move(walk.contents);

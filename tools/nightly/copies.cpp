@@ -27,10 +27,12 @@ std::set<std::string> MissedPaths(const Night& night) {
     const std::string file = night.File(NightFiles::Missed);
     if (night.HasGoodVerdict())
         RequireReadable(file);
-    for (const MissedLine& line : ReadMissed(file))
+    const std::vector<MissedLine> lines = ReadMissed(file);
+    for (const MissedLine& line : lines)
         paths.insert(line.path);
-    if (night.HasGoodVerdict() && night.record->missing > 0 && paths.empty())
-        throw Failure(file + ": names nothing, but the night missed something");
+    if (night.HasGoodVerdict() && lines.size() < night.record->missed_lines)
+        throw Failure(file + ": has fewer lines than the " + std::to_string(night.record->missed_lines) +
+                      " that it had when the night was judged");
     return paths;
 }
 
@@ -47,13 +49,6 @@ struct Contained {
     std::vector<std::string> partial; // any other copy
 };
 
-std::vector<std::string> ArchivesOf(const Night& night) {
-    if (night.record)
-        return night.record->archives;
-    return Exists(night.File(NightFiles::Archive)) ? std::vector<std::string>{NightFiles::Archive}
-                                                   : std::vector<std::string>{};
-}
-
 // The paths of a night's catalogs. Throws Failure when they name fewer than the night was judged by: what is not known
 // to be somewhere else must not go.
 std::vector<std::string> TrustedCatalog(const Night& night) {
@@ -68,15 +63,15 @@ std::vector<std::string> TrustedCatalog(const Night& night) {
 Contained ReadContained(const Night& night) {
     Contained contained;
     if (!night.HasGoodVerdict()) {
-        contained.partial = CoveredPaths(night.path, ArchivesOf(night));
+        contained.partial = CoveredPaths(night.path, ExistingArchives(night));
         return contained;
     }
     const std::set<std::string> missed = MissedPaths(night);
     std::vector<std::string> paths = TrustedCatalog(night);
     if (!night.record->catalog_is_covered)
-        paths = CoveredPaths(night.path, ArchivesOf(night));
+        paths = CoveredPaths(night.path, night.record->archives);
     else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
-        contained.partial = CoveredPaths(night.path, ArchivesOf(night));
+        contained.partial = CoveredPaths(night.path, night.record->archives);
     for (std::string& path : paths)
         (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
     return contained;
@@ -182,8 +177,11 @@ NightClock ClockOf(const std::vector<Night>& nights, std::time_t now) {
 std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
     Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, ClockOf(nights, now)};
     for (const std::size_t i : LatestFirst(nights))
-        if (nights[i].has_archive && search.Counts(i))
-            FindCopies(search, i, ReadContained(nights[i]));
+        if (nights[i].has_archive && search.Counts(i)) {
+            const Contained contained = ReadContained(nights[i]);
+            search.counts[i].contained = contained.whole.size() + contained.partial.size();
+            FindCopies(search, i, contained);
+        }
     FindSeen(search);
     return search.counts;
 }

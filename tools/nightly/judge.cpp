@@ -244,6 +244,11 @@ std::string Files(std::uint64_t count) {
     return FormatText("%llu file%s", Printable(count), count == 1 ? "" : "s");
 }
 
+// A line of the server's listings that cannot be read names nothing.
+const char* WhereNamed(const NightSum& sum) {
+    return sum.missed.empty() ? "the log tells why" : "missed names them";
+}
+
 // Why the night is no backup at all.
 void FindFailures(const NightSum& sum, int exit_status, const NightRecord& record, const JudgeRules& rules,
                   std::vector<std::string>& reasons) {
@@ -263,11 +268,10 @@ void FindFailures(const NightSum& sum, int exit_status, const NightRecord& recor
         reasons.emplace_back("the archive has no object: look at the include and exclude file");
     const auto attempted = static_cast<double>(std::max(record.attempted, record.missing));
     if (record.missing > 0 && static_cast<double>(record.missing) > rules.tolerate * attempted)
-        reasons.push_back(FormatText("%s of %llu missing (%s; %s is tolerated): %s names them",
-                                     Files(record.missing).c_str(),
+        reasons.push_back(FormatText("%s of %llu missing (%s; %s is tolerated): %s", Files(record.missing).c_str(),
                                      Printable(std::max(record.attempted, record.missing)),
                                      ShowShare(static_cast<double>(record.missing) / attempted).c_str(),
-                                     ShowShare(rules.tolerate).c_str(), NightFiles::Missed));
+                                     ShowShare(rules.tolerate).c_str(), WhereNamed(sum)));
 }
 
 void CompareSize(const char* what, std::uint64_t now, std::uint64_t then, const JudgeRules& rules,
@@ -317,20 +321,14 @@ Judgement JudgeNight(const std::string& directory, int retries, ExitStatuses sta
     else
         record.verdict = record.missing == 0 ? Verdict::Good : Verdict::GoodWithGaps;
     if (record.verdict == Verdict::GoodWithGaps)
-        record.reasons.push_back(Files(record.missing) + " missing, as tolerated: " + NightFiles::Missed +
-                                 " names them");
+        record.reasons.push_back(Files(record.missing) + " missing, as tolerated: " + WhereNamed(sum));
     for (const MissedLine& line : sum.missed)
         record.newly_missing += rules.known_missed.contains(line.path) ? 0U : 1U;
+    record.missed_lines = sum.missed.size();
     judgement.missed = std::move(sum.missed);
     judgement.ran_to_end = sum.ran_to_end;
     return judgement;
 }
-
-namespace {
-
-constexpr int MostRetries = 9;
-
-} // namespace
 
 std::vector<std::string> CatalogPaths(const std::string& directory) {
     std::vector<std::string> paths;

@@ -53,6 +53,14 @@ std::string SumsFileOf(const std::string& archive) {
     return archive.substr(0, archive.rfind('.')) + ".sum";
 }
 
+std::vector<std::string> ExistingArchives(const Night& night) {
+    std::vector<std::string> archives;
+    for (int retry = 0; retry <= MostRetries; ++retry)
+        if (const std::string name = AttemptFile(NightFiles::Archive, retry); Exists(night.File(name)))
+            archives.push_back(name);
+    return archives;
+}
+
 std::string EncodeRecord(const NightRecord& record) {
     Json json{{"name", record.name},
               {"server", record.server},
@@ -72,6 +80,7 @@ std::string EncodeRecord(const NightRecord& record) {
                      {"objects", record.objects},
                      {"missing", record.missing},
                      {"newly_missing", record.newly_missing},
+                     {"missed_lines", record.missed_lines},
                      {"bytes", record.bytes},
                      {"archives", record.archives},
                      {"archive_bytes", record.archive_bytes},
@@ -101,6 +110,7 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
         record.objects = json.at("objects");
         record.missing = json.at("missing");
         record.newly_missing = json.at("newly_missing");
+        record.missed_lines = json.value("missed_lines", std::uint64_t{0}); // older records lack it
         record.bytes = json.at("bytes");
         record.archives = json.at("archives").get<std::vector<std::string>>();
         record.archive_bytes = json.at("archive_bytes").get<std::vector<std::uint64_t>>();
@@ -124,7 +134,7 @@ bool HasArchives(const Night& night) {
         return false;
     // Whatever a night that is not good left takes room, sound or not.
     if (!night.record || !IsGood(night.record->verdict))
-        return Exists(night.File(NightFiles::Archive));
+        return !ExistingArchives(night).empty();
     const NightRecord& record = *night.record;
     for (std::size_t i = 0; i < record.archives.size(); ++i) {
         std::error_code error;

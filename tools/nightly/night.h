@@ -42,6 +42,7 @@ struct NightRecord {
     std::uint64_t objects = 0;                // of these, files that a sound archive contains, libraries as one each
     std::uint64_t missing = 0;                // of these, not; in part counts too
     std::uint64_t newly_missing = 0;          // names that were not missing in the last good night
+    std::uint64_t missed_lines = 0;           // of the list of what is missing
     std::uint64_t bytes = 0;                  // of data in sound archives
     std::vector<std::string> archives;        // file names, in the order in which a restore takes them
     std::vector<std::uint64_t> archive_bytes; // the sizes of these files
@@ -87,8 +88,12 @@ constexpr const char* RemovingSuffix = ".removing";
 
 // "retry1.ctar", "retry1.catalog" and so on; the first attempt's files when `retry` is 0.
 std::string AttemptFile(const char* name, int retry);
+constexpr int MostRetries = 9;
 // "archive.sum", "retry1.sum": the sums that belong to an archive.
 std::string SumsFileOf(const std::string& archive);
+
+// The archives of a night's attempts that exist, sound or not, in the order in which they were written.
+std::vector<std::string> ExistingArchives(const Night& night);
 
 // All nights in the directory, the oldest first. Throws Failure when it or one of them cannot be read.
 std::vector<Night> ListNights(const std::string& directory);

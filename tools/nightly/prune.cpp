@@ -27,7 +27,7 @@ std::vector<RetainedNight> FactsOf(const std::vector<Night>& nights, const Confi
                          .archive_gone = night.archive_gone,
                          .base = night.record ? night.record->base : std::nullopt,
                          .units = UnitsOf(night.moment, config.timezone),
-                         .objects = night.record ? night.record->objects : 0,
+                         .objects = night.HasGoodVerdict() ? night.record->objects : copies[i].contained,
                          .newest_copies = copies[i].objects,
                          .example = copies[i].example});
     }

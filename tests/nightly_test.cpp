@@ -337,6 +337,10 @@ TEST(Judge, CountsTheUnionOfAllAttempts) {
     WriteAttempt(other.path, 1, {first, "/a", "", 1});
     WriteFile(other / "archive.ctar", "damaged");
     EXPECT_EQ(JudgeNight(other.path, 1, {0, 0}, {}).record.verdict, Verdict::Good);
+    // What two include lines name is attempted twice, and in the catalog twice.
+    WriteAttempt(other.path, 1, {first, "/a,/a", "", 2});
+    EXPECT_EQ(JudgeNight(other.path, 1, {0, 0}, {}).record.verdict, Verdict::Good);
+    WriteAttempt(other.path, 1, {first, "/a", "", 1});
     // What a retry saved again counts once.
     WriteAttempt(other.path, 2, {{{"/a", "12345"}}, "/a", "", 1});
     WriteFile(IncludeFileOf(other.path, 2), "/a\n");
@@ -385,6 +389,7 @@ struct NightSite {
         config.directory = site.work / "nights";
         config.metrics = site.work / "metrics";
         config.retry_wait = 0;
+        config.knows_timezone = true;
     }
     World MakeWorld() {
         World world;
@@ -472,6 +477,28 @@ TEST(Nights, LockedObjectsReplaceNothing) {
     EXPECT_THAT(Reasons(empty), HasSubstr("1 file of 7 missing"));
     EXPECT_TRUE(site.HasArchive(good));
     EXPECT_THAT(ReadFile(empty.File(NightFiles::Missed)), HasSubstr("] /QSYS.LIB/PAYROLL.LIB"));
+}
+
+// A line of a listing that cannot be read is missing, but has no name. Later nights go on all the same.
+TEST(Nights, MissWhatNobodyCanName) {
+    NightSite site;
+    site.config.tolerate = 0.5;
+    site.config.max_shrink = 1;
+    rehearsal::Fault cut = Close("LIST /"); // within the last line, that of "home"
+    cut.kind = rehearsal::Fault::Kind::DataClose;
+    cut.bytes = 130;
+    site.site.options.faults = {cut};
+    const Night night = site.Run();
+    EXPECT_EQ(night.record->verdict, Verdict::GoodWithGaps);
+    EXPECT_THAT(Reasons(night), HasSubstr("1 file missing, as tolerated: the log tells why"));
+    site.site.options.faults.clear();
+    EXPECT_TRUE(site.Run().IsGood());
+    // But a list that has lost its lines is no list.
+    site.site.options.locked = {"/home/note"};
+    const Night gaps = site.Run();
+    ASSERT_TRUE(gaps.IsGood()) << Reasons(gaps);
+    WriteFile(gaps.File(NightFiles::Missed), "");
+    EXPECT_THROW(MissedPaths(gaps), Failure);
 }
 
 TEST(Nights, ANightInTheFutureReplacesNothing) {
@@ -604,6 +631,86 @@ TEST(Nights, ChangedNightsSaveWhatTheirBaseMissed) {
     EXPECT_EQ(night.record->verdict, Verdict::Good) << Reasons(night);
     EXPECT_THAT(testing::PrintToString(CoveredPaths(night.path, night.record->archives)),
                 HasSubstr("/QSYS.LIB/PAYROLL.LIB"));
+    // Also when only the retry reaches its end, and never without that save.
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    ASSERT_EQ(site.Run({Level::Full}).record->verdict, Verdict::GoodWithGaps);
+    site.site.options.locked.clear();
+    site.config.retries = 1;
+    for (const bool stopped : {true, false}) {
+        World world = site.MakeWorld();
+        int runs = 0;
+        const auto back_up = world.back_up;
+        world.back_up = [&](const BackupRequest& request) {
+            site.site.options.password = runs++ > 0 ? "secret" : "changed";
+            return back_up(request);
+        };
+        world.stop_requested = [&] { return stopped && runs == 2; };
+        const Night retried = RunNight(world, site.config, {Level::Changed});
+        EXPECT_EQ(runs, stopped ? 2 : 3);
+        EXPECT_EQ(retried.record->verdict, stopped ? Verdict::GoodWithGaps : Verdict::Good) << Reasons(retried);
+        EXPECT_EQ(ReadMissed(retried.File(NightFiles::Missed)).size(), stopped ? 1 : 0);
+        EXPECT_EQ(Holds(testing::PrintToString(CoveredPaths(retried.path, retried.record->archives)), "PAYROLL.LIB"),
+                  !stopped);
+        site.now += Day;
+    }
+}
+
+// With an include file a changed night "finds" nothing of what has not changed.
+TEST(Nights, WhatHasNotChangedIsNotMissing) {
+    NightSite site;
+    site.config.level.max_shrink = 1;
+    site.config.include = site.site.File("include", "/home/note\n/home/it's\n");
+    ASSERT_TRUE(site.Run().IsGood());
+    site.now = std::time(nullptr) + Day;
+    const Night changed = site.Run({Level::Changed});
+    EXPECT_EQ(changed.record->verdict, Verdict::Good) << Reasons(changed);
+    site.site.File("include", "/home/note\n/home/it's\n/home/never\n");
+    const Night wrong = site.Run({Level::Changed});
+    EXPECT_EQ(wrong.record->missing, 1);
+    EXPECT_EQ(ReadMissed(wrong.File(NightFiles::Missed)), std::vector{ParseMissed("/home/never")});
+    site.config.knows_timezone = false;
+    EXPECT_THROW(site.Run({Level::Changed}), Failure);
+}
+
+TEST(Archives, ThatEndInsideAnEntryDoNotContainIt) {
+    const TempDir temp;
+    WriteFile(temp / "x", MakeArchive({{"/a", "1"}, {"/b", std::string(3000, 'b')}}).substr(0, 3000));
+    for (const Digests digests : {Digests::Skip, Digests::Compute}) {
+        const ArchiveContents contents = ReadArchive(temp / "x", digests);
+        EXPECT_EQ(contents.entries.size(), 1);
+        EXPECT_THAT(contents.fault, HasSubstr("the archive ends inside the entry /b"));
+    }
+}
+
+// Whatever of a failed night a restore could bring back counts as a copy.
+TEST(Nights, CutArchivesAndThoseOfRetriesCountAsCopies) {
+    NightSite site;
+    site.config.retries = 1;
+    WriteFile(site.site.root / "home/brief", "x");
+    World world = site.MakeWorld();
+    int runs = 0;
+    const auto back_up = world.back_up;
+    world.back_up = [&](const BackupRequest& request) { // the login is refused, then the last object locked
+        site.site.options.password = runs++ > 0 ? "secret" : "changed";
+        site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+        const int status = back_up(request);
+        if (runs == 2)
+            WriteFile(request.archive, ReadFile(request.archive) + "data of a broken retrieval");
+        return status;
+    };
+    const Night only = RunNight(world, site.config, {});
+    EXPECT_FALSE(only.HasGoodVerdict());
+    EXPECT_FALSE(site.HasArchive(only));
+    EXPECT_TRUE(fs::exists(only.File("retry1.ctar")));
+    EXPECT_TRUE(site.Nights().front().has_archive);
+    fs::remove(site.site.root / "home/brief");
+    site.site.options.locked.clear();
+    site.config.keep = {1, 0, 0, 0};
+    for (int i = 0; i < 2; ++i) {
+        site.now += Day;
+        EXPECT_TRUE(site.Run().IsGood());
+    }
+    EXPECT_TRUE(fs::exists(only.File("retry1.ctar")));
 }
 
 // What somebody does to the files of a night makes nothing else go.

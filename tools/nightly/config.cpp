@@ -232,7 +232,7 @@ void RefuseContradictions(const Config& config, const toml::table& table) {
         refuse("keep", "keep: records must not be shorter than forget_after, which is read from them");
     if (!config.level.full_days.empty() && config.level.margin < 60)
         refuse("level", "level: margin must be at least a minute: listings tell times to the minute");
-    if (!config.level.full_days.empty() && !table.contains("timezone"))
+    if (!config.level.full_days.empty() && !config.knows_timezone)
         refuse("level", "level: needs the key timezone: listings tell times in the server's zone");
     if (config.drill && (ClassifyPath(config.drill->library) != ObjectKind::Library ||
                          ClassifyPath(config.drill->as) != ObjectKind::Library))
@@ -267,6 +267,7 @@ Config ReadConfig(const std::string& config_directory, const std::string& name) 
         FailAt(error.source(), std::string(error.description()));
     }
     ReadTable(table, KeysOf(config));
+    config.knows_timezone = table.contains("timezone");
     RefuseContradictions(config, table);
     return config;
 }

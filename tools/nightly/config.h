@@ -38,7 +38,8 @@ struct TlsRules {
 struct Config {
     std::string name;                      // of the server's configuration
     std::string server, login, passphrase; // the passphrase as written
-    std::string timezone = "UTC";
+    std::string timezone = "UTC";          // of the server's clock
+    bool knows_timezone = false;           // it is configured
     std::string directory;
     std::string include, exclude; // paths, "" for none
     bool precheck = true;

@@ -95,8 +95,9 @@ struct AttemptFacts {
     bool partial = false; // it saved only what had been missed before
     bool complete = false;
     bool terminated = false;
-    std::uint64_t attempted = 0, parse_errors = 0, not_found = 0;
-    std::string message; // the last failure message of the run itself
+    std::uint64_t attempted = 0, parse_errors = 0;
+    std::multiset<std::string> not_found; // include lines, as shown in the log
+    std::string message;                  // the last failure message of the run itself
 };
 
 std::uint64_t AsCount(std::optional<double> total) {
@@ -117,13 +118,16 @@ AttemptFacts ReadAttempt(const std::string& directory, int retry) {
     facts.partial = IsPartialRetry(directory, retry);
     const Descriptor log(::open(In(directory, AttemptFile(NightFiles::Log, retry)).c_str(), O_RDONLY | O_CLOEXEC));
     report::LoggedRun run;
+    run.on_result = [&facts](const report::LoggedRun&, const report::Result& result) {
+        if (result.outcome == report::Outcome::NotFound)
+            facts.not_found.insert(result.name);
+    };
     if (!log.IsOpen() || report::ReadRun(log.Get(), run) != 0)
         return facts;
     facts.complete = run.complete && run.ended;
     facts.terminated = run.terminated;
     facts.attempted = AsCount(run.Get(report::Total::Attempted));
     facts.parse_errors = AsCount(run.Get(report::Total::ParsingErrors));
-    facts.not_found = run.Count(report::Outcome::NotFound);
     if (!run.messages.empty())
         facts.message = run.messages.back();
     if (!facts.complete)
@@ -160,7 +164,7 @@ void ApplyPartialRetry(std::vector<MissedLine>& missed, const std::vector<std::s
 struct NightSum {
     AttemptFacts whole; // of the last attempt at the whole night
     bool ran_to_end = false;
-    std::uint64_t not_found = 0; // in the last attempt
+    std::size_t not_found = 0; // in the last attempt
     std::vector<MissedLine> missed;
     std::vector<std::string> lines; // of all catalogs; those of a retry only when they are new
     std::vector<std::string> archives;
@@ -170,10 +174,29 @@ struct NightSum {
     std::map<std::string, std::int64_t> entries; // bytes of data; a retry may have saved an entry again
 };
 
-void AddCatalog(NightSum& sum, std::vector<std::string> lines, std::unordered_set<std::string>& known, bool first) {
-    for (std::string& line : lines)
-        if (known.insert(line).second || first)
-            sum.lines.push_back(std::move(line));
+// A line that two include lines name counts twice, as it does among the files attempted.
+void AddCatalog(NightSum& sum, const std::vector<std::string>& lines, std::unordered_set<std::string>& known) {
+    for (const std::string& line : lines)
+        if (!known.contains(line))
+            sum.lines.push_back(line);
+    known.insert(lines.begin(), lines.end());
+}
+
+// What an attempt at the whole night missed. Takes those names out of what was not found that are in the base.
+std::vector<MissedLine> MissedByWhole(std::vector<MissedLine> missed, AttemptFacts& facts, const JudgeRules& rules) {
+    std::erase_if(missed, [&](const MissedLine& line) {
+        const auto found = facts.not_found.find(MaskControls(line.text));
+        if (found == facts.not_found.end() || !rules.is_in_base || !rules.is_in_base(line.text))
+            return false;
+        facts.not_found.erase(found);
+        return true;
+    });
+    std::set<std::string> named;
+    for (const MissedLine& line : missed)
+        named.insert(line.path);
+    std::copy_if(rules.carried.begin(), rules.carried.end(), std::back_inserter(missed),
+                 [&named](const MissedLine& line) { return named.insert(line.path).second; });
+    return missed;
 }
 
 // `own` receives the entries of this archive alone.
@@ -194,26 +217,25 @@ void AddArchive(NightSum& sum, const std::string& directory, const std::string& 
     }
 }
 
-NightSum SumUp(const std::string& directory, int retries) {
+NightSum SumUp(const std::string& directory, int retries, const JudgeRules& rules) {
     NightSum sum;
     std::unordered_set<std::string> known;
     for (int retry = 0; retry <= retries; ++retry) {
-        const AttemptFacts facts = ReadAttempt(directory, retry);
-        AddCatalog(sum, ReadLines(In(directory, AttemptFile(NightFiles::Catalog, retry))), known, retry == 0);
+        AttemptFacts facts = ReadAttempt(directory, retry);
+        AddCatalog(sum, ReadLines(In(directory, AttemptFile(NightFiles::Catalog, retry))), known);
         ctar::Coverage own;
         AddArchive(sum, directory, AttemptFile(NightFiles::Archive, retry), own);
         own.Finish();
-        if (!facts.partial) {
+        std::vector<MissedLine> missed = ReadMissed(In(directory, AttemptFile(NightFiles::Missed, retry)));
+        if (facts.partial) {
+            ApplyPartialRetry(sum.missed, ReadIncludeLines(IncludeFileOf(directory, retry)), missed, facts.complete,
+                              own);
+        } else {
+            sum.missed = MissedByWhole(std::move(missed), facts, rules);
             sum.whole = facts;
             sum.ran_to_end = sum.ran_to_end || facts.complete;
         }
-        sum.not_found = facts.not_found;
-        std::vector<MissedLine> missed = ReadMissed(In(directory, AttemptFile(NightFiles::Missed, retry)));
-        if (facts.partial)
-            ApplyPartialRetry(sum.missed, ReadIncludeLines(IncludeFileOf(directory, retry)), missed, facts.complete,
-                              own);
-        else
-            sum.missed = std::move(missed);
+        sum.not_found = facts.not_found.size();
     }
     sum.coverage.Finish();
     return sum;
@@ -234,7 +256,7 @@ void CountFiles(NightSum& sum, NightRecord& record) {
             parts += line.count;
         else if (counted.insert(line.path).second)
             ++names;
-    const std::uint64_t not_found = std::min(sum.not_found, names);
+    const std::uint64_t not_found = std::min<std::uint64_t>(sum.not_found, names);
     record.attempted = sum.whole.attempted;
     const std::uint64_t lacking = record.attempted > record.objects ? record.attempted - record.objects : 0;
     record.missing = std::max(lacking, names - not_found) + not_found + parts + sum.whole.parse_errors;
@@ -299,7 +321,7 @@ void FindDoubts(const NightSum& sum, int exit_status, const NightRecord& record,
 } // namespace
 
 Judgement JudgeNight(const std::string& directory, int retries, ExitStatuses statuses, const JudgeRules& rules) {
-    NightSum sum = SumUp(directory, retries);
+    NightSum sum = SumUp(directory, retries, rules);
     Judgement judgement;
     NightRecord& record = judgement.record;
     record.exit_status = statuses.last;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -38,6 +39,11 @@ struct JudgeRules {
     std::vector<std::string> mistakes;  // in the path files, that make a run save something else than was meant
     const Night* like = nullptr;        // the last good night of the same level, if any
     std::set<std::string> known_missed; // paths that were missing in the last good night
+    // Of a changed night:
+    std::vector<MissedLine> carried; // what its base missed; an attempt at the whole night does not save it unless it
+                                     // has changed, so it is missing until a retry that names it has saved it
+    // Whether its base has what this include line names: "not found" then says that nothing of it has changed.
+    std::function<bool(const std::string& line)> is_in_base;
 };
 
 // The exit statuses of vondral; below 0 when not known.

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <set>
+#include <utility>
 
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sys/file.h>
 
 #include "contents.h"
@@ -78,6 +81,8 @@ NightPlan PlanNight(const std::vector<Night>& nights, const Config& config, std:
     if (level == Level::Changed) {
         if (base == nullptr)
             throw Failure("a changed night needs a good full one with its archive to build on");
+        if (!config.knows_timezone)
+            throw Failure("a changed night needs the key timezone: listings tell times in the server's zone");
         plan.why.clear();
     }
     if (!plan.why.empty())
@@ -124,6 +129,23 @@ void FindEmptyLines(const std::string& path, const char* meaning, std::vector<st
             mistakes.push_back(FormatText("%s: line %d is empty and %s: remove it", path.c_str(), number, meaning));
 }
 
+// What the nights have that a changed one builds on, read when it is first asked for.
+struct BaseContents {
+    std::vector<const Night*> chain;
+    std::vector<std::string> paths;
+
+    // Whether the include line matches one of the paths.
+    bool Contains(const std::string& line) {
+        for (const Night* const night : std::exchange(chain, {})) {
+            std::vector<std::string> covered = CoveredPaths(night->path, night->record->archives);
+            std::move(covered.begin(), covered.end(), std::back_inserter(paths));
+        }
+        return std::any_of(paths.begin(), paths.end(), [&line](const std::string& path) {
+            return ::fnmatch(line.c_str(), path.c_str(), FNM_PATHNAME | FNM_LEADING_DIR) == 0;
+        });
+    }
+};
+
 JudgeRules RulesFor(const Run& run) {
     const Config& config = run.config;
     JudgeRules rules;
@@ -138,6 +160,10 @@ JudgeRules RulesFor(const Run& run) {
     if (const Night* const last = LastGood(run.nights, run.night.moment))
         for (const MissedLine& line : ReadMissed(last->File(NightFiles::Missed)))
             rules.known_missed.insert(line.path);
+    rules.carried = run.plan.carried;
+    if (run.plan.base != nullptr)
+        rules.is_in_base = [base = BaseContents{ChainOf(run.nights, *run.plan.base), {}}](
+                               const std::string& line) mutable { return base.Contains(line); };
     return rules;
 }
 
@@ -182,6 +208,16 @@ void Attempt(Run& run, const JudgeRules& rules) {
     run.judgement = JudgeNight(run.night.path, run.retries, run.statuses, rules);
 }
 
+// Saves what the night before missed, as soon as the rest is saved: an attempt at the whole of a changed night leaves
+// out what has not changed since. Costs no retry.
+void CarryOver(Run& run, const JudgeRules& rules) {
+    if (run.plan.carried.empty() || !run.judgement.ran_to_end || run.world.stop_requested())
+        return;
+    WriteRetryPaths(run, run.retries + 1, run.plan.carried);
+    ++run.retries;
+    Attempt(run, rules);
+}
+
 void Retry(Run& run, const JudgeRules& rules) {
     for (std::uint64_t tries = 0; !run.IsSettled() && tries < run.config.retries; ++tries) {
         const bool partial = run.judgement.ran_to_end;
@@ -197,16 +233,9 @@ void Retry(Run& run, const JudgeRules& rules) {
             WriteRetryPaths(run, run.retries + 1, run.judgement.missed);
         ++run.retries;
         Attempt(run, rules);
+        if (!partial)
+            CarryOver(run, rules);
     }
-}
-
-// Saves what the night before missed: a changed night by itself would leave out whatever has not changed since.
-void CarryOver(Run& run, const JudgeRules& rules) {
-    if (run.plan.carried.empty() || !run.judgement.ran_to_end || run.world.stop_requested())
-        return;
-    WriteRetryPaths(run, run.retries + 1, run.plan.carried);
-    ++run.retries;
-    Attempt(run, rules);
 }
 
 // What follows the last attempt
@@ -216,7 +245,7 @@ void WriteMissed(Run& run) {
     std::string text;
     for (const MissedLine& line : run.judgement.missed)
         text += "[00:00:00] [T00] " + line.text + "\n";
-    if (run.retries > 0 || !run.judgement.record.catalog_is_covered)
+    if (run.retries > 0 || !run.judgement.record.catalog_is_covered || run.plan.level == Level::Changed)
         run.world.disk.WriteFile(run.night.File(NightFiles::Missed), text);
 }
 

@@ -65,14 +65,14 @@ int Check(const Options& options) {
     const std::time_t now = std::time(nullptr);
     if (options.json || report.error.empty())
         std::fputs((options.json ? ReportJson(report, now) : ReportText(report, now)).c_str(), stdout);
-    if (std::fflush(stdout) != 0)
+    const bool is_written = std::fflush(stdout) == 0;
+    if (!is_written)
         Log(std::string("standard output: ") + std::strerror(errno));
-    if (!report.error.empty()) {
+    if (report.error.empty())
+        ReportCertificate(options, report.certificate);
+    else
         Log(report.error);
-        return Trouble;
-    }
-    ReportCertificate(options, report.certificate);
-    return Done;
+    return is_written && report.error.empty() ? Done : Trouble;
 }
 
 Descriptor OpenListener(const Options& options) {

@@ -9,7 +9,6 @@
 namespace tls {
 
 sockaddr_in LocalAddress(const Descriptor& socket);
-sockaddr_in PeerAddress(const Descriptor& socket);
 
 // Makes the next close of the socket send a reset, or not.
 void SetResetOnClose(int socket, bool reset);

@@ -123,10 +123,15 @@ void Server::State::Start(Descriptor control) {
     RemoveEndedSessions();
     shared.open++;
     RunningSession& running = sessions.emplace_back(shared, std::move(control), accepted++);
-    running.thread = std::thread([&running] {
-        running.session.Run();
-        running.ended = true;
-    });
+    try {
+        running.thread = std::thread([&running] {
+            running.session.Run();
+            running.ended = true;
+        });
+    } catch (const std::system_error&) { // out of threads, probably for a short time
+        sessions.pop_back();
+        shared.open--;
+    }
 }
 
 void Server::State::RemoveEndedSessions() {

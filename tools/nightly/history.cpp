@@ -196,12 +196,15 @@ History::~History() = default;
 void History::Rebuild(const std::string& directory, const std::vector<Night>& nights) {
     const std::string path = PathOf(directory) + ".new" + std::to_string(::getpid());
     ::unlink(path.c_str());
-    {
+    try {
         Database database(path);
         // Nothing is lost with a new file that was not finished.
         database.Execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;");
         database.Execute(Schema);
         Update(database, nights);
+    } catch (...) { // on a full disk each try would leave another one
+        ::unlink(path.c_str());
+        throw;
     }
     if (::rename(path.c_str(), PathOf(directory).c_str()) != 0)
         throw Failure(ctar::WithReason(path));

@@ -234,8 +234,10 @@ void RefuseContradictions(const Config& config, const toml::table& table) {
         refuse("level", "level: margin must be at least a minute: listings tell times to the minute");
     if (!config.level.full_days.empty() && !config.knows_timezone)
         refuse("level", "level: needs the key timezone: listings tell times in the server's zone");
-    if (config.drill && (ClassifyPath(config.drill->library) != ObjectKind::Library ||
-                         ClassifyPath(config.drill->as) != ObjectKind::Library))
+    const auto is_library = [](const std::string& path) {
+        return ClassifyPath(path) == ObjectKind::Library && HasLibrarySuffix(path);
+    };
+    if (config.drill && (!is_library(config.drill->library) || !is_library(config.drill->as)))
         refuse("drill", "drill: library and as must be libraries, such as \"/QSYS.LIB/TESTLIB.LIB\"");
     if (config.drill && !config.drill->pin.empty() && !config.tls)
         refuse("drill", "drill: pin needs the key tls");

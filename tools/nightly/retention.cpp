@@ -113,9 +113,9 @@ std::vector<Decision> DecideRetention(const std::vector<RetainedNight>& nights, 
     KeepChains(run);
     for (std::size_t i = 0; i < nights.size(); ++i)
         if (run.decisions[i].reasons.empty())
-            run.decisions[i].reasons.emplace_back(nights[i].good
-                                                      ? "no rule wants it, and newer nights have all that it has"
-                                                      : "it failed, and a better or later night has all that it has");
+            run.decisions[i].reasons.emplace_back(
+                nights[i].good ? "no rule keeps it, and it has the newest copy of nothing that was seen of late"
+                               : "it is not good, and it has the newest copy of nothing that was seen of late");
     return run.decisions;
 }
 

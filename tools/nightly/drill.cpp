@@ -61,7 +61,7 @@ int RunDrill(Disk& disk, const Config& config, std::time_t now) {
     disk.WriteFile(exclude, std::string(SecurityDataPath) + "\n" + std::string(ConfigurationPath) + "\n");
     const double begun = SecondsNow();
     const RestoreOutcome outcome =
-        RunRestore(config, {drill.server, archive, {include, exclude}, config.directory + "/drill.log", true});
+        RunRestore(config, {drill.server, archive, {include, exclude}, config.directory + "/drill.log"});
     const std::string wanted = drill.library.substr(0, drill.library.size() - LibrarySuffix.size());
     DrillRecord record{now, false, night->Name(), SecondsNow() - begun};
     record.good = std::find(outcome.successes.begin(), outcome.successes.end(), wanted) != outcome.successes.end();

@@ -34,11 +34,11 @@ std::tm LocalTime(std::time_t moment, const std::string& zone) {
 }
 
 std::int64_t DayNumber(const std::tm& time) {
-    std::tm noon{};
-    noon.tm_year = time.tm_year;
-    noon.tm_mon = time.tm_mon;
-    noon.tm_mday = time.tm_mday;
-    return ::timegm(&noon) / Day;
+    std::tm midnight{};
+    midnight.tm_year = time.tm_year;
+    midnight.tm_mon = time.tm_mon;
+    midnight.tm_mday = time.tm_mday;
+    return ::timegm(&midnight) / Day;
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // The nights of a server on disk; vondral-nights(5) describes the layout. A night is a directory of its own, with
-// ".incomplete" after its name until it has proved good. Whatever in the directory is not named as here is nobody's
-// business and never touched.
+// ".incomplete" after its name until it has proved good. Whatever in the directory is not named as here is
+// ignored and never touched.
 
 #pragma once
 

@@ -59,17 +59,13 @@ std::vector<std::string> OurFiles(const std::string& directory) {
     return names;
 }
 
-bool IsArchive(const std::string& name) {
-    return name.ends_with(".ctar") || name.ends_with(std::string(".ctar") + RemovingSuffix);
-}
-
 // All archives are renamed before the first is removed: a night without one of them has none.
 void RemoveArchives(Disk& disk, const std::string& directory) {
     for (const std::string& name : OurFiles(directory))
         if (name.ends_with(".ctar"))
             disk.Rename(directory + "/" + name, directory + "/" + name + RemovingSuffix);
     for (const std::string& name : OurFiles(directory))
-        if (IsArchive(name))
+        if (name.ends_with(RemovingSuffix))
             disk.Remove(directory + "/" + name);
 }
 

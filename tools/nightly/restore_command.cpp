@@ -145,7 +145,7 @@ Restored RestoreAll(const Config& config, const RestorePlan& plan, const Restore
     for (const std::string& archive : plan.archives) {
         RestoreOutcome outcome{};
         const std::string name = FormatText("%s.%d", log.c_str(), ++number);
-        RestoreRun run{{}, archive, rules, name + ".log", true};
+        RestoreRun run{{}, archive, rules, name + ".log"};
         if (!rules.include.empty())
             run.rules.include = WriteInclude(plan, archive, name + ".include");
         if (!StopRequested())

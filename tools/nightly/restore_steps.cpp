@@ -160,17 +160,15 @@ RestoreOutcome RunRestore(const Config& config, const RestoreRun& run) {
     command.output = run.log;
     RestoreOutcome outcome;
     LogFollower follower(run.log, [&](std::string_view line) {
-        if (run.shows_log)
-            std::printf("%.*s\n", static_cast<int>(line.size()), line.data());
+        std::printf("%.*s\n", static_cast<int>(line.size()), line.data());
         const report::LogLine parsed = report::ParseLogLine(line);
         if (parsed.kind == report::LineKind::Restored)
             outcome.successes.emplace_back(parsed.text);
     });
-    if (run.shows_log)
-        command.tick = [&] {
-            follower.Follow();
-            std::fflush(stdout);
-        };
+    command.tick = [&] {
+        follower.Follow();
+        std::fflush(stdout);
+    };
     outcome.status = RunCommand(command);
     follower.Finish();
     std::fflush(stdout);

@@ -47,8 +47,7 @@ struct RestoreRun {
     std::string server; // "" for the configuration's
     std::string archive;
     RestoreRules rules;
-    std::string log; // file to write
-    bool shows_log = false;
+    std::string log; // file to write, shown on standard output meanwhile
 };
 struct RestoreOutcome {
     int status = 0;

@@ -107,7 +107,7 @@ struct Run {
     Night night{};
     int retries = 0;
     ExitStatuses statuses{};
-    bool has_mistakes = false; // in a path file: no retry makes that good
+    bool has_mistakes = false; // in a path file: a retry cannot fix that
     Judgement judgement{};
 
     bool IsSettled() const {

@@ -36,7 +36,6 @@ struct ServerStatus {
     const Night* last = nullptr; // the last one that ran
     bool restorable = false;     // the good one and all that it builds on have their archives
     std::optional<DrillRecord> drill;
-    std::string zone;
     double age = 0;            // seconds since the good night began
     double median_seconds = 0; // of the last 30 good nights of its level
     std::string trouble;       // why nothing is known; "" when something is
@@ -46,7 +45,6 @@ ServerStatus ReadServer(const std::string& configs, const std::string& name, std
     const Config config = ReadConfig(configs, name);
     ServerStatus status;
     status.name = name;
-    status.zone = config.timezone;
     status.nights = ListOwnNights(config);
     status.drill = ReadDrill(config.directory);
     status.good = LastGood(status.nights, now + 1);
@@ -160,10 +158,10 @@ int Status(const std::string& configs, const StatusOptions& options) {
     for (const ServerStatus& server : servers) {
         records.push_back(RecordOf(server));
         rows.push_back(RowOf(server));
-        if (!server.trouble.empty())
-            result = std::max<int>(result, result == Bad ? Bad : Trouble);
-        else if (is_late(server))
+        if (server.trouble.empty() && is_late(server))
             result = Bad;
+        else if (!server.trouble.empty() && result != Bad)
+            result = Trouble;
     }
     if (options.json) {
         PrintRecords(records);

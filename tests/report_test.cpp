@@ -313,6 +313,12 @@ TEST(Report, Outputs) {
            {exit_status + "255.", "<li>login failed</li>", ": failed (login failed): 0 saves in 0 s\n"}},
           {Ended(Line("23:59:50", "** Parsing Errors : 1") + Line("23:59:50", "** No objects attempted")),
            {exit_status + "2."}},
+          {Line("01:00:00", "vondral[a.cpp,1]: list failed") + Line("01:00:01", "** Total Run Time: 1.000 seconds"),
+           {": failed (list failed): "}},
+          {Line("01:00:00", "vondral[a.cpp,1]: TIME command failed") +
+               Line("01:00:01", "** Total Run Time: 1.000 seconds"),
+           {": unknown: "}},
+          {Success("/a") + Line("23:59:58", "** Backup Complete"), {">23:59:51</text>", "!>+1 s<"}},
           {BackupLog,
            {"<rect class=\"wait\" x=\"139.8\" y=\"41.0\" width=\"2.6\" height=\"20\"/>",
             "\"outcome failed\" data-label=\"\">failed<"}},

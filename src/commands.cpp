@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <strings.h>
-
 #include "object_kind.h"
 #include "text.h"
 
@@ -97,13 +95,17 @@ constexpr std::array<SaveMember, 5> SaveMembers{{
 }};
 
 Member MemberFor(std::string_view path) {
-    if (path == DocumentsPath)
+    switch (ClassifyPath(path)) {
+    case ObjectKind::Qdls:
         return Documents;
-    if (path == ConfigurationPath)
-        return Configuration;
-    if (path == SecurityDataPath)
-        return Security;
-    return path.starts_with(LibraryPrefix) ? Library : Ifs;
+    case ObjectKind::System:
+        return path == SecurityDataPath ? Security : Configuration;
+    case ObjectKind::Library:
+        return Library;
+    case ObjectKind::Ifs:
+        break;
+    }
+    return Ifs;
 }
 
 } // namespace

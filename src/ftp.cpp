@@ -37,8 +37,8 @@ int ReportCommand(const char* verb, SourceLocation place = SourceLocation::Here(
 }
 
 // The same with the server's reply on a second line.
-int ReportCommand(const char* verb, const ReplyText& reply, SourceLocation place = SourceLocation::Here()) {
-    LogFailureAt(place, "%s command failed\n  %s\n", verb, MaskControls(reply.data()).c_str());
+int ReportCommand(const char* verb, const char* reply, SourceLocation place = SourceLocation::Here()) {
+    LogFailureAt(place, "%s command failed\n  %s\n", verb, MaskControls(reply).c_str());
     return -1;
 }
 
@@ -111,7 +111,7 @@ int SendLogin(FtpSession& session, const LoginStep& step, const std::string& val
         return ReportTooLong(step.name);
     ReplyText reply;
     if (SendForReply(session, command, reply) != 0)
-        return ReportCommand(step.verb, reply);
+        return ReportCommand(step.verb, reply.data());
     return 0;
 }
 
@@ -153,7 +153,7 @@ int Login(FtpSession* session, const char* user, const char* password) {
         return ReportCommand("CWD /");
     session->user = name;
     session->password = secret;
-    ReplyText reply{};
+    ReplyText reply;
     if (SendForReply(*session, "SYST", reply) != 0)
         ReportCommand("SYST");
     else
@@ -293,11 +293,6 @@ int MakeParentDirectories(FtpSession* session, const std::string& path) {
 
 namespace {
 
-int ReportList(const char* reply) {
-    LogFailure("LIST command failed\n  %s\n", MaskControls(reply).c_str());
-    return -1;
-}
-
 bool HasChildNamed(const ObjectNode& dir, const std::string& name) {
     for (const ObjectNode* child = dir.first_dir.get(); child != nullptr; child = child->next.get())
         if (child->name == name)
@@ -330,10 +325,10 @@ int ListFailed(const char* reply, ObjectNode* directory) {
     }
     if (std::find(exempt.begin(), exempt.end(), directory->name) != exempt.end()) {
         LogFailure("%s is exempt\n", MaskControls(directory->name).c_str());
-        return ReportList(reply);
+        return ReportCommand("LIST", reply);
     }
     if (std::strstr(reply, "CPF3CAA") == nullptr)
-        return ReportList(reply);
+        return ReportCommand("LIST", reply);
     KeepAsOneObject(*directory);
     return 0;
 }
@@ -341,7 +336,7 @@ int ListFailed(const char* reply, ObjectNode* directory) {
 int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context, ObjectNode* directory) {
     if (!IsSession(session))
         return -1;
-    ReplyText reply{};
+    ReplyText reply;
     int listed = 0;
     const int result = WithRecovery(*session, [&](const Checkpoint&) {
         if (SetParameters(*session, ListingParameters) != 0)
@@ -355,7 +350,7 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
     });
     if (result != 0 || listed == 0)
         return result;
-    return directory != nullptr ? ListFailed(reply.data(), directory) : ReportList(reply.data());
+    return directory != nullptr ? ListFailed(reply.data(), directory) : ReportCommand("LIST", reply.data());
 }
 
 // Retrieval into the archive
@@ -392,7 +387,7 @@ int AppendSaveFile(FtpSession& session, const Checkpoint& outer, const ObjectFil
     const int retrieved =
         SendForReply(session, "RETR " + save_file, reply, {.receive = target.append, .argument = &target.writer});
     session.checkpoint = outer;
-    const int result = retrieved != 0 ? ReportCommand("RETR", reply) : 0;
+    const int result = retrieved != 0 ? ReportCommand("RETR", reply.data()) : 0;
     return CloseRetrieved(target, object, start) != 0 ? -1 : result;
 }
 
@@ -471,7 +466,7 @@ int SaveObject(const SaveMember& member, FtpSession* session, const SaveRequest&
         const int saved = SendForReply(*session, command, reply);
         const int verbosity = session->control->options.verbosity;
         if (saved < 0 || (saved > 0 && !ReportPartialSave(member, request, reply, verbosity)))
-            return ReportCommand(member.verb, reply);
+            return ReportCommand(member.verb, reply.data());
         const double ended = SecondsNow();
         PassPointOfNoReturn(*session);
         double started = ended;
@@ -489,8 +484,8 @@ namespace {
 // Runs the restore command for one subject. `outer` is put back once the server has answered.
 int RestoreSubject(const RestoreMember& member, FtpSession& session, const Checkpoint& outer, const StringPair& subject,
                    const std::string& command) {
-    ReplyText reply{};
-    const int restored = member.judges_reply ? SendForReply(session, command, reply) : Send(session, command);
+    ReplyText reply;
+    const int restored = SendForReply(session, command, reply);
     session.checkpoint = outer;
     if (restored == 0) {
         LogMessage("Restore Success: %s\n", MaskControls(subject.first).c_str());
@@ -500,7 +495,7 @@ int RestoreSubject(const RestoreMember& member, FtpSession& session, const Check
         ReportCommand(member.verb);
         return restored;
     }
-    ReportCommand(member.verb, reply);
+    ReportCommand(member.verb, reply.data());
     return ClassifyRestoreReply(reply.data()) >= 1 ? 0 : -1;
 }
 

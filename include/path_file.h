@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include <fnmatch.h>
+
 #include "string_list.h"
 
 constexpr std::size_t PathLineCapacity = 4096; // a line and its terminator; longer lines count in pieces
@@ -17,6 +19,9 @@ bool ReadPathLine(std::string& line, std::FILE* stream);
 
 // Whether a pattern contains "*" or "?".
 bool HasWildCard(std::string_view pattern);
+
+// For fnmatch(): wild cards do not stand for "/", and a pattern matches what is below a path that it matches.
+constexpr int PathMatchFlags = FNM_PATHNAME | FNM_LEADING_DIR;
 
 enum class PathFileUse { BackupInclude, BackupExclude, Restore };
 

@@ -9,7 +9,6 @@
 #include <exception>
 #include <thread>
 
-#include <fnmatch.h>
 #include <sys/stat.h>
 
 #include "backup_plan.h"
@@ -20,7 +19,10 @@
 
 namespace {
 
-constexpr int PathMatchFlags = FNM_PATHNAME | FNM_LEADING_DIR;
+// Whether the name, "/" and an entry's of /QSYS.LIB, is that of a library to save.
+bool IsLibrary(const std::string& name) {
+    return HasLibrarySuffix(name) && name != LibrariesPath;
+}
 
 bool IsExcluded(std::string_view path, const Settings& settings) {
     return MatchPathFile(path, nullptr, settings.exclude.get(), settings.PathFileRule()) == 0;
@@ -86,7 +88,7 @@ void PlaceEntry(ListingContext& context, const ListingEntry& entry) {
         PlaceIncluded(context, entry);
     else if (dir.name != LibrariesPath)
         AppendListed(context, name, entry, S_ISDIR(entry.mode));
-    else if (HasLibrarySuffix(name) && name != LibrariesPath)
+    else if (IsLibrary(name))
         // With a cut-off a library is a directory, to find what changed in it.
         AppendListed(context, name, entry, context.settings.cutoff.has_value());
 }
@@ -94,7 +96,7 @@ void PlaceEntry(ListingContext& context, const ListingEntry& entry) {
 // A library, and the document library, is one object to save.
 void RetypeWholeObjects(const ListingContext& context, ListingEntry& entry) {
     const std::string& name = context.entry_name;
-    if ((HasLibrarySuffix(name) && name != LibrariesPath) || name == DocumentsPath)
+    if (IsLibrary(name) || name == DocumentsPath)
         entry.mode = (entry.mode & ~static_cast<std::uint32_t>(S_IFMT)) | S_IFREG;
 }
 

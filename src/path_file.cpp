@@ -7,7 +7,6 @@
 #include <ctime>
 #include <vector>
 
-#include <fnmatch.h>
 #include <sys/stat.h>
 
 #include "support.h"
@@ -95,7 +94,7 @@ bool Matches(const PathLine& line, const std::string& path, std::ptrdiff_t level
         return false;
     if (line.prefix.size() == pattern.size()) // nothing special in it: the path, or a leading part of it
         return path.size() == pattern.size() || path[pattern.size()] == '/';
-    return ::fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME | FNM_LEADING_DIR) == 0;
+    return ::fnmatch(pattern.c_str(), path.c_str(), PathMatchFlags) == 0;
 }
 
 } // namespace
@@ -110,7 +109,7 @@ namespace {
 
 // Whether a pattern such as "*" matches the leading part of every path, which is empty.
 bool MatchesEverything(const std::string& pattern) {
-    return ::fnmatch(pattern.c_str(), "/", FNM_PATHNAME | FNM_LEADING_DIR) == 0 && pattern != "/";
+    return ::fnmatch(pattern.c_str(), "/", PathMatchFlags) == 0 && pattern != "/";
 }
 
 // What is wrong with a line, without its newline; empty when nothing surely is.

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <sys/file.h>
 
 #include "contents.h"
@@ -141,7 +140,7 @@ struct BaseContents {
             std::move(covered.begin(), covered.end(), std::back_inserter(paths));
         }
         return std::any_of(paths.begin(), paths.end(), [&line](const std::string& path) {
-            return ::fnmatch(line.c_str(), path.c_str(), FNM_PATHNAME | FNM_LEADING_DIR) == 0;
+            return ::fnmatch(line.c_str(), path.c_str(), PathMatchFlags) == 0;
         });
     }
 };

@@ -19,6 +19,8 @@ bool ReadPathLine(std::string& line, std::FILE* stream);
 
 // Whether a pattern contains "*" or "?".
 bool HasWildCard(std::string_view pattern);
+// Whether it contains a character that fnmatch() does not take for itself: one of these, "[" or "\".
+bool IsPattern(std::string_view text);
 
 // For fnmatch(): wild cards do not stand for "/", and a pattern matches what is below a path that it matches.
 constexpr int PathMatchFlags = FNM_PATHNAME | FNM_LEADING_DIR;

@@ -16,6 +16,7 @@
 namespace {
 
 constexpr std::string_view Separator = " :: ";
+constexpr const char* PatternCharacters = "*?[\\"; // of fnmatch()
 
 auto CountLevels(std::string_view path) {
     return std::count(path.begin(), path.end(), '/');
@@ -72,7 +73,7 @@ struct PathFile {
             lines.push_back({SplitLine(line), 0, {}});
         for (PathLine& line : lines) {
             line.levels = CountLevels(line.pair.first);
-            line.prefix = std::string_view(line.pair.first).substr(0, line.pair.first.find_first_of("*?[\\"));
+            line.prefix = std::string_view(line.pair.first).substr(0, line.pair.first.find_first_of(PatternCharacters));
         }
     }
 };
@@ -103,6 +104,10 @@ bool Matches(const PathLine& line, const std::string& path, std::ptrdiff_t level
 
 bool HasWildCard(std::string_view pattern) {
     return pattern.find_first_of("*?") != pattern.npos;
+}
+
+bool IsPattern(std::string_view text) {
+    return text.find_first_of(PatternCharacters) != text.npos;
 }
 
 namespace {

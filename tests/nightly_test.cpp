@@ -841,6 +841,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
     NightSite site;
     const Night first = site.Run();
     WriteFile(site.site.root / "home/added", std::string(1000, 'm'));
+    WriteFile(site.site.root / "home/a[1]", "");
     fs::remove_all(site.site.root / "QSYS.LIB/TOOLS.LIB");
     const Night second = site.Run();
     struct Row {
@@ -848,7 +849,8 @@ TEST(Commands, ReadWhatTheNightsLeft) {
         int status;
         const char* text; // somewhere in the outputs
     };
-    const std::string what = site.site.File("what", "/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/COPY.LIB\n/nowhere\n");
+    const std::string what =
+        site.site.File("what", "/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/COPY.LIB\n/nowhere\n/home/a[1]\n");
     const std::string page = site.site.work / "history.html";
     for (const Row& row : {
              Row{{"config", "office"}, 0, "server = \"127.0.0.1\""},
@@ -861,6 +863,9 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{{"find", "office", "/QSYS.LIB/TOOLS*"}, 0, "2026-09-21T141320Z: entry of its own"},
              Row{{"find", "office", "/nowhere"}, 1, "no night of office has such an object"},
              Row{{"find", "office", "/home/added", "--json"}, 0, "\"entry\": \"/home\""},
+             Row{{"find", "office", "a?1?"},
+                 0,
+                 "restore the directory above it from 2026-09-22T141320Z; no include line"},
              Row{{"find", "office", "[a]"}, 3, "begins and ends with a bracket"},
              Row{{"diff", "office", first.Name(), second.Name()}, 0, "gone          /QSYS.LIB/TOOLS.LIB\n"},
              Row{{"diff", "office", first.Name(), second.Name()}, 0, "added         /home/added\n"},
@@ -869,6 +874,9 @@ TEST(Commands, ReadWhatTheNightsLeft) {
                  0,
                  "RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) "},
              Row{{"plan", "office", "-i", what}, 0, "*** nothing matches the include line: /nowhere\n"},
+             Row{{"plan", "office", "-i", what},
+                 0,
+                 "include line: /home/a[1] (in such a line \"[\" and \"\\\" begin a pa"},
              Row{{"plan", "office", "-i", what}, 0, "*** WARNING: security data and configuration are part"},
              Row{{"plan", "office", first.Name()}, 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
              Row{{"plan", "office", "2026-01-01T000000Z"}, 3, "no such night"},

@@ -113,7 +113,7 @@ private:
         const FoundCopy* const newest = BestCopy();
         if (newest == nullptr)
             std::printf("  no night has it any more\n");
-        else if (HasWildCard(newest->path) || newest->path.find(" :: ") != std::string::npos)
+        else if (IsPattern(newest->path) || newest->path.find(" :: ") != std::string::npos)
             std::printf("  to get it back: restore the directory above it from %s; no include line can name it\n",
                         newest->night->Name().c_str());
         else if (!newest->night->complete)

@@ -87,9 +87,10 @@ std::vector<std::string> FindUnmatched(const PathFiles& files, const std::set<st
         std::string path = line.substr(0, line.find(" :: "));
         while (path.size() > 1 && path.ends_with('/'))
             path.pop_back();
-        const bool matches = HasPathAt(paths, path);
-        if (path != "\n" && (HasWildCard(path) || !matches))
-            unmatched.push_back(line + (HasWildCard(path) ? " (a restore ignores lines with wild cards)" : ""));
+        if (path != "\n" && (IsPattern(path) || !HasPathAt(paths, path)))
+            unmatched.push_back(line + (HasWildCard(path) ? " (a restore ignores lines with wild cards)"
+                                        : IsPattern(path) ? " (in such a line \"[\" and \"\\\" begin a pattern)"
+                                                          : ""));
     }
     return unmatched;
 }

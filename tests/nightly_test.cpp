@@ -893,6 +893,11 @@ TEST(Commands, ReadWhatTheNightsLeft) {
         EXPECT_THAT(outcome.out + outcome.err, HasSubstr(row.text));
     }
     EXPECT_THAT(ReadFile(page), HasSubstr("nights/2026-09-22T141320Z/report.html"));
+    // A killed run leaves no sums: which entry has the object is not known, but the archive is there.
+    fs::remove(second.File(NightFiles::Sums));
+    fs::remove(site.site.work / "nights/history.db");
+    EXPECT_THAT(site.Command({"find", "office", "/home/added"}).out,
+                AllOf(HasSubstr("entry not known\n"), HasSubstr("restore office 2026-09-22T141320Z -i FILE")));
     EXPECT_TRUE(site.HasArchive(first)); // nothing above removes anything
 }
 

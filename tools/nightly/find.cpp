@@ -93,7 +93,7 @@ private:
         if (copy.in_part)
             what += ", perhaps not: a part of it was missed";
         if (copy.archive.empty())
-            what += ", archive removed";
+            what += copy.night->has_archive ? ", archive not known" : ", archive removed";
         if (!copy.night->IsGood())
             what += FormatText(", night %s", VerdictName(copy.night->record->verdict));
         std::printf("  %s: %s\n", nights.c_str(), what.c_str());
@@ -112,7 +112,7 @@ private:
     void PrintWayBack() const {
         const FoundCopy* const newest = BestCopy();
         if (newest == nullptr)
-            std::printf("  no night has it any more\n");
+            std::printf("  no night is known to have it\n");
         else if (IsPattern(newest->path) || newest->path.find(" :: ") != std::string::npos)
             std::printf("  to get it back: restore the directory above it from %s; no include line can name it\n",
                         newest->night->Name().c_str());

@@ -228,6 +228,9 @@ void FindEntry(Statement& find_entry, FoundCopy& copy) {
         if (found)
             return;
     }
+    // The archives of a killed run were never read for their entries.
+    if (copy.night->has_archive && copy.night->record && copy.night->record->archives.size() == 1)
+        copy.archive = copy.night->File(copy.night->record->archives.front());
 }
 
 // What a night missed, read once.

@@ -103,7 +103,8 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
              {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/NEWLIB.LIB\n", "", library + "NEWLIB" + options, ""},
              {"/QSYS.LIB/MYLIB.LIB\n", "", library + "*SAVLIB" + options, ""},
              // The entries skipped later make good for these.
-             {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/ALONGLIBNAME.LIB\n", "", "", "bad library destination"},
+             {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/TENLETTERS.LIB\n", "", library + "TENLETTERS" + options, ""},
+             {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/ELEVENCHARS.LIB\n", "", "", "bad library destination"},
              {"/QSYS.LIB/MYLIB.LIB :: /home/NEWLIB.LIB\n", "", "", "bad library destination"},
          }) {
         TestSite fresh;

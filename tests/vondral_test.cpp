@@ -252,6 +252,12 @@ TEST(Credentials, EveryFormAndEveryRefusal) {
     ::close(ends[1]);
 }
 
+TEST(Credentials, APassphraseAfterAStrayWordIsNotShown) {
+    ::setenv("POSIXLY_CORRECT", "", 1);
+    EXPECT_EQ(CommandLine({"stray", "-s", "h", "-c", "fred:here:secret"}).Complaints(),
+              "vondral: unknown argument: stray\n");
+}
+
 TEST(Credentials, APassphraseOnTheCommandLineIsOverwritten) {
     const CommandLine line({"-s", "h", "-c", "fred:Here:secret", "--credentials=bob:here:word"});
     EXPECT_EQ(line.words[4], "fred:Here:******");

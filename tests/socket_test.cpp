@@ -265,6 +265,37 @@ ssize_t Forward(void*, int socket) {
 }
 constexpr Transfer Endless[] = {{.send = Supply}, {.send = Supply, .forward = Forward}};
 
+// A reader that pauses is waited for, not given up.
+TEST(Transfer, AnUploadWaitsForASlowReader) {
+    int pieces = 0; // left to send
+    const auto supply = [](void* argument, std::span<char> room, std::string_view& data) {
+        data = --*static_cast<int*>(argument) >= 0 ? std::string_view(room.data(), room.size()) : "";
+        return 0;
+    };
+    const auto forward = [](void* argument, int socket) -> ssize_t {
+        const ssize_t count = *static_cast<int*>(argument) > 0 ? Forward(nullptr, socket) : 0;
+        *static_cast<int*>(argument) -= count > 0 ? 1 : 0;
+        return count;
+    };
+    for (const Transfer& upload : {Transfer{.send = supply, .argument = &pieces},
+                                   Transfer{.send = supply, .forward = forward, .argument = &pieces}}) {
+        Peer peer;
+        ::setenv("VONDRAL_TEST_MINUTE", "60000", 1);
+        peer.OpenData();
+        peer.Send("150 go on\r\n");
+        pieces = 40;
+        std::thread server([&peer] {
+            std::array<char, 65536> bytes;
+            do
+                ::usleep(1000);
+            while (::read(peer.data_server.Get(), bytes.data(), bytes.size()) > 0);
+            peer.Send("226 done\r\n");
+        });
+        EXPECT_EQ(SendCommand(&peer.control, "STOR x", {}, upload), 0);
+        server.join();
+    }
+}
+
 // A peer that has gone is a failed write, not a signal.
 TEST(Transfer, AGoneReaderIsNoSignal) {
     std::signal(SIGPIPE, SIG_DFL);

@@ -69,7 +69,8 @@ TEST(Text, AmountsChangeUnitsAboveTheLimitOnly) {
     }
     Capture capture;
     ReportObject(528, {}); // phases that took no time have no rate
-    EXPECT_EQ(capture.Take(), "Size: 528.000  B\n");
+    ReportObject(0, {});
+    EXPECT_EQ(capture.Take(), "Size: 528.000  B\nSize: 0.000  B\n");
 }
 
 } // namespace

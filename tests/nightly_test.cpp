@@ -527,6 +527,13 @@ TEST(Nights, ChangedNightsKeepTheFullOneTheyBuildOn) {
         changed.push_back(site.Run());
         EXPECT_EQ(changed.back().record->level, Level::Changed);
     }
+    // One that is killed stays a changed one.
+    World world = site.MakeWorld();
+    world.back_up = [](const BackupRequest&) -> int { throw std::runtime_error("killed"); };
+    EXPECT_ANY_THROW(RunNight(world, site.config, {}));
+    FinishInterrupted(world, site.config);
+    EXPECT_EQ(site.Nights().back().record->base, changed[3].moment);
+    site.now += 1;
     EXPECT_EQ(changed[0].record->base, full.moment);
     EXPECT_EQ(changed[0].record->cutoff, full.moment - 900);
     EXPECT_EQ(changed[3].record->base, changed[2].moment);

@@ -126,6 +126,15 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
     }
 }
 
+std::optional<NightRecord> ReadRecord(const Night& night, const char* name) {
+    const std::string path = night.File(name);
+    std::error_code error;
+    const bool exists = fs::exists(path, error);
+    if (error)
+        throw Failure(path + ": " + error.message());
+    return exists ? DecodeRecord(ReadSmallFile(path)) : std::nullopt;
+}
+
 namespace {
 
 // Whether all archives are there, as large as they were when the night was judged.
@@ -142,16 +151,6 @@ bool HasArchives(const Night& night) {
             return false;
     }
     return !record.archives.empty();
-}
-
-// The record; nothing when there is none, or none that can be understood.
-std::optional<NightRecord> ReadRecord(const Night& night) {
-    const std::string path = night.File(NightFiles::Record);
-    std::error_code error;
-    const bool exists = fs::exists(path, error);
-    if (error)
-        throw Failure(path + ": " + error.message());
-    return exists ? DecodeRecord(ReadSmallFile(path)) : std::nullopt;
 }
 
 // The file begins with the time, written like the name of a night.
@@ -175,7 +174,7 @@ std::optional<Night> ReadNight(const fs::directory_entry& entry) {
         return std::nullopt;
     night.moment = *moment;
     night.path = entry.path();
-    night.record = ReadRecord(night);
+    night.record = ReadRecord(night, NightFiles::Record);
     night.foreign = night.record && night.record->started != night.moment;
     night.removed = Exists(night.File(NightFiles::Removed));
     if (night.removed)

@@ -80,6 +80,7 @@ constexpr const char* Missed = "missed";
 constexpr const char* Log = "log";
 constexpr const char* Page = "report.html";
 constexpr const char* Record = "run.json";
+constexpr const char* Begun = "begun.json"; // a record before there is one, for the case that the run is killed
 constexpr const char* Sums = "archive.sum";
 constexpr const char* Removed = "removed"; // why and when retention removed the archives
 } // namespace NightFiles
@@ -121,5 +122,8 @@ const Night& NamedNight(const std::vector<Night>& nights, const std::string& nam
 
 std::string EncodeRecord(const NightRecord& record);
 std::optional<NightRecord> DecodeRecord(const std::string& text); // nothing unless EncodeRecord() could have written it
+// The record in a file of the night; nothing when there is none, or none that can be understood. Throws Failure when
+// the file cannot be read.
+std::optional<NightRecord> ReadRecord(const Night& night, const char* name);
 
 } // namespace nightly

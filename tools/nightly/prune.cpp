@@ -38,7 +38,7 @@ std::vector<RetainedNight> FactsOf(const std::vector<Night>& nights, const Confi
 bool IsOurs(const std::string& name) {
     static const std::vector<std::string> plain{NightFiles::Archive, NightFiles::Catalog, NightFiles::Missed,
                                                 NightFiles::Log,     NightFiles::Page,    NightFiles::Record,
-                                                NightFiles::Sums,    NightFiles::Removed};
+                                                NightFiles::Sums,    NightFiles::Removed, NightFiles::Begun};
     static const std::vector<std::string> of_retries{"ctar", "catalog", "missed", "log", "include", "exclude", "sum"};
     std::string base = name;
     for (const char* const suffix : {RemovingSuffix, ".new"})

@@ -261,18 +261,31 @@ void WriteSums(Run& run) {
     }
 }
 
-void WriteRecord(Run& run) {
-    NightRecord& record = run.judgement.record;
+// What is known of the night before it has run.
+void DescribeNight(const Run& run, NightRecord& record) {
     record.name = run.config.name;
     record.sequence = NextSequence(run.nights);
     record.server = run.config.server;
     record.level = run.plan.level;
-    record.started = run.night.moment;
-    record.ended = std::max(run.world.now(), run.night.moment);
+    record.started = record.ended = run.night.moment;
     record.cutoff = run.plan.cutoff;
     if (run.plan.base != nullptr)
         record.base = run.plan.base->moment;
+}
+
+void BeginNight(Run& run) {
+    NightRecord record;
+    DescribeNight(run, record);
+    run.world.disk.MakeDirectory(run.night.path);
+    run.world.disk.WriteFile(run.night.File(NightFiles::Begun), EncodeRecord(record));
+}
+
+void WriteRecord(Run& run) {
+    NightRecord& record = run.judgement.record;
+    DescribeNight(run, record);
+    record.ended = std::max(run.world.now(), run.night.moment);
     run.world.disk.WriteFile(run.night.File(NightFiles::Record), EncodeRecord(record));
+    run.world.disk.Remove(run.night.File(NightFiles::Begun));
     run.night.record = record;
     run.night.has_archive = !record.archives.empty();
 }
@@ -328,7 +341,7 @@ void Conclude(Run& run) {
 void SaveAndJudge(Run& run) {
     const JudgeRules rules = RulesFor(run);
     run.has_mistakes = !rules.mistakes.empty();
-    run.world.disk.MakeDirectory(run.night.path);
+    BeginNight(run);
     Attempt(run, rules);
     CarryOver(run, rules);
     Retry(run, rules);
@@ -364,6 +377,11 @@ void FinishInterrupted(World& world, const Config& config) {
         record.sequence = NextSequence(ListNights(config.directory));
         record.server = config.server;
         record.started = record.ended = night.moment;
+        if (const std::optional<NightRecord> begun = ReadRecord(night, NightFiles::Begun)) {
+            record.level = begun->level;
+            record.base = begun->base;
+            record.cutoff = begun->cutoff;
+        }
         record.verdict = Verdict::Failed;
         record.reasons.insert(record.reasons.begin(), "the run was killed");
         world.disk.WriteFile(night.File(NightFiles::Record), EncodeRecord(record));

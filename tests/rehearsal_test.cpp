@@ -308,13 +308,15 @@ TEST(Rehearsal, DamagedSaveFiles) {
         }
     // Sound streams that no save writes.
     using Kind = rehearsal::SaveKind;
-    for (const auto& [kind, path, command] : {std::tuple(Kind::Paths, "/QSYS.LIB/L.LIB", "RST OBJ(('/home'))"),
-                                              {Kind::Paths, "/home/", "RST OBJ(('/home'))"},
-                                              {Kind::Library, "/home/x", "RSTLIB SAVLIB(L)"},
-                                              {Kind::Library, "/QSYS.LIB/L.LIB/./x", "RSTLIB SAVLIB(L)"}}) {
+    for (const auto& [type, kind, path, command] :
+         {std::tuple('D', Kind::Paths, "/QSYS.LIB/L.LIB", "RST OBJ(('/home'))"),
+          {'D', Kind::Paths, "/home/", "RST OBJ(('/home'))"},
+          {'X', Kind::Paths, "/home/x", "RST OBJ(('/home'))"},
+          {'D', Kind::Library, "/home/x", "RSTLIB SAVLIB(L)"},
+          {'D', Kind::Library, "/QSYS.LIB/L.LIB/./x", "RSTLIB SAVLIB(L)"}}) {
         const Descriptor file = machine.library.Replace("S");
         rehearsal::SaveFileWriter writer(file.Get(), kind, "L");
-        writer.AddDirectory({rehearsal::Entry::Type::Directory, 0755, {}, 0, path});
+        writer.AddDirectory({static_cast<rehearsal::Entry::Type>(type), 0755, {}, 0, path});
         writer.Finish();
         EXPECT_EQ(machine.Run(command), "Save file S in QTEMP is damaged.") << path;
     }

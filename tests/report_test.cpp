@@ -306,7 +306,9 @@ TEST(Report, Outputs) {
     // Neither standard error nor what -v1 adds: what may be missing from the log is not shown as 0.
     const std::string plain = Ended(Success("/a") + Line("23:59:50", "** Total Objects Failed   : 1"));
     for (const auto& [log, parts] :
-         {Row{good, {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", ": 1 save in 10 s\n"}},
+         {Row{good,
+              {"<title>Backup: complete<", "pill complete\">complete<", "!id=\"missing\"", "!missing, in whole or",
+               ": 1 save in 10 s\n"}},
           {Line("01:00:00", "vondral[a.cpp,1]: Backup Terminated Cleanly"),
            {exit_status + "143.", ": terminated: 0 saves", "!Messages about the run"}},
           {good + Line("01:00:00", "vondral[a.cpp,1]: login failed"),

@@ -9,7 +9,6 @@
 
 #include "ctar/digest.h"
 #include "failure.h"
-#include "judge.h"
 
 namespace nightly {
 
@@ -22,17 +21,22 @@ bool IsWithin(const std::set<std::string>& paths, std::string_view path) {
     return false;
 }
 
-std::set<std::string> MissedPaths(const Night& night) {
-    std::set<std::string> paths;
+std::vector<MissedLine> TrustedMissed(const Night& night) {
     const std::string file = night.File(NightFiles::Missed);
     if (night.HasGoodVerdict())
         RequireReadable(file);
-    const std::vector<MissedLine> lines = ReadMissed(file);
-    for (const MissedLine& line : lines)
-        paths.insert(line.path);
+    std::vector<MissedLine> lines = ReadMissed(file);
     if (night.HasGoodVerdict() && lines.size() < night.record->missed_lines)
         throw Failure(file + ": has fewer lines than the " + std::to_string(night.record->missed_lines) +
-                      " that it had when the night was judged");
+                      " that it had when the night was judged; nothing is removed until it is back, or the night is "
+                      "moved away");
+    return lines;
+}
+
+std::set<std::string> MissedPaths(const Night& night) {
+    std::set<std::string> paths;
+    for (const MissedLine& line : TrustedMissed(night))
+        paths.insert(line.path);
     return paths;
 }
 
@@ -75,6 +79,15 @@ Contained ReadContained(const Night& night) {
     for (std::string& path : paths)
         (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
     return contained;
+}
+
+// A path may be in the catalogs of several attempts, and an entry besides.
+std::uint64_t CountDistinct(const Contained& contained) {
+    std::unordered_set<std::uint64_t> hashes;
+    for (const std::vector<std::string>* const paths : {&contained.whole, &contained.partial})
+        for (const std::string& path : *paths)
+            hashes.insert(HashOf(path));
+    return hashes.size();
 }
 
 // The search, from the newest night to the oldest.
@@ -179,7 +192,7 @@ std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const
     for (const std::size_t i : LatestFirst(nights))
         if (nights[i].has_archive && search.Counts(i)) {
             const Contained contained = ReadContained(nights[i]);
-            search.counts[i].contained = contained.whole.size() + contained.partial.size();
+            search.counts[i].contained = CountDistinct(contained);
             FindCopies(search, i, contained);
         }
     FindSeen(search);

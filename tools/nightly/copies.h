@@ -10,12 +10,14 @@
 #include <vector>
 
 #include "config.h"
+#include "judge.h"
 #include "night.h"
 #include "retention.h"
 
 namespace nightly {
 
-// What a night missed, in whole or in part.
+// What a night missed, in whole or in part. Throws Failure when a good night's list has lost lines.
+std::vector<MissedLine> TrustedMissed(const Night& night);
 std::set<std::string> MissedPaths(const Night& night);
 // Whether the path is one of those, or below one.
 bool IsWithin(const std::set<std::string>& paths, std::string_view path);
@@ -26,7 +28,7 @@ NightClock ClockOf(const std::vector<Night>& nights, std::time_t now);
 struct CopyCount {
     std::uint64_t objects = 0;
     std::string example;         // one of them
-    std::uint64_t contained = 0; // all that the night's archives contain
+    std::uint64_t contained = 0; // all that the night's archives contain, each object once
 };
 
 // For each night, how many objects have their newest copy in it and are not forgotten. An object is a path of a catalog

@@ -233,11 +233,16 @@ void FindEntry(Statement& find_entry, FoundCopy& copy) {
         copy.archive = copy.night->File(copy.night->record->archives.front());
 }
 
-// What a night missed, read once.
-const std::set<std::string>& MissedIn(const Night& night, std::map<std::time_t, std::set<std::string>>& known) {
+// What a night missed, read once; nothing when its list is damaged or not there any more.
+const std::optional<std::set<std::string>>&
+MissedIn(const Night& night, std::map<std::time_t, std::optional<std::set<std::string>>>& known) {
     const auto [found, is_new] = known.try_emplace(night.moment);
-    if (is_new && night.record->missing > 0)
-        found->second = MissedPaths(night);
+    try {
+        if (is_new)
+            found->second = night.record->missing > 0 ? MissedPaths(night) : std::set<std::string>();
+    } catch (const Failure&) {
+        // Its copies may be whole or not.
+    }
     return found->second;
 }
 
@@ -254,7 +259,7 @@ void History::Find(const std::function<bool(const std::string& path)>& matches,
                                       " AND position BETWEEN first AND last WHERE path = ? ORDER BY moment");
     Statement find_entry(*database_, "SELECT archive, size, digest FROM entries WHERE path ="
                                      " (SELECT id FROM paths WHERE path = ?) AND moment = ? ORDER BY archive");
-    std::map<std::time_t, std::set<std::string>> missed;
+    std::map<std::time_t, std::optional<std::set<std::string>>> missed;
     for (const auto& [path, id] : ids) {
         find_nights.Bind(0, id);
         while (find_nights.Step()) {
@@ -264,7 +269,8 @@ void History::Find(const std::function<bool(const std::string& path)>& matches,
             if (copy.night == nullptr)
                 continue;
             FindEntry(find_entry, copy);
-            copy.in_part = IsWithin(MissedIn(*copy.night, missed), path);
+            const std::optional<std::set<std::string>>& gaps = MissedIn(*copy.night, missed);
+            copy.in_part = !gaps || IsWithin(*gaps, path);
             process(copy);
         }
     }

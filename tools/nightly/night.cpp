@@ -110,7 +110,7 @@ std::optional<NightRecord> DecodeRecord(const std::string& text) {
         record.objects = json.at("objects");
         record.missing = json.at("missing");
         record.newly_missing = json.at("newly_missing");
-        record.missed_lines = json.value("missed_lines", std::uint64_t{0}); // older records lack it
+        record.missed_lines = json.value("missed_lines", std::uint64_t{record.missing > 0}); // older records lack it
         record.bytes = json.at("bytes");
         record.archives = json.at("archives").get<std::vector<std::string>>();
         record.archive_bytes = json.at("archive_bytes").get<std::vector<std::uint64_t>>();

@@ -331,6 +331,9 @@ TEST(Judge, CountsTheUnionOfAllAttempts) {
     const Judgement died = JudgeNight(dead.path, 1, {1, 255}, tolerant);
     EXPECT_EQ(died.missed, std::vector{ParseMissed("/c")});
     EXPECT_EQ(died.record.verdict, Verdict::GoodWithGaps) << testing::PrintToString(died.record.reasons);
+    // One that ended well, but passed over a name, did not save it.
+    WriteAttempt(dead.path, 1, {second, "/QSYS.LIB/B.LIB", "", 1});
+    EXPECT_EQ(JudgeNight(dead.path, 1, {1, 0}, tolerant).missed, std::vector{ParseMissed("/c")});
     // A second attempt at everything takes the place of the first one's figures.
     const TempDir other;
     WriteAttempt(other.path, 0, {{}, "", "", -1, "vondral[vondral.cpp,1]: login failed"});
@@ -638,6 +641,13 @@ TEST(Nights, ChangedNightsSaveWhatTheirBaseMissed) {
     EXPECT_EQ(night.record->verdict, Verdict::Good) << Reasons(night);
     EXPECT_THAT(testing::PrintToString(CoveredPaths(night.path, night.record->archives)),
                 HasSubstr("/QSYS.LIB/PAYROLL.LIB"));
+    // What it missed is not known without the list.
+    const std::string list = locked.File(NightFiles::Missed), lines = ReadFile(list);
+    fs::remove_all(night.path);
+    EXPECT_EQ(PlanNight(site.Nights(), site.config, site.now, Level::Changed).carried.size(), 1);
+    WriteFile(list, "");
+    EXPECT_THROW(PlanNight(site.Nights(), site.config, site.now, Level::Changed), Failure);
+    WriteFile(list, lines);
     // Also when only the retry reaches its end, and never without that save.
     site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
     ASSERT_EQ(site.Run({Level::Full}).record->verdict, Verdict::GoodWithGaps);
@@ -675,6 +685,11 @@ TEST(Nights, WhatHasNotChangedIsNotMissing) {
     const Night wrong = site.Run({Level::Changed});
     EXPECT_EQ(wrong.record->missing, 1);
     EXPECT_EQ(ReadMissed(wrong.File(NightFiles::Missed)), std::vector{ParseMissed("/home/never")});
+    // A directory is listed whatever its age: it is gone, and so may be what is mounted there.
+    fs::rename(site.site.root / "home/it's", site.site.root / "elsewhere");
+    site.site.File("include", "/home/note\n/home/it's\n/home/n*\n/home/it*\n");
+    EXPECT_EQ(ReadMissed(site.Run({Level::Changed}).File(NightFiles::Missed)),
+              (std::vector{ParseMissed("/home/it's"), ParseMissed("/home/it*")}));
     site.config.knows_timezone = false;
     EXPECT_THROW(site.Run({Level::Changed}), Failure);
 }

@@ -144,20 +144,19 @@ std::vector<std::string> ReadIncludeLines(const std::string& path) {
     return lines;
 }
 
-// What is missed after a retry that saved only some paths. One that reached its end names what it could not save; one
-// that died saved just what its archive has.
+// What is missed after a retry that saved only some paths: what it says, and whatever else its archive does not have.
+// A retry may have died, and vondral passes over a path that is a pattern by its characters.
 void ApplyPartialRetry(std::vector<MissedLine>& missed, const std::vector<std::string>& tried,
-                       const std::vector<MissedLine>& again, bool complete, const ctar::Coverage& archive) {
+                       const std::vector<MissedLine>& again, const ctar::Coverage& archive) {
     std::set<std::string> open(tried.begin(), tried.end());
     std::erase_if(missed, [&open](const MissedLine& line) { return open.contains(line.path); });
     for (const MissedLine& line : again) {
         missed.push_back(line);
         open.erase(line.path);
     }
-    if (!complete)
-        for (const std::string& path : open)
-            if (!archive.Covers(path))
-                missed.push_back({path, path});
+    for (const std::string& path : open)
+        if (!archive.Covers(path))
+            missed.push_back({path, path});
 }
 
 // Everything that the attempts of a night come to.
@@ -228,8 +227,7 @@ NightSum SumUp(const std::string& directory, int retries, const JudgeRules& rule
         own.Finish();
         std::vector<MissedLine> missed = ReadMissed(In(directory, AttemptFile(NightFiles::Missed, retry)));
         if (facts.partial) {
-            ApplyPartialRetry(sum.missed, ReadIncludeLines(IncludeFileOf(directory, retry)), missed, facts.complete,
-                              own);
+            ApplyPartialRetry(sum.missed, ReadIncludeLines(IncludeFileOf(directory, retry)), missed, own);
         } else {
             sum.missed = MissedByWhole(std::move(missed), facts, rules);
             sum.whole = facts;

@@ -42,7 +42,8 @@ struct JudgeRules {
     // Of a changed night:
     std::vector<MissedLine> carried; // what its base missed; an attempt at the whole night does not save it unless it
                                      // has changed, so it is missing until a retry that names it has saved it
-    // Whether its base has what this include line names: "not found" then says that nothing of it has changed.
+    // Whether its base has files that this include line names, and nothing else that matches: "not found" then says
+    // that they have not changed.
     std::function<bool(const std::string& line)> is_in_base;
 };
 

@@ -11,6 +11,7 @@
 #include <sys/file.h>
 
 #include "contents.h"
+#include "copies.h"
 #include "failure.h"
 #include "judge.h"
 #include "moments.h"
@@ -86,10 +87,17 @@ NightPlan PlanNight(const std::vector<Night>& nights, const Config& config, std:
     }
     if (!plan.why.empty())
         return plan;
+    try {
+        plan.carried = TrustedMissed(*base);
+    } catch (const Failure& damaged) {
+        if (level == Level::Changed)
+            throw;
+        plan.why = damaged.what();
+        return plan;
+    }
     plan.level = Level::Changed;
     plan.base = base;
     plan.cutoff = base->record->started - config.level.margin;
-    plan.carried = ReadMissed(base->File(NightFiles::Missed));
     plan.why = "builds on " + base->Name();
     return plan;
 }
@@ -131,17 +139,30 @@ void FindEmptyLines(const std::string& path, const char* meaning, std::vector<st
 // What the nights have that a changed one builds on, read when it is first asked for.
 struct BaseContents {
     std::vector<const Night*> chain;
-    std::vector<std::string> paths;
+    std::vector<std::string> paths; // sorted
 
-    // Whether the include line matches one of the paths.
-    bool Contains(const std::string& line) {
+    // Whether a listing leaves out what the include line names when it has not changed: files, of which the base has
+    // one. Directories and libraries are listed whatever their age.
+    bool HasFiles(const std::string& line) {
         for (const Night* const night : std::exchange(chain, {})) {
             std::vector<std::string> covered = CoveredPaths(night->path, night->record->archives);
             std::move(covered.begin(), covered.end(), std::back_inserter(paths));
+            std::sort(paths.begin(), paths.end());
         }
-        return std::any_of(paths.begin(), paths.end(), [&line](const std::string& path) {
-            return ::fnmatch(line.c_str(), path.c_str(), PathMatchFlags) == 0;
-        });
+        if (ClassifyPath(line) == ObjectKind::Library)
+            return false;
+        if (!IsPattern(line)) {
+            const auto below = std::lower_bound(paths.begin(), paths.end(), line + "/");
+            return std::binary_search(paths.begin(), paths.end(), line) &&
+                   (below == paths.end() || !below->starts_with(line + "/"));
+        }
+        const auto matches = [&line](int flags) {
+            return
+                [&line, flags](const std::string& path) { return ::fnmatch(line.c_str(), path.c_str(), flags) == 0; };
+        };
+        const auto count = [&](int flags) { return std::count_if(paths.begin(), paths.end(), matches(flags)); };
+        const auto files = count(FNM_PATHNAME);
+        return files > 0 && files == count(PathMatchFlags);
     }
 };
 
@@ -162,7 +183,7 @@ JudgeRules RulesFor(const Run& run) {
     rules.carried = run.plan.carried;
     if (run.plan.base != nullptr)
         rules.is_in_base = [base = BaseContents{ChainOf(run.nights, *run.plan.base), {}}](
-                               const std::string& line) mutable { return base.Contains(line); };
+                               const std::string& line) mutable { return base.HasFiles(line); };
     return rules;
 }
 
@@ -364,6 +385,7 @@ void FinishInterrupted(World& world, const Config& config) {
         if (night.complete || night.foreign || night.removed)
             continue;
         if (night.record && IsGood(night.record->verdict)) {
+            world.disk.Remove(night.File(NightFiles::Begun));
             Publish(world, night);
             world.say(night.Name() + ": good; an earlier run was killed before it could say so");
         }
@@ -385,6 +407,7 @@ void FinishInterrupted(World& world, const Config& config) {
         record.verdict = Verdict::Failed;
         record.reasons.insert(record.reasons.begin(), "the run was killed");
         world.disk.WriteFile(night.File(NightFiles::Record), EncodeRecord(record));
+        world.disk.Remove(night.File(NightFiles::Begun));
         world.say(night.Name() + ": failed: the run was killed");
     }
 }

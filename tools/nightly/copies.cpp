@@ -82,11 +82,10 @@ Contained ReadContained(const Night& night) {
 }
 
 // A path may be in the catalogs of several attempts, and an entry besides.
-std::uint64_t CountDistinct(const Contained& contained) {
+std::uint64_t CountDistinct(const std::vector<std::string>& paths) {
     std::unordered_set<std::uint64_t> hashes;
-    for (const std::vector<std::string>* const paths : {&contained.whole, &contained.partial})
-        for (const std::string& path : *paths)
-            hashes.insert(HashOf(path));
+    for (const std::string& path : paths)
+        hashes.insert(HashOf(path));
     return hashes.size();
 }
 
@@ -192,7 +191,8 @@ std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const
     for (const std::size_t i : LatestFirst(nights))
         if (nights[i].has_archive && search.Counts(i)) {
             const Contained contained = ReadContained(nights[i]);
-            search.counts[i].contained = CountDistinct(contained);
+            if (!nights[i].HasGoodVerdict())
+                search.counts[i].contained = CountDistinct(contained.partial);
             FindCopies(search, i, contained);
         }
     FindSeen(search);

@@ -28,7 +28,7 @@ NightClock ClockOf(const std::vector<Night>& nights, std::time_t now);
 struct CopyCount {
     std::uint64_t objects = 0;
     std::string example;         // one of them
-    std::uint64_t contained = 0; // all that the night's archives contain, each object once
+    std::uint64_t contained = 0; // all that the archives of a night that is not good contain, each once
 };
 
 // For each night, how many objects have their newest copy in it and are not forgotten. An object is a path of a catalog

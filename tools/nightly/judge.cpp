@@ -174,11 +174,10 @@ struct NightSum {
 };
 
 // A line that two include lines name counts twice, as it does among the files attempted.
-void AddCatalog(NightSum& sum, const std::vector<std::string>& lines, std::unordered_set<std::string>& known) {
-    for (const std::string& line : lines)
-        if (!known.contains(line))
-            sum.lines.push_back(line);
+void AddCatalog(NightSum& sum, std::vector<std::string> lines, std::unordered_set<std::string>& known) {
+    std::erase_if(lines, [&known](const std::string& line) { return known.contains(line); });
     known.insert(lines.begin(), lines.end());
+    std::move(lines.begin(), lines.end(), std::back_inserter(sum.lines));
 }
 
 // What an attempt at the whole night missed. Takes those names out of what was not found that are in the base.
@@ -265,8 +264,8 @@ std::string Files(std::uint64_t count) {
 }
 
 // A line of the server's listings that cannot be read names nothing.
-const char* WhereNamed(const NightSum& sum) {
-    return sum.missed.empty() ? "the log tells why" : "missed names them";
+std::string WhereNamed(const NightSum& sum) {
+    return sum.missed.empty() ? "the log tells why" : std::string(NightFiles::Missed) + " names them";
 }
 
 // Why the night is no backup at all.
@@ -291,7 +290,7 @@ void FindFailures(const NightSum& sum, int exit_status, const NightRecord& recor
         reasons.push_back(FormatText("%s of %llu missing (%s; %s is tolerated): %s", Files(record.missing).c_str(),
                                      Printable(std::max(record.attempted, record.missing)),
                                      ShowShare(static_cast<double>(record.missing) / attempted).c_str(),
-                                     ShowShare(rules.tolerate).c_str(), WhereNamed(sum)));
+                                     ShowShare(rules.tolerate).c_str(), WhereNamed(sum).c_str()));
 }
 
 void CompareSize(const char* what, std::uint64_t now, std::uint64_t then, const JudgeRules& rules,

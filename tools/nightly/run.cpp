@@ -137,33 +137,43 @@ void FindEmptyLines(const std::string& path, const char* meaning, std::vector<st
 }
 
 // What the nights have that a changed one builds on, read when it is first asked for.
-struct BaseContents {
-    std::vector<const Night*> chain;
-    std::vector<std::string> paths; // sorted
+class BaseContents {
+public:
+    explicit BaseContents(std::vector<const Night*> nights) : chain_(std::move(nights)) {}
 
     // Whether a listing leaves out what the include line names when it has not changed: files, of which the base has
     // one. Directories and libraries are listed whatever their age.
     bool HasFiles(const std::string& line) {
-        for (const Night* const night : std::exchange(chain, {})) {
-            std::vector<std::string> covered = CoveredPaths(night->path, night->record->archives);
-            std::move(covered.begin(), covered.end(), std::back_inserter(paths));
-            std::sort(paths.begin(), paths.end());
-        }
+        if (!chain_.empty())
+            ReadChain();
         if (ClassifyPath(line) == ObjectKind::Library)
             return false;
         if (!IsPattern(line)) {
-            const auto below = std::lower_bound(paths.begin(), paths.end(), line + "/");
-            return std::binary_search(paths.begin(), paths.end(), line) &&
-                   (below == paths.end() || !below->starts_with(line + "/"));
+            const auto below = std::lower_bound(paths_.begin(), paths_.end(), line + "/");
+            return std::binary_search(paths_.begin(), paths_.end(), line) &&
+                   (below == paths_.end() || !below->starts_with(line + "/"));
         }
-        const auto matches = [&line](int flags) {
-            return
-                [&line, flags](const std::string& path) { return ::fnmatch(line.c_str(), path.c_str(), flags) == 0; };
+        const auto count = [&](int flags) {
+            return std::count_if(paths_.begin(), paths_.end(), [&line, flags](const std::string& path) {
+                return ::fnmatch(line.c_str(), path.c_str(), flags) == 0;
+            });
         };
-        const auto count = [&](int flags) { return std::count_if(paths.begin(), paths.end(), matches(flags)); };
         const auto files = count(FNM_PATHNAME);
         return files > 0 && files == count(PathMatchFlags);
     }
+
+private:
+    void ReadChain() {
+        for (const Night* const night : chain_) {
+            std::vector<std::string> covered = CoveredPaths(night->path, night->record->archives);
+            std::move(covered.begin(), covered.end(), std::back_inserter(paths_));
+        }
+        std::sort(paths_.begin(), paths_.end());
+        chain_.clear();
+    }
+
+    std::vector<const Night*> chain_; // until it has been read
+    std::vector<std::string> paths_;  // sorted
 };
 
 JudgeRules RulesFor(const Run& run) {
@@ -182,8 +192,9 @@ JudgeRules RulesFor(const Run& run) {
             rules.known_missed.insert(line.path);
     rules.carried = run.plan.carried;
     if (run.plan.base != nullptr)
-        rules.is_in_base = [base = BaseContents{ChainOf(run.nights, *run.plan.base), {}}](
-                               const std::string& line) mutable { return base.HasFiles(line); };
+        rules.is_in_base = [base = BaseContents(ChainOf(run.nights, *run.plan.base))](const std::string& line) mutable {
+            return base.HasFiles(line);
+        };
     return rules;
 }
 
@@ -228,19 +239,23 @@ void Attempt(Run& run, const JudgeRules& rules) {
     run.judgement = JudgeNight(run.night.path, run.retries, run.statuses, rules);
 }
 
-// Saves what the night before missed, as soon as the rest is saved: an attempt at the whole of a changed night leaves
-// out what has not changed since. Costs no retry.
-void CarryOver(Run& run, const JudgeRules& rules) {
-    if (run.plan.carried.empty() || !run.judgement.ran_to_end || run.world.stop_requested())
-        return;
-    WriteRetryPaths(run, run.retries + 1, run.plan.carried);
+// An attempt at these names alone.
+void AttemptNames(Run& run, const JudgeRules& rules, const std::vector<MissedLine>& names) {
+    WriteRetryPaths(run, run.retries + 1, names);
     ++run.retries;
     Attempt(run, rules);
 }
 
+// An attempt at the whole night, which leaves out what has not changed since the night before: when it has reached its
+// end, another one at what that missed. That costs no retry.
+void AttemptWhole(Run& run, const JudgeRules& rules) {
+    Attempt(run, rules);
+    if (!run.plan.carried.empty() && run.judgement.ran_to_end && !run.world.stop_requested())
+        AttemptNames(run, rules, run.plan.carried);
+}
+
 void Retry(Run& run, const JudgeRules& rules) {
     for (std::uint64_t tries = 0; !run.IsSettled() && tries < run.config.retries; ++tries) {
-        const bool partial = run.judgement.ran_to_end;
         run.world.say(FormatText("%s; retry %d of %llu in %s",
                                  run.judgement.record.reasons.empty() ? "not complete"
                                                                       : run.judgement.record.reasons.front().c_str(),
@@ -249,12 +264,12 @@ void Retry(Run& run, const JudgeRules& rules) {
         run.world.pause(run.config.retry_wait);
         if (run.world.stop_requested())
             return;
-        if (partial)
-            WriteRetryPaths(run, run.retries + 1, run.judgement.missed);
-        ++run.retries;
-        Attempt(run, rules);
-        if (!partial)
-            CarryOver(run, rules);
+        if (run.judgement.ran_to_end) {
+            AttemptNames(run, rules, run.judgement.missed);
+        } else {
+            ++run.retries;
+            AttemptWhole(run, rules);
+        }
     }
 }
 
@@ -301,12 +316,16 @@ void BeginNight(Run& run) {
     run.world.disk.WriteFile(run.night.File(NightFiles::Begun), EncodeRecord(record));
 }
 
+void FileRecord(Disk& disk, const Night& night, const NightRecord& record) {
+    disk.WriteFile(night.File(NightFiles::Record), EncodeRecord(record));
+    disk.Remove(night.File(NightFiles::Begun));
+}
+
 void WriteRecord(Run& run) {
     NightRecord& record = run.judgement.record;
     DescribeNight(run, record);
     record.ended = std::max(run.world.now(), run.night.moment);
-    run.world.disk.WriteFile(run.night.File(NightFiles::Record), EncodeRecord(record));
-    run.world.disk.Remove(run.night.File(NightFiles::Begun));
+    FileRecord(run.world.disk, run.night, record);
     run.night.record = record;
     run.night.has_archive = !record.archives.empty();
 }
@@ -363,8 +382,7 @@ void SaveAndJudge(Run& run) {
     const JudgeRules rules = RulesFor(run);
     run.has_mistakes = !rules.mistakes.empty();
     BeginNight(run);
-    Attempt(run, rules);
-    CarryOver(run, rules);
+    AttemptWhole(run, rules);
     Retry(run, rules);
     WriteMissed(run);
     WriteSums(run);
@@ -406,8 +424,7 @@ void FinishInterrupted(World& world, const Config& config) {
         }
         record.verdict = Verdict::Failed;
         record.reasons.insert(record.reasons.begin(), "the run was killed");
-        world.disk.WriteFile(night.File(NightFiles::Record), EncodeRecord(record));
-        world.disk.Remove(night.File(NightFiles::Begun));
+        FileRecord(world.disk, night, record);
         world.say(night.Name() + ": failed: the run was killed");
     }
 }

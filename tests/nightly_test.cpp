@@ -184,17 +184,12 @@ void WriteAttempt(const fs::path& directory, int retry, const Attempt& attempt) 
 TEST(Judge, BelievesOnlyWhatTheFilesProve) {
     const std::vector<ArchiveEntry> entries{{"/QSYS.LIB/A.LIB", std::string(528, 'a')}, {"/home.savf", "home"}};
     const Attempt good{entries, "/QSYS.LIB/A.LIB,/home/x,/home/y", "", 3};
-    const auto with = [&good](auto change) {
-        Attempt attempt = good;
-        change(attempt);
-        return attempt;
-    };
     Night before;
     before.moment = Start;
     before.record.emplace();
     before.record->objects = 4;
     before.record->bytes = 532;
-    JudgeRules tolerant, shrinking, accepting, mistaken;
+    JudgeRules strict, tolerant, shrinking, accepting, mistaken;
     tolerant.tolerate = 0.25;
     shrinking.like = accepting.like = &before;
     shrinking.max_shrink = accepting.max_shrink = 0.2;
@@ -202,101 +197,58 @@ TEST(Judge, BelievesOnlyWhatTheFilesProve) {
     mistaken.mistakes = {"line 1 is empty"};
     struct Row {
         const char* what;
-        Attempt attempt;
         int status;
         JudgeRules rules;
         Verdict verdict;
         std::uint64_t missing;
         const char* reason;
+        void (*change)(Attempt&) = [](Attempt&) {};
     };
     for (const Row& row : {
-             Row{"all there", good, 0, {}, Verdict::Good, 0, ""},
-             Row{"a library that is not in the archive",
-                 with([](Attempt& a) { a.entries.erase(a.entries.begin()); }),
-                 0,
-                 {},
-                 Verdict::Failed,
-                 1,
-                 "1 file of 3 missing"},
-             Row{"more attempted than named",
-                 with([](Attempt& a) {
-                     a.attempted = 164;
-                     a.missed = "/etc";
-                 }),
-                 1,
-                 {},
-                 Verdict::Failed,
-                 161,
-                 "161 files of 164 missing (98.2 %"},
-             Row{"a part missing, tolerated", with([](Attempt& a) {
-                     a.attempted = 4;
-                     a.missed = "/home: 1 objects not saved";
-                     a.catalog += ",/home/z";
-                 }),
-                 0, tolerant, Verdict::GoodWithGaps, 1, "as tolerated"},
-             Row{"a part missing",
-                 with([](Attempt& a) { a.missed = "/home: 1 objects not saved"; }),
-                 0,
-                 {},
-                 Verdict::Failed,
-                 1,
-                 "1 file of 3 missing"},
-             Row{"a library in part",
-                 with([](Attempt& a) { a.missed = "/QSYS.LIB/A.LIB: 550 3 objects not saved.."; }),
-                 0,
-                 {},
-                 Verdict::Failed,
-                 1,
-                 "1 file of 3 missing"},
-             Row{"unreadable lines of listings",
-                 with([](Attempt& a) { a.parse_errors = 2; }),
-                 1,
-                 {},
-                 Verdict::Failed,
-                 2,
-                 "2 files of 3 missing"},
-             Row{"more missing than tolerated", with([](Attempt& a) {
-                     a.attempted = 5;
-                     a.missed = "/a,/b";
-                 }),
-                 1, tolerant, Verdict::Failed, 2, "(40 %; 25 % is tolerated)"},
-             Row{"a status that nothing explains", good, 1, {}, Verdict::Suspicious, 0, "ended with status 1"},
-             Row{"ended early", good, 255, {}, Verdict::Failed, 0, "vondral ended with status 255"},
-             Row{"died",
-                 with([](Attempt& a) {
-                     a.attempted = -1;
-                     a.log = "Backup Success: /x";
-                 }),
-                 137,
-                 {},
-                 Verdict::Failed,
-                 0,
-                 "did not reach its end"},
-             Row{"no login",
-                 with([](Attempt& a) {
-                     a.attempted = -1;
-                     a.log = "vondral[vondral.cpp,1]: login failed";
-                 }),
-                 255,
-                 {},
-                 Verdict::Failed,
-                 0,
-                 "did not reach its end: "},
-             Row{"nothing saved", {{}, "", "", 0}, 0, {}, Verdict::Failed, 0, "the archive has no object"},
-             Row{"junk after the end",
-                 with([](Attempt& a) { a.cut = std::string(512, 'x'); }),
-                 0,
-                 {},
-                 Verdict::Failed,
-                 3,
-                 "archive.ctar: at 2560: data after the end"},
-             Row{"an empty line", good, 0, mistaken, Verdict::Suspicious, 0, "line 1 is empty"},
-             Row{"smaller", good, 0, shrinking, Verdict::Suspicious, 0,
+             Row{"all there", 0, strict, Verdict::Good, 0, ""},
+             Row{"a library that is not in the archive", 0, strict, Verdict::Failed, 1, "1 file of 3 missing",
+                 [](Attempt& a) { a.entries.erase(a.entries.begin()); }},
+             Row{"more attempted than named", 1, strict, Verdict::Failed, 161, "161 files of 164 missing (98.2 %",
+                 [](Attempt& a) {
+                     a = {a.entries, a.catalog, "/etc", 164};
+                 }},
+             Row{"a part missing, tolerated", 0, tolerant, Verdict::GoodWithGaps, 1, "as tolerated",
+                 [](Attempt& a) {
+                     a = {a.entries, a.catalog + ",/home/z", "/home: 1 objects not saved", 4};
+                 }},
+             Row{"a part missing", 0, strict, Verdict::Failed, 1, "1 file of 3 missing",
+                 [](Attempt& a) { a.missed = "/home: 1 objects not saved"; }},
+             Row{"a library in part", 0, strict, Verdict::Failed, 1, "1 file of 3 missing",
+                 [](Attempt& a) { a.missed = "/QSYS.LIB/A.LIB: 550 3 objects not saved.."; }},
+             Row{"unreadable lines of listings", 1, strict, Verdict::Failed, 2, "2 files of 3 missing",
+                 [](Attempt& a) { a.parse_errors = 2; }},
+             Row{"more missing than tolerated", 1, tolerant, Verdict::Failed, 2, "(40 %; 25 % is tolerated)",
+                 [](Attempt& a) {
+                     a = {a.entries, a.catalog, "/a,/b", 5};
+                 }},
+             Row{"a status that nothing explains", 1, strict, Verdict::Suspicious, 0, "ended with status 1"},
+             Row{"ended early", 255, strict, Verdict::Failed, 0, "vondral ended with status 255"},
+             Row{"died", 137, strict, Verdict::Failed, 0, "did not reach its end",
+                 [](Attempt& a) {
+                     a = {a.entries, a.catalog, "", -1, "Backup Success: /x"};
+                 }},
+             Row{"no login", 255, strict, Verdict::Failed, 0, "did not reach its end: ",
+                 [](Attempt& a) {
+                     a = {a.entries, a.catalog, "", -1, "vondral[vondral.cpp,1]: login failed"};
+                 }},
+             Row{"nothing saved", 0, strict, Verdict::Failed, 0, "the archive has no object",
+                 [](Attempt& a) { a = {}; }},
+             Row{"junk after the end", 0, strict, Verdict::Failed, 3, "archive.ctar: at 2560: data after the end",
+                 [](Attempt& a) { a.cut = std::string(512, 'x'); }},
+             Row{"an empty line", 0, mistaken, Verdict::Suspicious, 0, "line 1 is empty"},
+             Row{"smaller", 0, shrinking, Verdict::Suspicious, 0,
                  "3 files, 25 % fewer than the 4 of 2026-09-21T141320Z; if that is right, run with --accept-shrink"},
-             Row{"smaller, accepted", good, 0, accepting, Verdict::Good, 0, ""},
+             Row{"smaller, accepted", 0, accepting, Verdict::Good, 0, ""},
          }) {
         const TempDir night;
-        WriteAttempt(night.path, 0, row.attempt);
+        Attempt attempt = good;
+        row.change(attempt);
+        WriteAttempt(night.path, 0, attempt);
         const NightRecord record = JudgeNight(night.path, 0, {row.status, row.status}, row.rules).record;
         EXPECT_EQ(record.verdict, row.verdict) << row.what;
         EXPECT_EQ(record.missing, row.missing) << row.what;
@@ -379,6 +331,8 @@ struct NightSite {
     Config config;
     std::time_t now = Start;
     std::vector<std::string> said, hooks;
+    int attempts = 0; // in the night
+    std::function<void()> before_attempt = [] {};
 
     NightSite() {
         WriteObjects(site.root.path);
@@ -396,8 +350,11 @@ struct NightSite {
     }
     World MakeWorld() {
         World world;
+        attempts = 0;
         world.now = [this] { return now; };
         world.back_up = [this](const BackupRequest& request) {
+            before_attempt();
+            ++attempts;
             site.options.root = site.root.path;
             site.server = std::make_unique<rehearsal::Server>(site.options);
             ::setenv("VONDRAL_TEST_PORT", std::to_string(site.server->Port()).c_str(), 1);
@@ -441,6 +398,13 @@ struct NightSite {
         program.arguments = std::move(arguments);
         program.port = site.server != nullptr ? site.server->Port() : 0;
         return program.Run();
+    }
+    // All but the system's own data.
+    Outcome Restore(const std::vector<std::string>& selection = {}) {
+        const std::string system = site.File("system", "/Security Data\n/System Configuration\n");
+        std::vector<std::string> arguments{"restore", "office", "-e", system, "--yes"};
+        arguments.insert(arguments.end(), selection.begin(), selection.end());
+        return Command(arguments);
     }
 };
 
@@ -549,8 +513,7 @@ TEST(Nights, ChangedNightsKeepTheFullOneTheyBuildOn) {
     const std::string plan = site.Command({"plan", "office", "-i", what}).out;
     EXPECT_THAT(plan, HasSubstr("*** include file: line 2 is empty and matches everything"));
     site.site.File("what", "/home/new\n");
-    const std::string no_system = site.site.File("system", "/Security Data\n/System Configuration\n");
-    const Outcome restored = site.Command({"restore", "office", "-i", what, "-e", no_system, "--yes"});
+    const Outcome restored = site.Restore({"-i", what});
     EXPECT_EQ(restored.status, 0) << restored.out << restored.err;
     EXPECT_THAT(restored.out, HasSubstr("4 of 4 objects restored\n"));
     // The day of a full night was missed: the next one is full.
@@ -589,32 +552,21 @@ TEST(Nights, RetrySavesWhatWasMissed) {
     site.config.retries = 2;
     // The first save of each fails; the second one does not.
     site.site.options.faults = {Replace("RCMD SAVLIB LIB(PAYROLL)", "550 in use"), Replace("RCMD SAVSECDTA", "550 no")};
-    World world = site.MakeWorld();
-    int runs = 0;
-    const auto back_up = world.back_up;
-    world.back_up = [&](const BackupRequest& request) {
-        if (runs++ > 0)
+    site.before_attempt = [&] {
+        if (site.attempts > 0)
             site.site.options.faults.clear();
-        return back_up(request);
     };
-    const Night night = RunNight(world, site.config, {});
+    const Night night = site.Run();
     EXPECT_TRUE(night.IsGood()) << Reasons(night);
-    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(site.attempts, 2);
     EXPECT_THAT(night.record->archives, ElementsAre("archive.ctar", "retry1.ctar"));
     const auto entries = ReadArchiveFile(night.File("retry1.ctar"));
     ASSERT_TRUE(entries);
     EXPECT_EQ(entries->size(), 2);
     EXPECT_EQ(ReadFile(night.File(NightFiles::Missed)), "");
     // Whatever kept the first attempt from saving anything, the second one saves everything.
-    site.now += Day;
-    site.site.options.password = "changed";
-    runs = 0;
-    world.back_up = [&](const BackupRequest& request) {
-        if (runs++ > 0)
-            site.site.options.password = "secret";
-        return back_up(request);
-    };
-    const Night second = RunNight(world, site.config, {});
+    site.before_attempt = [&] { site.site.options.password = site.attempts > 0 ? "secret" : "changed"; };
+    const Night second = site.Run();
     EXPECT_TRUE(second.IsGood());
     EXPECT_THAT(ReadFile(second.File(NightFiles::Page)),
                 AllOf(HasSubstr("retry1.ctar"), HasSubstr("the last one at the whole night (retry1.log)"),
@@ -653,17 +605,12 @@ TEST(Nights, ChangedNightsSaveWhatTheirBaseMissed) {
     ASSERT_EQ(site.Run({Level::Full}).record->verdict, Verdict::GoodWithGaps);
     site.site.options.locked.clear();
     site.config.retries = 1;
+    site.before_attempt = [&] { site.site.options.password = site.attempts > 0 ? "secret" : "changed"; };
     for (const bool stopped : {true, false}) {
         World world = site.MakeWorld();
-        int runs = 0;
-        const auto back_up = world.back_up;
-        world.back_up = [&](const BackupRequest& request) {
-            site.site.options.password = runs++ > 0 ? "secret" : "changed";
-            return back_up(request);
-        };
-        world.stop_requested = [&] { return stopped && runs == 2; };
+        world.stop_requested = [&] { return stopped && site.attempts == 2; };
         const Night retried = RunNight(world, site.config, {Level::Changed});
-        EXPECT_EQ(runs, stopped ? 2 : 3);
+        EXPECT_EQ(site.attempts, stopped ? 2 : 3);
         EXPECT_EQ(retried.record->verdict, stopped ? Verdict::GoodWithGaps : Verdict::Good) << Reasons(retried);
         EXPECT_EQ(ReadMissed(retried.File(NightFiles::Missed)).size(), stopped ? 1 : 0);
         EXPECT_EQ(Holds(testing::PrintToString(CoveredPaths(retried.path, retried.record->archives)), "PAYROLL.LIB"),
@@ -709,14 +656,13 @@ TEST(Nights, CutArchivesAndThoseOfRetriesCountAsCopies) {
     NightSite site;
     site.config.retries = 1;
     WriteFile(site.site.root / "home/brief", "x");
+    // The login is refused, then the last object is locked.
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    site.before_attempt = [&] { site.site.options.password = site.attempts > 0 ? "secret" : "changed"; };
     World world = site.MakeWorld();
-    int runs = 0;
-    const auto back_up = world.back_up;
-    world.back_up = [&](const BackupRequest& request) { // the login is refused, then the last object locked
-        site.site.options.password = runs++ > 0 ? "secret" : "changed";
-        site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    world.back_up = [&, back_up = world.back_up](const BackupRequest& request) {
         const int status = back_up(request);
-        if (runs == 2)
+        if (site.attempts == 2)
             WriteFile(request.archive, ReadFile(request.archive) + "data of a broken retrieval");
         return status;
     };
@@ -727,6 +673,7 @@ TEST(Nights, CutArchivesAndThoseOfRetriesCountAsCopies) {
     EXPECT_TRUE(site.Nights().front().has_archive);
     fs::remove(site.site.root / "home/brief");
     site.site.options.locked.clear();
+    site.before_attempt = [] {};
     site.config.keep = {1, 0, 0, 0};
     for (int i = 0; i < 2; ++i) {
         site.now += Day;
@@ -867,7 +814,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
     fs::remove_all(site.site.root / "QSYS.LIB/TOOLS.LIB");
     const Night second = site.Run();
     struct Row {
-        std::vector<std::string> arguments;
+        std::string arguments; // with blanks between
         int status;
         const char* text; // somewhere in the outputs
     };
@@ -875,42 +822,38 @@ TEST(Commands, ReadWhatTheNightsLeft) {
         site.site.File("what", "/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/COPY.LIB\n/nowhere\n/home/a[1]\n");
     const std::string page = site.site.work / "history.html";
     for (const Row& row : {
-             Row{{"config", "office"}, 0, "server = \"127.0.0.1\""},
-             Row{{"config", "nobody"}, 3, "nobody.toml: No such file"},
-             Row{{"config", "../office"}, 3, "not the name of a configuration"},
-             Row{{"status", "--max-age", "1000d"}, 0, "office  2026-09-22T141320Z"},
-             Row{{"status", "office", "--max-age", "1s"}, 2, "the last good night is older than 1s"},
-             Row{{"status", "--json"}, 2, "\"newly_missing\": 0"},
-             Row{{"find", "office", "note"}, 0, "/home/note\n  2026-09-21T141320Z: in /home, 140.448 KB, sha256 "},
-             Row{{"find", "office", "/QSYS.LIB/TOOLS*"}, 0, "2026-09-21T141320Z: entry of its own"},
-             Row{{"find", "office", "/nowhere"}, 1, "no night of office has such an object"},
-             Row{{"find", "office", "/home/added", "--json"}, 0, "\"entry\": \"/home\""},
-             Row{{"find", "office", "a?1?"},
-                 0,
-                 "restore the directory above it from 2026-09-22T141320Z; no include line"},
-             Row{{"find", "office", "[a]"}, 3, "begins and ends with a bracket"},
-             Row{{"diff", "office", first.Name(), second.Name()}, 0, "gone          /QSYS.LIB/TOOLS.LIB\n"},
-             Row{{"diff", "office", first.Name(), second.Name()}, 0, "added         /home/added\n"},
-             Row{{"diff", "office", first.Name(), second.Name(), "--json"}, 0, "\"change\": \"larger\""},
-             Row{{"plan", "office", "-i", what},
-                 0,
+             Row{"config office", 0, "server = \"127.0.0.1\""},
+             Row{"config nobody", 3, "nobody.toml: No such file"},
+             Row{"config ../office", 3, "not the name of a configuration"},
+             Row{"status --max-age 1000d", 0, "office  2026-09-22T141320Z"},
+             Row{"status office --max-age 1s", 2, "the last good night is older than 1s"},
+             Row{"status --json", 2, "\"newly_missing\": 0"},
+             Row{"find office note", 0, "/home/note\n  2026-09-21T141320Z: in /home, 140.448 KB, sha256 "},
+             Row{"find office /QSYS.LIB/TOOLS*", 0, "2026-09-21T141320Z: entry of its own"},
+             Row{"find office /nowhere", 1, "no night of office has such an object"},
+             Row{"find office /home/added --json", 0, "\"entry\": \"/home\""},
+             Row{"find office a?1?", 0, "restore the directory above it from 2026-09-22T141320Z; no include line"},
+             Row{"find office [a]", 3, "begins and ends with a bracket"},
+             Row{"diff office " + first.Name() + " " + second.Name(), 0, "gone          /QSYS.LIB/TOOLS.LIB\n"},
+             Row{"diff office " + first.Name() + " " + second.Name(), 0, "added         /home/added\n"},
+             Row{"diff office " + first.Name() + " " + second.Name() + " --json", 0, "\"change\": \"larger\""},
+             Row{"plan office -i " + what, 0,
                  "RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) "},
-             Row{{"plan", "office", "-i", what}, 0, "*** nothing matches the include line: /nowhere\n"},
-             Row{{"plan", "office", "-i", what},
-                 0,
-                 "include line: /home/a[1] (in such a line \"[\" and \"\\\" begin a pa"},
-             Row{{"plan", "office", "-i", what}, 0, "*** WARNING: security data and configuration are part"},
-             Row{{"plan", "office", first.Name()}, 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
-             Row{{"plan", "office", "2026-01-01T000000Z"}, 3, "no such night"},
-             Row{{"prune", "office", "--dry-run", "--json"}, 0, "it has the newest copy of 1 object, such as "},
-             Row{{"history", "office", "--html", page}, 0, ""},
-             Row{{"restore", "office"}, 2, "nothing is restored without --yes"},
-             Row{{"run", "office", "--dry-run"}, 0, "a full night: every night is full"},
-             Row{{"run", "office", "--level", "half"}, 3, "half is not full or changed"},
-             Row{{"drill", "office"}, 3, "the configuration has no key drill"},
-             Row{{}, 3, "A subcommand is required"},
+             Row{"plan office -i " + what, 0, "*** nothing matches the include line: /nowhere\n"},
+             Row{"plan office -i " + what, 0, "include line: /home/a[1] (in such a line \"[\" and \"\\\" begin a pa"},
+             Row{"plan office -i " + what, 0, "*** WARNING: security data and configuration are part"},
+             Row{"plan office " + first.Name(), 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
+             Row{"plan office 2026-01-01T000000Z", 3, "no such night"},
+             Row{"prune office --dry-run --json", 0, "it has the newest copy of 1 object, such as "},
+             Row{"history office --html " + page, 0, ""},
+             Row{"restore office", 2, "nothing is restored without --yes"},
+             Row{"run office --dry-run", 0, "a full night: every night is full"},
+             Row{"run office --level half", 3, "half is not full or changed"},
+             Row{"drill office", 3, "the configuration has no key drill"},
+             Row{"", 3, "A subcommand is required"},
          }) {
-        const Outcome outcome = site.Command(row.arguments);
+        std::istringstream words(row.arguments);
+        const Outcome outcome = site.Command({std::istream_iterator<std::string>(words), {}});
         EXPECT_EQ(outcome.status, row.status) << row.text << outcome.out << outcome.err;
         EXPECT_THAT(outcome.out + outcome.err, HasSubstr(row.text));
     }
@@ -932,8 +875,7 @@ TEST(Commands, RestoreWhatWasPlannedAndNoMore) {
     WriteFile(site.site.root / "Security Data", "other profiles");
     const std::string what = site.site.File("what", "/home\n");
     site.Exclude("");
-    const std::string no_system = site.site.File("system", "/Security Data\n/System Configuration\n");
-    const Outcome outcome = site.Command({"restore", "office", "-i", what, "-e", no_system, "--yes"});
+    const Outcome outcome = site.Restore({"-i", what});
     EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
     EXPECT_THAT(outcome.out, HasSubstr("1 of 1 objects restored\n"));
     EXPECT_EQ(DiffTrees(saved / "home", site.site.root / "home"), "");
@@ -941,7 +883,7 @@ TEST(Commands, RestoreWhatWasPlannedAndNoMore) {
     // One object that the server refuses is told, and the status is not 0.
     site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
     site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
-    const Outcome refused = site.Command({"restore", "office", "-e", no_system, "--yes"});
+    const Outcome refused = site.Restore();
     EXPECT_EQ(refused.status, 2);
     EXPECT_THAT(refused.err, HasSubstr("NOT RESTORED: /QSYS.LIB/PAYROLL.LIB from "));
 }

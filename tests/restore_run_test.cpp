@@ -243,6 +243,7 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
            "vondral[restore.cpp]: couldn't skip the rest of the failed object's 0x7FFFFFFFFFFFF5FF bytes\n"},
           // Names in an archive are no commands.
           {MakeArchive({{"/home/a\r\nMKD /intruder", "x"}}), 255, "vondral[socket.cpp]: command holds a line end\n"},
+          {MakeArchive({{"/QSYS.LIB/A B.LIB", "x"}}), 255, "vondral[ftp.cpp]: bad library name\n"},
           {MakeArchive({}), 0, ""},
           {MakeArchive({{"/home", ""}}), 0, "Save file SAVTEMP in QTEMP contains no data"},
           // A later entry that is restored or skipped hides an earlier failure.

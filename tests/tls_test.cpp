@@ -20,6 +20,10 @@ Fault OfKind(Kind kind, const std::string& command, int nth = 1, std::size_t byt
     return {kind, command, nth, 0, bytes, "", {}, 0};
 }
 
+std::vector<Fault> Only(const Fault& fault) {
+    return {fault};
+}
+
 // A server with TLS, the relay, and runs of the program through it.
 struct TlsSite : TestSite {
     RelayOptions relay_options;
@@ -36,31 +40,40 @@ struct TlsSite : TestSite {
     Outcome Backup(const std::vector<Fault>& faults = {}) { return Run({"-b", archive, "-x", "no"}, faults); }
 };
 
-// One certificate, and what the relay is told of it.
-struct TrustCase {
+// One run: what is different from a good one, and what the relay says of it.
+struct RelayCase {
     const char* name;
     const char* certificate;
     std::function<void(TlsSite&)> change;
-    std::string refusal; // part of the log; "" when the login succeeds
+    std::string log; // part of it; "" when nothing is refused or lost
+    std::vector<Fault> faults = {};
 };
 
-void PrintTo(const TrustCase& row, std::ostream* out) {
+void PrintTo(const RelayCase& row, std::ostream* out) {
     *out << row.name;
 }
 
-class Trust : public testing::TestWithParam<TrustCase> {};
+std::string NameOf(const testing::TestParamInfo<RelayCase>& row) {
+    return row.param.name;
+}
+
+class Trust : public testing::TestWithParam<RelayCase> {};
 
 TEST_P(Trust, DecidesBeforeTheLogin) {
-    const TrustCase& row = GetParam();
+    const RelayCase& row = GetParam();
     TlsSite site(row.certificate);
     row.change(site);
-    const Outcome outcome = site.Run({"-t"}, site.options.faults);
-    EXPECT_EQ(outcome.status, row.refusal.empty() ? 0 : 255) << outcome.err << site.relay->Log();
-    EXPECT_EQ(Holds(site.Received(), "USER"), row.refusal.empty()) << site.Received();
-    EXPECT_THAT(site.relay->Log(), testing::HasSubstr(row.refusal));
-    if (row.refusal.empty()) {
-        EXPECT_EQ(site.relay->Log(), "");
-    }
+    const Outcome outcome = site.Run({"-t"}, row.faults);
+    EXPECT_EQ(outcome.status, row.log.empty() ? 0 : 255) << outcome.err << site.relay->Log();
+    EXPECT_EQ(Holds(site.Received(), "USER"), row.log.empty()) << site.Received();
+    EXPECT_THAT(site.relay->Log(), testing::HasSubstr(row.log));
+    EXPECT_EQ(site.relay->Log() == "", row.log.empty());
+}
+
+void Unchanged(TlsSite&) {}
+
+void Lenient(TlsSite& site) {
+    site.relay_options.accept_missing_close_notify = true;
 }
 
 void TrustNobody(TlsSite& site) {
@@ -75,85 +88,67 @@ auto Pin(const std::string& name, bool with_ca = false) {
     };
 }
 
-auto AfterAuth(const std::string& text) {
-    return [text](TlsSite& site) { site.options.faults = {Replace("AUTH", text)}; };
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Trust,
-    testing::Values(
-        TrustCase{"good", "good", [](TlsSite&) {}, ""},
-        TrustCase{"only_1_2", "good", [](TlsSite& site) { site.options.tls.only_1_2 = true; }, ""},
-        TrustCase{"named", "good", [](TlsSite& site) { site.relay_options.tls.name = "localhost"; }, ""},
-        TrustCase{"implicit", "good",
-                  [](TlsSite& site) { site.options.tls.implicit = site.relay_options.server.implicit = true; }, ""},
-        TrustCase{"itself_as_ca", "self-signed",
-                  [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("self-signed"); }, ""},
-        TrustCase{"pinned", "self-signed", Pin("self-signed"), ""},
-        TrustCase{"pinned_and_ca", "good", Pin("good", true), ""},
-        TrustCase{"client_certificate", "good",
-                  [](TlsSite& site) {
-                      site.options.tls.client_ca = CertificateFile("ca");
-                      site.relay_options.tls.certificate = CertificateFile("client");
-                      site.relay_options.tls.key = KeyFile("client");
-                  },
-                  ""},
-        TrustCase{"no_client_certificate", "good",
-                  [](TlsSite& site) { site.options.tls.client_ca = CertificateFile("ca"); }, "certificate required"},
-        TrustCase{"wrong_ca", "good", [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("other-ca"); },
-                  "unable to get local issuer certificate (subject CN = test-good; issuer CN = test-ca); name the "
-                  "authority that issued it with --ca FILE, or, if this is the server's key, give --pin sha256//"},
-        TrustCase{"self_signed", "self-signed", TrustNobody, "self-signed certificate (subject CN = test-self-signed"},
-        TrustCase{"wrong_name", "wrong-name", [](TlsSite&) {}, "it is for IP Address:127.9.9.9 DNS:other: use that"},
-        TrustCase{"wrong_name_pinned", "wrong-name", Pin("wrong-name"), "IP address mismatch"},
-        TrustCase{"wrong_name_given", "good", [](TlsSite& site) { site.relay_options.tls.name = "as400"; },
-                  "hostname mismatch"},
-        TrustCase{"expired", "expired", [](TlsSite&) {}, "certificate has expired"},
-        TrustCase{"expired_pinned", "expired", Pin("expired"), "renew it on the server"},
-        TrustCase{"another_key_pinned", "good", Pin("client", true), "its key does not match --pin"},
-        TrustCase{"another_self_signed_pinned", "self-signed", Pin("client"), "its key does not match --pin"},
-        TrustCase{"too_old", "good",
-                  [](TlsSite& site) {
-                      site.options.tls.only_1_2 = true;
-                      site.relay_options.tls.min_version = TLS1_3_VERSION;
-                  },
-                  "TLS handshake: "},
-        TrustCase{"auth_refused", "good", AfterAuth("502 no TLS here"),
-                  "the server's reply to AUTH TLS is a refusal: 502 no TLS here"},
-        TrustCase{"text_after_auth", "good", AfterAuth("234 go ahead\r\n250 ok"),
-                  "plain text after the server's reply to AUTH TLS"},
-        TrustCase{"text_after_greeting", "good",
-                  [](TlsSite& site) { site.options.faults = {Replace("", "220 hello\r\n234 go ahead")}; },
-                  "plain text after the server's greeting"},
-        TrustCase{"plain_instead", "good", [](TlsSite& site) { site.relay_options.server.implicit = true; },
-                  "TLS handshake: wrong version"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-// What is done to a backup, and what comes of it.
-struct DataCase {
-    const char* name;
-    std::vector<Fault> faults;
-    std::function<void(TlsSite&)> change;
-    std::string cut; // part of the log; "" when the backup is whole
+const RelayCase TrustCases[] = {
+    {"good", "good", Unchanged, ""},
+    {"only_1_2", "good", [](TlsSite& site) { site.options.tls.only_1_2 = true; }, ""},
+    {"named", "good", [](TlsSite& site) { site.relay_options.tls.name = "localhost"; }, ""},
+    {"implicit", "good", [](TlsSite& site) { site.options.tls.implicit = site.relay_options.server.implicit = true; },
+     ""},
+    {"itself_as_ca", "self-signed", [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("self-signed"); },
+     ""},
+    {"pinned", "self-signed", Pin("self-signed"), ""},
+    {"pinned_and_ca", "good", Pin("good", true), ""},
+    {"client_certificate", "good",
+     [](TlsSite& site) {
+         site.options.tls.client_ca = CertificateFile("ca");
+         site.relay_options.tls.certificate = CertificateFile("client");
+         site.relay_options.tls.key = KeyFile("client");
+     },
+     ""},
+    {"no_client_certificate", "good", [](TlsSite& site) { site.options.tls.client_ca = CertificateFile("ca"); },
+     "certificate required"},
+    {"wrong_ca", "good", [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("other-ca"); },
+     "unable to get local issuer certificate (subject CN = test-good; issuer CN = test-ca); name the "
+     "authority that issued it with --ca FILE, or, if this is the server's key, give --pin sha256//"},
+    {"self_signed", "self-signed", TrustNobody, "self-signed certificate (subject CN = test-self-signed"},
+    {"wrong_name", "wrong-name", Unchanged, "it is for IP Address:127.9.9.9 DNS:other: use that"},
+    {"wrong_name_pinned", "wrong-name", Pin("wrong-name"), "IP address mismatch"},
+    {"wrong_name_given", "good", [](TlsSite& site) { site.relay_options.tls.name = "as400"; }, "hostname mismatch"},
+    {"expired", "expired", Unchanged, "certificate has expired"},
+    {"expired_pinned", "expired", Pin("expired"), "renew it on the server"},
+    {"another_key_pinned", "good", Pin("client", true), "its key does not match --pin"},
+    {"another_self_signed_pinned", "self-signed", Pin("client"), "its key does not match --pin"},
+    {"too_old", "good",
+     [](TlsSite& site) {
+         site.options.tls.only_1_2 = true;
+         site.relay_options.tls.min_version = TLS1_3_VERSION;
+     },
+     "TLS handshake: "},
+    {"auth_refused", "good", Unchanged, "the server's reply to AUTH TLS is a refusal: 502 no TLS here",
+     Only(Replace("AUTH", "502 no TLS here"))},
+    {"text_after_auth", "good", Unchanged, "plain text after the server's reply to AUTH TLS",
+     Only(Replace("AUTH", "234 go ahead\r\n250 ok"))},
+    {"text_after_greeting", "good", Unchanged, "plain text after the server's greeting",
+     Only(Replace("", "220 hello\r\n234 go ahead"))},
+    {"plain_instead", "good", [](TlsSite& site) { site.relay_options.server.implicit = true; },
+     "TLS handshake: wrong version"},
 };
 
-void PrintTo(const DataCase& row, std::ostream* out) {
-    *out << row.name;
-}
+INSTANTIATE_TEST_SUITE_P(Rows, Trust, testing::ValuesIn(TrustCases), NameOf);
 
-class Data : public testing::TestWithParam<DataCase> {};
+class Data : public testing::TestWithParam<RelayCase> {};
 
 TEST_P(Data, IsWholeOrTheObjectFails) {
-    const DataCase& row = GetParam();
+    const RelayCase& row = GetParam();
     TlsSite plain;
     plain.options.tls = {};
     plain.detour = nullptr;
     ASSERT_EQ(plain.Backup().status, 0);
-    TlsSite site;
+    TlsSite site(row.certificate);
     row.change(site);
     const Outcome outcome = site.Backup(row.faults);
     const auto entries = ReadArchiveFile(site.archive);
-    if (row.cut.empty()) {
+    if (row.log.empty()) {
         EXPECT_EQ(outcome.status, 0) << outcome.err << site.relay->Log();
         EXPECT_EQ(outcome.err, "");
         ASSERT_TRUE(entries);
@@ -164,53 +159,41 @@ TEST_P(Data, IsWholeOrTheObjectFails) {
         EXPECT_THAT(outcome.err, testing::AnyOf(testing::HasSubstr("Backup Failure"), testing::HasSubstr("list failed"),
                                                 testing::HasSubstr("login failed"), testing::HasSubstr("PASS")));
     }
-    EXPECT_THAT(site.relay->Log(), testing::HasSubstr(row.cut));
+    EXPECT_THAT(site.relay->Log(), testing::HasSubstr(row.log));
 }
 
 const std::vector<Fault> NeverResumed{OfKind(Kind::DataNoResume, "LIST", 0), OfKind(Kind::DataNoResume, "RETR", 0)};
-const auto Unchanged = [](TlsSite&) {};
-const auto Lenient = [](TlsSite& site) { site.relay_options.accept_missing_close_notify = true; };
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Data,
-    testing::Values(
-        DataCase{"whole", {}, Unchanged, ""},
-        DataCase{"resumption_required", {}, [](TlsSite& site) { site.options.tls.require_resumption = true; }, ""},
-        DataCase{"resumption_required_1_2",
-                 {},
-                 [](TlsSite& site) { site.options.tls.require_resumption = site.options.tls.only_1_2 = true; },
-                 ""},
-        DataCase{"never_resumed", NeverResumed, Unchanged, ""},
-        DataCase{"no_longer_resumed",
-                 {OfKind(Kind::DataNoResume, "RETR", 2)},
-                 Unchanged,
-                 "the server did not resume the TLS session, which it did before"},
-        DataCase{"another_certificate", NeverResumed,
-                 [](TlsSite& site) {
-                     const std::string file = CertificateFile("soon");
-                     site.options.tls.unresumed_name = file.substr(0, file.rfind('.'));
-                 },
-                 "the data connection has another certificate than the control connection"},
-        // The client would look for its data there; the server does not.
-        DataCase{"elsewhere", {}, [](TlsSite& site) { site.options.passive_address = "127.9.9.9"; }, ""},
-        DataCase{"no_close_notify",
-                 {OfKind(Kind::DataNoNotify, "RETR", 3)},
-                 Unchanged,
-                 "the server's data connection ended without close_notify"},
-        DataCase{"no_close_notify_of_a_list", {OfKind(Kind::DataNoNotify, "LIST")}, Unchanged, "close_notify"},
-        DataCase{"no_close_notify_accepted", {OfKind(Kind::DataNoNotify, "RETR", 0)}, Lenient, ""},
-        DataCase{"closed", {OfKind(Kind::DataClose, "RETR", 3, 300)}, Unchanged, "without close_notify"},
-        DataCase{"cut_in_a_record",
-                 {OfKind(Kind::DataCutRecord, "RETR", 3, 512)},
-                 Lenient,
-                 "the connection ended within a TLS record"},
-        DataCase{"reset", {OfKind(Kind::DataReset, "RETR", 3, 300)}, Lenient, "Connection reset by peer"},
-        DataCase{"prot_refused", {Replace("PROT", "536 no")}, Unchanged, "the server refuses PROT P: 536 no"},
-        DataCase{"unasked_227",
-                 {Replace("TYPE I", "200-x\r\n227 Entering Passive Mode (127,0,0,1,1,1).\r\n200 y")},
-                 Unchanged,
-                 "a 227 reply that nobody asked for"}),
-    [](const auto& row) { return std::string(row.param.name); });
+const RelayCase DataCases[] = {
+    {"whole", "good", Unchanged, ""},
+    {"resumption_required", "good", [](TlsSite& site) { site.options.tls.require_resumption = true; }, ""},
+    {"resumption_required_1_2", "good",
+     [](TlsSite& site) { site.options.tls.require_resumption = site.options.tls.only_1_2 = true; }, ""},
+    {"never_resumed", "good", Unchanged, "", NeverResumed},
+    {"no_longer_resumed", "good", Unchanged, "the server did not resume the TLS session, which it did before",
+     Only(OfKind(Kind::DataNoResume, "RETR", 2))},
+    {"another_certificate", "good",
+     [](TlsSite& site) {
+         const std::string file = CertificateFile("soon");
+         site.options.tls.unresumed_name = file.substr(0, file.rfind('.'));
+     },
+     "the data connection has another certificate than the control connection", NeverResumed},
+    // The client would look for its data there; the server does not.
+    {"elsewhere", "good", [](TlsSite& site) { site.options.passive_address = "127.9.9.9"; }, ""},
+    {"no_close_notify", "good", Unchanged, "the server's data connection ended without close_notify",
+     Only(OfKind(Kind::DataNoNotify, "RETR", 3))},
+    {"no_close_notify_of_a_list", "good", Unchanged, "close_notify", Only(OfKind(Kind::DataNoNotify, "LIST"))},
+    {"no_close_notify_accepted", "good", Lenient, "", Only(OfKind(Kind::DataNoNotify, "RETR", 0))},
+    {"closed", "good", Unchanged, "without close_notify", Only(OfKind(Kind::DataClose, "RETR", 3, 300))},
+    {"cut_in_a_record", "good", Lenient, "the connection ended within a TLS record",
+     Only(OfKind(Kind::DataCutRecord, "RETR", 3, 512))},
+    {"reset", "good", Lenient, "Connection reset by peer", Only(OfKind(Kind::DataReset, "RETR", 3, 300))},
+    {"prot_refused", "good", Unchanged, "the server refuses PROT P: 536 no", Only(Replace("PROT", "536 no"))},
+    {"unasked_227", "good", Unchanged, "a 227 reply that nobody asked for",
+     Only(Replace("TYPE I", "200-x\r\n227 Entering Passive Mode (127,0,0,1,1,1).\r\n200 y"))},
+};
+
+INSTANTIATE_TEST_SUITE_P(Rows, Data, testing::ValuesIn(DataCases), NameOf);
 
 // A restore uploads, and the server accepts an upload only when close_notify ends it. Each connection of the session
 // ends with it too, and so each direction.

@@ -423,7 +423,7 @@ TEST(Rehearsal, WrongUsageAndFailures) {
     fs::create_directory(parent / "empty");
     std::istringstream rows(R"(--root /dev/null|not a directory
 --root .. --sample|--sample needs an empty directory: ..
---root . --sample --address 192.0.2.1|: Cannot assign requested address
+--root . --sample --address 192.0.2.1|bind(192.0.2.1:21): Cannot assign requested address
 --root|--root: value missing
 |--root is required
 --colour red|unknown option: --colour

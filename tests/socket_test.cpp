@@ -199,8 +199,11 @@ TEST(Transfer, ReceivesWholeBlocks) {
         peer.Send("226 done\r\n");
     });
     ::setenv("VONDRAL_TEST_MINUTE", "5000", 1);
+    peer.control.data->options.verbosity = 5;
+    Capture capture;
     EXPECT_EQ(peer.Retrieve(), 0);
     server.join();
+    EXPECT_THAT(capture.Take(), testing::HasSubstr("vondral[socket.cpp]: sending 65536 bytes to callback\n"));
     EXPECT_EQ(peer.collector.bytes, std::string(150000, 'd'));
     EXPECT_EQ(peer.collector.counts, (std::vector<int>{65536, 65536, 150000 - 2 * 65536}));
     EXPECT_FALSE(peer.control.data->socket.IsOpen());

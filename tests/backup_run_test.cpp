@@ -35,6 +35,8 @@ struct Night : TestSite {
     }
 };
 
+// A listing of the root ends within its last line, that of "home".
+const Fault HomeCut = OfKind(Fault::Kind::DataClose, "LIST /", 1, 130);
 const std::string Login = "USER FRED|PASS ****|CWD /|SYST|TIME 86400 86400|";
 const std::vector<std::string> Everything{"/QDLS",          "/QSYS.LIB/PAYROLL.LIB", "/QSYS.LIB/TOOLS.LIB",
                                           "/Security Data", "/System Configuration", "/home.savf"};
@@ -46,8 +48,7 @@ TEST(TestMode, LogsInAndOutOrSaysWhatBroke) {
         std::string err;
         std::string received;
     };
-    Fault cut = Close("");
-    cut.bytes = 7;
+    const Fault cut = OfKind(Fault::Kind::Close, "", 1, 7);
     for (const Row& row :
          {Row{{"-t", "-l", "1", "-b", "/nowhere/x"}, {}, "", Login + "QUIT|"}, // the test comes before all
           {{}, {}, "vondral: don't know what to do\nusage: ", Login + "QUIT|"},
@@ -73,10 +74,13 @@ TEST(ListMode, ListsOneLevelOfEachPath) {
         int status;
         const char* err;
         const char* listed;
+        std::vector<Fault> faults = {};
     };
     for (const Row& row : {Row{"/home\n/QSYS.LIB\n/none\n/home/it's/\n", 255, "vondral[vondral.cpp]: list failed\n",
                                "/home/it's/\n/home/note\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n/home/it's/a\n"},
                            {nullptr, 0, "", "/QDLS/\n/QSYS.LIB/\n/home/\n/tmp/\n"},
+                           {nullptr, 255, "vondral[vondral.cpp]: unfinished line: drwx", "/QDLS/\n/QSYS.LIB/\n",
+                            std::vector<Fault>(1, HomeCut)},
                            {"", 255, "vondral: empty include list\n", ""},
                            {"/tmp\n", 0, "", ""}}) { // which contains nothing
         Night night;
@@ -84,7 +88,7 @@ TEST(ListMode, ListsOneLevelOfEachPath) {
         std::vector<std::string> arguments{"-l", "5", "-b", "/nowhere"};
         if (row.include != nullptr)
             arguments.insert(arguments.end(), {"-i", night.File("include", row.include)});
-        const Outcome outcome = night.Run(arguments);
+        const Outcome outcome = night.Run(arguments, row.faults);
         EXPECT_EQ(outcome.status, row.status);
         EXPECT_THAT(Messages(outcome.err), HasSubstr(row.err));
         EXPECT_EQ(night.Output(), row.listed);
@@ -222,9 +226,6 @@ TEST(Backup, IncludesExcludesAndDates) {
 
 // What is missing because it was not listed is told, but not what is saved with the directory above it.
 TEST(Backup, WhatWasNotListedIsMissingOnlyWithoutAUnitAboveIt) {
-    Fault cut = Close("LIST /"); // within the last line, that of "home"
-    cut.kind = Fault::Kind::DataClose;
-    cut.bytes = 130;
     struct Row {
         Fault fault;
         std::vector<std::string> arguments;
@@ -243,7 +244,7 @@ TEST(Backup, WhatWasNotListedIsMissingOnlyWithoutAUnitAboveIt) {
           {Replace("LIST /QSYS.LIB", "550 no"), {}, 2, "/QSYS.LIB\n"},
           // A directory of which nothing is known, and nothing else of its kind.
           {Replace("LIST /home", "550 no"), {"-i", include, "-e", exclude}, 2, "/home\n"},
-          {cut, {}, 2, "", "vondral[backup.cpp]: unfinished line: "}}) {
+          {HomeCut, {}, 2, "", "vondral[backup.cpp]: unfinished line: "}}) {
         std::vector<std::string> arguments = row.arguments;
         arguments.push_back("-v");
         const Outcome outcome = night.RunBackup(arguments, {row.fault});

@@ -451,10 +451,8 @@ TEST(Nights, MissWhatNobodyCanName) {
     NightSite site;
     site.config.tolerate = 0.5;
     site.config.max_shrink = 1;
-    rehearsal::Fault cut = Close("LIST /"); // within the last line, that of "home"
-    cut.kind = rehearsal::Fault::Kind::DataClose;
-    cut.bytes = 130;
-    site.site.options.faults = {cut};
+    // Within the last line, that of "home".
+    site.site.options.faults = {OfKind(rehearsal::Fault::Kind::DataClose, "LIST /", 1, 130)};
     const Night night = site.Run();
     EXPECT_EQ(night.record->verdict, Verdict::GoodWithGaps);
     EXPECT_THAT(Reasons(night), HasSubstr("1 file missing, as tolerated: the log tells why"));

@@ -72,7 +72,7 @@ public:
         Put(pieces, "in single bytes", 60000).cost = Cost::NotAWord;
         AddLoss(Kind::Reset, text, 0);
         AddLoss(Kind::Reset, text, text.size() / 2);
-        Add(Kind::CloseAfter, 0);
+        Add(Kind::CloseAfter);
         Fault silent = fault_;
         silent.kind = Kind::Silent;
         silent.pause_ms = transfers ? 0 : 5 * short_minute; // a command without data is awaited as long as it takes
@@ -104,22 +104,9 @@ public:
         }
         if (TheRoute().tls)
             for (const Kind kind : {Kind::DataNoNotify, Kind::DataNoResume})
-                Add(kind, 0);
+                Add(kind);
     }
-    void Add(Kind kind) { Add(kind, 0); }
-
-private:
-    static constexpr int short_minute = 60;         // milliseconds
-    static constexpr std::size_t ShortestReply = 8; // bytes; every reply has more before its line end
-
-    // The control connection ends after that many bytes of the reply.
-    void AddLoss(Kind kind, const std::string& text, std::size_t bytes) {
-        Disturbance& loss = Add(kind, bytes);
-        const std::size_t line = same_each_run_ ? text.find('\n') : ShortestReply;
-        if (IsSetUp(fault_.command) && bytes <= line) // no whole line came
-            loss.cost = Cost::Nothing;
-    }
-    Disturbance& Add(Kind kind, std::size_t bytes) {
+    Disturbance& Add(Kind kind, std::size_t bytes = 0) {
         static const std::map<Kind, const char*> names{{Kind::Close, "closed"},
                                                        {Kind::Reset, "reset"},
                                                        {Kind::CloseAfter, "closed behind"},
@@ -139,6 +126,18 @@ private:
         if (costs_one_ && !waits)
             added.cost = Cost::OneObject;
         return added;
+    }
+
+private:
+    static constexpr int short_minute = 60;         // milliseconds
+    static constexpr std::size_t ShortestReply = 8; // bytes; every reply has more before its line end
+
+    // The control connection ends after that many bytes of the reply.
+    void AddLoss(Kind kind, const std::string& text, std::size_t bytes) {
+        Disturbance& loss = Add(kind, bytes);
+        const std::size_t line = same_each_run_ ? text.find('\n') : ShortestReply;
+        if (IsSetUp(fault_.command) && bytes <= line) // no whole line came
+            loss.cost = Cost::Nothing;
     }
     Disturbance& Put(const Fault& fault, const std::string& how, int minute) {
         const std::string reply = " #" + std::to_string(fault.nth) + ", reply " + std::to_string(fault.reply) + ": ";
@@ -213,10 +212,8 @@ TEST(Workers, RecoverTogether) {
                 Disturbance disturbance{.what = "every worker at " + place.commands[0],
                                         .terminate_at = terminate_at,
                                         .cost = terminate_at < 0 ? place.cost : Cost::Any};
-                for (int worker = 0; const std::string& command : place.commands) {
-                    disturbance.faults.push_back(Close(command, place.nth + (place.nth > 1 ? worker++ : 0)));
-                    disturbance.faults.back().kind = kind;
-                }
+                for (int worker = 0; const std::string& command : place.commands)
+                    disturbance.faults.push_back(OfKind(kind, command, place.nth + (place.nth > 1 ? worker++ : 0)));
                 all.push_back(disturbance);
             }
     Sweep("together", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {

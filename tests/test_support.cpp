@@ -177,8 +177,12 @@ rehearsal::Fault Replace(const std::string& command, const std::string& text, in
     return {rehearsal::Fault::Kind::Replace, command, nth, 0, 0, text, {}, 0};
 }
 
+rehearsal::Fault OfKind(rehearsal::Fault::Kind kind, const std::string& command, int nth, std::size_t bytes) {
+    return {kind, command, nth, 0, bytes, "", {}, 0};
+}
+
 rehearsal::Fault Close(const std::string& command, int nth) {
-    return {rehearsal::Fault::Kind::Close, command, nth, 0, 0, "", {}, 0};
+    return OfKind(rehearsal::Fault::Kind::Close, command, nth);
 }
 
 pid_t TestSite::Start(const std::vector<std::string>& arguments) {

@@ -95,9 +95,10 @@ private:
     sockaddr_in address_{};
 };
 
-// Faults of a rehearsal server: another reply to a command, and a connection that ends before the reply.
-rehearsal::Fault Replace(const std::string& command, const std::string& text, int nth = 1);
+// Faults of a rehearsal server: any kind that has no text, a connection that ends before the reply, another reply.
+rehearsal::Fault OfKind(rehearsal::Fault::Kind kind, const std::string& command, int nth = 1, std::size_t bytes = 0);
 rehearsal::Fault Close(const std::string& command, int nth = 1);
+rehearsal::Fault Replace(const std::string& command, const std::string& text, int nth = 1);
 
 // One server, and runs of the program against it.
 struct TestSite {

@@ -16,10 +16,6 @@ namespace {
 using rehearsal::Fault;
 using Kind = Fault::Kind;
 
-Fault OfKind(Kind kind, const std::string& command, int nth = 1, std::size_t bytes = 0) {
-    return {kind, command, nth, 0, bytes, "", {}, 0};
-}
-
 std::vector<Fault> Only(const Fault& fault) {
     return {fault};
 }

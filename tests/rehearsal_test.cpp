@@ -436,6 +436,7 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 --port 65536|--port: not a port: 65536
 --save-rate 17179869184G|--save-rate: not a number of bytes: 17179869184G
 --save-rate 10T|--save-rate: not a number of bytes: 10T
+--save-rate ''|--save-rate: not a number of bytes: 
 --fault 'shut STRU'|--fault: unknown kind of fault: shut
 --fault 'close nth=2'|command missing
 --fault 'replace STRU'|replace needs text=
@@ -460,7 +461,7 @@ TEST(Rehearsal, ServesUntilTold) {
     const TempDir dir;
     fs::create_directory(dir / "root");
     ASSERT_EQ(::mkfifo((dir / "log").c_str(), 0600), 0);
-    Command command(dir.path, "--root root --sample --port 0 --user ann --password x:y --locked /tmp --release V9R9M9 "
+    Command command(dir.path, "--root root --sample --port 0 --user liz --password x:y --locked /tmp --release V9R9M9 "
                               "--capitals --passive-address 127.0.0.9 --fault 'replace STRU text=\"599 no\"'");
     command.environment["TMPDIR"] = dir.path;
     command.outputs[STDOUT_FILENO] = dir / "log";
@@ -474,10 +475,10 @@ TEST(Rehearsal, ServesUntilTold) {
     EXPECT_TRUE(old_file.st_mode == (S_IFREG | 0600) && old_file.st_mtime == 1'234'567'890);
     const Client client{Connect(std::stoul(line.substr(line.find(':', 20) + 1)))};
     string replies = client.Reply();
-    for (const char* sent : {"USER Ann", "PASS x:y", "SYST", "PASV", "STRU F"})
+    for (const char* sent : {"USER Liz", "PASS x:y", "SYST", "PASV", "STRU F"})
         replies += client.Ask(sent);
     EXPECT_THAT(replies, testing::MatchesRegex(
-                             "220-QTCP.*\r\n230 ANN LOGGED ON.\r\n.*\"V9R9M9\".\r\n.*\\(127,0,0,9,.*\r\n599 no\r\n"));
+                             "220-QTCP.*\r\n230 LIZ LOGGED ON.\r\n.*\"V9R9M9\".\r\n.*\\(127,0,0,9,.*\r\n599 no\r\n"));
     ::kill(process, SIGTERM);
     EXPECT_EQ(command.Wait().status, 0);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path), {}), 2) << "QTEMP goes with its session";

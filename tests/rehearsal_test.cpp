@@ -344,9 +344,11 @@ TEST(Rehearsal, TransfersAndTheirFaults) {
     for (int i = 0; i < 1200; ++i) // more than is sent at once
         WriteFile(site.root / "long" / (string(240, 'n') + std::to_string(i)), "");
     fs::create_symlink("none", site.root / "long/broken");
+    fs::create_symlink("/home", site.root / "long/linked");
     const string rows = client.Transfer("LIST /long");
     EXPECT_THAT(rows, HasSubstr(" broken -> none\r\n"));
-    EXPECT_EQ(std::count(rows.begin(), rows.end(), '\n'), 1203);
+    EXPECT_THAT(rows, testing::ContainsRegex("\nd[^\n]* linked\r\n"));
+    EXPECT_EQ(std::count(rows.begin(), rows.end(), '\n'), 1204);
     for (const char* command : {"RETR /home/f", "STOR /home/g", "LIST /home"}) {
         Descriptor data = client.OpenData();
         const linger reset{1, 0};

@@ -328,6 +328,9 @@ TEST(Report, Outputs) {
            {"<h1>Restore <", ">unfinished<", "!" + exit_status, "Why 1 entry was not restored",
             "Connection lost at 01:00:10 during /a; recovered by itself", "{\"type\":\"entry\",", "\"seconds\":30",
             "\"entries\":{\"restored\":1,", "\nvondral_run_entries 2\n"}},
+          {Line("01:00:00", "Building Object Lists") +
+               Line("01:00:10", "vondral[a.cpp,1]: h:21: control connection closed"),
+           {"Connection lost at 01:00:10 during the listing"}},
           {restore + Line("01:00:31", "vondral[a.cpp,1]: failed to restore object at offset 0x0"),
            {"\"failed\":1,\"not found\":0"}},
           {huge,
@@ -503,7 +506,7 @@ TEST(Report, PlainLinesOfProgressWhileTheLogIsSilent) {
          {std::tuple(listing, 10, 9e6, "0 % | about 16:30 left | 0 of about 4 saves | 10 s"),
           {fetching, 40, 4e5, "4 % | about 16:00 left | 0 of about 4 saves | 400.000 KB | 10.000 KB/s | 40 s"},
           {fetching, 100, 2.5e6, "25 % | about 10:37 left | 0 of about 4 saves | 2.500 MB | 25.000 KB/s | 1:40"},
-          {fetching, 2000, 9.999e6, "99 % | 0 of about 4 saves | 9.999 MB | 5.000 KB/s | 33:20"},
+          {fetching, 4000, 9.999e6, "99 % | 0 of about 4 saves | 9.999 MB | 2.500 KB/s | 1:06:40"},
           {fetching, 1000, 1e7, "0 of about 4 saves | 10.000 MB | 10.000 KB/s | 16:40"}})
         EXPECT_THAT(ProgressText(ParseRun(log), {1.0 * seconds, archive, {4, 1e7, 1000}}),
                     testing::StartsWith(text + std::string(" | T00")));

@@ -119,7 +119,7 @@ bool CheckRest(Verification& run) {
             ReportStop(run, ChainStop::Data, offset, entry.name);
     }
     if (run.input.Offset() == begin)
-        return is_good;
+        return false;
     const std::string look = count > 0
                                  ? FormatCount(count, "entry", "entries") + ", the first at " + FormatOffset(first)
                              : is_zero                     ? "zeros"

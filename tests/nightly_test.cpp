@@ -111,16 +111,30 @@ TEST(Configuration, RefusesMistakesWithTheirPlace) {
          })
         EXPECT_THAT(error_of(MinimalConfig(row.text)), testing::StartsWith(row.error)) << row.text;
     EXPECT_THAT(error_of("server = \"host\"\n"), HasSubstr("the key login is missing"));
-    // What is shown can be read again.
-    WriteFile(work / "office.toml",
-              MinimalConfig("keep = { last = 1, forget_after = \"36h\" }\nexclude = \"/a \\\"b\"\n"
-                            "level = { full = [\"Friday\"], otherwise = \"changed\" }\n"
-                            "drill = { server = \"s\", library = \"/QSYS.LIB/L.LIB\", as = \"/QSYS.LIB/M.LIB\" }\n"
-                            "timezone = \"UTC\"\n"));
-    const std::string shown = ShowConfig(ReadConfig(work.path, "office"));
-    WriteFile(work / "copy.toml", shown);
-    EXPECT_EQ(ShowConfig(ReadConfig(work.path, "copy")), shown);
-    EXPECT_THAT(shown, HasSubstr("forget_after = \"36h\""));
+    // Every key of its own value, as it is shown.
+    const std::string whole = R"(server = "host"
+login = "FRED"
+passphrase = "file:/secret"
+timezone = "Europe/Berlin"
+directory = "/nights"
+include = "/in"
+exclude = "/a \"b"
+precheck = false
+wait = 7
+timeout = 3
+level = { full = ["Sunday", "Friday"], otherwise = "changed", margin = "90s", max_shrink = "30%" }
+keep = { last = 1, daily = 2, weekly = 3, monthly = 4, records = "100d", forget_after = "36h" }
+tolerate = "2.5%"
+max_shrink = "10%"
+retry = { times = 2, wait = "20m" }
+hooks = { on_start = ["a"], on_success = ["b", "c"], on_failure = ["d"], limit = "5s" }
+drill = { server = "s", library = "/QSYS.LIB/L.LIB", as = "/QSYS.LIB/M.LIB", pin = "sha256//x" }
+tls = { ca = "/ca", pin = "sha256//y" }
+metrics = "/metrics"
+)";
+    WriteFile(work / "office.toml", whole);
+    EXPECT_EQ(ShowConfig(ReadConfig(work.path, "office")), whole);
+    WriteFile(work / "copy.toml", whole);
     EXPECT_THAT(ListServers(work.path), ElementsAre("copy", "office"));
 }
 
@@ -577,15 +591,15 @@ TEST(Nights, ChangedNightsSaveWhatTheirBaseMissed) {
     site.config.level.full_days = {1};
     site.config.tolerate = 0.5;
     site.config.level.max_shrink = 1;
-    fs::last_write_time(site.site.root / "QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR",
-                        fs::file_time_type::clock::now() - std::chrono::hours(1000));
-    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+    for (const char* const file : {"QSYS.LIB/PAYROLL.LIB/RATES.FILE/RATES.MBR", "home/note"})
+        fs::last_write_time(site.site.root / file, fs::file_time_type::clock::now() - std::chrono::hours(1000));
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB", "/home/note"};
     ASSERT_EQ(site.Run().record->verdict, Verdict::GoodWithGaps);
     site.now = std::time(nullptr) + Day; // nothing changes after the margin
     site.config.level.full_days = {UnitsOf(Start, "UTC").weekday};
     const Night locked = site.Run({Level::Changed});
     EXPECT_EQ(locked.record->verdict, Verdict::GoodWithGaps) << Reasons(locked);
-    EXPECT_EQ(locked.record->missing, 1);
+    EXPECT_EQ(locked.record->missing, 3);
     site.site.options.locked.clear();
     const Night night = site.Run({Level::Changed});
     EXPECT_EQ(night.record->verdict, Verdict::Good) << Reasons(night);
@@ -594,7 +608,7 @@ TEST(Nights, ChangedNightsSaveWhatTheirBaseMissed) {
     // What it missed is not known without the list.
     const std::string list = locked.File(NightFiles::Missed), lines = ReadFile(list);
     fs::remove_all(night.path);
-    EXPECT_EQ(PlanNight(site.Nights(), site.config, site.now, Level::Changed).carried.size(), 1);
+    EXPECT_EQ(PlanNight(site.Nights(), site.config, site.now, Level::Changed).carried.size(), 2);
     WriteFile(list, "");
     EXPECT_THROW(PlanNight(site.Nights(), site.config, site.now, Level::Changed), Failure);
     WriteFile(list, lines);
@@ -817,7 +831,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
         const char* text; // somewhere in the outputs
     };
     const std::string what =
-        site.site.File("what", "/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/COPY.LIB\n/nowhere\n/home/a[1]\n");
+        site.site.File("what", "/nowhere\n/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/COPY.LIB\n/home/a[1]\n");
     const std::string page = site.site.work / "history.html";
     for (const Row& row : {
              Row{"config office", 0, "server = \"127.0.0.1\""},
@@ -855,7 +869,8 @@ TEST(Commands, ReadWhatTheNightsLeft) {
         EXPECT_EQ(outcome.status, row.status) << row.text << outcome.out << outcome.err;
         EXPECT_THAT(outcome.out + outcome.err, HasSubstr(row.text));
     }
-    EXPECT_THAT(ReadFile(page), HasSubstr("nights/2026-09-22T141320Z/report.html"));
+    EXPECT_THAT(ReadFile(page),
+                AllOf(HasSubstr("nights/2026-09-22T141320Z/report.html"), HasSubstr("data-label=\"files\">8</td>")));
     // A killed run leaves no sums: which entry has the object is not known, but the archive is there.
     fs::remove(second.File(NightFiles::Sums));
     fs::remove(site.site.work / "nights/history.db");
@@ -926,9 +941,11 @@ TEST(Commands, CheckFindsWhatWouldGoWrong) {
 TEST(Commands, TwoRunsDoNotShareADirectory) {
     NightSite site;
     const Descriptor lock = LockNights(site.config.directory);
-    const Outcome second = site.Command({"run", "office"});
-    EXPECT_EQ(second.status, 3);
-    EXPECT_THAT(second.err, HasSubstr("another run is at work"));
+    for (const char* const command : {"run", "prune"}) {
+        const Outcome second = site.Command({command, "office"});
+        EXPECT_EQ(second.status, 3);
+        EXPECT_THAT(second.err, HasSubstr("another run is at work"));
+    }
 }
 
 } // namespace

@@ -924,14 +924,16 @@ TEST(Commands, CheckFindsWhatWouldGoWrong) {
     EXPECT_THAT(good.out, HasSubstr("ok      login as FRED\n"));
     EXPECT_THAT(good.out, testing::ContainsRegex("/home +2 +140.004 KB\n"));
     EXPECT_THAT(good.out, testing::ContainsRegex("/QSYS.LIB/TOOLS.LIB +1 "));
-    // Another time zone, a mistake in a path file, a passive port that is closed.
+    // Another time zone, a mistake in a path file, less to save, a passive port that is closed.
     site.config.timezone = "America/New_York";
     fs::last_write_time(site.site.root / "home/note", fs::file_time_type::clock::now());
-    site.Exclude("/home/x \n");
+    site.config.include = site.site.File("include", "/home\n/QSYS.LIB/TOOLS.LIB\n");
+    site.Exclude("/home/x \n/home/it's\n");
     const Outcome bad = site.Command({"check", "office"});
     EXPECT_EQ(bad.status, 2);
     EXPECT_THAT(bad.out, HasSubstr("in the future: the server's clock differs"));
     EXPECT_THAT(bad.out, HasSubstr("line 1 has a blank at the end"));
+    EXPECT_THAT(bad.out, testing::ContainsRegex("size\n/QSYS.LIB/TOOLS.LIB +1 [^\n]*\n/home +1 +4 B\n$"));
     site.site.options.faults = {Replace("PASV", "425 no", 0)};
     site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
     EXPECT_THAT(site.Command({"check", "office"}).out, HasSubstr("FAILED  directories can be listed over passive"));

@@ -837,26 +837,45 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{"config office", 0, "server = \"127.0.0.1\""},
              Row{"config nobody", 3, "nobody.toml: No such file"},
              Row{"config ../office", 3, "not the name of a configuration"},
-             Row{"status --max-age 1000d", 0, "office  2026-09-22T141320Z"},
+             Row{"status --max-age 1000d", 0, "  full   good         8  144.144 KB       0 s     0 s        0    0\n"},
              Row{"status office --max-age 1s", 2, "the last good night is older than 1s"},
-             Row{"status --json", 2, "\"newly_missing\": 0"},
+             Row{"status --json", 2,
+                 "\"objects\": 8,\n    \"bytes\": 144144,\n    \"seconds\": 0,\n    \"missing\": 0,\n    "
+                 "\"newly_missing\": 0"},
              Row{"find office note", 0, "/home/note\n  2026-09-21T141320Z: in /home, 140.448 KB, sha256 "},
+             Row{"find office note", 0,
+                 "\n  to get it back: vondral-nightly restore office 2026-09-22T141320Z -i FILE, with the line: "
+                 "/home/note\n"},
              Row{"find office /QSYS.LIB/TOOLS*", 0, "2026-09-21T141320Z: entry of its own"},
              Row{"find office /nowhere", 1, "no night of office has such an object"},
              Row{"find office /home/added --json", 0, "\"entry\": \"/home\""},
              Row{"find office a?1?", 0, "restore the directory above it from 2026-09-22T141320Z; no include line"},
              Row{"find office [a]", 3, "begins and ends with a bracket"},
-             Row{"diff office " + first.Name() + " " + second.Name(), 0, "gone          /QSYS.LIB/TOOLS.LIB\n"},
-             Row{"diff office " + first.Name() + " " + second.Name(), 0, "added         /home/added\n"},
-             Row{"diff office " + first.Name() + " " + second.Name() + " --json", 0, "\"change\": \"larger\""},
+             Row{"diff office " + first.Name() + " " + second.Name(), 0,
+                 "added         /home/a[1]\nadded         /home/added\ngone          /QSYS.LIB/TOOLS.LIB\n"
+                 "larger        /home: 140448 -> 141504 bytes\n"},
+             Row{"diff office " + first.Name() + " " + second.Name() + " --json", 0,
+                 "\"/home\",\n    \"change\": \"larger\",\n    \"before\": 140448,\n    \"after\": 141504\n"},
              Row{"plan office -i " + what, 0,
-                 "RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) "},
-             Row{"plan office -i " + what, 0, "*** nothing matches the include line: /nowhere\n"},
-             Row{"plan office -i " + what, 0, "include line: /home/a[1] (in such a line \"[\" and \"\\\" begin a pa"},
-             Row{"plan office -i " + what, 0, "*** WARNING: security data and configuration are part"},
+                 "/archive.ctar\n   1  /Security Data\n"
+                 "      RCMD RSTUSRPRF DEV(*SAVF) SAVF(QTEMP/SAVTEMP) USRPRF(*NEW) ALWOBJDIF(*ALL)\n"
+                 "   2  /System Configuration\n"
+                 "      RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)\n"
+                 "   3  /QSYS.LIB/PAYROLL.LIB as /QSYS.LIB/COPY.LIB\n"
+                 "      RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) MBROPT(*ALL) "
+                 "ALWOBJDIF(*ALL)\n   4  /home/a[1]\n      RCMD RST "},
+             Row{"plan office -i " + what, 0,
+                 "\n      then the private authorities: RCMD RSTAUT USRPRF(*ALL)\n"
+                 "*** WARNING: security data and configuration are part"},
+             Row{"plan office -i " + what, 0,
+                 "*** nothing matches the include line: /nowhere\n*** nothing matches the include line: /home/a[1] (in "
+                 "such a line \"[\" and \"\\\" begin a pattern)\n4 objects from 1 archive\n"},
              Row{"plan office " + first.Name(), 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
              Row{"plan office 2026-01-01T000000Z", 3, "no such night"},
-             Row{"prune office --dry-run --json", 0, "it has the newest copy of 1 object, such as "},
+             Row{"prune office --dry-run --json", 0,
+                 "\"it has the newest copy of 1 object, such as /QSYS.LIB/TOOLS.LIB\","},
+             Row{"prune office --dry-run --json", 0,
+                 "\"last 1 of 7\",\n      \"daily 1 of 14\",\n      \"weekly 1 of 8\",\n      \"monthly 1 of 12\"\n"},
              Row{"history office --html " + page, 0, ""},
              Row{"restore office", 2, "nothing is restored without --yes"},
              Row{"run office --dry-run", 0, "a full night: every night is full"},
@@ -937,6 +956,10 @@ TEST(Commands, CheckFindsWhatWouldGoWrong) {
     site.site.options.faults = {Replace("PASV", "425 no", 0)};
     site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
     EXPECT_THAT(site.Command({"check", "office"}).out, HasSubstr("FAILED  directories can be listed over passive"));
+    fs::permissions(site.site.work / "secret", fs::perms{0644});
+    const Outcome open = site.Command({"check", "office"});
+    EXPECT_EQ(open.status, 2);
+    EXPECT_THAT(open.out, AllOf(HasSubstr("\nFAILED  passphrase: "), Not(HasSubstr("login"))));
 }
 
 // Whoever already holds the directory keeps it.

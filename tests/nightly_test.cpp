@@ -860,10 +860,10 @@ TEST(Commands, ReadWhatTheNightsLeft) {
                  "/archive.ctar\n   1  /Security Data\n"
                  "      RCMD RSTUSRPRF DEV(*SAVF) SAVF(QTEMP/SAVTEMP) USRPRF(*NEW) ALWOBJDIF(*ALL)\n"
                  "   2  /System Configuration\n"
-                 "      RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)\n"
-                 "   3  /QSYS.LIB/PAYROLL.LIB as /QSYS.LIB/COPY.LIB\n"
-                 "      RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) MBROPT(*ALL) "
-                 "ALWOBJDIF(*ALL)\n   4  /home/a[1]\n      RCMD RST "},
+                 "      RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)\n   3  /"},
+             Row{"plan office -i " + what, 0,
+                 "  /QSYS.LIB/PAYROLL.LIB as /QSYS.LIB/COPY.LIB\n      RCMD RSTLIB SAVLIB(PAYROLL) DEV(*SAVF) "
+                 "SAVF(QTEMP/SAVTEMP) RSTLIB(COPY) MBROPT(*ALL) ALWOBJDIF(*ALL)\n"},
              Row{"plan office -i " + what, 0,
                  "\n      then the private authorities: RCMD RSTAUT USRPRF(*ALL)\n"
                  "*** WARNING: security data and configuration are part"},

@@ -460,6 +460,20 @@ TEST(Nights, LockedObjectsReplaceNothing) {
     EXPECT_THAT(ReadFile(empty.File(NightFiles::Missed)), HasSubstr("] /QSYS.LIB/PAYROLL.LIB"));
 }
 
+// A library in part, in a night that tolerates that, is no reason to give up an older one that may be whole.
+TEST(Nights, WhatIsInPartReplacesNothing) {
+    NightSite site;
+    site.config.keep = {1, 0, 0, 0};
+    site.site.options.locked = {"/home/note"};
+    const Night failed = site.Run();
+    site.config.tolerate = 0.5;
+    site.config.precheck = false;
+    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB/RATES.FILE"};
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(site.Run().record->verdict, Verdict::GoodWithGaps);
+    EXPECT_TRUE(site.HasArchive(failed));
+}
+
 // A line of a listing that cannot be read is missing, but has no name. Later nights go on all the same.
 TEST(Nights, MissWhatNobodyCanName) {
     NightSite site;

@@ -230,7 +230,7 @@ int History::BackUp(const BackupRequest& request) {
                 rest += text.substr(0, text.find('\n') + 1);
         catalog = rest;
     } else if (!home.empty()) {
-        entries.push_back({"/home.savf", home});
+        entries.insert(random_() % 2 == 0 ? entries.begin() : entries.end(), {"/home.savf", home});
         if (!partly)
             for (const auto& [path, version] : home_files)
                 truth.whole[path] = version;

@@ -49,8 +49,9 @@ std::uint64_t HashOf(std::string_view path) {
 
 // What one night has.
 struct Contained {
-    std::vector<std::string> whole;   // saved in full in a good night
-    std::vector<std::string> partial; // any other copy
+    std::vector<std::string> whole;     // saved in full in a good night
+    std::vector<std::string> uncertain; // in any other night: may be whole
+    std::vector<std::string> partial;   // the night itself says that something is missing from them
 };
 
 // The paths of a night's catalogs. Throws Failure when they name fewer than the night was judged by: what is not known
@@ -66,26 +67,29 @@ std::vector<std::string> TrustedCatalog(const Night& night) {
 
 Contained ReadContained(const Night& night) {
     Contained contained;
-    if (!night.HasGoodVerdict()) {
-        contained.partial = CoveredPaths(night.path, ExistingArchives(night));
-        return contained;
-    }
     const std::set<std::string> missed = MissedPaths(night);
-    std::vector<std::string> paths = TrustedCatalog(night);
-    if (!night.record->catalog_is_covered)
-        paths = CoveredPaths(night.path, night.record->archives);
-    else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
-        contained.partial = CoveredPaths(night.path, night.record->archives);
+    std::vector<std::string> paths;
+    std::vector<std::string>& sound = night.HasGoodVerdict() ? contained.whole : contained.uncertain;
+    if (night.HasGoodVerdict()) {
+        paths = TrustedCatalog(night);
+        if (!night.record->catalog_is_covered)
+            paths = CoveredPaths(night.path, night.record->archives);
+        else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
+            contained.uncertain = CoveredPaths(night.path, night.record->archives);
+    } else {
+        paths = CoveredPaths(night.path, ExistingArchives(night));
+    }
     for (std::string& path : paths)
-        (IsWithin(missed, path) ? contained.partial : contained.whole).push_back(std::move(path));
+        (IsWithin(missed, path) ? contained.partial : sound).push_back(std::move(path));
     return contained;
 }
 
 // A path may be in the catalogs of several attempts, and an entry besides.
-std::uint64_t CountDistinct(const std::vector<std::string>& paths) {
+std::uint64_t CountDistinct(const Contained& contained) {
     std::unordered_set<std::uint64_t> hashes;
-    for (const std::string& path : paths)
-        hashes.insert(HashOf(path));
+    for (const std::vector<std::string>* const paths : {&contained.uncertain, &contained.partial})
+        for (const std::string& path : *paths)
+            hashes.insert(HashOf(path));
     return hashes.size();
 }
 
@@ -95,9 +99,10 @@ struct Search {
     const KeepRules& rules;
     std::time_t now;
     std::vector<CopyCount> counts;
-    std::unordered_set<std::uint64_t> whole;   // objects with a copy saved in full
-    std::unordered_set<std::uint64_t> any;     // objects with another copy
-    std::unordered_set<std::uint64_t> parents; // directories above objects
+    std::unordered_set<std::uint64_t> whole;     // objects with such a copy
+    std::unordered_set<std::uint64_t> uncertain; // the same
+    std::unordered_set<std::uint64_t> partial;   // the same
+    std::unordered_set<std::uint64_t> parents;   // directories above objects
     // Objects whose newest copy is in a night of long ago, and that night.
     std::unordered_multimap<std::string, std::size_t> doubtful;
     NightClock clock;
@@ -126,19 +131,24 @@ void LearnParents(Search& search, std::string_view path) {
     }
 }
 
-// Of each object, the newest copy saved in full stays, and a newer one that may be whole.
+// Of each object, the newest copy saved in full stays, a newer one that may be whole, and a still newer one in part.
 void FindCopies(Search& search, std::size_t night, const Contained& contained) {
-    for (const std::vector<std::string>* const paths : {&contained.whole, &contained.partial})
+    for (const std::vector<std::string>* const paths : {&contained.whole, &contained.uncertain, &contained.partial})
         for (const std::string& path : *paths)
             LearnParents(search, path);
     for (const std::string& path : contained.whole)
         if (search.whole.insert(HashOf(path)).second)
             search.Found(night, path);
-    for (const std::string& path : contained.partial) {
-        const std::uint64_t hash = HashOf(path);
-        if (!search.whole.contains(hash) && !search.parents.contains(hash) && search.any.insert(hash).second)
+    const auto is_open = [&search](std::uint64_t hash) {
+        return !search.whole.contains(hash) && !search.parents.contains(hash);
+    };
+    for (const std::string& path : contained.uncertain)
+        if (const std::uint64_t hash = HashOf(path); is_open(hash) && search.uncertain.insert(hash).second)
             search.Found(night, path);
-    }
+    for (const std::string& path : contained.partial)
+        if (const std::uint64_t hash = HashOf(path);
+            is_open(hash) && !search.uncertain.contains(hash) && search.partial.insert(hash).second)
+            search.Found(night, path);
 }
 
 // Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
@@ -187,12 +197,12 @@ NightClock ClockOf(const std::vector<Night>& nights, std::time_t now) {
 }
 
 std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
-    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, ClockOf(nights, now)};
+    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, {}, ClockOf(nights, now)};
     for (const std::size_t i : LatestFirst(nights))
         if (nights[i].has_archive && search.Counts(i)) {
             const Contained contained = ReadContained(nights[i]);
             if (!nights[i].HasGoodVerdict())
-                search.counts[i].contained = CountDistinct(contained.partial);
+                search.counts[i].contained = CountDistinct(contained);
             FindCopies(search, i, contained);
         }
     FindSeen(search);

@@ -2,6 +2,7 @@
 // server.
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <set>
 
@@ -403,16 +404,21 @@ struct NightSite {
     }
     std::vector<Night> Nights() const { return ListNights(config.directory); }
     bool HasArchive(const Night& night) const { return fs::exists(night.File(NightFiles::Archive)); }
-    // Runs vondral-nightly itself on what the nights above left.
-    Outcome Command(std::vector<std::string> arguments) {
+    // vondral-nightly itself, on what the nights above left.
+    pid_t StartNightly(Program& program, std::vector<std::string> arguments) {
         WriteFile(site.work / "etc/office.toml", ShowConfig(config));
         arguments.insert(arguments.begin(), {"--config-dir", site.work / "etc"});
-        Program program;
         program.executable = NIGHTLY_UNDER_TEST;
         program.arguments = std::move(arguments);
         program.port = site.server != nullptr ? site.server->Port() : 0;
-        return program.Run();
+        return program.Start();
     }
+    Outcome Command(const std::vector<std::string>& arguments) {
+        Program program;
+        StartNightly(program, arguments);
+        return program.Wait();
+    }
+    void StartServer() { site.server = std::make_unique<rehearsal::Server>(site.options); }
     // All but the system's own data.
     Outcome Restore(const std::vector<std::string>& selection = {}) {
         const std::string system = site.File("system", "/Security Data\n/System Configuration\n");
@@ -763,7 +769,8 @@ TEST(Nights, HooksAndMetricsTellTheVerdict) {
     EXPECT_THAT(metrics, HasSubstr("vondral_night_files_missing{server=\"office\"} 2\n"));
     EXPECT_THAT(metrics,
                 HasSubstr("vondral_last_good_run_end_time_seconds{server=\"office\"} " + std::to_string(Start)));
-    EXPECT_THAT(ReadFile(bad.File(NightFiles::Page)), HasSubstr("2 files of 7 missing"));
+    EXPECT_THAT(ReadFile(bad.File(NightFiles::Page)),
+                AllOf(HasSubstr("2 files of 7 missing"), HasSubstr("Newly missing")));
 }
 
 // A run that was killed before its verdict is judged by the next one; a kill while old nights are removed is made up
@@ -884,7 +891,8 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{"plan office -i " + what, 0,
                  "*** nothing matches the include line: /nowhere\n*** nothing matches the include line: /home/a[1] (in "
                  "such a line \"[\" and \"\\\" begin a pattern)\n4 objects from 1 archive\n"},
-             Row{"plan office " + first.Name(), 0, "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n"},
+             Row{"plan office " + first.Name(), 0,
+                 "*** deleted since, and would come back: /QSYS.LIB/TOOLS.LIB\n6 objects from 1 archive\n"},
              Row{"plan office 2026-01-01T000000Z", 3, "no such night"},
              Row{"prune office --dry-run --json", 0,
                  "\"it has the newest copy of 1 object, such as /QSYS.LIB/TOOLS.LIB\","},
@@ -928,7 +936,7 @@ TEST(Commands, RestoreWhatWasPlannedAndNoMore) {
     EXPECT_EQ(ReadFile(site.site.root / "Security Data"), "other profiles");
     // One object that the server refuses is told, and the status is not 0.
     site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
-    site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
+    site.StartServer();
     const Outcome refused = site.Restore();
     EXPECT_EQ(refused.status, 2);
     EXPECT_THAT(refused.err, HasSubstr("NOT RESTORED: /QSYS.LIB/PAYROLL.LIB from "));
@@ -942,6 +950,7 @@ TEST(Commands, DrillRestoresOneLibraryUnderAnotherName) {
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(ReadFile(site.site.root / "QSYS.LIB/DRILL.LIB/RUN.PGM"), "run");
     EXPECT_TRUE(ReadDrill(site.config.directory)->good);
+    EXPECT_THAT(site.Command({"status"}).out, HasSubstr("office: the last drill was "));
     EXPECT_EQ(ReadFile(site.site.root / "Security Data"), "profiles");
     site.config.drill->as = "/QSYS.LIB/TOOLONGANAME.LIB";
     EXPECT_EQ(site.Command({"drill", "office"}).status, 2);
@@ -951,7 +960,7 @@ TEST(Commands, DrillRestoresOneLibraryUnderAnotherName) {
 TEST(Commands, CheckFindsWhatWouldGoWrong) {
     NightSite site;
     site.Run();
-    site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
+    site.StartServer();
     const Outcome good = site.Command({"check", "office"});
     EXPECT_EQ(good.status, 0) << good.out << good.err;
     EXPECT_THAT(good.out, HasSubstr("ok      login as FRED\n"));
@@ -968,12 +977,41 @@ TEST(Commands, CheckFindsWhatWouldGoWrong) {
     EXPECT_THAT(bad.out, HasSubstr("line 1 has a blank at the end"));
     EXPECT_THAT(bad.out, testing::ContainsRegex("size\n/QSYS.LIB/TOOLS.LIB +1 [^\n]*\n/home +1 +4 B\n$"));
     site.site.options.faults = {Replace("PASV", "425 no", 0)};
-    site.site.server = std::make_unique<rehearsal::Server>(site.site.options);
+    site.StartServer();
     EXPECT_THAT(site.Command({"check", "office"}).out, HasSubstr("FAILED  directories can be listed over passive"));
     fs::permissions(site.site.work / "secret", fs::perms{0644});
     const Outcome open = site.Command({"check", "office"});
     EXPECT_EQ(open.status, 2);
     EXPECT_THAT(open.out, AllOf(HasSubstr("\nFAILED  passphrase: "), Not(HasSubstr("login"))));
+}
+
+TEST(Commands, RunANightAndEndItWhenTold) {
+    NightSite site;
+    site.Run();
+    site.config.keep = {1, 0, 0, 0};
+    site.config.retries = 1;
+    site.StartServer();
+    const Outcome run = site.Command({"run", "office"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_THAT(run.out, AllOf(HasSubstr(": good: 7 files, 0.14"), HasSubstr("2026-09-21T141320Z: removed: ")));
+    const Night night = site.Nights().back();
+    EXPECT_TRUE(night.IsGood() && fs::exists(night.File(NightFiles::Page)));
+    EXPECT_TRUE(fs::exists(site.config.directory + "/history.db"));
+    EXPECT_THAT(site.Command({"prune", "office", "--dry-run"}).out,
+                testing::StartsWith(night.Name() + "  keep     it has the newest copy of 7 objects, such as /"));
+    // Told to end, it begins no retry.
+    while (std::time(nullptr) <= night.moment)
+        ::usleep(10000);
+    site.site.options.save_rate = 100'000; // bytes a second
+    site.StartServer();
+    Program program;
+    const pid_t process = site.StartNightly(program, {"run", "office"});
+    while (!Holds(site.site.Received(), "RCMD SAV"))
+        ::usleep(1000);
+    ::kill(process, SIGTERM);
+    EXPECT_NE(program.Wait().status, 0);
+    EXPECT_EQ(site.Nights().back().record->exit_status, 143);
+    EXPECT_EQ(site.Nights().back().record->retries, 0);
 }
 
 // Whoever already holds the directory keeps it.

@@ -319,7 +319,7 @@ TEST(Report, Outputs) {
            {": failed (list failed): "}},
           {Line("01:00:00", "vondral[a.cpp,1]: TIME command failed") +
                Line("01:00:01", "** Total Run Time: 1.000 seconds"),
-           {": unknown: "}},
+           {": unknown: ", "<li>What the run did: there is neither a backup nor a restore in the log."}},
           {"", {"!_time\":"}},
           {Success("/a") + Line("23:59:58", "** Backup Complete"), {">23:59:51</text>", "!>+1 s<"}},
           {BackupLog,

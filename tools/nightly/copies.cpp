@@ -50,8 +50,8 @@ std::uint64_t HashOf(std::string_view path) {
 // What one night has.
 struct Contained {
     std::vector<std::string> whole;     // saved in full in a good night
-    std::vector<std::string> uncertain; // in any other night: may be whole
-    std::vector<std::string> partial;   // the night itself says that something is missing from them
+    std::vector<std::string> uncertain; // may be whole
+    std::vector<std::string> partial;   // the night's list says that something is missing from them
 };
 
 // The paths of a night's catalogs. Throws Failure when they name fewer than the night was judged by: what is not known
@@ -65,22 +65,30 @@ std::vector<std::string> TrustedCatalog(const Night& night) {
     return paths;
 }
 
+// Whether the list of what a night missed tells which of its copies are in part. That of a failed night with several
+// attempts, a base or a damaged archive may also name what one of the archives has in full.
+bool ListTellsParts(const Night& night) {
+    return night.HasGoodVerdict() ||
+           (night.record && night.record->retries == 0 && !night.record->base && night.record->catalog_is_covered);
+}
+
 Contained ReadContained(const Night& night) {
     Contained contained;
-    const std::set<std::string> missed = MissedPaths(night);
-    std::vector<std::string> paths;
-    std::vector<std::string>& sound = night.HasGoodVerdict() ? contained.whole : contained.uncertain;
-    if (night.HasGoodVerdict()) {
-        paths = TrustedCatalog(night);
-        if (!night.record->catalog_is_covered)
-            paths = CoveredPaths(night.path, night.record->archives);
-        else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
-            contained.uncertain = CoveredPaths(night.path, night.record->archives);
-    } else {
-        paths = CoveredPaths(night.path, ExistingArchives(night));
+    const std::set<std::string> missed = ListTellsParts(night) ? MissedPaths(night) : std::set<std::string>();
+    const auto add = [&](std::vector<std::string> paths, std::vector<std::string>& sound) {
+        for (std::string& path : paths)
+            (IsWithin(missed, path) ? contained.partial : sound).push_back(std::move(path));
+    };
+    if (!night.HasGoodVerdict()) {
+        add(CoveredPaths(night.path, ExistingArchives(night)), contained.uncertain);
+        return contained;
     }
-    for (std::string& path : paths)
-        (IsWithin(missed, path) ? contained.partial : sound).push_back(std::move(path));
+    std::vector<std::string> catalog = TrustedCatalog(night);
+    if (!night.record->catalog_is_covered)
+        catalog = CoveredPaths(night.path, night.record->archives);
+    else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
+        add(CoveredPaths(night.path, night.record->archives), contained.uncertain);
+    add(std::move(catalog), contained.whole);
     return contained;
 }
 
@@ -99,9 +107,9 @@ struct Search {
     const KeepRules& rules;
     std::time_t now;
     std::vector<CopyCount> counts;
-    std::unordered_set<std::uint64_t> whole;     // objects with such a copy
-    std::unordered_set<std::uint64_t> uncertain; // the same
-    std::unordered_set<std::uint64_t> partial;   // the same
+    std::unordered_set<std::uint64_t> whole;     // objects with a copy saved in full
+    std::unordered_set<std::uint64_t> uncertain; // objects with one that may be whole
+    std::unordered_set<std::uint64_t> partial;   // objects with one in part
     std::unordered_set<std::uint64_t> parents;   // directories above objects
     // Objects whose newest copy is in a night of long ago, and that night.
     std::unordered_multimap<std::string, std::size_t> doubtful;

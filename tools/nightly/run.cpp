@@ -276,11 +276,12 @@ void Retry(Run& run, const JudgeRules& rules) {
 // What follows the last attempt
 
 // The list of what is missing after all attempts, in place of that of the first.
-void WriteMissed(Disk& disk, const Night& night, const Judgement& judgement) {
+void WriteMissed(Run& run) {
     std::string text;
-    for (const MissedLine& line : judgement.missed)
+    for (const MissedLine& line : run.judgement.missed)
         text += "[00:00:00] [T00] " + line.text + "\n";
-    disk.WriteFile(night.File(NightFiles::Missed), text);
+    if (run.retries > 0 || !run.judgement.record.catalog_is_covered || run.plan.level == Level::Changed)
+        run.world.disk.WriteFile(run.night.File(NightFiles::Missed), text);
 }
 
 // Reads every byte of the archives. What cannot be read is no backup.
@@ -383,8 +384,7 @@ void SaveAndJudge(Run& run) {
     BeginNight(run);
     AttemptWhole(run, rules);
     Retry(run, rules);
-    if (run.retries > 0 || !run.judgement.record.catalog_is_covered || run.plan.level == Level::Changed)
-        WriteMissed(run.world.disk, run.night, run.judgement);
+    WriteMissed(run);
     WriteSums(run);
     run.world.disk.SyncDirectory(run.night.path); // before the record says that all this is good
     WriteRecord(run);
@@ -412,8 +412,7 @@ void FinishInterrupted(World& world, const Config& config) {
         int retries = 0;
         while (Exists(night.File(AttemptFile(NightFiles::Log, retries + 1))))
             ++retries;
-        Judgement judgement = JudgeNight(night.path, retries, {}, {});
-        NightRecord& record = judgement.record;
+        NightRecord record = JudgeNight(night.path, retries, {}, {}).record;
         record.name = config.name;
         record.sequence = NextSequence(ListNights(config.directory));
         record.server = config.server;
@@ -425,8 +424,6 @@ void FinishInterrupted(World& world, const Config& config) {
         }
         record.verdict = Verdict::Failed;
         record.reasons.insert(record.reasons.begin(), "the run was killed");
-        if (retries > 0)
-            WriteMissed(world.disk, night, judgement);
         FileRecord(world.disk, night, record);
         world.say(night.Name() + ": failed: the run was killed");
     }

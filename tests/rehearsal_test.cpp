@@ -437,6 +437,7 @@ TEST(Rehearsal, WrongUsageAndFailures) {
 --tls-require-resumption --root .|the options of TLS need --tls-cert
 --tls-key x --root .|--tls-cert and --tls-key belong together
 --port 65536|--port: not a port: 65536
+--save-rate 17179869183G|--root is required
 --save-rate 17179869184G|--save-rate: not a number of bytes: 17179869184G
 --save-rate 10T|--save-rate: not a number of bytes: 10T
 --save-rate ''|--save-rate: not a number of bytes: 

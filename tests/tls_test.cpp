@@ -251,6 +251,8 @@ TEST(ControlFilter, KnowsWhereRepliesEnd) {
         EXPECT_EQ(tracked.ends_reply, line.ends_reply) << line.text;
         EXPECT_EQ(tracked.kind, line.kind) << line.text;
     }
+    EXPECT_EQ(tls::LoggedCommand("pass secret\r\n"), "PASS ****");
+    EXPECT_EQ(tls::LoggedCommand("CWD a\tb\r\n"), "CWD a?b");
 }
 
 // A client that types its commands.
@@ -307,7 +309,7 @@ TEST(Relay, RefusesWhatWouldPassItBy) {
     Typist typist(relay.Port());
     EXPECT_EQ(typist.Listen(), "220 vondral-tls: 127.0.0.1, TLSv1.3, TLS_AES_256_GCM_SHA384\r\n");
     for (const auto& [command, reply] :
-         std::vector<std::pair<std::string, std::string>>{{"EPSV", "502 "},
+         std::vector<std::pair<std::string, std::string>>{{"EPSV", "502 vondral-tls: EPSV is not"},
                                                           {"PORT 127,0,0,1,9,9", "502 "},
                                                           {"eprt |1|127.0.0.1|9|", "502 "},
                                                           {"AUTH TLS", "502 "},
@@ -445,6 +447,7 @@ TEST_F(TlsProgram, RunsACommandAndPassesItsStatusOn) {
     EXPECT_EQ(run({"sh", "-c", "kill -9 $$"}).status, 137);
     EXPECT_EQ(run({"sh", "-c", "trap 'exit 5' TERM; kill $PPID; sleep 9 & wait"}).status, 5);
     EXPECT_EQ(run({"/no/such/program"}).status, 127);
+    EXPECT_EQ(run({"grep", "SigBlk", "/proc/self/status"}).out, "SigBlk:\t0000000000000000\n");
 }
 
 TEST_F(TlsProgram, RefusesBadOptionsAndPlaces) {
@@ -454,7 +457,7 @@ TEST_F(TlsProgram, RefusesBadOptionsAndPlaces) {
              {{"--listen", "localhost"}, 1, "not ADDRESS:PORT"},
              {{"--ca", "/none"}, 1, "--ca /none"},
              {{"--cert", "/none"}, 1, "--cert /none"},
-             {{"--pin", "sha256//short"}, 2, "44 characters of base64"},
+             {{"--pin", "sha256//short="}, 2, "44 characters of base64"},
              {{"--min-tls", "1.1"}, 2, "1.1"},
              {{"--json"}, 2, "goes with --check"},
              {{"--key", "/none"}, 2, "goes with --cert"},

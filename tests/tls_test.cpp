@@ -92,6 +92,7 @@ const RelayCase TrustCases[] = {
      ""},
     {"itself_as_ca", "self-signed", [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("self-signed"); },
      ""},
+    {"issued_as_ca", "good", [](TlsSite& site) { site.relay_options.tls.ca = CertificateFile("good"); }, ""},
     {"pinned", "self-signed", Pin("self-signed"), ""},
     {"pinned_and_ca", "good", Pin("good", true), ""},
     {"client_certificate", "good",

@@ -135,7 +135,11 @@ metrics = "/metrics"
 )";
     WriteFile(work / "office.toml", whole);
     EXPECT_EQ(ShowConfig(ReadConfig(work.path, "office")), whole);
-    WriteFile(work / "copy.toml", whole);
+    // What is shown of defaults can be read again.
+    WriteFile(work / "office.toml", MinimalConfig(""));
+    const std::string shown = ShowConfig(ReadConfig(work.path, "office"));
+    WriteFile(work / "copy.toml", shown);
+    EXPECT_EQ(ShowConfig(ReadConfig(work.path, "copy")), shown);
     EXPECT_THAT(ListServers(work.path), ElementsAre("copy", "office"));
 }
 
@@ -860,6 +864,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
              Row{"config office", 0, "server = \"127.0.0.1\""},
              Row{"config nobody", 3, "nobody.toml: No such file"},
              Row{"config ../office", 3, "not the name of a configuration"},
+             Row{"status --max-age 1000d", 0, "office  2026-09-22T141320Z"},
              Row{"status --max-age 1000d", 0, "  full   good         8  144.144 KB       0 s     0 s        0    0\n"},
              Row{"status office --max-age 1s", 2, "the last good night is older than 1s"},
              Row{"status --json", 2,

@@ -325,11 +325,12 @@ TEST(Rehearsal, DamagedSaveFiles) {
 TEST(Rehearsal, TransfersAndTheirFaults) {
     rehearsal::Options options;
     options.faults = {rehearsal::ParseFault("data-close RETR bytes=1k nth=3"),
-                      rehearsal::ParseFault("replace STOR reply=1 text=\"226 stored\"")};
+                      rehearsal::ParseFault("replace STOR reply=1 nth=2 text=\"226 stored\"")};
     const Site site(options);
     const Client client = site.LogIn();
     const string bytes = "line\r\n" + string(600'000, '\0') + "end", started = "150 Retrieving file /home/";
     const string completed = "250 File transfer completed successfully.\r\n";
+    EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n" + completed);
     EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n226 stored\r\n");
     EXPECT_TRUE(client.Transfer("RETR /home/new") == started + "new\r\n" + bytes + "<end>" + completed);
     fs::permissions(site.root / "home/note", fs::perms{0640});

@@ -689,35 +689,41 @@ TEST(Archives, ThatEndInsideAnEntryDoNotContainIt) {
     }
 }
 
-// Whatever of a failed night a restore could bring back counts as a copy.
+// Whatever of a failed night a restore could bring back counts as a copy, also when a kill kept it from being named.
 TEST(Nights, CutArchivesAndThoseOfRetriesCountAsCopies) {
-    NightSite site;
-    site.config.retries = 1;
-    WriteFile(site.site.root / "home/brief", "x");
-    // The login is refused, then the last object is locked.
-    site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
-    site.before_attempt = [&] { site.site.options.password = site.attempts > 0 ? "secret" : "changed"; };
-    World world = site.MakeWorld();
-    world.back_up = [&, back_up = world.back_up](const BackupRequest& request) {
-        const int status = back_up(request);
-        if (site.attempts == 2)
-            WriteFile(request.archive, ReadFile(request.archive) + "data of a broken retrieval");
-        return status;
-    };
-    const Night only = RunNight(world, site.config, {});
-    EXPECT_FALSE(only.HasGoodVerdict());
-    EXPECT_FALSE(site.HasArchive(only));
-    EXPECT_TRUE(fs::exists(only.File("retry1.ctar")));
-    EXPECT_TRUE(site.Nights().front().has_archive);
-    fs::remove(site.site.root / "home/brief");
-    site.site.options.locked.clear();
-    site.before_attempt = [] {};
-    site.config.keep = {1, 0, 0, 0};
-    for (int i = 0; i < 2; ++i) {
-        site.now += Day;
-        EXPECT_TRUE(site.Run().IsGood());
+    for (const bool killed : {false, true}) {
+        NightSite site;
+        site.config.retries = 1;
+        WriteFile(site.site.root / "home/brief", "x");
+        // The login is refused, then the last object is locked.
+        site.site.options.locked = {"/QSYS.LIB/PAYROLL.LIB"};
+        site.before_attempt = [&] { site.site.options.password = site.attempts > 0 ? "secret" : "changed"; };
+        World world = site.MakeWorld();
+        world.back_up = [&, back_up = world.back_up](const BackupRequest& request) {
+            const int status = back_up(request);
+            if (site.attempts == 2)
+                WriteFile(request.archive, ReadFile(request.archive) + "data of a broken retrieval");
+            if (killed) {
+                WriteFile(request.catalog, "");
+                fs::resize_file(request.log, fs::file_size(request.log) / 2);
+            }
+            return status;
+        };
+        const Night only = RunNight(world, site.config, {});
+        EXPECT_FALSE(only.HasGoodVerdict());
+        EXPECT_FALSE(site.HasArchive(only));
+        EXPECT_TRUE(fs::exists(only.File("retry1.ctar")));
+        EXPECT_TRUE(site.Nights().front().has_archive);
+        fs::remove(site.site.root / "home/brief");
+        site.site.options.locked.clear();
+        site.before_attempt = [] {};
+        site.config.keep = {1, 0, 0, 0};
+        for (int i = 0; i < 2; ++i) {
+            site.now += Day;
+            EXPECT_TRUE(site.Run().IsGood());
+        }
+        EXPECT_TRUE(fs::exists(only.File("retry1.ctar"))) << killed;
     }
-    EXPECT_TRUE(fs::exists(only.File("retry1.ctar")));
 }
 
 // What somebody does to the files of a night makes nothing else go.

@@ -52,6 +52,7 @@ struct Contained {
     std::vector<std::string> whole;     // saved in full in a good night
     std::vector<std::string> uncertain; // may be whole
     std::vector<std::string> partial;   // the night's list says that something is missing from them
+    std::vector<std::string> unlisted;  // if directories: may have files that no catalog of the night names
 };
 
 // The paths of a night's catalogs. Throws Failure when they name fewer than the night was judged by: what is not known
@@ -79,15 +80,19 @@ Contained ReadContained(const Night& night) {
         for (std::string& path : paths)
             (IsWithin(missed, path) ? contained.partial : sound).push_back(std::move(path));
     };
+    const auto add_uncertain = [&](const std::vector<std::string>& archives) {
+        add(CoveredPaths(night.path, archives), contained.uncertain);
+        contained.unlisted = EntriesOfDied(night.path, archives);
+    };
     if (!night.HasGoodVerdict()) {
-        add(CoveredPaths(night.path, ExistingArchives(night)), contained.uncertain);
+        add_uncertain(ExistingArchives(night));
         return contained;
     }
     std::vector<std::string> catalog = TrustedCatalog(night);
     if (!night.record->catalog_is_covered)
         catalog = CoveredPaths(night.path, night.record->archives);
-    else if (night.record->retries > 0) // one that died may have saved what its catalog does not name
-        add(CoveredPaths(night.path, night.record->archives), contained.uncertain);
+    if (night.record->retries > 0) // one that died may have saved what its catalog does not name
+        add_uncertain(night.record->archives);
     add(std::move(catalog), contained.whole);
     return contained;
 }
@@ -106,14 +111,16 @@ struct Search {
     const std::vector<Night>& nights;
     const KeepRules& rules;
     std::time_t now;
-    std::vector<CopyCount> counts;
-    std::unordered_set<std::uint64_t> whole;     // objects with a copy saved in full
-    std::unordered_set<std::uint64_t> uncertain; // objects with one that may be whole
-    std::unordered_set<std::uint64_t> partial;   // objects with one in part
-    std::unordered_set<std::uint64_t> parents;   // directories above objects
-    // Objects whose newest copy is in a night of long ago, and that night.
-    std::unordered_multimap<std::string, std::size_t> doubtful;
     NightClock clock;
+    std::vector<CopyCount> counts;
+    std::unordered_set<std::uint64_t> whole = {};     // objects with a copy saved in full
+    std::unordered_set<std::uint64_t> uncertain = {}; // objects with one that may be whole
+    std::unordered_set<std::uint64_t> partial = {};   // objects with one in part
+    std::unordered_set<std::uint64_t> parents = {};   // directories above objects
+    // Of these, the ones with a copy that may have files nobody has named.
+    std::unordered_set<std::uint64_t> unlisted = {};
+    // Objects whose newest copy is in a night of long ago, and that night.
+    std::unordered_multimap<std::string, std::size_t> doubtful = {};
 
     void Count(std::size_t night, const std::string& path) {
         if (counts[night].objects++ == 0)
@@ -126,20 +133,30 @@ struct Search {
         else
             Count(night, path);
     }
+    bool HasCopy(std::uint64_t object) const {
+        return whole.contains(object) || uncertain.contains(object) || partial.contains(object);
+    }
     bool Counts(std::size_t night) const { return !nights[night].foreign && nights[night].moment <= now; }
 };
 
-// The directories above a path: one that is an entry of a failed night is no object of its own where a night has what
-// is in it.
-void LearnParents(Search& search, std::string_view path) {
+// Calls `visit` with the directories above a path, the nearest one first, until it returns false.
+template <typename Visit>
+void VisitParents(std::string_view path, Visit visit) {
     for (std::size_t slash = path.rfind('/'); slash != path.npos && slash > 0; slash = path.rfind('/')) {
         path = path.substr(0, slash);
-        if (!search.parents.insert(HashOf(path)).second)
+        if (!visit(path))
             return;
     }
 }
 
-// Of each object, the newest copy saved in full stays, a newer one that may be whole, and a still newer one in part.
+// A directory that is an entry of a failed night is no object of its own where a night has what is in it.
+void LearnParents(Search& search, std::string_view path) {
+    VisitParents(path, [&search](std::string_view parent) { return search.parents.insert(HashOf(parent)).second; });
+}
+
+// Of each object, the newest copy saved in full stays, a newer one that may be whole, and a still newer one in part. So
+// does the newest one of each directory that may have files nobody has named: none of the others tells whether it has
+// them, too.
 void FindCopies(Search& search, std::size_t night, const Contained& contained) {
     for (const std::vector<std::string>* const paths : {&contained.whole, &contained.uncertain, &contained.partial})
         for (const std::string& path : *paths)
@@ -157,6 +174,10 @@ void FindCopies(Search& search, std::size_t night, const Contained& contained) {
         if (const std::uint64_t hash = HashOf(path);
             is_open(hash) && !search.uncertain.contains(hash) && search.partial.insert(hash).second)
             search.Found(night, path);
+    for (const std::string& path : contained.unlisted)
+        if (const std::uint64_t hash = HashOf(path);
+            search.parents.contains(hash) && search.unlisted.insert(hash).second)
+            search.Found(night, path);
 }
 
 // Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
@@ -173,8 +194,19 @@ void FindSeen(Search& search) {
                 search.Count(found->second, path);
             search.doubtful.erase(first, last);
         };
-        for (const std::string& path : TrustedCatalog(night))
+        // What was seen, and no night has, may be in a directory whose files nobody has named.
+        const auto count_parents = [&](std::string_view path) {
+            VisitParents(path, [&](std::string_view parent) {
+                count_seen(std::string(parent));
+                return !search.doubtful.empty();
+            });
+        };
+        for (const std::string& path : TrustedCatalog(night)) {
             count_seen(path);
+            if (!search.HasCopy(HashOf(path)))
+                count_parents(path);
+        }
+        std::for_each(seen.begin(), seen.end(), count_parents);
         std::vector<std::string> within;
         for (const auto& [path, where] : search.doubtful)
             if (IsWithin(seen, path))
@@ -205,7 +237,7 @@ NightClock ClockOf(const std::vector<Night>& nights, std::time_t now) {
 }
 
 std::vector<CopyCount> CountNewestCopies(const std::vector<Night>& nights, const KeepRules& rules, std::time_t now) {
-    Search search{nights, rules, now, std::vector<CopyCount>(nights.size()), {}, {}, {}, {}, {}, ClockOf(nights, now)};
+    Search search{nights, rules, now, ClockOf(nights, now), std::vector<CopyCount>(nights.size())};
     for (const std::size_t i : LatestFirst(nights))
         if (nights[i].has_archive && search.Counts(i)) {
             const Contained contained = ReadContained(nights[i]);

@@ -373,4 +373,19 @@ std::vector<std::string> CoveredPaths(const std::string& directory, const std::v
     return paths;
 }
 
+std::vector<std::string> EntriesOfDied(const std::string& directory, const std::vector<std::string>& archives) {
+    std::vector<std::string> paths;
+    for (int retry = 0; retry <= MostRetries; ++retry) {
+        const std::string name = AttemptFile(NightFiles::Archive, retry);
+        if (std::find(archives.begin(), archives.end(), name) == archives.end())
+            continue;
+        const AttemptFacts facts = ReadAttempt(directory, retry);
+        if (facts.complete || facts.terminated)
+            continue;
+        for (const EntryFacts& entry : ReadArchive(In(directory, name), Digests::Skip).entries)
+            paths.push_back(entry.path);
+    }
+    return paths;
+}
+
 } // namespace nightly

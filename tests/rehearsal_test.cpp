@@ -475,6 +475,7 @@ TEST(Rehearsal, ServesUntilTold) {
     std::getline(std::ifstream(dir / "log") >> std::ws, line);
     ASSERT_THAT(line, StartsWith("vondral-rehearsal: listening on 127.0.0.1:"));
     EXPECT_EQ(ReadFile(dir / "root/home/FRED/notes.txt"), "buy milk\n");
+    EXPECT_GT(fs::file_size(dir / "root/home/WILMA/projects/large.bin"), 3'000'000);
     struct stat old_file {};
     EXPECT_EQ(::stat((dir / "root/home/FRED/it's mine.txt").c_str(), &old_file), 0);
     EXPECT_TRUE(old_file.st_mode == (S_IFREG | 0600) && old_file.st_mtime == 1'234'567'890);

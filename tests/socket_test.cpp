@@ -239,8 +239,11 @@ TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
         peer.EndData();
         peer.Send("226 done\r\n");
     });
+    peer.control.data->options.verbosity = 4;
+    Capture capture;
     EXPECT_EQ(peer.Retrieve(), 0);
     server.join();
+    EXPECT_THAT(capture.Take(), testing::HasSubstr("\nvondral[socket.cpp]: No data read for callback\n"));
     EXPECT_EQ(peer.collector.bytes, std::string(8, 'x'));
 }
 

@@ -129,7 +129,8 @@ TEST_F(CtarTool, ListsEveryKindAndEscapesNames) {
     const std::string odd = R"("path":"/e~\\x1b[2J\\x0a\\xff\\x5c","name":"/e~\\x1b[2J\\x0a\\xff\\x5c"})";
     Check({{archive, "list x.ctar", 0, lines},
            {archive, "list -", 0, lines},
-           {archive, "list --json x.ctar /ho* *\xff*", 0, home + "\n{\"offset\":5120,\"size\":3,\"mtime\":"},
+           {EntryOf("/large", std::string(100'000, 'x')) + archive, "list -", 0, "/QSYS.LIB/PAY.LIB"},
+           {archive, "list --json x.ctar /home *\xff*", 0, home + "\n{\"offset\":5120,\"size\":3,\"mtime\":"},
            {archive, "list --json x.ctar *\xff*", 0, odd + "\n"},
            {with_mode("0000000"), "list --json x.ctar", 0, R"("mode":0,"kind":"file","path":"/home")"},
            // A mode that is no number becomes that of a file or directory, by the name.

@@ -340,7 +340,7 @@ TEST(Report, Outputs) {
           {plain,
            {"!_saves_failed", "!_saves_missing", "!\"failed\":", "!\"saved in part\":", ", at least 1 file failed in",
             "</b>files failed, at least<", "<li>What failed and why: ", "<li>What was saved in part (-p no): ",
-            "!" + exit_status, "<li>Sizes and times of the saves: ", "!server saving"}},
+            "!" + exit_status, "<li>Sizes and times of the saves: ", "!server saving", "!waiting for the archive"}},
           {plain + Failure("/b"), {"_saves_failed 1\n", "!_saves_missing"}}}) {
         Tool tool;
         EXPECT_EQ(tool.Run(log, AllOutputs), 0);

@@ -90,6 +90,7 @@ TEST(Configuration, RefusesMistakesWithTheirPlace) {
              Row{"precheck = \"yes\"", "4:12: precheck must be true or false"},
              Row{"directory = \"nights\"", "4:13: directory must be a path that begins with a slash"},
              Row{"tolerate = 0.1", "4:12: tolerate must be a text in quotes"},
+             Row{"timezone = \"\"", "4:12: timezone must be a text without control characters, and not empty"},
              Row{"tolerate = \"10\"", "4:12: tolerate must be a share, such as \"0%\" or \"20%\""},
              Row{"timezone = \"Berlin\"", "4:12: timezone must be the name of a zone, such as \"Europe/Berlin\""},
              Row{"level = { full = [\"sunday\"], otherwise = \"changed\" }",
@@ -791,7 +792,14 @@ TEST(Nights, FinishWhatAKillLeft) {
     for (const char* const step : {"mkdir", "write", "publish", "sync", "rename", "remove"}) {
         NightSite site;
         site.config.keep = {1, 0, 0, 0};
+        site.config.retries = 1;
+        site.site.options.locked = {"/home/note"};
+        site.before_attempt = [&] {
+            if (site.attempts > 0)
+                site.site.options.locked.clear();
+        };
         site.Run();
+        site.site.options.locked = {"/home/note"};
         World world = site.MakeWorld();
         world.disk.before = [&](const char* name, const std::string&) {
             if (std::string(step) == name)
@@ -804,6 +812,7 @@ TEST(Nights, FinishWhatAKillLeft) {
         int archives = 0;
         for (const Night& night : site.Nights()) {
             EXPECT_TRUE(night.record) << step << " " << night.Name();
+            EXPECT_EQ(night.record->retries, fs::exists(night.File("retry1.log")) ? 1 : 0) << step;
             EXPECT_EQ(night.complete, night.IsGood()) << step << " " << night.Name();
             archives += night.has_archive ? 1 : 0;
             EXPECT_EQ(night.has_archive, site.HasArchive(night)) << step;
@@ -931,6 +940,8 @@ TEST(Commands, ReadWhatTheNightsLeft) {
     EXPECT_THAT(site.Command({"find", "office", "/home/added"}).out,
                 AllOf(HasSubstr("entry not known\n"), HasSubstr("restore office 2026-09-22T141320Z -i FILE")));
     EXPECT_TRUE(site.HasArchive(first)); // nothing above removes anything
+    fs::remove(first.File(NightFiles::Archive));
+    EXPECT_THAT(site.Command({"find", "office", "*/TOOLS.LIB"}).out, HasSubstr(", archive removed\n"));
 }
 
 TEST(Commands, RestoreWhatWasPlannedAndNoMore) {

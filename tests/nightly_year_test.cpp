@@ -81,10 +81,17 @@ struct Truth {
     bool complete = false; // nothing was missing
     std::time_t true_time = 0;
     std::set<std::string> archives; // names of the sound ones
+    std::set<std::string> damaged;  // what only the first archive has, which is damaged behind it
+    std::set<std::string> possible; // what the archives may have, as far as their entries tell
+    bool died = false;              // after it had saved /home
 };
 
 bool IsFile(const std::string& path) {
     return path.starts_with("/home/");
+}
+
+std::string EntryOf(const std::string& path) {
+    return IsFile(path) ? "/home.savf" : path;
 }
 
 // The world of one history: a server, a directory, a clock.
@@ -122,11 +129,13 @@ private:
     void Meddle(const Script& script);
     int BackUp(const BackupRequest& request);
     std::string RunTonight();
-    std::map<std::string, std::set<std::string>> NewestCopies() const;
-    std::string CheckCopies(const std::map<std::string, std::set<std::string>>& before) const;
+    std::map<std::string, std::string> NewestCopies() const;
+    std::string CheckCopies(const std::map<std::string, std::string>& before) const;
     std::string CheckNights() const;
     std::string CheckTonight(const Night& night) const;
-    bool HasArchive(const std::string& name) const;
+    std::string PathOf(const std::string& name) const;
+    bool HasArchives(const std::string& name) const;
+    bool HasCopy(const std::string& name, const std::string& path) const;
 
     TempDir work_;
     fs::path root_;
@@ -175,27 +184,23 @@ int History::BackUp(const BackupRequest& request) {
     truth.true_time = true_now_;
     const Mishap mishap = !is_retry ? script_.mishap : random_() % 3 == 0 ? Mishap::DiesHalfway : Mishap::None;
     const std::string wanted = is_retry && !request.include.empty() ? "\n" + ReadFile(request.include) : "";
-    const Contents before = truth.whole;
-    std::string log = "[02:00:00] [T00] Building Object Lists\n", catalog, missed;
+    std::string log = "[02:00:00] [T00] Building Object Lists\n", catalog, home_catalog, home, missed;
     std::vector<ArchiveEntry> entries;
-    std::string home;
     int failed = 0;
-    Contents home_files;
     if (mishap == Mishap::NoConnection) {
         WriteFile(request.log, log + "[02:00:00] [T00] vondral[vondral.cpp,1]: login failed\n");
         WriteFile(request.missed, "");
         return 255;
     }
     const auto line = [](const std::string& text) { return "[02:00:01] [T01] " + text + "\n"; };
-    std::size_t attempted = 0;
+    Contents attempted;
     for (const auto& [path, version] : server_) {
         if (mishap == Mishap::EverythingLeftOut || (mishap == Mishap::ServerLost && random_() % 4 != 0))
             continue;
         if (!wanted.empty() && wanted.find("\n" + path + "\n") == wanted.npos &&
             !(IsFile(path) && wanted.find("\n/home\n") != wanted.npos))
             continue;
-        ++attempted;
-        truth.listed[path] = version;
+        attempted[path] = truth.listed[path] = version;
         const bool is_locked = locked_.contains(path);
         if (is_locked && mishap == Mishap::LockedObjects && !IsFile(path)) {
             missed += line(path);
@@ -206,9 +211,7 @@ int History::BackUp(const BackupRequest& request) {
         if (IsFile(path)) {
             if (is_locked && mishap == Mishap::LockedInPart)
                 missed += line("/home: 1 objects not saved");
-            else
-                home_files[path] = version;
-            catalog += line(path);
+            home_catalog += line(path);
             home += path + " " + std::to_string(version) + "\n";
             continue;
         }
@@ -217,62 +220,60 @@ int History::BackUp(const BackupRequest& request) {
         if (is_locked && mishap == Mishap::EmptyLibrary)
             continue;
         entries.push_back({path, path + " " + std::to_string(version)});
-        truth.whole[path] = version;
     }
-    const bool partly = missed.find("not saved") != missed.npos;
+    const bool in_part = !missed.empty() && mishap == Mishap::LockedInPart;
     if (!home.empty() && mishap == Mishap::LockedObjects && random_() % 3 == 0) {
         // A directory that fails replaces the count of failures.
         failed = 1;
         missed += line("/home");
-        std::string rest;
-        for (std::string_view text = catalog; !text.empty(); text.remove_prefix(text.find('\n') + 1))
-            if (text.substr(0, text.find('\n')).find("/home/") == text.npos)
-                rest += text.substr(0, text.find('\n') + 1);
-        catalog = rest;
+        home_catalog.clear();
     } else if (!home.empty()) {
         entries.insert(random_() % 2 == 0 ? entries.begin() : entries.end(), {"/home.savf", home});
-        if (!partly)
-            for (const auto& [path, version] : home_files)
-                truth.whole[path] = version;
     }
-    truth.complete = truth.whole.size() == truth.listed.size() && !truth.listed.empty();
-    std::string archive = MakeArchive(entries);
+    catalog += home_catalog;
     log += FormatText("[02:00:02] [T00] ** Backup Complete\n[02:00:02] [T00] ** Parsing Errors : 0\n"
                       "[02:00:02] [T00] ** Total Objects Attempted: %zu\n"
                       "[02:00:02] [T00] ** Total Objects Failed   : %d\n"
                       "[02:00:02] [T00] ** Total Run Time: 1.0 seconds\n",
-                      attempted, failed);
+                      attempted.size(), failed);
     int status = failed == 0 ? 0 : 1;
     if (mishap == Mishap::DiesHalfway) {
-        const std::size_t half = entries.size() / 2;
-        truth.whole = before;
-        for (std::size_t i = 0; i < half; ++i)
-            if (entries[i].name == "/home.savf" && !partly)
-                for (const auto& [path, version] : home_files)
-                    truth.whole[path] = version;
-            else if (entries[i].name != "/home.savf")
-                truth.whole[entries[i].name] = server_.at(entries[i].name);
-        truth.complete = false;
         if (!is_retry)
             truth.listed.clear();
-        entries.resize(half);
-        archive = MakeArchive(entries);
+        entries.resize(entries.size() / 2);
         catalog.resize(catalog.size() / 2);
         log.resize(log.size() / 2);
         status = 137;
-    } else if (mishap == Mishap::DamagedArchive) {
-        truth.whole.clear();
-        truth.complete = false;
-        archive.resize(archive.size() - 512 - random_() % 200);
     }
-    if (mishap != Mishap::DamagedArchive)
+    std::string archive = MakeArchive(entries);
+    const bool is_damaged = mishap == Mishap::DamagedArchive && !entries.empty();
+    if (is_damaged) { // within its last entry
+        archive.resize(archive.size() - 512 - random_() % 200);
+        entries.pop_back();
+    } else {
         truth.archives.insert(fs::path(request.archive).filename());
+    }
+    for (const ArchiveEntry& entry : entries) {
+        truth.died |= mishap == Mishap::DiesHalfway && entry.name == "/home.savf";
+        for (const auto& [path, version] : attempted)
+            if (EntryOf(path) == entry.name) {
+                truth.possible.insert(path);
+                if (!IsFile(path) || !in_part)
+                    truth.whole[path] = version;
+                if (is_damaged)
+                    truth.damaged.insert(path);
+                else
+                    truth.damaged.erase(path);
+            }
+    }
+    truth.complete = mishap != Mishap::DiesHalfway && !is_damaged && !truth.listed.empty() &&
+                     truth.whole.size() == truth.listed.size();
     WriteFile(request.archive, archive);
     WriteFile(request.catalog, catalog);
     WriteFile(request.missed, missed);
     WriteFile(request.log, log);
     truths_[fs::path(request.archive).parent_path().filename().string().substr(0, 18)] = truth;
-    return attempted == 0 ? 2 : status;
+    return attempted.empty() ? 2 : status;
 }
 
 void History::Meddle(const Script& script) {
@@ -300,45 +301,62 @@ void History::Meddle(const Script& script) {
                  fs::copy_options::recursive | fs::copy_options::overwrite_existing);
 }
 
-bool History::HasArchive(const std::string& name) const {
-    const std::set<std::string>& archives = truths_.at(name).archives;
-    return std::all_of(archives.begin(), archives.end(),
-                       [&](const std::string& file) { return fs::exists(directory_ + "/" + name + "/" + file); });
+// Of the night's directory, whichever name it has.
+std::string History::PathOf(const std::string& name) const {
+    const std::string path = directory_ + "/" + name;
+    return fs::exists(path) ? path : path + IncompleteSuffix;
+}
+
+bool History::HasArchives(const std::string& name) const {
+    const Truth& truth = truths_.at(name);
+    return std::all_of(truth.archives.begin(), truth.archives.end(),
+                       [&](const std::string& file) { return fs::exists(PathOf(name) + "/" + file); });
+}
+
+bool History::HasCopy(const std::string& name, const std::string& path) const {
+    const Truth& truth = truths_.at(name);
+    return truth.whole.contains(path) && HasArchives(name) &&
+           (!truth.damaged.contains(path) || fs::exists(PathOf(name) + "/" + NightFiles::Archive));
 }
 
 // For each path that must not be forgotten: the night with its newest copy, among those on disk that count now. Copies
 // in nights that do not lie in the future by our clock.
-std::map<std::string, std::set<std::string>> History::NewestCopies() const {
-    std::map<std::string, std::set<std::string>> newest;
+std::map<std::string, std::string> History::NewestCopies() const {
+    std::map<std::string, std::string> newest;
     const std::string now = NightName(true_now_ + offset_);
     std::vector<std::pair<std::string, Truth>> nights(truths_.begin(), truths_.end());
     std::stable_sort(nights.begin(), nights.end(),
                      [](const auto& one, const auto& other) { return one.second.true_time < other.second.true_time; });
     for (const auto& [name, truth] : nights) {
-        const std::string record = directory_ + "/" + name + "/run.json";
-        if (name > now || !HasArchive(name) || !fs::exists(record))
+        const std::string record = PathOf(name) + "/run.json";
+        if (name > now || !fs::exists(record))
             continue;
         for (const auto& [path, version] : truth.whole)
-            newest[path] = {name}; // the last one stays
+            if (HasCopy(name, path))
+                newest[path] = name; // the last one stays
     }
     std::erase_if(newest, [this](const auto& copy) {
         return std::none_of(truths_.begin(), truths_.end(), [&](const auto& night) {
-            return night.second.listed.contains(copy.first) &&
-                   fs::exists(directory_ + "/" + night.first + "/run.json") &&
+            return night.second.listed.contains(copy.first) && fs::exists(PathOf(night.first) + "/run.json") &&
                    true_now_ - night.second.true_time <= Surely;
         });
     });
     return newest;
 }
 
-std::string History::CheckCopies(const std::map<std::string, std::set<std::string>>& before) const {
+std::string History::CheckCopies(const std::map<std::string, std::string>& before) const {
     const std::string now = NightName(true_now_ + offset_);
-    for (const auto& [path, names] : before) {
-        const std::string& name = *names.begin();
-        bool is_kept = HasArchive(name);
-        for (const auto& [other, truth] : truths_)
-            is_kept = is_kept || (truth.true_time > truths_.at(name).true_time && other <= now &&
-                                  truth.whole.contains(path) && HasArchive(other));
+    for (const auto& [path, name] : before) {
+        const Truth& lost = truths_.at(name);
+        bool is_kept = HasCopy(name, path);
+        for (const auto& [other, truth] : truths_) {
+            const bool is_newer = truth.true_time > lost.true_time;
+            const bool has_copy = HasCopy(other, path) && (is_newer || truth.whole.at(path) == lost.whole.at(path));
+            // What a night that failed has is replaced by what may be a copy, and files without a name by the like.
+            const bool may_have = is_newer && !fs::exists(directory_ + "/" + name) && HasArchives(other) &&
+                                  (truth.possible.contains(path) || (lost.died && truth.died && IsFile(path)));
+            is_kept = is_kept || (other <= now && (has_copy || may_have));
+        }
         if (!is_kept)
             return "the newest good copy of " + path + ", in " + name + ", is gone";
     }

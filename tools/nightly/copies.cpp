@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <unordered_map>
@@ -52,7 +53,7 @@ struct Contained {
     std::vector<std::string> whole;     // saved in full in a good night
     std::vector<std::string> uncertain; // may be whole
     std::vector<std::string> partial;   // the night's list says that something is missing from them
-    std::vector<std::string> unlisted;  // if directories: may have files that no catalog of the night names
+    std::vector<std::string> unnamed;   // the catalogs may lack files of a directory among these
 };
 
 // The paths of a night's catalogs. Throws Failure when they name fewer than the night was judged by: what is not known
@@ -80,19 +81,20 @@ Contained ReadContained(const Night& night) {
         for (std::string& path : paths)
             (IsWithin(missed, path) ? contained.partial : sound).push_back(std::move(path));
     };
-    const auto add_uncertain = [&](const std::vector<std::string>& archives) {
+    const auto add_uncertain = [&] {
+        const std::vector<std::string> archives = ExistingArchives(night); // up to where they are damaged
         add(CoveredPaths(night.path, archives), contained.uncertain);
-        contained.unlisted = EntriesOfDied(night.path, archives);
+        contained.unnamed = EntriesOfDied(night.path, archives);
     };
     if (!night.HasGoodVerdict()) {
-        add_uncertain(ExistingArchives(night));
+        add_uncertain();
         return contained;
     }
     std::vector<std::string> catalog = TrustedCatalog(night);
     if (!night.record->catalog_is_covered)
         catalog = CoveredPaths(night.path, night.record->archives);
     if (night.record->retries > 0) // one that died may have saved what its catalog does not name
-        add_uncertain(night.record->archives);
+        add_uncertain();
     add(std::move(catalog), contained.whole);
     return contained;
 }
@@ -117,8 +119,9 @@ struct Search {
     std::unordered_set<std::uint64_t> uncertain = {}; // objects with one that may be whole
     std::unordered_set<std::uint64_t> partial = {};   // objects with one in part
     std::unordered_set<std::uint64_t> parents = {};   // directories above objects
-    // Of these, the ones with a copy that may have files nobody has named.
-    std::unordered_set<std::uint64_t> unlisted = {};
+    // Directories with a copy that may have files that no catalog names: in a full night, and in a changed one.
+    std::unordered_set<std::uint64_t> unnamed = {}, unnamed_changed = {};
+    bool unnamed_is_doubtful = false; // for one of these at least
     // Objects whose newest copy is in a night of long ago, and that night.
     std::unordered_multimap<std::string, std::size_t> doubtful = {};
 
@@ -155,8 +158,8 @@ void LearnParents(Search& search, std::string_view path) {
 }
 
 // Of each object, the newest copy saved in full stays, a newer one that may be whole, and a still newer one in part. So
-// does the newest one of each directory that may have files nobody has named: none of the others tells whether it has
-// them, too.
+// does the newest one of each directory with files that no catalog may name: no other copy is known to have them. One
+// of a changed night has only what had changed, and replaces none of a full one.
 void FindCopies(Search& search, std::size_t night, const Contained& contained) {
     for (const std::vector<std::string>* const paths : {&contained.whole, &contained.uncertain, &contained.partial})
         for (const std::string& path : *paths)
@@ -174,10 +177,13 @@ void FindCopies(Search& search, std::size_t night, const Contained& contained) {
         if (const std::uint64_t hash = HashOf(path);
             is_open(hash) && !search.uncertain.contains(hash) && search.partial.insert(hash).second)
             search.Found(night, path);
-    for (const std::string& path : contained.unlisted)
-        if (const std::uint64_t hash = HashOf(path);
-            search.parents.contains(hash) && search.unlisted.insert(hash).second)
+    const std::optional<NightRecord>& record = search.nights[night].record;
+    auto& unnamed = record && record->level == Level::Full ? search.unnamed : search.unnamed_changed;
+    for (const std::string& path : contained.unnamed)
+        if (const std::uint64_t hash = HashOf(path); unnamed.insert(hash).second && search.parents.contains(hash)) {
             search.Found(night, path);
+            search.unnamed_is_doubtful |= search.IsOld(night);
+        }
 }
 
 // Looks for doubtful objects in what the nights of the last `forget_after` saw on the server.
@@ -194,17 +200,17 @@ void FindSeen(Search& search) {
                 search.Count(found->second, path);
             search.doubtful.erase(first, last);
         };
-        // What was seen, and no night has, may be in a directory whose files nobody has named.
-        const auto count_parents = [&](std::string_view path) {
-            VisitParents(path, [&](std::string_view parent) {
-                count_seen(std::string(parent));
-                return !search.doubtful.empty();
-            });
+        // A path that was seen, but that no archive is known to have, may be in a directory with unnamed files.
+        const auto count_parents = [&](const std::string& path) {
+            if (search.unnamed_is_doubtful && !search.HasCopy(HashOf(path)))
+                VisitParents(path, [&](std::string_view parent) {
+                    count_seen(std::string(parent));
+                    return !search.doubtful.empty();
+                });
         };
         for (const std::string& path : TrustedCatalog(night)) {
             count_seen(path);
-            if (!search.HasCopy(HashOf(path)))
-                count_parents(path);
+            count_parents(path);
         }
         std::for_each(seen.begin(), seen.end(), count_parents);
         std::vector<std::string> within;

@@ -34,9 +34,11 @@ struct CopyCount {
 // For each night, how many objects have their newest copy in it and are not forgotten. An object is a path of a catalog
 // that an archive contains. A night that counts as a backup and saved the object in full has a good copy; the newest of
 // these counts, and so does a newer copy in any other night, which may be whole, and a still newer one that its night
-// lists as incomplete. A directory that an attempt saved before it died is an object, too: no catalog may name all its
-// files, so later copies of those that are named do not replace it. An object is forgotten when no night of the last
-// `forget_after` has seen it on the server. Nights in the future and foreign ones count for nothing.
+// lists as incomplete. An object is forgotten when no night of the last `forget_after` has seen it on the server.
+// Nights in the future and foreign ones count for nothing.
+//
+// The catalogs may lack files of a directory that an attempt saved before it died. Its entry is an object, too, that
+// only the next such entry replaces; that of a changed night replaces none of a full one.
 //
 // Reads the catalogs of the nights that have archives; those of the others only for objects about to be forgotten.
 // Throws Failure when one of them cannot be read.

@@ -95,6 +95,7 @@ struct AttemptFacts {
     bool partial = false; // it saved only what had been missed before
     bool complete = false;
     bool terminated = false;
+    bool fatal = false; // a message says that the run itself failed
     std::uint64_t attempted = 0, parse_errors = 0;
     std::multiset<std::string> not_found; // include lines, as shown in the log
     std::string message;                  // the last failure message of the run itself
@@ -126,6 +127,7 @@ AttemptFacts ReadAttempt(const std::string& directory, int retry) {
         return facts;
     facts.complete = run.complete && run.ended;
     facts.terminated = run.terminated;
+    facts.fatal = run.fatal;
     facts.attempted = AsCount(run.Get(report::Total::Attempted));
     facts.parse_errors = AsCount(run.Get(report::Total::ParsingErrors));
     if (!run.messages.empty())
@@ -374,16 +376,19 @@ std::vector<std::string> CoveredPaths(const std::string& directory, const std::v
 }
 
 std::vector<std::string> EntriesOfDied(const std::string& directory, const std::vector<std::string>& archives) {
+    // The log of a whole attempt may be long. A partial retry follows only one that reached its end.
+    const auto ended = [&directory](int retry) {
+        if (!IsPartialRetry(directory, retry) && IsPartialRetry(directory, retry + 1))
+            return true;
+        const AttemptFacts facts = ReadAttempt(directory, retry);
+        return facts.complete && !facts.fatal; // a full disk may have kept the catalog from being written
+    };
     std::vector<std::string> paths;
     for (int retry = 0; retry <= MostRetries; ++retry) {
         const std::string name = AttemptFile(NightFiles::Archive, retry);
-        if (std::find(archives.begin(), archives.end(), name) == archives.end())
-            continue;
-        const AttemptFacts facts = ReadAttempt(directory, retry);
-        if (facts.complete || facts.terminated)
-            continue;
-        for (const EntryFacts& entry : ReadArchive(In(directory, name), Digests::Skip).entries)
-            paths.push_back(entry.path);
+        if (std::find(archives.begin(), archives.end(), name) != archives.end() && !ended(retry))
+            for (const EntryFacts& entry : ReadArchive(In(directory, name), Digests::Skip).entries)
+                paths.push_back(entry.path);
     }
     return paths;
 }

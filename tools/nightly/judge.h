@@ -61,8 +61,8 @@ Judgement JudgeNight(const std::string& directory, int retries, ExitStatuses sta
 std::vector<std::string> CatalogPaths(const std::string& directory);
 // Of these, the ones that its archives contain, and the paths of their entries.
 std::vector<std::string> CoveredPaths(const std::string& directory, const std::vector<std::string>& archives);
-// The entries of those archives whose attempts died, by their logs: of a directory among them, the catalog may not name
-// all the files that it has. One that ended on request has written its catalog.
+// The entries of those archives whose attempts died or were stopped: the catalogs may lack files of a directory among
+// them.
 std::vector<std::string> EntriesOfDied(const std::string& directory, const std::vector<std::string>& archives);
 // Throws Failure when a catalog or a list of what was missed has a line that cannot be read.
 void RequireReadable(const std::string& path);

@@ -127,8 +127,10 @@ TEST(Backup, TheWholeConversation) {
 
 TEST(Backup, ReportsCatalogAndTotals) {
     Night night;
-    const Outcome outcome = night.RunBackup({"-C", night.work / "catalog", "-v2", "-x", "no"});
+    Fault slow{.kind = Fault::Kind::Pieces, .command = "RETR", .reply = 1, .text = {}, .cuts = {1}, .pause_ms = 20};
+    const Outcome outcome = night.RunBackup({"-C", night.work / "catalog", "-v2", "-x", "no"}, {slow});
     EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out, testing::ContainsRegex("T00. .. Total Xfer Time: [0.]*[1-9]"));
     EXPECT_EQ(Messages(ReadFile(night.work / "catalog")),
               "/Security Data\n/System Configuration\n/QDLS\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n"
               "/home/it's/a file\n/home/note\n");

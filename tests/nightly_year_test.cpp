@@ -260,10 +260,9 @@ int History::BackUp(const BackupRequest& request) {
                 truth.possible.insert(path);
                 if (!IsFile(path) || !in_part)
                     truth.whole[path] = version;
+                truth.damaged.erase(path);
                 if (is_damaged)
                     truth.damaged.insert(path);
-                else
-                    truth.damaged.erase(path);
             }
     }
     truth.complete = mishap != Mishap::DiesHalfway && !is_damaged && !truth.listed.empty() &&

@@ -327,8 +327,7 @@ std::map<std::string, std::string> History::NewestCopies() const {
     std::stable_sort(nights.begin(), nights.end(),
                      [](const auto& one, const auto& other) { return one.second.true_time < other.second.true_time; });
     for (const auto& [name, truth] : nights) {
-        const std::string record = PathOf(name) + "/run.json";
-        if (name > now || !fs::exists(record))
+        if (name > now || !fs::exists(PathOf(name) + "/run.json"))
             continue;
         for (const auto& [path, version] : truth.whole)
             if (HasCopy(name, path))

@@ -346,14 +346,14 @@ std::string History::CheckCopies(const std::map<std::string, std::string>& befor
     const std::string now = NightName(true_now_ + offset_);
     for (const auto& [path, name] : before) {
         const Truth& lost = truths_.at(name);
+        const bool has_failed = !fs::exists(directory_ + "/" + name) && fs::exists(PathOf(name));
         bool is_kept = HasCopy(name, path);
         for (const auto& [other, truth] : truths_) {
             const bool is_newer = truth.true_time > lost.true_time;
-            const bool has_copy = HasCopy(other, path) && (is_newer || truth.whole.at(path) == lost.whole.at(path));
             // What a night that failed has is replaced by what may be a copy, and files without a name by the like.
-            const bool may_have = is_newer && !fs::exists(directory_ + "/" + name) && HasArchives(other) &&
+            const bool may_have = has_failed && HasArchives(other) &&
                                   (truth.possible.contains(path) || (lost.died && truth.died && IsFile(path)));
-            is_kept = is_kept || (other <= now && (has_copy || may_have));
+            is_kept = is_kept || (is_newer && other <= now && (HasCopy(other, path) || may_have));
         }
         if (!is_kept)
             return "the newest good copy of " + path + ", in " + name + ", is gone";

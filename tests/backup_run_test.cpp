@@ -161,6 +161,11 @@ TEST(Backup, PartialSavesAndRefusalsAndTheirStatus) {
                 AllOf(HasSubstr("SAV command failed\n  550 "), HasSubstr("SAVLIB command failed\n  550 ")));
     EXPECT_EQ(night.Output(), "/QSYS.LIB/TOOLS.LIB\n/home\n");
     EXPECT_THAT(failed.out, HasSubstr("** Total Objects Failed   : 3\n"));
+
+    night.options.locked.clear(); // a recovery that is refused costs one object
+    night.RunBackup({"-x", "no"}, {Close("RCMD SAVLIB LIB(PAYROLL)"), Replace("PASS", "530 no", 5)});
+    EXPECT_EQ(night.Output(), "/QSYS.LIB/PAYROLL.LIB\n");
+    EXPECT_THAT(night.Archived(), testing::Contains("/QSYS.LIB/TOOLS.LIB"));
 }
 
 TEST(Backup, AFailureNeverEndsWithZero) {

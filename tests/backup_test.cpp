@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <regex>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -369,7 +370,7 @@ TEST(ArchiveWriter, AnEntryWithoutDataLeavesNothing) {
 
 TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     ArchiveFile archive{Descriptor(::open("/dev/full", O_WRONLY)), {}};
-    ArchiveWriter writer{archive};
+    ArchiveWriter writer{archive}, empty{archive};
     std::string data(1000, 'x');
     int count = 1000;
     Capture capture;
@@ -386,7 +387,14 @@ TEST(ArchiveWriter, ReportsWhatItCannotWrite) {
     EXPECT_EQ(writer.pending, 512);
     EXPECT_EQ(writer.bytes, 0);
     archive.descriptor.Reset();
-    EXPECT_EQ(DescribeFailure(CutBack(archive, 0).at(0)), "lseek(): Bad file descriptor");
+    std::string failures;
+    for (ArchiveWriter* const closing : {&writer, &empty})
+        for (const ArchiveFailure& failure : CloseEntry(*closing, 0, [](std::int64_t) { return CtarBlock{'h'}; }))
+            failures += DescribeFailure(failure) + "\n";
+    const std::string cut = "lseek(): closed\n";
+    EXPECT_EQ(std::regex_replace(failures, std::regex("Bad file descriptor"), "closed"),
+              "write(): closed\n" + cut + "CTAR sentinel failed write(): closed\n" + cut +
+                  "CTAR header failed to update: closed\n" + cut + cut);
 }
 
 } // namespace

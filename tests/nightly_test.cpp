@@ -469,6 +469,11 @@ TEST(Nights, LockedObjectsReplaceNothing) {
     EXPECT_THAT(Reasons(empty), HasSubstr("1 file of 7 missing"));
     EXPECT_TRUE(site.HasArchive(good));
     EXPECT_THAT(ReadFile(empty.File(NightFiles::Missed)), HasSubstr("] /QSYS.LIB/PAYROLL.LIB"));
+    site.config.precheck = true;
+    site.config.include = site.site.File("include", "/QSYS.LIB/PAYROLL.LIB\n");
+    site.Exclude("/S*\n");
+    site.Run();
+    EXPECT_THAT(site.said, testing::Contains(HasSubstr(": failed: 0 files, 0.000 MB in 0 s, 1 missing")));
 }
 
 // A library in part, in a night that tolerates that, is no reason to give up an older one that may be whole.
@@ -494,7 +499,9 @@ TEST(Nights, MissWhatNobodyCanName) {
     site.config.max_shrink = 1;
     // Within the last line, that of "home".
     site.site.options.faults = {OfKind(rehearsal::Fault::Kind::DataClose, "LIST /", 1, 130)};
+    site.config.retries = 1; // of which name?
     const Night night = site.Run();
+    EXPECT_EQ(site.attempts, 1);
     EXPECT_EQ(night.record->verdict, Verdict::GoodWithGaps);
     EXPECT_THAT(Reasons(night), HasSubstr("1 file missing, as tolerated: the log tells why"));
     site.site.options.faults.clear();
@@ -804,7 +811,11 @@ TEST(Nights, FinishWhatAKillLeft) {
         site.config.retries = 1;
         // The first attempt of each night misses a file.
         site.before_attempt = [&] { site.site.options.locked = {site.attempts == 0 ? "/home/note" : "/none"}; };
-        site.Run();
+        EXPECT_EQ(site.Run().record->sequence, 1);
+        const std::vector<std::string> others{site.config.directory + "/x",
+                                              site.config.directory + "/2026-09-21T141320Z.exported"};
+        for (const std::string& other : others)
+            fs::create_directory(other);
         World world = site.MakeWorld();
         world.disk.before = [&](const char* name, const std::string&) {
             if (std::string(step) == name)
@@ -825,6 +836,7 @@ TEST(Nights, FinishWhatAKillLeft) {
                 EXPECT_THAT(file.path().filename().string(), Not(testing::EndsWith(".removing"))) << step;
         }
         EXPECT_EQ(archives, 1) << step;
+        EXPECT_TRUE(fs::exists(others[0]) && fs::exists(others[1]));
     }
 }
 
@@ -872,6 +884,7 @@ TEST(Commands, ReadWhatTheNightsLeft) {
     WriteFile(site.site.root / "home/a[1]", "");
     fs::remove_all(site.site.root / "QSYS.LIB/TOOLS.LIB");
     const Night second = site.Run();
+    fs::create_directory(site.config.directory + "/2026-09-23T141320Z.incomplete"); // of a run that was killed at once
     struct Row {
         std::string arguments; // with blanks between
         int status;
@@ -937,8 +950,9 @@ TEST(Commands, ReadWhatTheNightsLeft) {
         EXPECT_EQ(outcome.status, row.status) << row.text << outcome.out << outcome.err;
         EXPECT_THAT(outcome.out + outcome.err, HasSubstr(row.text));
     }
-    EXPECT_THAT(ReadFile(page),
-                AllOf(HasSubstr("nights/2026-09-22T141320Z/report.html"), HasSubstr("data-label=\"files\">8</td>")));
+    EXPECT_THAT(ReadFile(page), AllOf(HasSubstr("nights/2026-09-22T141320Z/report.html"),
+                                      HasSubstr("data-label=\"files\">8</td>"), Not(HasSubstr("2026-09-23"))));
+    EXPECT_THAT(site.Command({"status"}).out, Not(HasSubstr("the last night")));
     // A killed run leaves no sums: which entry has the object is not known, but the archive is there.
     fs::remove(second.File(NightFiles::Sums));
     fs::remove(site.site.work / "nights/history.db");
@@ -995,7 +1009,9 @@ TEST(Commands, CheckFindsWhatWouldGoWrong) {
     EXPECT_THAT(good.out, HasSubstr("ok      login as FRED\n"));
     EXPECT_THAT(good.out, testing::ContainsRegex("/home +2 +140.004 KB\n"));
     EXPECT_THAT(good.out, testing::ContainsRegex("/QSYS.LIB/TOOLS.LIB +1 "));
-    // Another time zone, a mistake in a path file, less to save, a passive port that is closed.
+    // Another time zone, a mistake in a path file, less to save, a passive port that is closed, a drill that goes
+    // nowhere.
+    site.config.drill = DrillPlan{"no..name", "/QSYS.LIB/TOOLS.LIB", "/QSYS.LIB/DRILL.LIB", ""};
     site.config.timezone = "America/New_York";
     fs::last_write_time(site.site.root / "home/note", fs::file_time_type::clock::now());
     site.config.include = site.site.File("include", "/home\n/QSYS.LIB/TOOLS.LIB\n");
@@ -1004,7 +1020,8 @@ TEST(Commands, CheckFindsWhatWouldGoWrong) {
     EXPECT_EQ(bad.status, 2);
     EXPECT_THAT(bad.out, HasSubstr("in the future: the server's clock differs"));
     EXPECT_THAT(bad.out, HasSubstr("line 1 has a blank at the end"));
-    EXPECT_THAT(bad.out, testing::ContainsRegex("size\n/QSYS.LIB/TOOLS.LIB +1 [^\n]*\n/home +1 +4 B\n$"));
+    EXPECT_THAT(bad.out, testing::ContainsRegex(
+                             "size\n/QSYS.LIB/TOOLS.LIB +1 [^\n]*\n/home +1 +4 B\nFAILED  the name no..name has "));
     site.site.options.faults = {Replace("PASV", "425 no", 0)};
     site.StartServer();
     EXPECT_THAT(site.Command({"check", "office"}).out, HasSubstr("FAILED  directories can be listed over passive"));

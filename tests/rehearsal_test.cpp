@@ -325,6 +325,7 @@ TEST(Rehearsal, DamagedSaveFiles) {
 TEST(Rehearsal, TransfersAndTheirFaults) {
     rehearsal::Options options;
     options.faults = {rehearsal::ParseFault("data-close RETR bytes=1k nth=3"),
+                      rehearsal::ParseFault("data-close STOR bytes=1 nth=3"),
                       rehearsal::ParseFault("replace STOR reply=1 nth=2 text=\"226 stored\"")};
     const Site site(options);
     const Client client = site.LogIn();
@@ -333,6 +334,8 @@ TEST(Rehearsal, TransfersAndTheirFaults) {
     EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n" + completed);
     EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n226 stored\r\n");
     EXPECT_TRUE(client.Transfer("RETR /home/new") == started + "new\r\n" + bytes + "<end>" + completed);
+    EXPECT_THAT(client.Transfer("STOR /home/new", "two"), testing::EndsWith(completed));
+    EXPECT_EQ(ReadFile(site.root / "home/new"), "t");
     fs::permissions(site.root / "home/note", fs::perms{0640});
     constexpr int recent = 180 * 24 * 60 * 60; // seconds
     for (const auto& [age, date] :
@@ -387,8 +390,11 @@ TEST(Rehearsal, RatesAreLimitsUntilTheServerEnds) {
         other.Ask("TYPE I"); // time for the others to end too early
     EXPECT_EQ(Receive(saving.control, 1, MSG_DONTWAIT), "<error>");
     EXPECT_LT(Receive(data, 2000, MSG_DONTWAIT).size(), 2000U);
+    options.root = site.root.path;
+    options.port = site.server->Port();
     site.server.reset();
     EXPECT_EQ(saving.Reply(), "<end>");
+    const rehearsal::Server next(options); // not kept out by connections that the first one closed
 }
 
 TEST(Rehearsal, FaultsOfReplies) {

@@ -461,7 +461,7 @@ TEST(Report, Trouble) {
           {"input --prometheus log", 2, "log" + refused},
           {"--json old --against old", 2, "old" + refused},
           {"input --no-log --json - 1>>input #", 2, "standard output" + refused},
-          {"--no-log", 0, ""}}) {
+          {"--no-log --every 604800", 0, ""}}) {
         Tool tool;
         const char feed[] = "cp input old; ln -s input log; ln -s /dev/full full; mkfifo pipe; cat input";
         EXPECT_EQ(tool.Run(log, "--quiet " + arguments, feed), status);
@@ -482,6 +482,12 @@ TEST(Report, OutputsThatAreStandardOutput) {
     }
     EXPECT_EQ(tool.Run(log, "--json records --html none/x 2>&-"), 1); // the error must not go to the records
     EXPECT_THAT(tool.Read("records"), Not(HasSubstr("vondral-report")));
+    // A signal that ends the run ends the tool only when the log ends.
+    const char signals[] =
+        "{ cat input; until [ -s out ]; do sleep 0.01; done; for child in $(</proc/$$/task/$$/children);"
+        "do [ $child = $BASHPID ] || kill -INT $child; done; cat input; }";
+    EXPECT_EQ(tool.Run(log, "", signals), 0);
+    EXPECT_EQ(tool.Read("out"), log + log);
     // A reader that goes away ends neither the tool nor the run: a pipe cannot hold this log.
     std::string many;
     while (many.size() < 1 << 20)

@@ -482,6 +482,12 @@ TEST_F(TlsProgram, TakesAnInheritedSocket) {
     ::close(std::stoi(number));
     EXPECT_EQ(outcome.out, "127.0.0.1\n");
     EXPECT_THAT(outcome.err, testing::HasSubstr("listening on 127.0.0.1:" + port + " for"));
+    {
+        const Typist client(ntohs(tls::LocalAddress(listener).sin_port));
+        Descriptor(::accept(listener.Get(), nullptr, nullptr)).Reset(); // lingers
+    }
+    listener.Reset();
+    EXPECT_NO_THROW(tls::ListenOn("127.0.0.1:" + port));
 }
 
 } // namespace

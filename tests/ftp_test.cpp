@@ -30,7 +30,8 @@ TEST(Commands, SaveCommandsWithOptions) {
     const SaveOptions set{false, "*NOMAX", "01/02/09", "03:04:05"};
     EXPECT_EQ(SaveCommand("/Security Data", set), "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
     EXPECT_EQ(SaveCommand("/System Configuration", set), "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV2) PRECHK(*NO)");
-    EXPECT_TRUE(SaveCommand("/x", set).ends_with("SAVACT(*YES) CHGPERIOD('01/02/09' '03:04:05')"));
+    EXPECT_TRUE(SaveCommand("/", set).ends_with("OBJ(('\"/\"')) SUBTREE(*ALL) PRECHK(*NO) UPDHST(*NO) SAVACT(*YES) "
+                                                "CHGPERIOD('01/02/09' '03:04:05')"));
     EXPECT_TRUE(SaveCommand("/QSYS.LIB/L.LIB", set).ends_with("SAVACTWAIT(*NOMAX) ACCPTH(*YES)"));
     for (const char* const library :
          {"X.FILE", ".LIB", "*ALLUSR.LIB", "A B.LIB", "A).LIB", "A(.LIB", "A'.LIB", "A\t.LIB"})
@@ -218,13 +219,15 @@ TEST(Listing, SetsUpOnceAndRecoversUpToTheTransfer) {
         int result;
         std::vector<std::vector<std::string>> transcript; // after the login
     };
-    for (const Row& row : {Row{{}, 0, {set_up, list, list}}, // the second listing needs no set-up
-                           {{Close("STRU")}, 0, {{"STRU F"}, login, set_up, list, list}},
-                           {{Close("SITE NAMEFMT"), Close("TYPE", 2)},
-                            0,
-                            {set_up, login, {"STRU F", "MODE S", "TYPE A"}, login, set_up, list, list}},
-                           {{Close("PASV")}, -1, {set_up, {"PASV"}, login, set_up, list}},
-                           {{Close("LIST")}, -1, {set_up, list, login, set_up, list}}}) {
+    for (const Row& row :
+         {Row{{}, 0, {set_up, list, list}}, // the second listing needs no set-up
+          {{Close("STRU")}, 0, {{"STRU F"}, login, set_up, list, list}},
+          {{OfKind(rehearsal::Fault::Kind::Flood, "STRU")}, 0, {{"STRU F"}, login, set_up, list, list}},
+          {{Close("SITE NAMEFMT"), Close("TYPE", 2)},
+           0,
+           {set_up, login, {"STRU F", "MODE S", "TYPE A"}, login, set_up, list, list}},
+          {{Close("PASV")}, -1, {set_up, {"PASV"}, login, set_up, list}},
+          {{Close("LIST")}, -1, {set_up, list, login, set_up, list}}}) {
         Session session(row.faults);
         Capture capture;
         ASSERT_EQ(session.LogIn(), 0);
@@ -266,16 +269,18 @@ TEST(Listing, ALineThatWouldLoseItsEndIsNotSent) {
 }
 
 TEST(Listing, AFailedRecoveryCostsOneOperationAndArmsNothing) {
-    Session session({Close("MODE"), Replace("PASS", "530 no", 2)});
-    ASSERT_EQ(session.LogIn(), 0);
-    Capture capture;
-    EXPECT_EQ(session.ListHome(), -1);
-    EXPECT_THAT(capture.Take(),
-                EndsWith("vondral[ftp.cpp]: login failed\nvondral[ftp.cpp]: can't recover checkpoint\n"));
-    EXPECT_EQ(session.session->checkpoint.flags, 0U);
-    Capture again;
-    EXPECT_EQ(session.ListHome(), 0); // the next operation connects anew
-    EXPECT_THAT(again.Take(), HasSubstr("recovering checkpoint\n"));
+    for (const rehearsal::Fault& refusal : {Replace("PASS", "530 no", 2), Close("PASS", 2)}) {
+        Session session({Close("MODE"), refusal});
+        ASSERT_EQ(session.LogIn(), 0);
+        Capture capture;
+        EXPECT_EQ(session.ListHome(), -1);
+        EXPECT_THAT(capture.Take(),
+                    EndsWith("vondral[ftp.cpp]: login failed\nvondral[ftp.cpp]: can't recover checkpoint\n"));
+        EXPECT_EQ(session.session->checkpoint.flags, 0U);
+        Capture again;
+        EXPECT_EQ(session.ListHome(), 0); // the next operation connects anew
+        EXPECT_THAT(again.Take(), HasSubstr("recovering checkpoint\n"));
+    }
 }
 
 TEST(Listing, RefusalsAreFatalOrKeepTheDirectoryAsOneObject) {

@@ -176,24 +176,28 @@ TEST(Restore, ASaveFileAboveTwoGibibytesComesBack) {
 TEST(Restore, JudgesRefusalsByTheirText) {
     struct Row {
         const char* command;
-        const char* reply;
-        int status; // of an archive whose only entry it meets
+        const char* reply; // null: the connection ends
+        int status;        // of an archive whose only entry it meets
         bool success_line;
     };
     TestSite site;
     WriteFile(site.root / "home/f", "f");
     const std::string exclude = site.File("exclude", "/Security Data\n/System Configuration\n");
     ASSERT_EQ(site.Run({"-b", site.archive, "-e", exclude}).status, 0);
+    EXPECT_LT(std::abs(std::time(nullptr) - std::stoll(ReadFile(site.archive).substr(136, 11), nullptr, 8)), 200);
     for (const Row& row : {Row{"RCMD RST ", "550 CPF3773 5 objects restored. 2 not restored", 0, false},
                            {"RCMD RST ", "550 Not all objects restored", 0, false},
                            {"RCMD RST ", "550 No such thing", 255, false},
+                           {"RCMD RST ", "550 0 objects restored. 2 not restored", 255, false},
                            {"STOR", "550 no room", 255, false},
+                           {"STOR", nullptr, 255, false}, // lost, which is not repeated
                            {"RCMD CRTSAVF", "550 no", 255, false},
                            {"RCMD NONE", "", 0, true}}) {
         TestSite fresh;
-        const Outcome outcome = fresh.Run({"-r", site.archive}, {Replace(row.command, row.reply)});
-        EXPECT_EQ(outcome.status, row.status) << row.reply << outcome.err;
-        EXPECT_EQ(Holds(outcome.out, "Restore Success: "), row.success_line) << row.reply;
+        const Outcome outcome = fresh.Run(
+            {"-r", site.archive}, {row.reply != nullptr ? Replace(row.command, row.reply) : Close(row.command)});
+        EXPECT_EQ(outcome.status, row.status) << outcome.err;
+        EXPECT_EQ(Holds(outcome.out, "Restore Success: "), row.success_line) << outcome.err;
         EXPECT_EQ(Holds(Messages(outcome.err), "vondral[restore.cpp]: IFS object restore failed\n"
                                                "vondral[restore.cpp]: failed to restore object at offset 0x0\n"),
                   row.status != 0)
@@ -211,6 +215,7 @@ TEST(Restore, PartialRestoresOfTheServerAreNoFailures) {
                 AllOf(HasSubstr("550 Not all objects restored."), HasSubstr(" objects restored. 1 not restored."),
                       Not(HasSubstr("failed to restore"))));
     EXPECT_FALSE(fs::exists(fresh.root / "home/FRED/notes.txt"));
+    EXPECT_EQ(TestSite().Run({"-r", saved.archive}, {Replace("RCMD RSTAUT", "550 no")}).status, 255);
 }
 
 TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {

@@ -175,6 +175,7 @@ TEST(Command, WaitsForTheFinalReplyHoweverLong) {
 
 TEST(Command, CopiesRefusalsAndTheReplyOfSyst) {
     Peer peer;
+    peer.control.reply_bytes = LongestReplies; // of the commands before
     std::array<char, 8> reply{};
     peer.Send("150 soon\r\n550 no way\r\n");
     EXPECT_EQ(SendCommand(&peer.control, "X", reply), 1);
@@ -229,12 +230,11 @@ TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
     Peer peer;
     peer.SetTimeout(12);
     peer.OpenData();
-    peer.Send("150 coming\r\n");
     ::setenv("VONDRAL_TEST_MINUTE", "30", 1);
     std::thread server([&peer] {
-        for (int piece = 0; piece < 8; ++piece) {
+        for (int piece = 0; piece < 16; ++piece) {
             ::usleep(75000); // two and a half minutes
-            peer.SendData("x");
+            piece < 8 ? peer.Send("150 coming\r\n") : peer.SendData("x");
         }
         peer.EndData();
         peer.Send("226 done\r\n");

@@ -19,6 +19,7 @@ TEST(Log, TagsThreadsInTheOrderOfTheirAppearance) {
     EXPECT_EQ(Logged("x").substr(11), FormatText("[T%02u] x", first));
     std::thread([first] { EXPECT_EQ(Logged("y").substr(11), FormatText("[T%02u] y", first + 1)); }).join();
     EXPECT_EQ(RegisterThread(), first + 2); // numbers are not given twice
+    EXPECT_EQ(Logged("z").substr(11), FormatText("[T%02u] z", first + 2));
 }
 
 TEST(Log, LinesOfThreadsNeverMix) {

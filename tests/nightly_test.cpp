@@ -833,6 +833,7 @@ TEST(Nights, FinishWhatAKillLeft) {
                 throw std::runtime_error("killed");
         };
         EXPECT_ANY_THROW(RunNight(world, site.config, {})) << step;
+        WriteFile(site.Nights().back().File("run.json.new"), std::string(5000, 'x'));
         site.now += 1;
         const Night after = site.Run();
         EXPECT_TRUE(after.IsGood()) << step;

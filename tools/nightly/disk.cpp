@@ -46,14 +46,13 @@ void Disk::MakeDirectory(const std::string& path) {
     Sync(DirectoryOf(path));
 }
 
-void Disk::WriteFile(const std::string& path, const std::string& text, bool readable) {
+void Disk::WriteFile(const std::string& path, const std::string& text) {
     Before("write", path);
     const std::string temporary = path + ".new";
     {
-        Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, readable ? 0644 : 0600));
+        Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         const bool written = file.IsOpen() && WriteAll(file.Get(), text.data(), text.size()) &&
-                             (!readable || ::fchmod(file.Get(), 0644) == 0) && ::fsync(file.Get()) == 0 &&
-                             file.Close() == 0;
+                             ::fsync(file.Get()) == 0 && file.Close() == 0;
         if (!written) {
             const int error = errno;
             ::unlink(temporary.c_str());

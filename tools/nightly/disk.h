@@ -16,8 +16,8 @@ public:
     std::function<void(const char* step, const std::string& path)> before;
 
     void MakeDirectory(const std::string& path);
-    // Replaces the file at `path` by one with this text, mode 0600 unless the file is for others to read.
-    void WriteFile(const std::string& path, const std::string& text, bool readable = false);
+    // Replaces the file at `path` by one with this text, mode 0600.
+    void WriteFile(const std::string& path, const std::string& text);
     void Rename(const std::string& from, const std::string& to);
     void Remove(const std::string& path);          // a file; it is no failure when there is none
     void RemoveDirectory(const std::string& path); // must be empty

@@ -27,6 +27,10 @@ struct Collector {
     }
 };
 
+void Write(const Descriptor& to, const std::string& text, int flags = 0) {
+    EXPECT_EQ(::send(to.Get(), text.data(), text.size(), flags), text.size());
+}
+
 // A connection whose other end is the test. The control side keeps packets apart, so that every piece sent is
 // one read of the reader; the data side is a stream.
 struct Peer {
@@ -43,14 +47,9 @@ struct Peer {
         ::setenv("VONDRAL_TEST_MINUTE", "1", 1);
     }
     void SetTimeout(int minutes) { control.options.timeout = control.data->options.timeout = minutes; }
-    void OpenData() { data_server = Connect(control.data->socket, SOCK_STREAM); }
-    void SendData(const std::string& data) const {
-        EXPECT_EQ(::write(data_server.Get(), data.data(), data.size()), data.size());
-    }
+    void SendData(const std::string& data) const { Write(data_server, data); }
     void EndData() const { ::shutdown(data_server.Get(), SHUT_WR); }
-    void Send(const std::string& piece) const {
-        EXPECT_EQ(::write(server.Get(), piece.data(), piece.size()), piece.size());
-    }
+    void Send(const std::string& piece) const { Write(server, piece); }
     int Retrieve() { return SendCommand(&control, "RETR x", {}, {.receive = Collector::Take, .argument = &collector}); }
     std::string Received() const {
         std::array<char, 8192> bytes;
@@ -65,37 +64,37 @@ struct Peer {
     }
 };
 
-// What one call of the reader makes of a greeting sent in these pieces: its result and line.
-std::string Read(FtpConnection& control) {
-    std::array<char, ReplyCapacity> line{};
-    const int result = ReadReply(&control, line);
-    return std::to_string(result) + " " + line.data();
+// A peer with an open data connection, which may have sent a reply.
+struct DataPeer : Peer {
+    explicit DataPeer(const std::string& reply = "") {
+        data_server = Connect(control.data->socket, SOCK_STREAM);
+        if (!reply.empty()) // an empty packet would be the end
+            Send(reply);
+    }
+};
+
+// What each of these calls of the reader returns: its result and line.
+std::string Read(FtpConnection& control, int calls = 1) {
+    std::string all;
+    for (; calls > 0; --calls) {
+        std::array<char, ReplyCapacity> line{};
+        all += FormatText("%d ", ReadReply(&control, line)) + line.data() + (calls > 1 ? "|" : "");
+    }
+    return all;
 }
 
-TEST(ReplyReader, JudgesLinesByTheirFirstDigit) {
+TEST(ReplyReader, JudgesLinesByTheirFirstDigitAndPassesOverIntermediateOnes) {
     Peer peer;
-    peer.Send("220 a\r\n");
-    peer.Send("331 b\r\n150 c\r\n");
-    peer.Send("550 d\r\n");
-    peer.Send("x\r\n");
-    EXPECT_EQ(Read(peer.control), "0 220 a");
-    EXPECT_EQ(Read(peer.control), "0 331 b");
-    EXPECT_EQ(Read(peer.control), "1 150 c");
-    EXPECT_EQ(Read(peer.control), "1 550 d");
-    EXPECT_EQ(Read(peer.control), "1 x");
-}
-
-TEST(ReplyReader, PassesOverIntermediateLinesThatComeWithARead) {
-    Peer peer;
+    for (const char* const piece : {"220 a\r\n", "331 b\r\n150 c\r\n", "550 d\r\n", "x\r\n"})
+        peer.Send(piece);
+    EXPECT_EQ(Read(peer.control, 5), "0 220 a|0 331 b|1 150 c|1 550 d|1 x");
     peer.Send("220-QTCP at HOST.\r\n");
     peer.Send("220 later\r\n");
     EXPECT_EQ(Read(peer.control), "0 220 later");
     peer.Send("550-a\r\n550-b\r\n550 c\r\n");
     EXPECT_EQ(Read(peer.control), "1 550 c");
     peer.Send("250 first\r\n250-second\r\n250 third\r\n");
-    EXPECT_EQ(Read(peer.control), "0 250 first");
-    EXPECT_EQ(Read(peer.control), "0 250-second"); // was held already
-    EXPECT_EQ(Read(peer.control), "0 250 third");
+    EXPECT_EQ(Read(peer.control, 3), "0 250 first|0 250-second|0 250 third"); // the second was held already
 }
 
 TEST(ReplyReader, CountsLineEndsWithinOneReadOnly) {
@@ -107,7 +106,7 @@ TEST(ReplyReader, CountsLineEndsWithinOneReadOnly) {
     EXPECT_EQ(peer.control.replies.Lines(), 0);
     EXPECT_EQ(peer.control.replies.FirstLine(), "220 b");
     for (const char byte : std::string("220 c\r\n"))
-        peer.Send({byte}); // never counted
+        peer.Send(std::string(1, byte)); // never counted
     Capture capture;
     EXPECT_EQ(Read(peer.control), "-1 ");
     EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout on control read after 60.00s\n");
@@ -119,8 +118,7 @@ TEST(ReplyReader, HoldsItsLimits) {
     peer.Send("220 " + std::string(4090, 'x') + "\r\n"); // just fills the buffer
     EXPECT_EQ(Read(peer.control).size(), 2U + 4094U);
     peer.Send(std::string(4096, 'x'));
-    EXPECT_EQ(Read(peer.control), "-1 ");
-    EXPECT_EQ(Read(peer.control), "-1 "); // again, without waiting
+    EXPECT_EQ(Read(peer.control, 2), "-1 |-1 "); // the second time without waiting
 }
 
 TEST(ReplyReader, EndlessRepliesBreakTheConnection) {
@@ -142,21 +140,15 @@ TEST(ReplyReader, EndlessRepliesBreakTheConnection) {
 
 TEST(Command, LengthLimits) {
     Peer peer;
-    for (const std::size_t length : {4092U, 4093U, 4094U}) {
+    const std::string command(4094, 'x');
+    Capture capture;
+    EXPECT_EQ(SendCommand(&peer.control, command.c_str()), -1);
+    EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: command too long\n");
+    EXPECT_EQ(peer.Received(), "nothing");
+    for (const std::size_t cut : {2U, 1U}) {
         peer.Send("200 ok\r\n");
-        const std::string command(length, 'x');
-        Capture capture;
-        const int result = SendCommand(&peer.control, command.c_str());
-        const std::string messages = capture.Take();
-        if (length == 4092) {
-            EXPECT_EQ(peer.Received(), command + "\r\n");
-        } else if (length == 4093) {
-            EXPECT_EQ(peer.Received(), command + "\r" + std::string(1, '\0')); // the LF is cut off
-        } else {
-            EXPECT_EQ(peer.Received(), "nothing");
-            EXPECT_EQ(messages, "vondral[socket.cpp]: command too long\n");
-        }
-        EXPECT_EQ(result, length == 4094 ? -1 : 0);
+        EXPECT_EQ(SendCommand(&peer.control, command.c_str() + cut), 0);
+        EXPECT_EQ(peer.Received(), command.substr(cut) + (cut == 2 ? "\r\n" : std::string("\r\0", 2))); // LF cut off
     }
 }
 
@@ -190,9 +182,7 @@ TEST(Command, CopiesRefusalsAndTheReplyOfSyst) {
 }
 
 TEST(Transfer, ReceivesWholeBlocks) {
-    Peer peer;
-    peer.OpenData();
-    peer.Send("150 coming\r\n");
+    DataPeer peer("150 coming\r\n");
     std::thread server([&peer] {
         for (int piece = 0; piece < 15; ++piece)
             peer.SendData(std::string(10000, 'd'));
@@ -211,11 +201,9 @@ TEST(Transfer, ReceivesWholeBlocks) {
 }
 
 TEST(Transfer, DownloadEndsAfterAsManySilentMinutesAsAllowed) {
-    Peer peer;
+    DataPeer peer("150 coming\r\n426 gave up\r\n");
     peer.SetTimeout(3);
-    peer.OpenData();
     peer.SendData("abc");
-    peer.Send("150 coming\r\n426 gave up\r\n");
     Capture capture;
     EXPECT_EQ(peer.Retrieve(), 1);
     const std::string head = "vondral[socket.cpp]: ";
@@ -227,9 +215,8 @@ TEST(Transfer, DownloadEndsAfterAsManySilentMinutesAsAllowed) {
 
 // Silent minutes count in a row: any data starts the count over.
 TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
-    Peer peer;
+    DataPeer peer;
     peer.SetTimeout(12);
-    peer.OpenData();
     ::setenv("VONDRAL_TEST_MINUTE", "30", 1);
     std::thread server([&peer] {
         for (int piece = 0; piece < 16; ++piece) {
@@ -248,11 +235,9 @@ TEST(Transfer, DataBetweenSilentMinutesKeepsADownloadAlive) {
 }
 
 TEST(Transfer, AResetDownloadIsReportedAndEndsTheSession) {
-    Peer peer;
-    peer.OpenData();
+    DataPeer peer("150 coming\r\n426 gone\r\n");
     EXPECT_EQ(::write(peer.control.data->socket.Get(), "x", 1), 1); // never read, so that the peer's close is a reset
     peer.data_server.Reset();
-    peer.Send("150 coming\r\n426 gone\r\n");
     Capture capture;
     EXPECT_EQ(peer.Retrieve(), -1);
     EXPECT_THAT(capture.Take(), testing::StartsWith("vondral[socket.cpp]: read(:0): Connection reset by peer\n"));
@@ -285,10 +270,8 @@ TEST(Transfer, AnUploadWaitsForASlowReader) {
     };
     for (const Transfer& upload : {Transfer{.send = supply, .argument = &pieces},
                                    Transfer{.send = supply, .forward = forward, .argument = &pieces}}) {
-        Peer peer;
+        DataPeer peer("150 go on\r\n");
         ::setenv("VONDRAL_TEST_MINUTE", "60000", 1);
-        peer.OpenData();
-        peer.Send("150 go on\r\n");
         pieces = 40;
         std::thread server([&peer] {
             std::array<char, 65536> bytes;
@@ -309,10 +292,8 @@ TEST(Transfer, AGoneReaderIsNoSignal) {
     peer.server.Reset();
     EXPECT_EQ(SendCommand(&peer.control, "NOOP"), -1);
     for (const Transfer& upload : Endless) {
-        Peer other;
-        other.OpenData();
+        DataPeer other("150 coming\r\n426 gone\r\n");
         other.data_server.Reset();
-        other.Send("150 coming\r\n426 gone\r\n");
         Capture capture;
         EXPECT_NE(SendCommand(&other.control, "STOR x", {}, upload), 0);
         EXPECT_THAT(capture.Take(), testing::StartsWith("vondral[socket.cpp]: write(:0): Broken pipe\n"
@@ -321,9 +302,8 @@ TEST(Transfer, AGoneReaderIsNoSignal) {
 }
 
 TEST(Transfer, SilenceBeforeTheFirstReplyClosesBothConnections) {
-    Peer peer;
+    DataPeer peer;
     peer.SetTimeout(2);
-    peer.OpenData();
     Capture capture;
     EXPECT_EQ(peer.Retrieve(), -1);
     EXPECT_EQ(capture.Take(), "vondral[socket.cpp]: poll(): timedout after 60.00s (60.00s)\n"
@@ -333,9 +313,7 @@ TEST(Transfer, SilenceBeforeTheFirstReplyClosesBothConnections) {
 
 TEST(Transfer, OneSilentMinuteAbortsAnUpload) {
     for (const Transfer& upload : Endless) {
-        Peer peer;
-        peer.OpenData();
-        peer.Send("150 go on\r\n");
+        DataPeer peer("150 go on\r\n");
         peer.Send("426 no data\r\n");
         Capture capture;
         const int result = SendCommand(&peer.control, "STOR x", {}, upload);
@@ -351,25 +329,22 @@ TEST(Connections, UrgentBytesAreDataLikeAnyOther) {
     const Listener listener, data_listener;
     std::thread server([&] {
         const Descriptor control = listener.Accept();
-        const auto send = [](const Descriptor& to, const std::string& text, int flags) {
-            EXPECT_EQ(::send(to.Get(), text.data(), text.size(), flags), text.size());
-        };
         const auto await_command = [&control] {
             char byte;
             do
                 ASSERT_EQ(::read(control.Get(), &byte, 1), 1);
             while (byte != '\n');
         };
-        send(control, "220 ready\r\n", 0);
+        Write(control, "220 ready\r\n");
         await_command();
         const int port = data_listener.Port();
-        send(control, FormatText("227 (127,0,0,1,%d,%d)\r\n", port / 256, port % 256), 0);
+        Write(control, FormatText("227 (127,0,0,1,%d,%d)\r\n", port / 256, port % 256));
         const Descriptor data = data_listener.Accept();
         await_command();
-        send(data, "data", MSG_OOB);
+        Write(data, "data", MSG_OOB);
         ::shutdown(data.Get(), SHUT_WR);
-        send(control, "550 gon", MSG_OOB);
-        send(control, "e\r\n", 0);
+        Write(control, "550 gon", MSG_OOB);
+        Write(control, "e\r\n");
     });
     ::setenv("VONDRAL_TEST_MINUTE", "60000", 1);
     ::setenv("VONDRAL_TEST_PORT", std::to_string(listener.Port()).c_str(), 1);
@@ -383,27 +358,25 @@ TEST(Connections, UrgentBytesAreDataLikeAnyOther) {
 }
 
 TEST(Pasv, AddressesAndPortsOfReplies) {
-    struct Row {
-        const char* reply;
-        const char* messages; // of the parser, before the engine's own; "" when a connection was tried
-    };
-    for (const Row& row : {Row{"200 Entering (127,0,0,1,0,1)", "bad PASV response"},
-                           {"227 no digits", "PASV response without address"},
-                           {"227 (127,0,0,1,0)", "PASV response port invalid"},
-                           {"227 (127,0,0,1)", "PASV response address invalid"},
-                           {"227 (127,0,0,1,x,1)", "PASV response port invalid"},
-                           {"227 (127,0,0,1,1,x)", "PASV response port invalid"},
-                           {"227 (300,0,0,1,1,1)", "PASV response address invalid"},
-                           {"227 (127,0,0,111111111111111111111111111111,1,1)", "PASV response address invalid"},
-                           {"227 Entering Passive Mode (127,0,0,1,0,1).", "connect(, 127.0.0.1:1): Connection refused"},
-                           {"227 =127,0,0,1,256,1", "connect(, 127.0.0.1:1): Connection refused"}}) {
+    const char* const refused = "connect(, 127.0.0.1:1): Connection refused"; // a connection was tried
+    for (const auto& [reply, message] :
+         {std::pair("200 Entering (127,0,0,1,0,1)", "bad PASV response"),
+          {"227 no digits", "PASV response without address"},
+          {"227 (127,0,0,1,0)", "PASV response port invalid"},
+          {"227 (127,0,0,1)", "PASV response address invalid"},
+          {"227 (127,0,0,1,x,1)", "PASV response port invalid"},
+          {"227 (127,0,0,1,1,x)", "PASV response port invalid"},
+          {"227 (300,0,0,1,1,1)", "PASV response address invalid"},
+          {"227 (127,0,0,111111111111111111111111111111,1,1)", "PASV response address invalid"},
+          {"227 Entering Passive Mode (127,0,0,1,0,1).", refused},
+          {"227 =127,0,0,1,256,1", refused}}) {
         Peer peer;
-        peer.Send(std::string(row.reply) + "\r\n");
+        peer.Send(std::string(reply) + "\r\n");
         Capture capture;
         EXPECT_EQ(peer.Retrieve(), -1);
-        EXPECT_EQ(capture.Take(), std::string("vondral[socket.cpp]: ") + row.messages +
-                                      "\nvondral[socket.cpp]: can't connect data port\n"
-                                      "vondral[socket.cpp]: PASV command failed\n");
+        EXPECT_EQ(capture.Take(), FormatText("vondral[socket.cpp]: %s\nvondral[socket.cpp]: can't connect data port\n"
+                                             "vondral[socket.cpp]: PASV command failed\n",
+                                             message));
     }
 }
 

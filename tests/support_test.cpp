@@ -51,22 +51,17 @@ TEST(Log, FailuresNameProgramModuleAndLine) {
 }
 
 TEST(Text, AmountsChangeUnitsAboveTheLimitOnly) {
-    struct Row {
-        ScaledAmount (*scale)(double);
-        double amount;
-        double value;
-        int unit;
-    };
-    for (const Row& row : {Row{ScaleDecimal, 2000, 2000, 0},
-                           {ScaleDecimal, 2001, 2.001, 1},
-                           {ScaleDecimal, 2000001, 2.000001, 2},
-                           {ScaleDecimal, 5e12, 5000, 3},
-                           {ScaleBinary, 2048, 2048, 0},
-                           {ScaleBinary, 2049, 2049 / 1024.0, 1},
-                           {ScaleBinary, 4096.0 * 1024 * 1024 * 1024, 4096, 3}}) {
-        const ScaledAmount scaled = row.scale(row.amount);
-        EXPECT_DOUBLE_EQ(scaled.value, row.value) << row.amount;
-        EXPECT_EQ(scaled.unit, row.unit) << row.amount;
+    using Row = std::tuple<ScaledAmount (*)(double), double, double, int>;
+    for (const auto& [scale, amount, value, unit] : {Row{ScaleDecimal, 2000, 2000, 0},
+                                                     {ScaleDecimal, 2001, 2.001, 1},
+                                                     {ScaleDecimal, 2000001, 2.000001, 2},
+                                                     {ScaleDecimal, 5e12, 5000, 3},
+                                                     {ScaleBinary, 2048, 2048, 0},
+                                                     {ScaleBinary, 2049, 2049 / 1024.0, 1},
+                                                     {ScaleBinary, 4096.0 * 1024 * 1024 * 1024, 4096, 3}}) {
+        const ScaledAmount scaled = scale(amount);
+        EXPECT_DOUBLE_EQ(scaled.value, value) << amount;
+        EXPECT_EQ(scaled.unit, unit) << amount;
     }
     Capture capture;
     ReportObject(528, {}); // phases that took no time have no rate

@@ -106,13 +106,8 @@ struct Session {
 };
 
 TEST(Login, RecordsTheReleaseAndForgivesTrouble) {
-    struct Row {
-        std::vector<rehearsal::Fault> faults;
-        const char* release;
-        Release expected;
-        const char* messages;
-    };
-    for (const Row& row :
+    using Row = std::tuple<std::vector<rehearsal::Fault>, const char*, Release, const char*>;
+    for (const auto& [faults, release, expected, messages] :
          {Row{{}, "V5R3M0", Release::V5R3M0, ""},
           {{}, "V5R4M0", Release::V5R4M0, ""},
           {{}, "V5R4M0X", Release::Other, ""},
@@ -120,12 +115,12 @@ TEST(Login, RecordsTheReleaseAndForgivesTrouble) {
           {{Replace("SYST", "215 UNIX")}, "V5R4M0", Release::V5R3M0, "vondral[ftp.cpp]: invalid SYST reply\n"},
           {{Replace("SYST", "215 \"V5R4M0")}, "V5R4M0", Release::V5R3M0, "vondral[ftp.cpp]: invalid SYST reply\n"},
           {{Replace("TIME", "501 no")}, "V5R4M0", Release::V5R4M0, "vondral[ftp.cpp]: TIME command failed\n"}}) {
-        Session session(row.faults, row.release);
+        Session session(faults, release);
         session.session->release = Release::V5R3M0; // of an earlier login
         Capture capture;
         EXPECT_EQ(session.LogIn(), 0);
-        EXPECT_EQ(capture.Take(), row.messages);
-        EXPECT_EQ(session.session->release, row.expected) << row.messages << row.release;
+        EXPECT_EQ(capture.Take(), messages);
+        EXPECT_EQ(session.session->release, expected) << messages << release;
     }
 }
 
@@ -163,30 +158,27 @@ TEST(Login, ABrokenConnectionHasNoRecoveryHere) {
 }
 
 TEST(Save, FailuresSayWhy) {
-    struct Row {
-        std::string path;
-        std::vector<rehearsal::Fault> faults;
-        const char* messages;
-    };
     const std::string quotes(2100, '\'');
-    for (const Row& row : {Row{"/" + quotes, {}, "vondral[ftp.cpp]: SAV command too long\n"},
-                           {"/QSYS.LIB/A B.LIB", {}, "vondral[ftp.cpp]: bad library name\n"},
-                           // a reply that never gets its end leaves nothing of the one before
-                           {"/home",
-                            {Replace("RCMD CLRSAVF", "550 first"), Replace("RCMD SAV", std::string(5000, 'x'))},
-                            "vondral[ftp.cpp]: SAV command failed\n  \n"}}) {
-        Session session(row.faults);
+    using Row = std::tuple<std::string, std::vector<rehearsal::Fault>, const char*>;
+    for (const auto& [path, faults, messages] :
+         {Row{"/" + quotes, {}, "vondral[ftp.cpp]: SAV command too long\n"},
+          {"/QSYS.LIB/A B.LIB", {}, "vondral[ftp.cpp]: bad library name\n"},
+          // a reply that never gets its end leaves nothing of the one before
+          {"/home",
+           {Replace("RCMD CLRSAVF", "550 first"), Replace("RCMD SAV", std::string(5000, 'x'))},
+           "vondral[ftp.cpp]: SAV command failed\n  \n"}}) {
+        Session session(faults);
         ASSERT_EQ(session.LogIn(), 0);
         ArchiveFile archive;
         ArchiveWriter writer{archive};
         ObjectFile object;
-        object.name = row.path;
+        object.name = path;
         SaveTimes times;
         Capture capture;
-        EXPECT_EQ(SaveObject(SaveMemberFor(row.path), session.session.get(), {object, 1, {}, nullptr}, times,
+        EXPECT_EQ(SaveObject(SaveMemberFor(path), session.session.get(), {object, 1, {}, nullptr}, times,
                              {writer, nullptr, nullptr, nullptr}),
                   -1);
-        EXPECT_EQ(capture.Take(), row.messages);
+        EXPECT_EQ(capture.Take(), messages);
     }
 }
 
@@ -204,12 +196,8 @@ TEST(Listing, SetsUpOnceAndRecoversUpToTheTransfer) {
     const std::vector<std::string> login{"USER fred", "PASS ****", "CWD /", "SYST", "TIME 86400 86400"};
     const std::vector<std::string> set_up{"STRU F", "MODE S", "TYPE A", "SITE LISTFMT 1", "SITE NAMEFMT 1"};
     const std::vector<std::string> list{"PASV", "LIST /home"};
-    struct Row {
-        std::vector<rehearsal::Fault> faults;
-        int result;
-        std::vector<std::vector<std::string>> transcript; // after the login
-    };
-    for (const Row& row :
+    using Row = std::tuple<std::vector<rehearsal::Fault>, int, std::vector<std::vector<std::string>>>;
+    for (const auto& [faults, result, after_login] :
          {Row{{}, 0, {set_up, list, list}}, // the second listing needs no set-up
           {{Close("STRU")}, 0, {{"STRU F"}, login, set_up, list, list}},
           {{OfKind(rehearsal::Fault::Kind::Flood, "STRU")}, 0, {{"STRU F"}, login, set_up, list, list}},
@@ -218,14 +206,14 @@ TEST(Listing, SetsUpOnceAndRecoversUpToTheTransfer) {
            {set_up, login, {"STRU F", "MODE S", "TYPE A"}, login, set_up, list, list}},
           {{Close("PASV")}, -1, {set_up, {"PASV"}, login, set_up, list}},
           {{Close("LIST")}, -1, {set_up, list, login, set_up, list}}}) {
-        Session session(row.faults);
+        Session session(faults);
         Capture capture;
         ASSERT_EQ(session.LogIn(), 0);
-        EXPECT_EQ(session.ListHome(), row.result);
+        EXPECT_EQ(session.ListHome(), result);
         EXPECT_EQ(session.ListHome(), 0);
         capture.Take();
         std::vector<std::string> expected = login;
-        for (const std::vector<std::string>& part : row.transcript)
+        for (const std::vector<std::string>& part : after_login)
             expected.insert(expected.end(), part.begin(), part.end());
         EXPECT_EQ(session.server->Transcript(), expected);
     }

@@ -221,40 +221,36 @@ TEST(Credentials, APassphraseOnTheCommandLineIsOverwritten) {
 // Path files
 
 TEST(PathFile, MatchesPathsAndCollectsWhatLiesBelow) {
-    struct Row {
-        const char* file;
-        const char* path;
-        bool restoring;
-        const char* collected; // "path>second path", of a question with a list
-    };
+    // What is collected is "path>second path " for each path, of a question with a list.
+    using Row = std::tuple<const char*, std::string, bool, std::string>;
     const WorkDir work;
-    for (const Row& row : {Row{"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIB/Y.FILE", false, "/QSYS.LIB/X.LIB/Y.FILE> "},
-                           {"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIBRARY", false, ""},
-                           {"/home/*\n", "/home/a", false, "/home/a> "},
-                           {"/home/*\n", "/home/a/b", false, "/home/a/b> "},
-                           {"/home/*\n", "/home", false, "/home/*> "},
-                           {"/home/*/x\n", "/home/a/b/x", false, ""}, // no wild card stands for a slash
-                           {"*.txt\n", "a.txt", false, "a.txt> "},
-                           {"/a/*\n/b\n", "/a/x", true, ""},
-                           {"/a/b :: /c/d\n/a/b/c\n/a\n", "/a", true, "/a/b>/c/d /a/b/c> /a> "},
-                           {"/a :: /b :: /c", "/a", true, "/a>/b :: /c "},
-                           {"/a ::\n/A\n", "/a", true, ""},
-                           {"", "/a", false, ""}}) {
-        SCOPED_TRACE(row.file);
-        const WildCards wild_cards = row.restoring ? WildCards::Ignore : WildCards::Match;
-        WriteFile("./paths", row.file);
+    for (const auto& [file, path, restoring, collected] :
+         {Row{"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIB/Y.FILE", false, "/QSYS.LIB/X.LIB/Y.FILE> "},
+          {"/QSYS.LIB/X.LIB\n", "/QSYS.LIB/X.LIBRARY", false, ""},
+          {"/home/*\n", "/home/a", false, "/home/a> "},
+          {"/home/*\n", "/home/a/b", false, "/home/a/b> "},
+          {"/home/*\n", "/home", false, "/home/*> "},
+          {"/home/*/x\n", "/home/a/b/x", false, ""}, // no wild card stands for a slash
+          {"*.txt\n", "a.txt", false, "a.txt> "},
+          {"/a/*\n/b\n", "/a/x", true, ""},
+          {"/a/b :: /c/d\n/a/b/c\n/a\n", "/a", true, "/a/b>/c/d /a/b/c> /a> "},
+          {"/a :: /b :: /c", "/a", true, "/a>/b :: /c "},
+          {"/a ::\n/A\n", "/a", true, ""},
+          {"", "/a", false, ""}}) {
+        SCOPED_TRACE(file);
+        const WildCards wild_cards = restoring ? WildCards::Ignore : WildCards::Match;
+        WriteFile("./paths", file);
         const Stream stream(std::fopen("paths", "r"));
         StringList list;
         for (int repeat = 0; repeat < 2; ++repeat) { // the file is read anew each time
             list.clear();
-            EXPECT_EQ(MatchPathFile(row.path, &list, stream.get(), wild_cards), *row.collected == '\0' ? 1 : 0);
+            EXPECT_EQ(MatchPathFile(path, &list, stream.get(), wild_cards), collected.empty() ? 1 : 0);
         }
-        std::string collected;
+        std::string found;
         for (const StringPair& pair : list)
-            collected += pair.first + ">" + pair.second.value_or("") + " ";
-        EXPECT_EQ(collected, row.collected);
-        EXPECT_EQ(MatchPathFile(row.path, nullptr, stream.get(), wild_cards),
-                  Holds(collected, std::string(row.path) + ">") ? 0 : 1);
+            found += pair.first + ">" + pair.second.value_or("") + " ";
+        EXPECT_EQ(found, collected);
+        EXPECT_EQ(MatchPathFile(path, nullptr, stream.get(), wild_cards), Holds(found, path + ">") ? 0 : 1);
     }
     EXPECT_EQ(MatchPathFile("/a", nullptr, nullptr, WildCards::Match), 1);
     WriteFile("./paths", "/a\n\n/b");

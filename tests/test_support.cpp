@@ -35,9 +35,8 @@ bool Holds(const std::string& text, const std::string& part) {
 }
 
 std::string ReadFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
     std::ostringstream bytes;
-    bytes << file.rdbuf();
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
     return bytes.str();
 }
 
@@ -50,9 +49,8 @@ std::string Messages(const std::string& log) {
     static const std::regex prefix(R"(\[\d\d:\d\d:\d\d\] \[T\d+\] )");
     static const std::regex place(R"((\[\w+\.cpp)[,:]\d+\])");
     static const std::regex seconds(R"( +[\d.]+ s( [\d.]+ [ KMG]?B/s)?)");
-    std::string text = std::regex_replace(log, prefix, "");
-    text = std::regex_replace(text, place, "$1]");
-    return std::regex_replace(text, seconds, " # s");
+    const std::string placed = std::regex_replace(std::regex_replace(log, prefix, ""), place, "$1]");
+    return std::regex_replace(placed, seconds, " # s");
 }
 
 Capture::Capture() {
@@ -67,19 +65,13 @@ std::string Capture::Take() {
 
 namespace {
 
-// A descriptor of a program that is started.
-struct Opening {
-    int descriptor;
-    std::string path;
-    int flags;
-};
-
-void Open(const Opening& opening) {
-    const int opened = ::open(opening.path.c_str(), opening.flags, 0600);
+// Opens a descriptor of a program that is started.
+void Open(int descriptor, const char* path) {
+    const int opened = ::open(path, descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (opened < 0)
         ::_exit(126);
-    if (opened != opening.descriptor) {
-        ::dup2(opened, opening.descriptor);
+    if (opened != descriptor) {
+        ::dup2(opened, descriptor);
         ::close(opened);
     }
 }
@@ -100,12 +92,8 @@ pid_t Program::Start() {
     arguments.insert(arguments.begin(), executable.empty() ? VONDRAL_UNDER_TEST : executable);
     environment["VONDRAL_TEST_PORT"] = std::to_string(port);
     environment["VONDRAL_TEST_MINUTE"] = std::to_string(minute_ms);
-    constexpr int to_file = O_WRONLY | O_CREAT | O_TRUNC;
-    std::vector<Opening> openings{{STDIN_FILENO, input, O_RDONLY},
-                                  {STDOUT_FILENO, logs_ / "out", to_file},
-                                  {STDERR_FILENO, logs_ / "err", to_file}};
-    for (const auto& [descriptor, path] : outputs)
-        openings.push_back({descriptor, path, to_file});
+    std::map<int, fs::path> files = outputs;
+    files.insert({{STDIN_FILENO, input}, {STDOUT_FILENO, logs_ / "out"}, {STDERR_FILENO, logs_ / "err"}});
     std::vector<std::string> variables;
     for (const auto& [name, value] : environment)
         variables.push_back(name + "=" + value);
@@ -117,8 +105,8 @@ pid_t Program::Start() {
     process_ = ::fork();
     if (process_ != 0)
         return process_;
-    for (const Opening& opening : openings)
-        Open(opening);
+    for (const auto& [descriptor, path] : files)
+        Open(descriptor, path.c_str());
     if (merged)
         ::dup2(STDOUT_FILENO, STDERR_FILENO);
     if (close_standard_streams)
@@ -229,27 +217,19 @@ namespace {
 
 constexpr std::size_t Block = 512;
 
-int Sum(const std::string& block) {
+// The checksum field without its last byte.
+std::string Sum(const std::string& block) {
     int sum = 8 * ' ';
     for (std::size_t i = 0; i < Block; ++i)
         sum += i >= 148 && i < 156 ? 0 : static_cast<signed char>(block[i]);
-    return sum & 0xFFFF;
-}
-
-std::string Octal(unsigned long long value, int digits) {
-    std::ostringstream text;
-    text.width(digits);
-    text.fill('0');
-    text << std::oct << value;
-    return text.str();
+    return FormatText("%07o", static_cast<unsigned>(sum & 0xFFFF));
 }
 
 std::string ReadName(const std::string& header) {
-    const auto piece = [&header](std::size_t offset, std::size_t width) { return header.substr(offset, width); };
-    const bool is_long = header.substr(293, 3) == "100";
-    const std::string whole =
-        piece(0, 100) + piece(368, 70) + (is_long ? piece(159, 98) + piece(440, 70) + piece(305, 62) : std::string());
-    return whole.substr(0, whole.find('\0'));
+    std::string name = header.substr(0, 100) + header.substr(368, 70);
+    if (header.substr(293, 3) == "100") // a long one
+        name += header.substr(159, 98) + header.substr(440, 70) + header.substr(305, 62);
+    return name.substr(0, name.find('\0'));
 }
 
 std::size_t ReadSize(const std::string& header) {
@@ -271,7 +251,7 @@ ArchiveChain ReadArchiveChain(const std::string& archive) {
     std::size_t offset = 0;
     const auto has_header = [&archive](std::size_t at) {
         const std::string header = archive.substr(at, Block);
-        return header.size() == Block && header.substr(148, 8) == Octal(static_cast<unsigned>(Sum(header)), 7) + '\0';
+        return header.size() == Block && header.substr(148, 8) == Sum(header) + '\0';
     };
     while (has_header(offset) && !chain.sound) {
         const std::string header = archive.substr(offset, Block);
@@ -306,13 +286,13 @@ std::optional<std::vector<ArchiveEntry>> ReadArchiveFile(const fs::path& path) {
 std::string MakeArchive(const std::vector<ArchiveEntry>& entries) {
     std::string archive;
     const auto add_header = [&archive](std::string header) {
-        header.replace(148, 7, Octal(static_cast<unsigned>(Sum(header)), 7));
+        header.replace(148, 7, Sum(header));
         archive += header;
     };
     for (const ArchiveEntry& entry : entries) {
         std::string header(Block, '\0');
         header.replace(0, entry.name.size(), entry.name);
-        header.replace(124, 11, Octal(entry.data.size(), 11));
+        header.replace(124, 11, FormatText("%011zo", entry.data.size()));
         add_header(header);
         archive += entry.data;
         archive.resize((archive.size() + Block - 1) / Block * Block);

@@ -23,13 +23,11 @@ struct Night : TestSite {
         return Run(more, faults);
     }
     std::string Output() const { return Messages(ReadFile(work / "output")); }
-    // The names in the archive, in its order; "no archive" when it breaks the format.
+    // The names in the archive, in its order; throws when it breaks the format.
     std::vector<std::string> Archived() const {
-        const auto entries = ReadArchiveFile(archive);
-        if (!entries)
-            return {"no archive"};
+        const std::vector<ArchiveEntry> entries = ReadArchiveFile(archive).value();
         std::vector<std::string> names;
-        for (const ArchiveEntry& entry : *entries)
+        for (const ArchiveEntry& entry : entries)
             names.push_back(entry.name);
         return names;
     }
@@ -42,14 +40,10 @@ const std::vector<std::string> Everything{"/QDLS",          "/QSYS.LIB/PAYROLL.L
                                           "/Security Data", "/System Configuration", "/home.savf"};
 
 TEST(TestMode, LogsInAndOutOrSaysWhatBroke) {
-    struct Row {
-        std::vector<std::string> arguments;
-        std::vector<Fault> faults;
-        std::string err;
-        std::string received;
-    };
+    // The arguments, the server's faults, a part of standard error, and what the server received.
+    using Row = std::tuple<std::vector<std::string>, std::vector<Fault>, std::string, std::string>;
     const Fault cut = OfKind(Fault::Kind::Close, "", 1, 7);
-    for (const Row& row :
+    for (const auto& [arguments, faults, err, received] :
          {Row{{"-t", "-l", "1", "-b", "/nowhere/x"}, {}, "", Login + "QUIT|"}, // the test comes before all
           {{}, {}, "vondral: don't know what to do\nusage: ", Login + "QUIT|"},
           {{"-t"}, {Replace("", "421 too busy")}, "couldn't open control connection\n", ""},
@@ -58,40 +52,34 @@ TEST(TestMode, LogsInAndOutOrSaysWhatBroke) {
           {{"-t", "-c", "FRED:here:wrong"}, {}, "login failed\n", "USER FRED|PASS ****|QUIT|"},
           {{"-t", "-s", "no.such.host.invalid"}, {}, "gethostbyname(no.such.host.invalid): ", ""}}) {
         Night night;
-        const Outcome outcome = night.Run(row.arguments, row.faults);
-        EXPECT_EQ(outcome.status, row.err.empty() ? 0 : 255) << row.err;
-        EXPECT_EQ(outcome.err.empty(), row.err.empty());
-        EXPECT_THAT(Messages(outcome.err), HasSubstr(row.err));
-        EXPECT_EQ(night.Received(), row.received) << row.err;
-        const bool logged_in = row.received.starts_with(Login);
-        EXPECT_EQ(Messages(outcome.out), logged_in ? "** Total Run Time: # seconds\n" : "");
+        const Outcome outcome = night.Run(arguments, faults);
+        EXPECT_EQ(outcome.status, err.empty() ? 0 : 255) << err;
+        EXPECT_EQ(outcome.err.empty(), err.empty());
+        EXPECT_THAT(Messages(outcome.err), HasSubstr(err));
+        EXPECT_EQ(night.Received(), received) << err;
+        EXPECT_EQ(Messages(outcome.out), received.starts_with(Login) ? "** Total Run Time: # seconds\n" : "");
     }
 }
 
 TEST(ListMode, ListsOneLevelOfEachPath) {
-    struct Row {
-        const char* include;
-        int status;
-        const char* err;
-        const char* listed;
-        std::vector<Fault> faults = {};
-    };
-    for (const Row& row : {Row{"/home\n/QSYS.LIB\n/none\n/home/it's/\n", 255, "vondral[vondral.cpp]: list failed\n",
-                               "/home/it's/\n/home/note\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n/home/it's/a\n"},
-                           {nullptr, 0, "", "/QDLS/\n/QSYS.LIB/\n/home/\n/tmp/\n"},
-                           {nullptr, 255, "vondral[vondral.cpp]: unfinished line: drwx", "/QDLS/\n/QSYS.LIB/\n",
-                            std::vector<Fault>(1, HomeCut)},
-                           {"", 255, "vondral: empty include list\n", ""},
-                           {"/tmp\n", 0, "", ""}}) { // which contains nothing
+    // An include list, the server's faults, the status, a part of standard error, and what is listed.
+    using Row = std::tuple<const char*, std::vector<Fault>, int, std::string, std::string>;
+    const std::string below = "/home/it's/\n/home/note\n/QSYS.LIB/PAYROLL.LIB\n/QSYS.LIB/TOOLS.LIB\n/home/it's/a\n";
+    for (const auto& [include, faults, status, err, listed] :
+         {Row{"/home\n/QSYS.LIB\n/none\n/home/it's/\n", {}, 255, "vondral[vondral.cpp]: list failed\n", below},
+          {nullptr, {}, 0, "", "/QDLS/\n/QSYS.LIB/\n/home/\n/tmp/\n"},
+          {nullptr, {HomeCut}, 255, "vondral[vondral.cpp]: unfinished line: drwx", "/QDLS/\n/QSYS.LIB/\n"},
+          {"", {}, 255, "vondral: empty include list\n", ""},
+          {"/tmp\n", {}, 0, "", ""}}) { // which contains nothing
         Night night;
         fs::create_directory(night.root / "tmp");
         std::vector<std::string> arguments{"-l", "5", "-b", "/nowhere"};
-        if (row.include != nullptr)
-            arguments.insert(arguments.end(), {"-i", night.File("include", row.include)});
-        const Outcome outcome = night.Run(arguments, row.faults);
-        EXPECT_EQ(outcome.status, row.status);
-        EXPECT_THAT(Messages(outcome.err), HasSubstr(row.err));
-        EXPECT_EQ(night.Output(), row.listed);
+        if (include != nullptr)
+            arguments.insert(arguments.end(), {"-i", night.File("include", include)});
+        const Outcome outcome = night.Run(arguments, faults);
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_THAT(Messages(outcome.err), HasSubstr(err));
+        EXPECT_EQ(night.Output(), listed);
     }
 }
 
@@ -182,11 +170,7 @@ TEST(Backup, AFailureNeverEndsWithZero) {
 }
 
 TEST(Backup, AShareOfFailuresMakesTheStatus) {
-    struct Row {
-        int libraries; // besides six other objects
-        int failing;
-        int status;
-    };
+    using Row = std::tuple<int, int, int>; // libraries besides six other objects, how many of them fail, the status
     for (const auto& [libraries, failing, status] : {Row{20, 1, 1}, {16, 2, 1}, {14, 2, 2}, {19, 3, 2}}) {
         Night night;
         fs::remove_all(night.root / "home/it's");
@@ -235,33 +219,29 @@ TEST(Backup, IncludesExcludesAndDates) {
 
 // What is missing because it was not listed is told, but not what is saved with the directory above it.
 TEST(Backup, WhatWasNotListedIsMissingOnlyWithoutAUnitAboveIt) {
-    struct Row {
-        Fault fault;
-        std::vector<std::string> arguments;
-        int status;
-        const char* missed;
-        const char* err = "]: list failed\n";
-    };
+    // Besides a fault: arguments, the status, what the list of missed objects holds, and a part of standard error.
+    using Row = std::tuple<Fault, std::vector<std::string>, int, std::string, std::string>;
     Night night;
     fs::create_directories(night.root / "empty/below");
     const std::string include = night.File("include", "/home\n");
     const std::string exclude = night.File("exclude", "/Security Data\n/System Configuration\n");
-    for (const Row& row :
-         {Row{Replace("LIST /QSYS.LIB/TOOLS.LIB", "550 no"), {"-d", "1000000000"}, 2, "/QSYS.LIB/TOOLS.LIB\n"},
-          {Replace("LIST /home/it's", "550 no"), {"-d", "1000000000"}, 0, ""},
-          {Replace("LIST /home/it's", "550 no"), {}, 0, ""},
-          {Replace("LIST /empty/below", "550 no"), {"-d", "1000000000"}, 2, "/empty/below\n"},
-          {Replace("LIST /QSYS.LIB", "550 no"), {}, 2, "/QSYS.LIB\n"},
-          // A directory of which nothing is known, and nothing else of its kind.
-          {Replace("LIST /home", "550 no"), {"-i", include, "-e", exclude}, 2, "/home\n"},
-          {HomeCut, {}, 2, "", "unfinished line: .*\n.*: 1 parse errors in directory /\n"}}) {
-        std::vector<std::string> arguments = row.arguments;
+    const std::vector<std::string> dated{"-d", "1000000000"}, only_home{"-i", include, "-e", exclude};
+    const auto unlisted = [](const char* path) { return Replace(std::string("LIST ") + path, "550 no"); };
+    const std::string failed = "]: list failed\n", cut = "unfinished line: .*\n.*: 1 parse errors in directory /\n";
+    for (auto [fault, arguments, status, missed, err] :
+         {Row{unlisted("/QSYS.LIB/TOOLS.LIB"), dated, 2, "/QSYS.LIB/TOOLS.LIB\n", failed},
+          {unlisted("/home/it's"), dated, 0, "", failed},
+          {unlisted("/home/it's"), {}, 0, "", failed},
+          {unlisted("/empty/below"), dated, 2, "/empty/below\n", failed},
+          {unlisted("/QSYS.LIB"), {}, 2, "/QSYS.LIB\n", failed},
+          {unlisted("/home"), only_home, 2, "/home\n", failed}, // unknown, and nothing else of its kind
+          {HomeCut, {}, 2, "", cut}}) {
         arguments.push_back("-v");
-        const Outcome outcome = night.RunBackup(arguments, {row.fault});
-        EXPECT_EQ(outcome.status, row.status) << row.fault.command << outcome.out << outcome.err;
-        EXPECT_EQ(night.Output(), row.missed);
-        EXPECT_THAT(Messages(outcome.err), testing::ContainsRegex(row.err));
-        EXPECT_THAT(outcome.out, HasSubstr(row.status == 0 ? "** Parsing Errors : 0\n" : "** Parsing Errors : 1\n"));
+        const Outcome outcome = night.RunBackup(arguments, {fault});
+        EXPECT_EQ(outcome.status, status) << fault.command << outcome.out << outcome.err;
+        EXPECT_EQ(night.Output(), missed);
+        EXPECT_THAT(Messages(outcome.err), testing::ContainsRegex(err));
+        EXPECT_THAT(outcome.out, HasSubstr(status == 0 ? "** Parsing Errors : 0\n" : "** Parsing Errors : 1\n"));
         EXPECT_THAT(outcome.out, testing::AnyOf(HasSubstr("** Thread "), HasSubstr("** No objects attempted")));
     }
 }

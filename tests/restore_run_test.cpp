@@ -31,15 +31,13 @@ std::string Restores(const TestSite& site) {
 
 TEST(Restore, BringsEverythingBackOnEveryRelease) {
     const Saved saved;
-    const auto entries = ReadArchiveFile(saved.archive);
-    ASSERT_TRUE(entries);
-    const std::string made = saved.File("made", MakeArchive(*entries)); // by the layout alone
+    const std::string by_layout = saved.File("made", MakeArchive(ReadArchiveFile(saved.archive).value()));
     for (const std::string disk : {"direct:", "refused:", ""}) {
         const bool old = disk == "direct:";
         TestSite fresh;
         fresh.options.release = old ? "V5R3M0" : "V5R4M0";
         fresh.program.environment["VONDRAL_TEST_DISK"] = disk;
-        const Outcome outcome = fresh.Run({old ? "-v1" : "-v2", "-r", old ? made : saved.archive.string()});
+        const Outcome outcome = fresh.Run({old ? "-v1" : "-v2", "-r", old ? by_layout : saved.archive.string()});
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         EXPECT_EQ(DiffTrees(saved.root.path, fresh.root.path), "") << disk;
         EXPECT_THAT(Messages(outcome.out),
@@ -80,50 +78,45 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
     WriteFile(site.root / "QSYS.LIB/MYLIB.LIB/X.FILE/X.MBR", "x");
     WriteFile(site.root / "System Configuration", "lines");
     ASSERT_EQ(site.Run({"-b", site.archive, "-e", site.File("no_users", "/Security Data\n"), "-x", "no"}).status, 0);
-    const std::string head = "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ((";
-    const std::string tail = ") SUBTREE(*ALL) ALWOBJDIF(*ALL)|";
+    const std::string rst = "RCMD RST DEV('/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE') OBJ(('\"/home";
+    const std::string all = ") SUBTREE(*ALL) ALWOBJDIF(*ALL)|";
     const std::string library = "RCMD RSTLIB SAVLIB(MYLIB) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(";
     const std::string options = ") MBROPT(*ALL) ALWOBJDIF(*ALL)|";
+    const std::string b = "MKD /home|MKD /home/a|" + rst + "/a/b\"')" + all;
+    const std::string c = "MKD /home|MKD /home/a|" + rst + "/a/c\"')" + all;
+    const std::string place = "MKD /other|MKD /other/place|" + rst + "/a/b\"' *INCLUDE '\"/other/place/b\"')" + all;
+    const char* const bad = "bad library destination";
     struct Row {
-        const char* include;
+        std::string include;
         std::string exclude; // besides the system's configuration
         std::string restores;
-        const char* messages; // of standard error, part
+        const char* messages = ""; // of standard error, part
     };
-    for (const Row& row : {
-             Row{"/home/a/b :: /other/place/b\n", "",
-                 "MKD /other|MKD /other/place|" + head + "'\"/home/a/b\"' *INCLUDE '\"/other/place/b\"')" + tail, ""},
-             {"/home/a/b\n/home/a/c\n", "",
-              "MKD /home|MKD /home/a|" + head + "'\"/home/a/b\"')" + tail + "MKD /home|MKD /home/a|" + head +
-                  "'\"/home/a/c\"')" + tail,
-              ""},
-             {"/home/a/b\n/home/a/c\n", "/home/a/b\n", "MKD /home|MKD /home/a|" + head + "'\"/home/a/c\"')" + tail,
-              "/home/a/b: excluded"},
-             {"/home\n", "/home/a/c\n", head + "'\"/home\"') ('\"/home/a/c\"' *OMIT)" + tail, ""},
-             {"/home*\n", "", "", "/home: not included"}, // wild cards do not count
-             {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/NEWLIB.LIB\n", "", library + "NEWLIB" + options, ""},
-             {"/QSYS.LIB/MYLIB.LIB\n", "", library + "*SAVLIB" + options, ""},
-             // The entries skipped later make good for these.
-             {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/TENLETTERS.LIB\n", "", library + "TENLETTERS" + options, ""},
-             {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/ELEVENCHARS.LIB\n", "", "", "bad library destination"},
-             {"/QSYS.LIB/MYLIB.LIB :: /home/NEWLIB.LIB\n", "", "", "bad library destination"},
-         }) {
+    for (const Row& row : {Row{"/home/a/b :: /other/place/b", "", place},
+                           {"/home/a/b\n/home/a/c", "", b + c},
+                           {"/home/a/b\n/home/a/c", "/home/a/b\n", c, "/home/a/b: excluded"},
+                           {"/home", "/home/a/c\n", rst + "\"') ('\"/home/a/c\"' *OMIT)" + all},
+                           {"/home*", "", "", "/home: not included"}, // wild cards do not count
+                           {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/NEWLIB.LIB", "", library + "NEWLIB" + options},
+                           {"/QSYS.LIB/MYLIB.LIB", "", library + "*SAVLIB" + options},
+                           // The entries skipped later make good for these.
+                           {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/TENLETTERS.LIB", "", library + "TENLETTERS" + options},
+                           {"/QSYS.LIB/MYLIB.LIB :: /QSYS.LIB/ELEVENCHARS.LIB", "", "", bad},
+                           {"/QSYS.LIB/MYLIB.LIB :: /home/NEWLIB.LIB", "", "", bad}}) {
         TestSite fresh;
         fresh.options.release = "V5R3M0";
         fs::create_directories(fresh.root / "QSYS.LIB");
-        const std::string include = fresh.File("include", row.include);
+        const std::string include = fresh.File("include", row.include + "\n");
         const std::string exclude = fresh.File("exclude", "/System Configuration\n" + row.exclude);
         const Outcome outcome = fresh.Run({"-v", "-r", site.archive, "-i", include, "-e", exclude});
         EXPECT_EQ(outcome.status, 0) << row.include << outcome.err;
         EXPECT_EQ(Restores(fresh), row.restores) << row.include;
         EXPECT_THAT(Messages(outcome.err), HasSubstr(row.messages)) << row.include;
-        EXPECT_EQ(outcome.err.find("/home: not included") == outcome.err.npos,
-                  row.restores.find("/home") != row.restores.npos)
-            << row.include;
-        if (row.restores.find("place") != row.restores.npos) {
+        EXPECT_NE(Holds(outcome.err, "/home: not included"), Holds(row.restores, "/home")) << row.include;
+        if (row.restores == place) {
             EXPECT_EQ(ReadFile(fresh.root / "other/place/b"), "b");
         }
-        if (row.restores.find("NEWLIB") != row.restores.npos) {
+        if (Holds(row.restores, "NEWLIB")) {
             EXPECT_EQ(DiffTrees(site.root / "QSYS.LIB/MYLIB.LIB", fresh.root / "QSYS.LIB/NEWLIB.LIB"), "");
         }
     }
@@ -136,18 +129,17 @@ TEST(Restore, ChoosesEntriesPartsAndNames) {
 
 // Save files of these sizes go there and back by their bytes alone.
 void ComeBack(const std::vector<std::uintmax_t>& sizes) {
-    TestSite site;
-    TestSite fresh;
+    TestSite site, fresh;
     std::uintmax_t archived = 512; // bytes, its sentinel included
     for (const std::uintmax_t size : sizes) {
-        const std::string name = "/home/f" + std::to_string(size);
+        const std::string name = "/home/f" + std::to_string(size), path = site.root.path.string() + name;
         std::string bytes(std::min<std::uintmax_t>(size, 65537), '\0');
         for (std::size_t i = 0; i < bytes.size(); ++i)
             bytes[i] = static_cast<char>(i * 7 + bytes.size());
-        WriteFile(site.root.path.string() + name, bytes);
+        WriteFile(path, bytes);
         if (size > bytes.size()) { // a hole before the end
-            fs::resize_file(site.root.path.string() + name, size - bytes.size());
-            std::ofstream(site.root.path.string() + name, std::ios::app | std::ios::binary) << bytes;
+            fs::resize_file(path, size - bytes.size());
+            std::ofstream(path, std::ios::app | std::ios::binary) << bytes;
         }
         site.options.raw.insert(name);
         fresh.options.raw.insert(name);
@@ -174,34 +166,31 @@ TEST(Restore, ASaveFileAboveTwoGibibytesComesBack) {
 // The judgement of partial and empty restores
 
 TEST(Restore, JudgesRefusalsByTheirText) {
-    struct Row {
-        const char* command;
-        const char* reply; // null: the connection ends
-        int status;        // of an archive whose only entry it meets
-        bool success_line;
-    };
+    // A command, its reply (none: the connection ends), the status of an archive whose only entry it meets, and whether
+    // the success is logged.
+    using Row = std::tuple<const char*, const char*, int, bool>;
     TestSite site;
     WriteFile(site.root / "home/f", "f");
     const std::string exclude = site.File("exclude", "/Security Data\n/System Configuration\n");
     ASSERT_EQ(site.Run({"-b", site.archive, "-e", exclude}).status, 0);
     EXPECT_LT(std::abs(std::time(nullptr) - std::stoll(ReadFile(site.archive).substr(136, 11), nullptr, 8)), 200);
-    for (const Row& row : {Row{"RCMD RST ", "550 CPF3773 5 objects restored. 2 not restored", 0, false},
-                           {"RCMD RST ", "550 Not all objects restored", 0, false},
-                           {"RCMD RST ", "550 No such thing", 255, false},
-                           {"RCMD RST ", "550 0 objects restored. 2 not restored", 255, false},
-                           {"STOR", "550 no room", 255, false},
-                           {"STOR", nullptr, 255, false}, // lost, which is not repeated
-                           {"RCMD CRTSAVF", "550 no", 255, false},
-                           {"RCMD NONE", "", 0, true}}) {
+    const char* const failed = "vondral[restore.cpp]: IFS object restore failed\n"
+                               "vondral[restore.cpp]: failed to restore object at offset 0x0\n";
+    for (const auto& [command, reply, status, logged] :
+         {Row{"RCMD RST ", "550 CPF3773 5 objects restored. 2 not restored", 0, false},
+          {"RCMD RST ", "550 Not all objects restored", 0, false},
+          {"RCMD RST ", "550 No such thing", 255, false},
+          {"RCMD RST ", "550 0 objects restored. 2 not restored", 255, false},
+          {"STOR", "550 no room", 255, false},
+          {"STOR", nullptr, 255, false}, // lost, which is not repeated
+          {"RCMD CRTSAVF", "550 no", 255, false},
+          {"RCMD NONE", "", 0, true}}) {
         TestSite fresh;
-        const Outcome outcome = fresh.Run(
-            {"-r", site.archive}, {row.reply != nullptr ? Replace(row.command, row.reply) : Close(row.command)});
-        EXPECT_EQ(outcome.status, row.status) << outcome.err;
-        EXPECT_EQ(Holds(outcome.out, "Restore Success: "), row.success_line) << outcome.err;
-        EXPECT_EQ(Holds(Messages(outcome.err), "vondral[restore.cpp]: IFS object restore failed\n"
-                                               "vondral[restore.cpp]: failed to restore object at offset 0x0\n"),
-                  row.status != 0)
-            << outcome.err;
+        const Outcome outcome =
+            fresh.Run({"-r", site.archive}, {reply != nullptr ? Replace(command, reply) : Close(command)});
+        EXPECT_EQ(outcome.status, status) << outcome.err;
+        EXPECT_EQ(Holds(outcome.out, "Restore Success: "), logged) << outcome.err;
+        EXPECT_EQ(Holds(Messages(outcome.err), failed), status != 0) << outcome.err;
     }
 }
 
@@ -219,8 +208,7 @@ TEST(Restore, PartialRestoresOfTheServerAreNoFailures) {
 }
 
 TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
-    const ArchiveEntry bad{"/home/a", std::string(600, 'x')}; // no save file
-    const ArchiveEntry skipped{"/home/b", "skipped"};
+    const ArchiveEntry bad{"/home/a", std::string(600, 'x')}, skipped{"/home/b", "skipped"}; // no save files
     const std::string good = MakeArchive({bad, bad});
     std::string damaged = good;
     damaged[1536 + 511] = 1;
@@ -232,12 +220,8 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
         return bytes.replace(at + HeaderFields::Checksum.offset, 7, FormatText("%07o", static_cast<unsigned>(sum)));
     };
     const std::string short_header = "vondral[restore.cpp]: read short header at offset ";
-    struct Row {
-        std::string archive;
-        int status;
-        std::string messages; // of standard error, part
-    };
-    for (const Row& row :
+    using Row = std::tuple<std::string, int, std::string>; // an archive, the status, a part of standard error
+    for (const auto& [archive, status, messages] :
          {Row{"", 255, short_header + "0x0\n"},
           {std::string(511, '\0'), 255, short_header + "0x0\n"},
           {good.substr(0, 700), 255, short_header + "0x600\n"},
@@ -256,10 +240,10 @@ TEST(Restore, ArchivesFromElsewhereAndDamagedOnes) {
           {MakeArchive({bad, skipped}), 0, "IFS object restore failed"},
           {MakeArchive({skipped, bad}), 255, "IFS object restore failed"}}) {
         TestSite fresh;
-        WriteFile(fresh.archive, row.archive);
+        WriteFile(fresh.archive, archive);
         const Outcome outcome = fresh.Run({"-r", fresh.archive, "-e", fresh.File("exclude", "/home/b\n")});
-        EXPECT_EQ(outcome.status, row.status) << row.messages << outcome.err;
-        EXPECT_THAT(Messages(outcome.err), HasSubstr(row.messages));
+        EXPECT_EQ(outcome.status, status) << messages << outcome.err;
+        EXPECT_THAT(Messages(outcome.err), HasSubstr(messages));
     }
     TestSite site;
     EXPECT_THAT(site.Run({"-r", site.work.path}).err, HasSubstr("Is a directory"));

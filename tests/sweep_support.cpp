@@ -1,6 +1,5 @@
 #include "sweep_support.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -16,15 +15,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string Passphrase = rehearsal::Options().password;
-
 std::set<std::string> Lines(const std::string& text) {
     std::set<std::string> lines;
-    for (std::size_t from = 0; from < text.size();) {
-        const std::size_t end = std::min(text.find('\n', from), text.size());
-        lines.insert(text.substr(from, end - from));
-        from = end + 1;
-    }
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.insert(line);
     return lines;
 }
 
@@ -36,21 +31,12 @@ std::map<std::string, std::string> FilesBelow(const fs::path& root) {
     return files;
 }
 
-// Every kind of object twice where a kind can have two, sizes around the block and the transfer buffer.
-void FillStore(const fs::path& root, bool large) {
-    WriteObjects(root);
-    WriteFile(root / "etc/hosts", "127.0.0.1 localhost");
-    if (large)
-        WriteFile(root / "var/large", std::string(1300000, 'l'));
-}
-
 std::string ObjectName(const ArchiveEntry& entry) {
     return std::string(CutNameSuffix(entry.name));
 }
 
 const ArchiveEntry* Find(const std::vector<ArchiveEntry>& entries, const std::string& name) {
-    const auto found =
-        std::find_if(entries.begin(), entries.end(), [&name](const ArchiveEntry& entry) { return entry.name == name; });
+    const auto found = std::ranges::find(entries, name, &ArchiveEntry::name);
     return found == entries.end() ? nullptr : &*found;
 }
 
@@ -58,18 +44,6 @@ const ArchiveEntry* Find(const std::vector<ArchiveEntry>& entries, const std::st
 bool IsSaved(const std::string& file, const std::string& log) {
     for (std::size_t end = file.size(); end != file.npos && end > 0; end = file.rfind('/', end - 1))
         if (Holds(log, "Backup Success: " + file.substr(0, end) + "\n"))
-            return true;
-    return false;
-}
-
-bool HasSanitizerReport(const std::string& err) {
-    return Holds(err, "Sanitizer") || Holds(err, "runtime error:");
-}
-
-// Whether some message says that objects may be missing which no message names.
-bool TellsOfMore(const std::string& err) {
-    for (const char* const text : {"list failed", "parse errors", "Failed to retrieve return structure"})
-        if (Holds(err, text))
             return true;
     return false;
 }
@@ -84,15 +58,16 @@ std::size_t Count(const std::string& text, const std::string& part) {
 }
 
 std::string ModeName(Mode mode) {
-    static const std::map<Mode, std::string> names{{Mode::List, "list"},
-                                                   {Mode::Backup, "backup"},
-                                                   {Mode::ThreadedBackup, "threaded_backup"},
-                                                   {Mode::Restore, "restore"}};
-    return names.at(mode);
+    const char* const names[] = {"list", "backup", "threaded_backup", "restore"};
+    return names[static_cast<int>(mode)];
 }
 
 Rehearsal::Rehearsal(Mode chosen, bool large) : mode(chosen) {
-    FillStore(root_.path, large);
+    // Every kind of object twice where a kind can have two, sizes around the block and the transfer buffer.
+    WriteObjects(root_.path);
+    WriteFile(root_ / "etc/hosts", "127.0.0.1 localhost");
+    if (large)
+        WriteFile(root_ / "var/large", std::string(1300000, 'l'));
     if (mode == Mode::List)
         WriteFile(work_ / "include", "/\n/home\n/QSYS.LIB\n");
     if (mode == Mode::Restore) {
@@ -101,9 +76,7 @@ Rehearsal::Rehearsal(Mode chosen, bool large) : mode(chosen) {
         for (const ArchiveEntry& entry : backup.undisturbed_.archive.entries)
             saved_.push_back(ObjectName(entry));
     }
-    Disturbance none;
-    none.disk = "count";
-    undisturbed_ = Run(none);
+    undisturbed_ = Run({.disk = "count"});
     EXPECT_EQ(undisturbed_.outcome.status, 0) << undisturbed_.outcome.err;
     EXPECT_EQ(undisturbed_.outcome.err, "");
     EXPECT_EQ(undisturbed_.quits, undisturbed_.sessions);
@@ -199,9 +172,10 @@ std::string Rehearsal::Judge(const Finished& run, const Disturbance& disturbance
         broken += "it did not recover\n";
     if (cost == Cost::OneObject && (status == 255 || Count(run.outcome.err, "Backup Failure: ") > 1))
         broken += "it cost more than one object\n";
-    if (HasSanitizerReport(run.outcome.err))
+    if (Holds(run.outcome.err, "Sanitizer") || Holds(run.outcome.err, "runtime error:"))
         broken += "a sanitizer reported\n";
-    if (Holds(run.outcome.out + run.outcome.err + run.missed + run.catalog + run.list + run.command_line, Passphrase))
+    if (Holds(run.outcome.out + run.outcome.err + run.missed + run.catalog + run.list + run.command_line,
+              rehearsal::Options().password))
         broken += "the passphrase was shown\n";
     if (!run.sessions_ended)
         broken += "a session was left open\n";
@@ -212,14 +186,12 @@ std::string Rehearsal::Judge(const Finished& run, const Disturbance& disturbance
 
 // Success means the whole list; a failure may shorten it, but nothing is made up.
 std::string Rehearsal::JudgeList(const Finished& run, const Disturbance& disturbance) const {
-    const std::set<std::string> all = Lines(undisturbed_.list);
-    const std::set<std::string> listed = Lines(run.list);
+    const std::set<std::string> all = Lines(undisturbed_.list), listed = Lines(run.list);
     if (run.outcome.status == 0 && listed != all && !disturbance.server_lies)
         return "status 0, and the list is not whole\n";
     if (listed.size() != Count(run.list, "\n"))
         return "the list holds something twice\n";
-    return std::includes(all.begin(), all.end(), listed.begin(), listed.end()) ? ""
-                                                                               : "the list holds what is not there\n";
+    return std::ranges::includes(all, listed) ? "" : "the list holds what is not there\n";
 }
 
 // Each object is whole in the archive, or its failure told, listed and counted; what was never tried shows in the
@@ -238,8 +210,10 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
     std::string broken;
     if (run.archive_bytes == FormerArchive)
         return ended_early ? "" : "nothing was written\n";
-    bool failures = false;
-    bool in_order = true;
+    // Some message says that objects may be missing which no message names.
+    const bool tells_of_more = Holds(outcome.err, "list failed") || Holds(outcome.err, "parse errors") ||
+                               Holds(outcome.err, "Failed to retrieve return structure");
+    bool failures = false, in_order = true;
     int cuts = 0;
     for (const ArchiveEntry& whole : undisturbed_.archive.entries) {
         const std::string object = ObjectName(whole);
@@ -261,8 +235,7 @@ std::string Rehearsal::JudgeBackup(const Finished& run, const Disturbance& distu
             broken += object + ": success, and not whole in the archive\n";
         if (failure && !listed)
             broken += object + ": failed, and not in the list of what was not backed up\n";
-        if (!success && !failure && !listed && !ended_early && !no_log && !TellsOfMore(outcome.err) &&
-            !disturbance.server_lies)
+        if (!success && !failure && !listed && !ended_early && !no_log && !tells_of_more && !disturbance.server_lies)
             broken += object + ": neither saved nor told\n";
         if (!success && entry != nullptr && !disk && !whole.data.starts_with(entry->data))
             broken += object + ": its entry holds what the server does not have\n";
@@ -305,7 +278,7 @@ std::string Rehearsal::JudgeRestore(const Finished& run) const {
     std::size_t missing = 0;
     for (const std::string& object : saved_) {
         const std::map<std::string, std::string> files = FilesOf(object);
-        const bool back = std::includes(run.files.begin(), run.files.end(), files.begin(), files.end());
+        const bool back = std::ranges::includes(run.files, files);
         const std::string told_as = object.substr(0, object.rfind(".LIB")); // a library is told without
         if (Holds(outcome.out, "Restore Success: " + told_as + "\n") && !back)
             broken += object + ": restored, and not there\n";
@@ -335,10 +308,9 @@ std::map<std::string, std::string> Rehearsal::FilesOf(const std::string& object)
 std::string Rehearsal::JudgeRestoreOf(const Finished& backup) const {
     TestSite site;
     const Outcome outcome = site.Run({"-r", site.File("archive", backup.archive_bytes)});
-    std::string broken;
     if (backup.archive_bytes.empty())
-        return outcome.status == 255 && Holds(outcome.err, "read short header") ? ""
-                                                                                : "an empty archive was restored\n";
+        return outcome.status == 255 && Holds(outcome.err, "read short header") ? "" : "an empty archive was taken\n";
+    std::string broken;
     if (outcome.status != 0 || outcome.err != "")
         broken += "a restore of what was complete ended with " + std::to_string(outcome.status) + ":\n" + outcome.err;
     std::map<std::string, std::string> expected;
@@ -355,8 +327,7 @@ void Sweep(const char* kind, const Rehearsal& rehearsal, const std::vector<Distu
     const bool full = wish != nullptr && std::strcmp(wish, "full") == 0;
     const std::size_t stride = full ? 1 : std::min(SweepStride, 1 + disturbances.size() / 8);
     std::map<int, int> statuses;
-    int runs = 0;
-    int struck = 0;
+    int runs = 0, struck = 0;
     for (std::size_t index = 0; index < disturbances.size(); index += stride) {
         Disturbance disturbance = disturbances[index];
         Finished run = rehearsal.Run(disturbance);

@@ -24,10 +24,8 @@ std::string CommonPart(const std::string& command) {
 
 // Whether a connection lost in this command is taken up anew: what comes before the bytes of an object.
 bool IsSetUp(const std::string& command) {
-    for (const char* const start : {"STRU", "MODE", "TYPE", "SITE", "RCMD CLRSAVF", "RCMD CRTSAVF", "RCMD SAV"})
-        if (command.starts_with(start))
-            return true;
-    return false;
+    const auto starts = {"STRU", "MODE", "TYPE", "SITE", "RCMD CLRSAVF", "RCMD CRTSAVF", "RCMD SAV"};
+    return std::ranges::any_of(starts, [&](const char* start) { return command.starts_with(start); });
 }
 
 // One fault of one command of the undisturbed run, as a disturbance.
@@ -54,8 +52,7 @@ public:
                                   : fault_.command == "PASV" ? text.size() / 2
                                                              : text.size();
         const auto is_harmless = [&](std::size_t cut) { return text[cut] != '\n' && cut < known; };
-        Fault pieces = fault_;
-        pieces.kind = Kind::Pieces;
+        Fault pieces = Make(Kind::Pieces);
         for (const std::size_t cut : AwkwardCuts(text)) {
             AddLoss(Kind::Close, text, cut);
             pieces.cuts = {cut};
@@ -73,13 +70,11 @@ public:
         AddLoss(Kind::Reset, text, 0);
         AddLoss(Kind::Reset, text, text.size() / 2);
         Add(Kind::CloseAfter);
-        Fault silent = fault_;
-        silent.kind = Kind::Silent;
+        Fault silent = Make(Kind::Silent);
         silent.pause_ms = transfers ? 0 : 5 * short_minute; // a command without data is awaited as long as it takes
         Put(silent, "silent", short_minute);
         for (const char* refusal : {"550 no", "550-first\r\n550 second", "421 closing down", "hello", "999"}) {
-            Fault replace = fault_;
-            replace.kind = Kind::Replace;
+            Fault replace = Make(Kind::Replace);
             replace.text = refusal;
             Put(replace, std::string("answers ") + refusal, short_minute);
         }
@@ -96,8 +91,7 @@ public:
                     kind == Kind::DataClose && (bytes < moved || !same_each_run_) && !TheRoute().tls;
             if (TheRoute().tls)
                 Add(Kind::DataCutRecord, bytes);
-            Fault refusal = fault_;
-            refusal.kind = Kind::Replace;
+            Fault refusal = Make(Kind::Replace);
             refusal.reply = 1;
             refusal.text = "426 Data connection closed; transfer aborted.";
             Add(Kind::DataClose, bytes).faults.push_back(refusal);
@@ -107,22 +101,15 @@ public:
                 Add(kind);
     }
     Disturbance& Add(Kind kind, std::size_t bytes = 0) {
-        static const std::map<Kind, const char*> names{{Kind::Close, "closed"},
-                                                       {Kind::Reset, "reset"},
-                                                       {Kind::CloseAfter, "closed behind"},
-                                                       {Kind::DataRefuse, "no data"},
-                                                       {Kind::DataClose, "data closed"},
-                                                       {Kind::DataReset, "data reset"},
-                                                       {Kind::DataSilent, "data silent"},
-                                                       {Kind::DataCutRecord, "cut in a record"},
-                                                       {Kind::DataNoNotify, "no notify"},
-                                                       {Kind::DataNoResume, "not resumed"}};
-        Fault fault = fault_;
-        fault.kind = kind;
+        // By the number of the kind.
+        static const char* const names[] = {
+            "replaced", "in pieces",   "closed",     "reset",       "closed behind",   "silent",    "flood",
+            "no data",  "data closed", "data reset", "data silent", "cut in a record", "no notify", "not resumed"};
+        Fault fault = Make(kind);
         fault.bytes = bytes;
         const bool waits = kind == Kind::DataSilent;
-        Disturbance& added =
-            Put(fault, std::string(names.at(kind)) + " at " + std::to_string(bytes), waits ? short_minute : 60000);
+        const std::string how = names[static_cast<int>(kind)] + (" at " + std::to_string(bytes));
+        Disturbance& added = Put(fault, how, waits ? short_minute : 60000);
         if (costs_one_ && !waits)
             added.cost = Cost::OneObject;
         return added;
@@ -132,6 +119,11 @@ private:
     static constexpr int short_minute = 60;         // milliseconds
     static constexpr std::size_t ShortestReply = 8; // bytes; every reply has more before its line end
 
+    Fault Make(Kind kind) const {
+        Fault fault = fault_;
+        fault.kind = kind;
+        return fault;
+    }
     // The control connection ends after that many bytes of the reply.
     void AddLoss(Kind kind, const std::string& text, std::size_t bytes) {
         Disturbance& loss = Add(kind, bytes);
@@ -209,9 +201,8 @@ TEST(Workers, RecoverTogether) {
                                Place{{retrieve + "2", retrieve + "3", retrieve + "4"}, 1, Cost::Any}})
         for (const Kind kind : {Kind::Close, Kind::Reset})
             for (const int terminate_at : {-1, commands + 5, commands + 20, commands + 30}) {
-                Disturbance disturbance{.what = "every worker at " + place.commands[0],
-                                        .terminate_at = terminate_at,
-                                        .cost = terminate_at < 0 ? place.cost : Cost::Any};
+                Disturbance disturbance{.what = "every worker at " + place.commands[0], .terminate_at = terminate_at};
+                disturbance.cost = terminate_at < 0 ? place.cost : Cost::Any;
                 for (int worker = 0; const std::string& command : place.commands)
                     disturbance.faults.push_back(OfKind(kind, command, place.nth + (place.nth > 1 ? worker++ : 0)));
                 all.push_back(disturbance);
@@ -219,8 +210,7 @@ TEST(Workers, RecoverTogether) {
     Sweep("together", rehearsal, all, [](const Finished& run, const Disturbance& disturbance) {
         const std::size_t recoveries = Count(run.outcome.err, "recovering checkpoint");
         EXPECT_TRUE(recoveries == disturbance.faults.size() || disturbance.terminate_at >= 0)
-            << disturbance.what << "\n"
-            << run.outcome.err;
+            << disturbance.what << run.outcome.err;
     });
 }
 

@@ -127,6 +127,7 @@ void WriteObjects(const std::filesystem::path& root);
 struct ArchiveEntry {
     std::string name;
     std::string data;
+    bool operator==(const ArchiveEntry&) const = default;
 };
 
 // An archive as a reader finds it, going from header to header.

@@ -73,7 +73,9 @@ struct Site {
     TempDir root;
     std::unique_ptr<rehearsal::Server> server;
 
-    explicit Site(rehearsal::Options options = {}) {
+    explicit Site(const std::vector<string>& faults = {}, rehearsal::Options options = {}) {
+        for (const string& fault : faults)
+            options.faults.push_back(rehearsal::ParseFault(fault));
         WriteFile(root / "home/f", string(2000, 'f'));
         WriteFile(root / "home/note", "note");
         options.root = root.path;
@@ -91,7 +93,7 @@ struct Site {
 TEST(Rehearsal, RefusesWhatARealServerWould) {
     rehearsal::Options options;
     options.busy = {"/home/note"};
-    const Site site(options);
+    const Site site({}, options);
     fs::permissions(site.root / "home/f", fs::perms{07755});
     fs::create_directory(site.root / "Security Data");
     fs::create_symlink("/home", site.root / "home/abs");
@@ -295,16 +297,15 @@ TEST(Rehearsal, DamagedSaveFiles) {
     std::size_t end = 16 + 1 + 8 + 2 + 3 + 8; // of the header
     const std::size_t record = 27 + 8;        // without path and data
     const std::size_t ends[] = {end, end += record + 5, end += record + 7 + 4, end += record + 10 + 1, end += record};
-    const char* const texts[] = {"Save file S in QTEMP is damaged.",    "Save file S in QTEMP is damaged.",
-                                 "1 objects restored. 2 not restored.", "2 objects restored. 1 not restored.",
-                                 "3 objects restored. 1 not restored.", "3 objects restored."};
+    const string damage = "Save file S in QTEMP is damaged.", rest = " objects restored. 1 not restored.";
+    const string texts[] = {damage,     damage,     "1 objects restored. 2 not restored.",
+                            "2" + rest, "3" + rest, "3 objects restored."};
     for (std::size_t at = 1; at < bytes.size(); ++at)
         for (const string& damaged :
              {bytes.substr(0, at), string(bytes).replace(at, 1, 1, static_cast<char>(bytes[at] ^ 1))}) {
             WriteFile(machine.library.File("S"), damaged);
             const auto whole = std::upper_bound(std::begin(ends), std::end(ends), at) - std::begin(ends);
-            EXPECT_EQ(machine.Run("RST OBJ(('/home' *INCLUDE '/copy'))"), texts[whole])
-                << at << " of " << damaged.size();
+            EXPECT_EQ(machine.Run("RST OBJ(('/home' *INCLUDE '/copy'))"), texts[whole]) << at << " " << damaged.size();
             EXPECT_TRUE(whole < 2 || machine.Facts("copy") == machine.Facts("home")) << at;
         }
     // Sound streams that no save writes.
@@ -319,20 +320,16 @@ TEST(Rehearsal, DamagedSaveFiles) {
         rehearsal::SaveFileWriter writer(file.Get(), kind, "L");
         writer.AddDirectory({static_cast<rehearsal::Entry::Type>(type), 0755, {}, 0, path});
         writer.Finish();
-        EXPECT_EQ(machine.Run(command), "Save file S in QTEMP is damaged.") << path;
+        EXPECT_EQ(machine.Run(command), damage) << path;
     }
 }
 
 TEST(Rehearsal, TransfersAndTheirFaults) {
-    rehearsal::Options options;
-    options.faults = {rehearsal::ParseFault("data-close RETR bytes=1k nth=3"),
-                      rehearsal::ParseFault("data-close STOR bytes=1 nth=3"),
-                      rehearsal::ParseFault("replace STOR reply=1 nth=2 text=\"226 stored\"")};
-    const Site site(options);
+    const Site site({"data-close RETR bytes=1k nth=3", "data-close STOR bytes=1 nth=3",
+                     "replace STOR reply=1 nth=2 text=\"226 stored\""});
     const Client client = site.LogIn();
-    const string bytes = "line\r\n" + string(550'000, '\0') + "end" + string(480'000, '\0'),
-                 started = "150 Retrieving file /home/";
-    const string completed = "250 File transfer completed successfully.\r\n";
+    const string bytes = "line\r\n" + string(550'000, '\0') + "end" + string(480'000, '\0');
+    const string started = "150 Retrieving file /home/", completed = "250 File transfer completed successfully.\r\n";
     EXPECT_EQ(client.Transfer("STOR /home/new", string(1 << 20, 'x')), "150 Sending file to /home/new\r\n" + completed);
     EXPECT_EQ(client.Transfer("STOR /home/new", bytes), "150 Sending file to /home/new\r\n226 stored\r\n");
     EXPECT_TRUE(client.Transfer("RETR /home/new") == started + "new\r\n" + bytes + "<end>" + completed);
@@ -386,7 +383,7 @@ TEST(Rehearsal, RatesAreLimitsUntilTheServerEnds) {
     const string save = "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/S.FILE') OBJ(('/home')) SUBTREE(*ALL)";
     rehearsal::Options options;
     options.save_rate = options.transfer_rate = 1;
-    Site site(options);
+    Site site({}, options);
     const Client saving = site.LogIn(), receiving = site.LogIn(), other = site.LogIn();
     const Descriptor data = receiving.OpenData();
     receiving.Ask("RETR /home/f");
@@ -415,9 +412,7 @@ TEST(Rehearsal, FaultsOfReplies) {
                                        {"flood STRU", "530-Still running.\r\n530-Still running.\r\n530"},
                                        {"flood STRU pause=1 text=\"\\\\\\r\\n\"", "\\\r\n\\\r\n\\"},
                                        {"flood greeting nth=0 text=220", "2202202202"}}) {
-        rehearsal::Options options;
-        options.faults = {rehearsal::ParseFault(fault)};
-        const Site site(options);
+        const Site site({fault});
         for (const string& wanted : {bytes, fault.find("nth=0") != fault.npos ? bytes : good}) {
             const Client client{Connect(site.server->Port())};
             if (!wanted.starts_with("220"))
